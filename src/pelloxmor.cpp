@@ -1,0 +1,4 @@
+// SPDX-License-Identifier: MIT
+#include "pelloxmor.h"
+
+PelloxMOR::PelloxMOR() = default;
