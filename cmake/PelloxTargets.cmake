@@ -5,6 +5,8 @@ function(pellox_target_defaults target)
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
         -Woverloaded-virtual -Wformat=2 -Wundef
+        # Qt's logging macros leave their variadic part empty, which C++20 allows.
+        $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>
         $<$<BOOL:${PELLOX_WARNINGS_AS_ERRORS}>:-Werror>)
     target_compile_definitions(${target} PRIVATE
         QT_NO_CAST_FROM_ASCII QT_NO_KEYWORDS QT_NO_FOREACH QT_NO_NARROWING_CONVERSIONS_IN_CONNECT
