@@ -87,7 +87,7 @@ QVariantList decideNewFiles(const QString &newBuild, const QStringList &relative
             [&](const OldFile &file) { return file.relativePath == relativePath; });
         if (old == oldFiles.end()) {
             rules.append(QVariantMap{
-                {Manifest::Rule, QString(COPY_RULE)},
+                {Manifest::Rule, COPY_RULE},
                 {Manifest::RelativePath, relativePath},
             });
             continue;
@@ -99,7 +99,7 @@ QVariantList decideNewFiles(const QString &newBuild, const QStringList &relative
         if (unchanged)
             continue;
         rules.append(QVariantMap{
-            {Manifest::Rule, QString(PATCH_RULE)},
+            {Manifest::Rule, PATCH_RULE},
             {Manifest::RelativePath, relativePath},
             {Manifest::Sha512, QString::fromLatin1(sha512)},
             {Manifest::FileSize, QFileInfo(path).size()},
@@ -116,7 +116,7 @@ void prependDeletions(
         if (ignored.contains(file.relativePath))
             continue;
         rules.prepend(QVariantMap{
-            {Manifest::Rule, QString(DELETE_RULE)},
+            {Manifest::Rule, DELETE_RULE},
             {Manifest::RelativePath, file.relativePath},
         });
     }

@@ -9,7 +9,7 @@
 
 namespace Pellox::Manifest {
 
-QString pathIn(const QString &folder, QLatin1String fileName)
+QString pathIn(const QString &folder, const QString &fileName)
 {
     return folder + QDir::separator() + fileName;
 }

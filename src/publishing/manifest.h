@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QLatin1String>
+#include <QString>
 #include <QVariant>
 
 /// Reading and writing of both manifests: a JSON array of objects.
 namespace Pellox::Manifest {
 
 // The members of a record.
-inline constexpr QLatin1String Rule("rule");
-inline constexpr QLatin1String RelativePath("relative_path");
-inline constexpr QLatin1String Suffix("suffix");
-inline constexpr QLatin1String Sha512("sha512");
-inline constexpr QLatin1String FileSize("file_size");
+inline const QString Rule = QStringLiteral("rule");
+inline const QString RelativePath = QStringLiteral("relative_path");
+inline const QString Suffix = QStringLiteral("suffix");
+inline const QString Sha512 = QStringLiteral("sha512");
+inline const QString FileSize = QStringLiteral("file_size");
 
 /// The path of manifest @p fileName directly in @p folder.
-QString pathIn(const QString &folder, QLatin1String fileName);
+QString pathIn(const QString &folder, const QString &fileName);
 
 /**
  * Reads the records of the manifest at @p path into @p records; anything but a JSON array

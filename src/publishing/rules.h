@@ -1,19 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QLatin1String>
+#include <QString>
 
 /*
  * The vocabulary of the two manifests. docs/formats.md describes the files.
  */
 namespace Pellox {
 
-inline constexpr QLatin1String PATCH_RULE("patch");   ///< apply the delta of this name
-inline constexpr QLatin1String COPY_RULE("copy");     ///< take over the whole file of this name
-inline constexpr QLatin1String DELETE_RULE("delete"); ///< remove the file
-inline constexpr QLatin1String NONE_RULE("none"); ///< reserved: never written, refused by clients
+inline const QString PATCH_RULE = QStringLiteral("patch"); ///< apply the delta of this name
+inline const QString COPY_RULE = QStringLiteral("copy"); ///< take over the whole file of this name
+inline const QString DELETE_RULE = QStringLiteral("delete"); ///< remove the file
+inline const QString NONE_RULE
+    = QStringLiteral("none"); ///< reserved: never written, refused by clients
 
-inline constexpr QLatin1String SIGNATURES_FILE("signatures.json");  ///< in a signatures folder
-inline constexpr QLatin1String PATCH_RULES_FILE("patchRules.json"); ///< in a patch folder
+inline const QString SIGNATURES_FILE
+    = QStringLiteral("signatures.json"); ///< in a signatures folder
+inline const QString PATCH_RULES_FILE = QStringLiteral("patchRules.json"); ///< in a patch folder
 
 } // namespace Pellox
