@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# Installs what is missing on a Debian machine.
+# Usage: scripts/setup.sh [build|test|demo|bench|ci]...   (default: build test)
+set -euo pipefail
+
+packages_for() {
+    case $1 in
+    build) echo g++ cmake ninja-build ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev ;;
+    test) echo rdiff pkg-config ;;
+    demo) command -v npm >/dev/null || echo npm ;;
+    bench) echo libbenchmark-dev rdiff openssl time ;;
+    ci) echo clang clang-format clang-tidy ;;
+    *)
+        echo "setup.sh: unknown part '$1' (build, test, demo, bench, ci)" >&2
+        exit 2
+        ;;
+    esac
+}
+
+is_installed() {
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null || true)" = installed ]
+}
+
+if ! command -v dpkg-query >/dev/null; then
+    echo "setup.sh: this is not Debian; install by hand: $(packages_for build) $(packages_for test)" >&2
+    exit 0
+fi
+
+[ $# -gt 0 ] || set -- build test
+missing=()
+for part in "$@"; do
+    wanted=$(packages_for "$part")
+    for package in $wanted; do
+        is_installed "$package" || missing+=("$package")
+    done
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+    run=()
+elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
+    run=(sudo)
+else
+    echo "setup.sh: these packages are missing and only root can install them:" >&2
+    echo "    sudo apt-get install --no-install-recommends ${missing[*]}" >&2
+    exit 1
+fi
+
+echo "setup.sh: installing ${missing[*]}" >&2
+"${run[@]}" apt-get update -qq
+"${run[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "console.h"
+
+#include <CLI/App.hpp>
+
+#include <functional>
+
+/*
+ * The commands of the program, one source file each.
+ */
+
+/// Exit statuses, promised by --help.
+enum ExitStatus : int { Done = 0, Failed = 1, WrongUsage = 2, Interrupted = 130 };
+
+/// What a command line asks for: the way to talk, and the command to carry out.
+struct Invocation
+{
+    Console::Options console;
+    /// Returns true when the work is done; false after Console::error(). May throw Refusal.
+    std::function<bool(Console &)> run;
+};
+
+void addSignCommand(CLI::App &app, Invocation &invocation);
+void addDiffCommand(CLI::App &app, Invocation &invocation);
+void addApplyCommand(CLI::App &app, Invocation &invocation);
+void addVerifyCommand(CLI::App &app, Invocation &invocation);
+
+/// A command with the options that all have: --quiet, --json, --verbose.
+CLI::App *addCommand(
+    CLI::App &app, Invocation &invocation, const char *name, const char *description);

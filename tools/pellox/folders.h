@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+#include <string>
+#include <utility>
+
+/// Thrown before anything is touched when a command cannot be carried out as given.
+class Refusal
+{
+public:
+    Refusal(QString path, QString reason)
+        : m_path(std::move(path))
+        , m_reason(std::move(reason))
+    {
+    }
+    const QString &path() const { return m_path; }
+    const QString &reason() const { return m_reason; }
+
+private:
+    QString m_path;
+    QString m_reason;
+};
+
+/*
+ * Folder arguments. All become absolute and lose a separator at their end, so that the
+ * relative paths of publisher and player match, whatever was typed.
+ */
+
+/// The folder @p argument. Throws Refusal unless it is there.
+QString existingFolder(const std::string &argument);
+
+/// The folder @p argument, which may be missing. Throws Refusal when something else stands there.
+QString folderToFill(const std::string &argument);
+
+/// Throws Refusal when one of the folders is the other or lies inside it, links followed.
+void requireApart(const QString &folder, const QString &other);

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+#include "folders.h"
+#include "interrupt.h"
+#include "log.h"
+
+#include <QCoreApplication>
+#include <QTextCodec>
+
+#include <CLI/CLI.hpp>
+
+#include <clocale>
+
+#include <langinfo.h>
+
+namespace {
+
+constexpr char Footer[]
+    = "Exit status: 0 done, 1 failed, 2 wrong usage (nothing was touched), 130 interrupted.\n\n"
+      "Example: from release 1.0 to 1.1\n"
+      "  pellox sign releases/1.0 signatures/1.0\n"
+      "  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1\n"
+      "  pellox apply installed/game patches/1.0-1.1\n"
+      "  pellox verify installed/game patches/1.0-1.1";
+
+/// Build machines often run in the "C" locale, whose encoding could not name most files.
+void useUtf8InPlainLocale()
+{
+    if (QByteArray(nl_langinfo(CODESET)) == "ANSI_X3.4-1968")
+        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+}
+
+int run(const Invocation &invocation)
+{
+    Console console(invocation.console);
+    Log::showOn(console);
+    try {
+        const bool done = invocation.run(console);
+        console.stopProgress();
+        console.outcome(done ? QStringLiteral("done") : QStringLiteral("failed"));
+        return done ? Done : Failed;
+    } catch (const Refusal &refusal) {
+        console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason());
+        console.outcome(QStringLiteral("refused"));
+        return WrongUsage;
+    }
+}
+
+} // namespace
+
+CLI::App *addCommand(
+    CLI::App &app, Invocation &invocation, const char *name, const char *description)
+{
+    CLI::App *command = app.add_subcommand(name, description);
+    Console::Options &options = invocation.console;
+    command->add_flag("-q,--quiet", options.quiet, "Say nothing but errors");
+    command->add_flag("--json", options.json,
+        "Write one JSON object a line to standard output: progress, errors, outcome");
+    command->add_flag("-v,--verbose", options.verbose, "Show the library's log lines");
+    return command;
+}
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    useUtf8InPlainLocale();
+    Interrupt::install();
+
+    CLI::App app("Keeps installed game builds up to date by binary deltas.", "pellox");
+    app.set_version_flag("--version", "pellox " PELLOX_VERSION);
+    app.set_help_all_flag("--help-all", "Print the help of all commands");
+    app.require_subcommand(1);
+    app.footer(Footer);
+    Invocation invocation;
+    addSignCommand(app, invocation);
+    addDiffCommand(app, invocation);
+    addApplyCommand(app, invocation);
+    addVerifyCommand(app, invocation);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? Done : WrongUsage;
+    }
+    return run(invocation);
+}

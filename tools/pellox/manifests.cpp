@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+#include "manifests.h"
+
+#include "folders.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocale>
+
+#include <numeric>
+
+QJsonArray readManifest(const QString &folder, const QString &fileName)
+{
+    const QString path = QDir(folder).absoluteFilePath(fileName);
+    QFile file(path);
+    if (!QFileInfo::exists(path))
+        throw Refusal(folder, QStringLiteral("holds no ") + fileName);
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
+        throw Refusal(path, QStringLiteral("cannot be read"));
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        throw Refusal(path,
+            QStringLiteral("is not JSON: %1 at byte %2")
+                .arg(parseError.errorString(), QString::number(parseError.offset)));
+    }
+    if (!document.isArray())
+        throw Refusal(path, QStringLiteral("is not a JSON array"));
+    return document.array();
+}
+
+QString relativePathOf(const QJsonValue &record)
+{
+    return record.toObject().value(QLatin1String("relative_path")).toString();
+}
+
+QStringList filesOfBuild(const QString &folder)
+{
+    QStringList files;
+    QDirIterator walk(folder, QDir::Files, QDirIterator::Subdirectories);
+    while (walk.hasNext())
+        files.append(walk.next());
+    return files;
+}
+
+qint64 totalSize(const QStringList &files)
+{
+    return std::accumulate(files.cbegin(), files.cend(), qint64(0),
+        [](qint64 sum, const QString &file) { return sum + QFileInfo(file).size(); });
+}
+
+QString fileCount(qint64 count)
+{
+    return QLocale::c().toString(count) + QLatin1String(count == 1 ? " file" : " files");
+}
+
+QString byteCount(qint64 bytes)
+{
+    return QLocale::c().formattedDataSize(bytes, 1);
+}

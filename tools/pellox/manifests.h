@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QJsonArray>
+#include <QString>
+
+/// The program's own look at the library's manifests: before a run, and for its summary.
+
+/**
+ * The records of manifest @p fileName in @p folder. Throws Refusal when it is missing,
+ * cannot be read or is not a JSON array.
+ */
+QJsonArray readManifest(const QString &folder, const QString &fileName);
+
+/// The "relative_path" of a record.
+QString relativePathOf(const QJsonValue &record);
+
+/// The files of a build as the library counts them: absolute paths, hidden ones left out.
+QStringList filesOfBuild(const QString &folder);
+
+qint64 totalSize(const QStringList &files);
+
+/// "1 file", "2 files"
+QString fileCount(qint64 count);
+
+/// "12.3 MiB"
+QString byteCount(qint64 bytes);

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+#include "folders.h"
+#include "manifests.h"
+
+#include <Pellox/rules.h>
+#include <Pellox/SignaturesController>
+
+#include <QFileInfo>
+#include <QJsonObject>
+
+#include <memory>
+
+namespace {
+
+struct Arguments
+{
+    std::string build;
+    std::string signatures;
+};
+
+/// The library records a file that it could not sign like any other: look at what came out.
+void reportUnsigned(Console &console, const QString &build, const QString &signatures)
+{
+    const QJsonArray records = readManifest(signatures, Pellox::SIGNATURES_FILE);
+    for (const QJsonValue &record : records) {
+        const QString relativePath = relativePathOf(record);
+        const QString file = build + relativePath;
+        const QFileInfo signature(signatures + relativePath);
+        if (record.toObject().value(QLatin1String("sha512")).toString().isEmpty())
+            console.error(file, QStringLiteral("cannot be read"));
+        else if (!signature.isFile() || signature.size() == 0)
+            console.error(
+                file, QStringLiteral("has no signature: cannot write ") + signature.filePath());
+    }
+}
+
+bool sign(Console &console, const Arguments &arguments)
+{
+    const QString build = existingFolder(arguments.build);
+    const QString signatures = folderToFill(arguments.signatures);
+    requireApart(signatures, build);
+
+    const QStringList files = filesOfBuild(build);
+    const qint64 size = totalSize(files);
+    Pellox::SignaturesController controller;
+    QObject::connect(&controller, &Pellox::SignaturesController::createSignError,
+        [&](const QString &text) { console.error(signatures, text); });
+
+    console.startProgress(QStringLiteral("sign"), Progress::Unit::EstimatedBytes, size);
+    controller.createSignatures(build, signatures, [&](double percent) {
+        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+    });
+    console.stopProgress();
+
+    if (console.errorCount() == 0)
+        reportUnsigned(console, build, signatures);
+    if (console.errorCount() > 0)
+        return false;
+    console.result(QStringLiteral("Signed %1 (%2): %3")
+                       .arg(fileCount(files.size()), byteCount(size), signatures));
+    return true;
+}
+
+} // namespace
+
+void addSignCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command = addCommand(app, invocation, "sign",
+        "Describe the build that players have, so that patches can be made against it");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("BUILD", arguments->build, "The build that players have")->required();
+    command
+        ->add_option("SIGNATURES", arguments->signatures,
+            "The folder to write: a signature a file, and signatures.json")
+        ->required();
+    command->footer("Files of the same name in SIGNATURES are replaced, others stay.\n"
+                    "Hidden files are no part of a build.\n\n"
+                    "Example:\n  pellox sign releases/1.0 signatures/1.0");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return sign(console, *arguments); };
+    });
+}

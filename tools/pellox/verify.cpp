@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+#include "failedrules.h"
+#include "folders.h"
+#include "manifests.h"
+
+#include <Pellox/BinariesController>
+#include <Pellox/rules.h>
+
+#include <QDir>
+#include <QEventLoop>
+#include <QJsonObject>
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+struct Arguments
+{
+    std::string build;
+    std::string patch;
+};
+
+qint64 patchRuleCount(const QJsonArray &rules)
+{
+    return std::count_if(rules.begin(), rules.end(), [](const QJsonValue &rule) {
+        return rule.toObject().value(QLatin1String("rule")).toString() == Pellox::PATCH_RULE;
+    });
+}
+
+bool verify(Console &console, const Arguments &arguments)
+{
+    const QString build = existingFolder(arguments.build);
+    const QString patch = existingFolder(arguments.patch);
+    const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
+    requireApart(patch, build);
+    if (QDir(build).isEmpty())
+        throw Refusal(build, QStringLiteral("is empty: there is no build to verify"));
+
+    FailedRules failedRules(console, build);
+    Pellox::BinariesController controller;
+    QObject::connect(&controller, &Pellox::BinariesController::verifyError,
+        [&](const QString &text) { failedRules.signalled(text); });
+    QObject::connect(&controller, &Pellox::BinariesController::verifyProgress,
+        [&](qint64 done, qint64) { console.advanceTo(done); });
+    bool success = false;
+    QEventLoop loop;
+    QObject::connect(
+        &controller, &Pellox::BinariesController::verifyFinished, &loop, [&](bool allSucceeded) {
+            success = allSucceeded;
+            loop.quit();
+        });
+
+    console.startProgress(QStringLiteral("verify"), Progress::Unit::Files, rules.size());
+    if (!controller.verifyPatchedFiles(build, patch))
+        return false;
+    loop.exec();
+    console.stopProgress();
+    if (success) {
+        console.result(QStringLiteral("Verified %1 and put them in place: %2")
+                           .arg(fileCount(patchRuleCount(rules)), build));
+    }
+    return success;
+}
+
+} // namespace
+
+void addVerifyCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command = addCommand(
+        app, invocation, "verify", "Check what \"pellox apply\" wrote and put it in place");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("BUILD", arguments->build, "The installed build, changed in place")
+        ->required();
+    command->add_option("PATCH", arguments->patch, "The patch that was applied")->required();
+    command->footer("Each patched file replaces the old one only if its SHA-512 is that of the\n"
+                    "patch; otherwise it is deleted and the old one stays. Works once per apply:\n"
+                    "a second run finds nothing left to check and fails.\n\n"
+                    "Example:\n  pellox verify installed/game patches/1.0-1.1");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return verify(console, *arguments); };
+    });
+}
