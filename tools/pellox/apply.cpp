@@ -132,8 +132,11 @@ void addApplyCommand(CLI::App &app, Invocation &invocation)
         "Apply a patch to an installed build; \"pellox verify\" then completes it");
     const auto arguments = std::make_shared<Arguments>();
     command->add_option("BUILD", arguments->build, "The installed build, changed in place")
+        ->type_name("FOLDER")
         ->required();
-    command->add_option("PATCH", arguments->patch, "What \"pellox diff\" wrote")->required();
+    command->add_option("PATCH", arguments->patch, "What \"pellox diff\" wrote")
+        ->type_name("FOLDER")
+        ->required();
     command->footer("New files are copied in and old ones deleted at once; patched files are\n"
                     "written beside the old ones as .temp files until \"pellox verify\".\n\n"
                     "Example:\n  pellox apply installed/game patches/1.0-1.1\n"

@@ -108,14 +108,17 @@ void addDiffCommand(CLI::App &app, Invocation &invocation)
     CLI::App *command = addCommand(app, invocation, "diff", "Make the patch to a new build");
     const auto arguments = std::make_shared<Arguments>();
     command->add_option("NEW_BUILD", arguments->newBuild, "The build to bring players to")
+        ->type_name("FOLDER")
         ->required();
     command
         ->add_option("SIGNATURES", arguments->signatures,
             "What \"pellox sign\" wrote for the build that players have")
+        ->type_name("FOLDER")
         ->required();
     command
         ->add_option(
             "PATCH", arguments->patch, "The folder to write: deltas, new files and patchRules.json")
+        ->type_name("FOLDER")
         ->required();
     command
         ->add_option("--ignore", arguments->ignore,

@@ -57,8 +57,11 @@ void requireApart(const QString &folder, const QString &other)
     const QString otherPath = resolved(other);
     if (path == otherPath)
         throw Refusal(folder, QStringLiteral("is the same folder as ") + other);
+    const auto refuseInside = [](const QString &inner, const QString &outer) {
+        throw Refusal(inner, QStringLiteral("lies inside %1; the two must lie apart").arg(outer));
+    };
     if (isWithin(path, otherPath))
-        throw Refusal(folder, QStringLiteral("lies inside ") + other);
+        refuseInside(folder, other);
     if (isWithin(otherPath, path))
-        throw Refusal(other, QStringLiteral("lies inside ") + folder);
+        refuseInside(other, folder);
 }

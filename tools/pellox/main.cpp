@@ -68,7 +68,6 @@ int main(int argc, char **argv)
 
     CLI::App app("Keeps installed game builds up to date by binary deltas.", "pellox");
     app.set_version_flag("--version", "pellox " PELLOX_VERSION);
-    app.set_help_all_flag("--help-all", "Print the help of all commands");
     app.require_subcommand(1);
     app.footer(Footer);
     Invocation invocation;

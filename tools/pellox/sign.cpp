@@ -69,10 +69,13 @@ void addSignCommand(CLI::App &app, Invocation &invocation)
     CLI::App *command = addCommand(app, invocation, "sign",
         "Describe the build that players have, so that patches can be made against it");
     const auto arguments = std::make_shared<Arguments>();
-    command->add_option("BUILD", arguments->build, "The build that players have")->required();
+    command->add_option("BUILD", arguments->build, "The build that players have")
+        ->type_name("FOLDER")
+        ->required();
     command
         ->add_option("SIGNATURES", arguments->signatures,
             "The folder to write: a signature a file, and signatures.json")
+        ->type_name("FOLDER")
         ->required();
     command->footer("Files of the same name in SIGNATURES are replaced, others stay.\n"
                     "Hidden files are no part of a build.\n\n"

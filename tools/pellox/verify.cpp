@@ -72,8 +72,11 @@ void addVerifyCommand(CLI::App &app, Invocation &invocation)
         app, invocation, "verify", "Check what \"pellox apply\" wrote and put it in place");
     const auto arguments = std::make_shared<Arguments>();
     command->add_option("BUILD", arguments->build, "The installed build, changed in place")
+        ->type_name("FOLDER")
         ->required();
-    command->add_option("PATCH", arguments->patch, "The patch that was applied")->required();
+    command->add_option("PATCH", arguments->patch, "The patch that was applied")
+        ->type_name("FOLDER")
+        ->required();
     command->footer("Each patched file replaces the old one only if its SHA-512 is that of the\n"
                     "patch; otherwise it is deleted and the old one stays. Works once per apply:\n"
                     "a second run finds nothing left to check and fails.\n\n"
