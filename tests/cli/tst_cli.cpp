@@ -1,0 +1,708 @@
+// SPDX-License-Identifier: MIT
+#include "testtree.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTest>
+
+#include <csignal>
+
+#include <sys/types.h>
+
+namespace {
+
+constexpr int Done = 0;
+constexpr int Failed = 1;
+constexpr int WrongUsage = 2;
+constexpr int Interrupted = 130;
+
+struct Outcome
+{
+    int status;
+    QString out;
+    QString err;
+};
+
+Outcome outcomeOf(QProcess &process)
+{
+    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
+        return {-1, QString(), process.errorString()};
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
+        QString::fromUtf8(process.readAllStandardError())};
+}
+
+QList<QJsonObject> jsonLines(const QString &text)
+{
+    QList<QJsonObject> objects;
+    for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        objects.append(QJsonDocument::fromJson(line.toUtf8()).object());
+    return objects;
+}
+
+QString member(const QJsonObject &object, const char *name)
+{
+    return object.value(QLatin1String(name)).toString();
+}
+
+QStringList errorLines(const QString &text)
+{
+    return text.split(QLatin1Char('\n'))
+        .filter(QRegularExpression(QStringLiteral("^pellox: error: ")));
+}
+
+} // namespace
+
+/// Runs the program as its users do: in a folder with "old", "new" and "installed" builds.
+class tst_Cli : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void tellsItsVersion();
+    void helpTeachesWithAnExample_data();
+    void helpTeachesWithAnExample();
+    void wrongUsage_data();
+    void wrongUsage();
+
+    void bringsAnInstalledBuildUpToDate_data();
+    void bringsAnInstalledBuildUpToDate();
+    void namesAnyFileInThePlainLocale();
+    void emptyBuildsAreBuilds();
+    void ignoredFilesAreLeftAlone_data();
+    void ignoredFilesAreLeftAlone();
+    void ignoringWhatIsNotThereIsNoted();
+    void aSecondRunOverwritesFileByFile();
+
+    void refusesBeforeAnythingIsTouched_data();
+    void refusesBeforeAnythingIsTouched();
+
+    void everyErrorNamesItsFileOnce_data();
+    void everyErrorNamesItsFileOnce();
+    void signFailsWhenAFileHasNoSignature();
+    void diffFailsWhenADeltaCannotBeMade();
+
+    void summariesGoToStandardOutput();
+    void quietSaysNothing();
+    void jsonIsOneObjectALine();
+    void jsonTellsErrorsAndFailure();
+    void jsonTellsRefusal();
+    void pipesSeeNoTerminalCodes();
+    void terminalsSeeABar();
+    void verboseShowsTheLibrarysLog();
+    void nothingButErrorsIsSaidOfABrokenSignature();
+
+    void interruptEndsAtOnce_data();
+    void interruptEndsAtOnce();
+
+private:
+    Outcome run(const QStringList &arguments) const;
+    void start(QProcess &process, const QString &program, const QStringList &arguments) const;
+    bool publish() const;
+    QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
+
+    std::unique_ptr<TestTree> m_tree;
+    QString m_locale;
+};
+
+void tst_Cli::init()
+{
+    m_tree = std::make_unique<TestTree>();
+    m_locale = QStringLiteral("C.UTF-8");
+    for (const char *build : {"old", "installed"}) {
+        const QString folder = QLatin1String(build);
+        m_tree->write(folder + QLatin1String("/game.exe"), randomBytes(10000, 1));
+        m_tree->write(folder + QLatin1String("/data/old only.txt"), "goes away");
+        m_tree->write(folder + QLatin1String("/data/same.txt"), "stays");
+        m_tree->write(folder + QStringLiteral("/data/grüße.pak"), randomBytes(5000, 2));
+    }
+    m_tree->write(QStringLiteral("new/game.exe"), randomBytes(10000, 1) + "more");
+    m_tree->write(QStringLiteral("new/data/same.txt"), "stays");
+    m_tree->write(QStringLiteral("new/data/grüße.pak"), "other");
+    m_tree->write(QStringLiteral("new/levels/new one.map"), "new");
+}
+
+void tst_Cli::cleanup()
+{
+    m_tree.reset();
+}
+
+void tst_Cli::start(QProcess &process, const QString &program, const QStringList &arguments) const
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), m_locale);
+    process.setProcessEnvironment(environment);
+    process.setWorkingDirectory(m_tree->path());
+    process.start(program, arguments);
+}
+
+Outcome tst_Cli::run(const QStringList &arguments) const
+{
+    QProcess process;
+    start(process, QStringLiteral(PELLOX_PROGRAM), arguments);
+    return outcomeOf(process);
+}
+
+bool tst_Cli::publish() const
+{
+    return run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")}).status
+        == Done
+        && run({QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+                   QStringLiteral("patch")})
+               .status
+        == Done;
+}
+
+void tst_Cli::tellsItsVersion()
+{
+    const Outcome outcome = run({QStringLiteral("--version")});
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(outcome.out, QStringLiteral("pellox " PELLOX_VERSION "\n"));
+    QCOMPARE(outcome.err, QString());
+}
+
+void tst_Cli::helpTeachesWithAnExample_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("example");
+
+    QTest::newRow("program") << QStringList{QStringLiteral("--help")}
+                             << QStringLiteral("pellox verify installed/game patches/1.0-1.1");
+    QTest::newRow("sign") << QStringList{QStringLiteral("sign"), QStringLiteral("--help")}
+                          << QStringLiteral("pellox sign releases/1.0 signatures/1.0");
+    QTest::newRow("diff") << QStringList{QStringLiteral("diff"), QStringLiteral("--help")}
+                          << QStringLiteral(
+                                 "pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1");
+    QTest::newRow("apply") << QStringList{QStringLiteral("apply"), QStringLiteral("-h")}
+                           << QStringLiteral("pellox apply installed/game patches/1.0-1.1");
+    QTest::newRow("verify") << QStringList{QStringLiteral("verify"), QStringLiteral("--help")}
+                            << QStringLiteral("pellox verify installed/game patches/1.0-1.1");
+}
+
+void tst_Cli::helpTeachesWithAnExample()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, example);
+    const Outcome outcome = run(arguments);
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(QLatin1String("Example")), qPrintable(outcome.out));
+    QVERIFY2(outcome.out.contains(example), qPrintable(outcome.out));
+    QCOMPARE(outcome.err, QString());
+}
+
+void tst_Cli::wrongUsage_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+
+    QTest::newRow("nothing") << QStringList();
+    QTest::newRow("unknown command") << QStringList{QStringLiteral("sing")};
+    QTest::newRow("no folders") << QStringList{QStringLiteral("sign")};
+    QTest::newRow("one folder too few")
+        << QStringList{QStringLiteral("sign"), QStringLiteral("old")};
+    QTest::newRow("one folder too many") << QStringList{QStringLiteral("sign"),
+        QStringLiteral("old"), QStringLiteral("sigs"), QStringLiteral("new")};
+    QTest::newRow("unknown option") << QStringList{QStringLiteral("sign"), QStringLiteral("old"),
+        QStringLiteral("sigs"), QStringLiteral("--fast-please")};
+    QTest::newRow("option without its value")
+        << QStringList{QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+               QStringLiteral("patch"), QStringLiteral("--ignore")};
+}
+
+void tst_Cli::wrongUsage()
+{
+    QFETCH(QStringList, arguments);
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(arguments);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.out, QString());
+    QVERIFY(outcome.err.contains(QLatin1String("--help")));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_Cli::bringsAnInstalledBuildUpToDate_data()
+{
+    QTest::addColumn<QStringList>("folders"); // old, new, installed, signatures, patch
+
+    QTest::newRow("relative") << QStringList{QStringLiteral("old"), QStringLiteral("new"),
+        QStringLiteral("installed"), QStringLiteral("sigs"), QStringLiteral("patch")};
+    QTest::newRow("with separators at their ends")
+        << QStringList{QStringLiteral("old/"), QStringLiteral("new//"),
+               QStringLiteral("./installed/"), QStringLiteral("sigs/"), QStringLiteral("patch/")};
+    QTest::newRow("through dots") << QStringList{QStringLiteral("new/../old"),
+        QStringLiteral("./new/."), QStringLiteral("installed"), QStringLiteral("a/b/../../sigs"),
+        QStringLiteral("deep/er/patch")};
+}
+
+void tst_Cli::bringsAnInstalledBuildUpToDate()
+{
+    QFETCH(QStringList, folders);
+    const QString &signatures = folders.at(3);
+    const QString &patch = folders.at(4);
+    const QList<QStringList> commands{
+        {QStringLiteral("sign"), folders.at(0), signatures},
+        {QStringLiteral("diff"), folders.at(1), signatures, patch},
+        {QStringLiteral("apply"), folders.at(2), patch},
+        {QStringLiteral("verify"), folders.at(2), patch},
+    };
+    for (const QStringList &command : commands) {
+        const Outcome outcome = run(command);
+        QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    }
+    QCOMPARE(TestTree::snapshot(path("installed")), TestTree::snapshot(path("new")));
+}
+
+void tst_Cli::namesAnyFileInThePlainLocale()
+{
+    m_locale = QStringLiteral("C");
+    QVERIFY(publish());
+    const QStringList folders{QStringLiteral("installed"), QStringLiteral("patch")};
+    QCOMPARE(run(QStringList{QStringLiteral("apply")} + folders).status, Done);
+    QCOMPARE(run(QStringList{QStringLiteral("verify")} + folders).status, Done);
+    QCOMPARE(TestTree::snapshot(path("installed")), TestTree::snapshot(path("new")));
+}
+
+void tst_Cli::emptyBuildsAreBuilds()
+{
+    m_tree->makeFolder(QStringLiteral("empty"));
+    QCOMPARE(run({QStringLiteral("sign"), QStringLiteral("empty"), QStringLiteral("sigs")}).status,
+        Done);
+    QCOMPARE(m_tree->read(QStringLiteral("sigs/signatures.json")).simplified(), QByteArray("[ ]"));
+    QCOMPARE(run({QStringLiteral("diff"), QStringLiteral("empty"), QStringLiteral("sigs"),
+                     QStringLiteral("patch")})
+                 .status,
+        Done);
+}
+
+void tst_Cli::ignoredFilesAreLeftAlone_data()
+{
+    QTest::addColumn<QString>("argument");
+
+    QTest::newRow("file") << QStringLiteral("levels/new one.map");
+    QTest::newRow("file with dots") << QStringLiteral("./data/../levels/new one.map");
+    QTest::newRow("folder") << QStringLiteral("levels");
+    QTest::newRow("folder with a separator") << QStringLiteral("levels/");
+    QTest::newRow("absolute") << QStringLiteral("%1/levels/new one.map");
+}
+
+void tst_Cli::ignoredFilesAreLeftAlone()
+{
+    QFETCH(QString, argument);
+    argument.replace(QLatin1String("%1"), path("new"));
+    QCOMPARE(
+        run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")}).status, Done);
+    const Outcome outcome = run({QStringLiteral("diff"), QStringLiteral("new"),
+        QStringLiteral("sigs"), QStringLiteral("patch"), QStringLiteral("--ignore"), argument,
+        QStringLiteral("--ignore"), QStringLiteral("game.exe")});
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(TestTree::snapshot(path("patch")).keys(),
+        QStringList({QStringLiteral("data/"), QStringLiteral("data/grüße.pak"),
+            QStringLiteral("patchRules.json")}));
+}
+
+void tst_Cli::ignoringWhatIsNotThereIsNoted()
+{
+    QVERIFY(publish());
+    const Outcome outcome
+        = run({QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+            QStringLiteral("patch"), QStringLiteral("--ignore"), QStringLiteral("nosuch.ini")});
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.err.contains(QStringLiteral("pellox: --ignore: %1/nosuch.ini is not there and "
+                                                 "ignores nothing\n")
+                                      .arg(path("new"))),
+        qPrintable(outcome.err));
+}
+
+void tst_Cli::aSecondRunOverwritesFileByFile()
+{
+    QVERIFY(publish());
+    const auto signatures = TestTree::snapshot(path("sigs"));
+    const auto patch = TestTree::snapshot(path("patch"));
+    QVERIFY(publish());
+    QCOMPARE(TestTree::snapshot(path("sigs")), signatures);
+    QCOMPARE(TestTree::snapshot(path("patch")), patch);
+}
+
+void tst_Cli::refusesBeforeAnythingIsTouched_data()
+{
+    QTest::addColumn<QString>("command"); // words; "~" stands for the tree's folder in messages
+    QTest::addColumn<QString>("message");
+
+    QTest::newRow("sign: no build") << QStringLiteral("sign nosuch sigs")
+                                    << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("sign: build is a file") << QStringLiteral("sign old/game.exe sigs")
+                                           << QStringLiteral("~/old/game.exe: is not a folder");
+    QTest::newRow("sign: signatures inside the build")
+        << QStringLiteral("sign old old/a/sigs")
+        << QStringLiteral("~/old/a/sigs: lies inside ~/old; the two must lie apart");
+    QTest::newRow("sign: signatures inside the build through a link")
+        << QStringLiteral("sign old linked/sigs")
+        << QStringLiteral("~/linked/sigs: lies inside ~/old; the two must lie apart");
+    QTest::newRow("sign: signatures are the build")
+        << QStringLiteral("sign old old/") << QStringLiteral("~/old: is the same folder as ~/old");
+    QTest::newRow("sign: build inside the signatures") << QStringLiteral(
+        "sign old .") << QStringLiteral("~/old: lies inside ~; the two must lie apart");
+    QTest::newRow("sign: signatures are a file") << QStringLiteral(
+        "sign old new/game.exe") << QStringLiteral("~/new/game.exe: is not a folder");
+    QTest::newRow("diff: no build") << QStringLiteral("diff nosuch good patch")
+                                    << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("diff: no signatures folder") << QStringLiteral(
+        "diff new nosuch patch") << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("diff: no signatures.json") << QStringLiteral("diff new old patch")
+                                              << QStringLiteral("~/old: holds no signatures.json");
+    QTest::newRow("diff: signatures.json is no array") << QStringLiteral(
+        "diff new object patch") << QStringLiteral("~/object/signatures.json: is not a JSON array");
+    QTest::newRow("diff: signatures.json is cut off")
+        << QStringLiteral("diff new cut patch")
+        << QStringLiteral("~/cut/signatures.json: is not JSON: unterminated array at byte 1");
+    QTest::newRow("diff: signatures.json is a folder") << QStringLiteral(
+        "diff new folder patch") << QStringLiteral("~/folder/signatures.json: cannot be read");
+    QTest::newRow("diff: patch inside the build")
+        << QStringLiteral("diff new good new/patch")
+        << QStringLiteral("~/new/patch: lies inside ~/new; the two must lie apart");
+    QTest::newRow("diff: patch inside the signatures")
+        << QStringLiteral("diff new good good/patch")
+        << QStringLiteral("~/good/patch: lies inside ~/good; the two must lie apart");
+    QTest::newRow("apply: no build") << QStringLiteral("apply nosuch good")
+                                     << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("apply: no patchRules.json") << QStringLiteral(
+        "apply installed good") << QStringLiteral("~/good: holds no patchRules.json");
+    QTest::newRow("apply: no patch folder") << QStringLiteral("apply installed nosuch")
+                                            << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("apply: patchRules.json is no array")
+        << QStringLiteral("apply installed object")
+        << QStringLiteral("~/object/patchRules.json: is not a JSON array");
+    QTest::newRow("apply: patch inside the build") << QStringLiteral(
+        "apply . good") << QStringLiteral("~/good: lies inside ~; the two must lie apart");
+    QTest::newRow("apply: empty build") << QStringLiteral(
+        "apply empty rules") << QStringLiteral("~/empty: is empty: there is no build to patch");
+    QTest::newRow("verify: no build") << QStringLiteral("verify nosuch rules")
+                                      << QStringLiteral("~/nosuch: there is no such folder");
+    QTest::newRow("verify: no patchRules.json") << QStringLiteral(
+        "verify installed good") << QStringLiteral("~/good: holds no patchRules.json");
+    QTest::newRow("verify: empty build") << QStringLiteral(
+        "verify empty rules") << QStringLiteral("~/empty: is empty: there is no build to verify");
+}
+
+void tst_Cli::refusesBeforeAnythingIsTouched()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, message);
+    m_tree->makeFolder(QStringLiteral("empty"));
+    m_tree->link(QStringLiteral("linked"), path("old"));
+    m_tree->write(QStringLiteral("good/signatures.json"), "[]");
+    m_tree->write(QStringLiteral("rules/patchRules.json"), "[]");
+    m_tree->write(QStringLiteral("object/signatures.json"), "{}");
+    m_tree->write(QStringLiteral("object/patchRules.json"), "{}");
+    m_tree->write(QStringLiteral("cut/signatures.json"), "[");
+    m_tree->makeFolder(QStringLiteral("folder/signatures.json"));
+    if (command == QLatin1String("apply . good"))
+        m_tree->write(QStringLiteral("good/patchRules.json"), "[]");
+    const auto before = TestTree::snapshot(m_tree->path());
+
+    const Outcome outcome = run(command.split(QLatin1Char(' ')));
+    message.replace(QLatin1Char('~'), m_tree->path());
+    QCOMPARE(outcome.err, QLatin1String("pellox: error: ") + message + QLatin1Char('\n'));
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.out, QString());
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_Cli::everyErrorNamesItsFileOnce_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("damage");
+    QTest::addColumn<QStringList>("messages"); // sorted
+
+    const QString apply = QStringLiteral("apply");
+    const QString verify = QStringLiteral("verify");
+    QTest::newRow("installed file missing")
+        << apply << QStringLiteral("remove installed/game.exe")
+        << QStringList{QStringLiteral("Can't apply patch: ~/installed/game.exe - not found")};
+    QTest::newRow("delta missing")
+        << apply << QStringLiteral("remove patch/game.exe")
+        << QStringList{QStringLiteral(
+               "~/installed/game.exe: Can't apply patch: ~/patch/game.exe - not found")};
+    QTest::newRow("delta broken")
+        << apply << QStringLiteral("write patch/game.exe")
+        << QStringList{
+               QStringLiteral("~/installed/game.exe: Can't apply patch: Temp file removed")};
+    QTest::newRow("delta broken, name not in ASCII")
+        << apply << QStringLiteral("write patch/data/grüße.pak")
+        << QStringList{
+               QStringLiteral("~/installed/data/grüße.pak: Can't apply patch: Temp file removed")};
+    QTest::newRow("new file missing")
+        << apply << QStringLiteral("remove patch/levels/new one.map")
+        << QStringList{QStringLiteral("~/installed/levels/new one.map: cannot be copied")};
+    QTest::newRow("file to delete is a folder")
+        << apply << QStringLiteral("folder installed/data/old only.txt")
+        << QStringList{QStringLiteral("~/installed/data/old only.txt: cannot be deleted")};
+    QTest::newRow("two at once")
+        << apply << QStringLiteral("remove patch")
+        << QStringList{QStringLiteral("~/installed/data/grüße.pak: Can't apply patch: "
+                                      "~/patch/data/grüße.pak - not found"),
+               QStringLiteral(
+                   "~/installed/game.exe: Can't apply patch: ~/patch/game.exe - not found"),
+               QStringLiteral("~/installed/levels/new one.map: cannot be copied")};
+    QTest::newRow("nothing was applied")
+        << verify << QString()
+        << QStringList{
+               QStringLiteral("Can't verify file: ~/installed/data/grüße.pak.temp - not found"),
+               QStringLiteral("Can't verify file: ~/installed/game.exe.temp - not found")};
+}
+
+void tst_Cli::everyErrorNamesItsFileOnce()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, damage);
+    QFETCH(QStringList, messages);
+    QVERIFY(publish());
+    const QString target = damage.section(QLatin1Char(' '), 1);
+    if (target == QLatin1String("patch")) {
+        for (const char *file : {"patch/game.exe", "patch/data", "patch/levels"})
+            m_tree->remove(QLatin1String(file));
+    } else if (!target.isEmpty()) {
+        m_tree->remove(target);
+    }
+    if (damage.startsWith(QLatin1String("write")))
+        m_tree->write(target, "no delta");
+    if (damage.startsWith(QLatin1String("folder")))
+        m_tree->makeFolder(target);
+
+    const Outcome outcome = run({command, QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, Failed);
+    QStringList errors = errorLines(outcome.err);
+    errors.sort();
+    messages.replaceInStrings(QStringLiteral("~"), m_tree->path());
+    messages.replaceInStrings(
+        QRegularExpression(QStringLiteral("^")), QStringLiteral("pellox: error: "));
+    QCOMPARE(errors, messages);
+}
+
+void tst_Cli::signFailsWhenAFileHasNoSignature()
+{
+    m_tree->makeFolder(QStringLiteral("sigs/game.exe"));
+    const Outcome outcome
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: %1/game.exe: has no signature: cannot write "
+                                   "%2/game.exe")
+                        .arg(path("old"), path("sigs"))));
+
+    m_tree->makeFolder(QStringLiteral("other/signatures.json"));
+    const Outcome other
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("other")});
+    QCOMPARE(other.status, Failed);
+    QCOMPARE(errorLines(other.err),
+        QStringList(QStringLiteral("pellox: error: Can't create signatures file in %1")
+                        .arg(path("other"))));
+}
+
+void tst_Cli::diffFailsWhenADeltaCannotBeMade()
+{
+    QCOMPARE(
+        run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")}).status, Done);
+    m_tree->remove(QStringLiteral("sigs/data/grüße.pak"));
+    const Outcome outcome = run({QStringLiteral("diff"), QStringLiteral("new"),
+        QStringLiteral("sigs"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(
+            {QStringLiteral("pellox: error: %1/data/grüße.pak: the delta cannot be made (is its "
+                            "signature there and whole?)")
+                    .arg(path("new")),
+                QStringLiteral("pellox: error: Failed create patch rules file in folder %1")
+                    .arg(path("patch"))}));
+    QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+}
+
+void tst_Cli::summariesGoToStandardOutput()
+{
+    const Outcome sign
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
+    QCOMPARE(sign.out, QStringLiteral("Signed 4 files (14.7 KiB): %1\n").arg(path("sigs")));
+    const Outcome diff = run({QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+        QStringLiteral("patch")});
+    const qint64 deltas
+        = QFileInfo(path("patch/game.exe")).size() + QFileInfo(path("patch/data/grüße.pak")).size();
+    QVERIFY(deltas < 10000);
+    QCOMPARE(diff.out,
+        QStringLiteral("2 files to patch (%1 of deltas), 1 file to copy (3 bytes), 1 file to "
+                       "delete: %2\n")
+            .arg(QLocale::c().formattedDataSize(deltas, 1), path("patch")));
+    const Outcome apply
+        = run({QStringLiteral("apply"), QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(apply.out,
+        QStringLiteral("Applied 4 rules (9.8 KiB). To check and put the patched files in place: "
+                       "pellox verify\n"));
+    const Outcome verify
+        = run({QStringLiteral("verify"), QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(verify.out,
+        QStringLiteral("Verified 2 files and put them in place: %1\n").arg(path("installed")));
+}
+
+void tst_Cli::quietSaysNothing()
+{
+    const Outcome quiet = run({QStringLiteral("sign"), QStringLiteral("old"),
+        QStringLiteral("sigs"), QStringLiteral("--quiet")});
+    QCOMPARE(quiet.status, Done);
+    QCOMPARE(quiet.out, QString());
+    QCOMPARE(quiet.err, QString());
+
+    m_tree->write(QStringLiteral("sigs/patchRules.json"), "[]");
+    const Outcome failing = run({QStringLiteral("verify"), QStringLiteral("-q"),
+        QStringLiteral("nosuch"), QStringLiteral("sigs")});
+    QCOMPARE(failing.status, WrongUsage);
+    QCOMPARE(errorLines(failing.err).size(), 1);
+}
+
+void tst_Cli::jsonIsOneObjectALine()
+{
+    const QList<QStringList> commands{
+        {QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")},
+        {QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+            QStringLiteral("patch")},
+        {QStringLiteral("apply"), QStringLiteral("installed"), QStringLiteral("patch")},
+        {QStringLiteral("verify"), QStringLiteral("installed"), QStringLiteral("patch")},
+    };
+    for (const QStringList &command : commands) {
+        const Outcome outcome = run(command + QStringList(QStringLiteral("--json")));
+        QCOMPARE(outcome.status, Done);
+        QCOMPARE(outcome.err, QString());
+        QList<QJsonObject> objects = jsonLines(outcome.out);
+        const QJsonObject last = objects.takeLast();
+        QCOMPARE(member(last, "event"), QStringLiteral("finished"));
+        QCOMPARE(member(last, "outcome"), QStringLiteral("done"));
+        QVERIFY(objects.size() >= 2);
+        double done = 0;
+        for (const QJsonObject &object : objects) {
+            QCOMPARE(member(object, "event"), QStringLiteral("progress"));
+            QVERIFY(object.value(QLatin1String("done")).toDouble(-1) >= done);
+            done = object.value(QLatin1String("done")).toDouble();
+        }
+        QVERIFY(done > 0);
+        QCOMPARE(objects.last().value(QLatin1String("total")).toDouble(), done);
+    }
+}
+
+void tst_Cli::jsonTellsErrorsAndFailure()
+{
+    QVERIFY(publish());
+    m_tree->remove(QStringLiteral("patch/levels/new one.map"));
+    const Outcome outcome = run({QStringLiteral("apply"), QStringLiteral("--json"),
+        QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err).size(), 1);
+    const QList<QJsonObject> objects = jsonLines(outcome.out);
+    QCOMPARE(member(objects.last(), "outcome"), QStringLiteral("failed"));
+    const auto error = std::find_if(objects.begin(), objects.end(), [](const QJsonObject &object) {
+        return member(object, "event") == QLatin1String("error");
+    });
+    QVERIFY(error != objects.end());
+    QCOMPARE(member(*error, "file"), path("installed/levels/new one.map"));
+    QCOMPARE(member(*error, "error"), QStringLiteral("cannot be copied"));
+}
+
+void tst_Cli::jsonTellsRefusal()
+{
+    const Outcome outcome = run({QStringLiteral("apply"), QStringLiteral("--json"),
+        QStringLiteral("nosuch"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, WrongUsage);
+    const QList<QJsonObject> objects = jsonLines(outcome.out);
+    QCOMPARE(objects.size(), 2);
+    QCOMPARE(member(objects.first(), "event"), QStringLiteral("error"));
+    QCOMPARE(member(objects.first(), "file"), path("nosuch"));
+    QCOMPARE(member(objects.last(), "outcome"), QStringLiteral("refused"));
+}
+
+void tst_Cli::pipesSeeNoTerminalCodes()
+{
+    const Outcome outcome
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
+    QVERIFY(!outcome.err.contains(QLatin1Char('\r')));
+    QVERIFY(!outcome.err.contains(QLatin1Char('\x1b')));
+    QVERIFY2(outcome.err.startsWith(QLatin1String("sign: 100 %  ~14.7 KiB of 14.7 KiB  ")),
+        qPrintable(outcome.err));
+}
+
+void tst_Cli::terminalsSeeABar()
+{
+    QProcess process;
+    start(process, QStringLiteral("script"),
+        {QStringLiteral("-qec"), QStringLiteral(PELLOX_PROGRAM " sign old sigs"),
+            QStringLiteral("/dev/null")});
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(QLatin1String("\r\x1b[K  0 % [ ")), qPrintable(outcome.out));
+    QVERIFY2(outcome.out.contains(QLatin1String("\r\x1b[K100 % [=")), qPrintable(outcome.out));
+    QVERIFY2(
+        outcome.out.contains(QLatin1String("=] ~14.7 KiB of 14.7 KiB")), qPrintable(outcome.out));
+}
+
+void tst_Cli::verboseShowsTheLibrarysLog()
+{
+    QVERIFY(publish());
+    const Outcome outcome = run({QStringLiteral("apply"), QStringLiteral("--verbose"),
+        QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, Done);
+    const QString line
+        = QStringLiteral("BinariesController info: File  \"%1\"  exists. Remove it!\n");
+    QVERIFY2(outcome.err.contains(line.arg(path("installed/data/old only.txt"))),
+        qPrintable(outcome.err));
+}
+
+void tst_Cli::nothingButErrorsIsSaidOfABrokenSignature()
+{
+    QVERIFY(publish());
+    m_tree->write(QStringLiteral("sigs/game.exe"), "no signature");
+    const QStringList command{QStringLiteral("diff"), QStringLiteral("new"), QStringLiteral("sigs"),
+        QStringLiteral("patch"), QStringLiteral("--quiet")};
+    const Outcome outcome = run(command);
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err).size(), 2);
+    QCOMPARE(outcome.err.count(QLatin1Char('\n')), 2);
+
+    const Outcome verbose = run(command + QStringList(QStringLiteral("--verbose")));
+    QVERIFY(verbose.err.contains(QLatin1String("BinariesController debug: level:  3  msg:  ")));
+    QVERIFY(verbose.err.contains(
+        QLatin1String("PatchHelper debug: ERROR: Rsync can't load signature file ")));
+}
+
+void tst_Cli::interruptEndsAtOnce_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QString>("lastWords");
+
+    QTest::newRow("plain") << QStringList() << QString();
+    QTest::newRow("json") << QStringList(QStringLiteral(
+        "--json")) << QStringLiteral("{\"event\":\"finished\",\"outcome\":\"interrupted\"}\n");
+}
+
+void tst_Cli::interruptEndsAtOnce()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QString, lastWords);
+    // Large enough to be under way for many seconds when the signal comes, small on the disk.
+    m_tree->write(QStringLiteral("large/file"), QByteArray());
+    QVERIFY(QFile::resize(path("large/file"), qint64(64) << 30));
+
+    QProcess process;
+    start(process, QStringLiteral(PELLOX_PROGRAM),
+        QStringList{QStringLiteral("sign"), QStringLiteral("large"), QStringLiteral("sigs")}
+            + options);
+    QTRY_VERIFY(m_tree->exists(QStringLiteral("sigs/file")));
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Interrupted);
+    QVERIFY2(outcome.out.endsWith(lastWords), qPrintable(outcome.out));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs/signatures.json")));
+}
+
+QTEST_GUILESS_MAIN(tst_Cli)
+#include "tst_cli.moc"
