@@ -34,7 +34,8 @@ QByteArray SignaturesController::calculateCheckSum(
 }
 
 void SignaturesController::createSignatures(const QString &binariesFolderPath,
-    const QString &signaturesFolderPath, PROGRESS_CALLBACK progress)
+    const QString &signaturesFolderPath,
+    PROGRESS_CALLBACK progress) // NOLINT(performance-unnecessary-value-param): promised to hosts
 {
     const QDir signaturesFolder(signaturesFolderPath);
     if (!signaturesFolder.exists())

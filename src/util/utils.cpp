@@ -18,7 +18,7 @@ QString getFilePathForLongName(const QString &path)
         return path;
     QString native = path;
     native.replace(QLatin1Char('/'), QLatin1Char('\\'));
-    return QLatin1String("\\\\?\\") + native;
+    return QLatin1String(R"(\\?\)") + native;
 }
 
 bool checkFilePathIsTooLong(const QString &path)
