@@ -29,9 +29,9 @@ QString plainReason(const QString &rule)
 
 } // namespace
 
-FailedRules::FailedRules(Console &console, const QString &root)
+FailedRules::FailedRules(Console &console, QString root)
     : m_console(console)
-    , m_root(root)
+    , m_root(std::move(root))
 {
     Log::setCriticalListener([this](const QString &line) { criticalLogged(line); });
 }

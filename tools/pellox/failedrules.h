@@ -15,7 +15,7 @@ class FailedRules
 {
 public:
     /// @p root is the folder whose files the rules are about.
-    FailedRules(Console &console, const QString &root);
+    FailedRules(Console &console, QString root);
     ~FailedRules();
     FailedRules(const FailedRules &) = delete;
     FailedRules &operator=(const FailedRules &) = delete;

@@ -9,7 +9,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <clocale>
+#include <cstdio>
+#include <exception>
 
 #include <langinfo.h>
 
@@ -60,12 +61,10 @@ CLI::App *addCommand(
     return command;
 }
 
-int main(int argc, char **argv)
-{
-    const QCoreApplication application(argc, argv);
-    useUtf8InPlainLocale();
-    Interrupt::install();
+namespace {
 
+int parseAndRun(int argc, char **argv)
+{
     CLI::App app("Keeps installed game builds up to date by binary deltas.", "pellox");
     app.set_version_flag("--version", "pellox " PELLOX_VERSION);
     app.require_subcommand(1);
@@ -82,4 +81,19 @@ int main(int argc, char **argv)
         return app.exit(error) == 0 ? Done : WrongUsage;
     }
     return run(invocation);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    useUtf8InPlainLocale();
+    Interrupt::install();
+    try {
+        return parseAndRun(argc, argv);
+    } catch (const std::exception &error) { // out of memory, say
+        std::fprintf(stderr, "pellox: error: %s\n", error.what());
+        return Failed;
+    }
 }
