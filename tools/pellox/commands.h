@@ -18,7 +18,8 @@ enum ExitStatus : int { Done = 0, Failed = 1, WrongUsage = 2, Interrupted = 130 
 struct Invocation
 {
     Console::Options console;
-    /// Returns true when the work is done; false after Console::error(). May throw Refusal.
+    /// Returns true when the work is done; false after Console::error(). May throw Refusal
+    /// and Interrupt::Stopped.
     std::function<bool(Console &)> run;
 };
 
@@ -26,6 +27,9 @@ void addSignCommand(CLI::App &app, Invocation &invocation);
 void addDiffCommand(CLI::App &app, Invocation &invocation);
 void addApplyCommand(CLI::App &app, Invocation &invocation);
 void addVerifyCommand(CLI::App &app, Invocation &invocation);
+void addPackCommand(CLI::App &app, Invocation &invocation);
+void addUnpackCommand(CLI::App &app, Invocation &invocation);
+void addCopyCommand(CLI::App &app, Invocation &invocation);
 
 /// A command with the options that all have: --quiet, --json, --verbose.
 CLI::App *addCommand(

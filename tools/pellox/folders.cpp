@@ -7,20 +7,19 @@
 
 namespace {
 
-QString absoluteFolder(const std::string &argument)
+QString absolutePath(const std::string &argument)
 {
     if (argument.empty())
-        throw Refusal(QStringLiteral("\"\""), QStringLiteral("is no folder name"));
+        throw Refusal(QStringLiteral("\"\""), QStringLiteral("is no name of a file or folder"));
     return QDir(QFile::decodeName(argument.c_str())).absolutePath();
 }
 
-/// The path with all links resolved, of a folder that need not exist yet.
+/// The path with all links resolved; its last parts need not exist yet.
 QString resolved(const QString &folder)
 {
-    const QFileInfo info(folder);
-    if (info.exists() || info.isRoot())
-        return info.canonicalFilePath();
-    return QDir::cleanPath(resolved(info.path()) + QLatin1Char('/') + info.fileName());
+    const QString ancestor = existingAncestor(folder);
+    return QDir::cleanPath(QFileInfo(ancestor).canonicalFilePath()
+        + folder.mid(ancestor.size()).prepend(QLatin1Char('/')));
 }
 
 bool isWithin(const QString &path, const QString &folder)
@@ -33,7 +32,7 @@ bool isWithin(const QString &path, const QString &folder)
 
 QString existingFolder(const std::string &argument)
 {
-    QString folder = absoluteFolder(argument);
+    QString folder = absolutePath(argument);
     const QFileInfo info(folder);
     if (!info.exists())
         throw Refusal(folder, QStringLiteral("there is no such folder"));
@@ -44,24 +43,37 @@ QString existingFolder(const std::string &argument)
 
 QString folderToFill(const std::string &argument)
 {
-    QString folder = absoluteFolder(argument);
+    QString folder = absolutePath(argument);
     const QFileInfo info(folder);
     if (info.exists() && !info.isDir())
         throw Refusal(folder, QStringLiteral("is not a folder"));
     return folder;
 }
 
+QString absoluteFile(const std::string &argument)
+{
+    return absolutePath(argument);
+}
+
 void requireApart(const QString &folder, const QString &other)
 {
-    const QString path = resolved(folder);
-    const QString otherPath = resolved(other);
-    if (path == otherPath)
-        throw Refusal(folder, QStringLiteral("is the same folder as ") + other);
-    const auto refuseInside = [](const QString &inner, const QString &outer) {
-        throw Refusal(inner, QStringLiteral("lies inside %1; the two must lie apart").arg(outer));
-    };
-    if (isWithin(path, otherPath))
-        refuseInside(folder, other);
-    if (isWithin(otherPath, path))
-        refuseInside(other, folder);
+    requireOutside(folder, other);
+    requireOutside(other, folder);
+}
+
+void requireOutside(const QString &path, const QString &folder)
+{
+    const QString resolvedPath = resolved(path);
+    const QString resolvedFolder = resolved(folder);
+    if (resolvedPath == resolvedFolder)
+        throw Refusal(path, QStringLiteral("is the same folder as ") + folder);
+    if (isWithin(resolvedPath, resolvedFolder)) {
+        throw Refusal(path, QStringLiteral("lies inside %1; the two must lie apart").arg(folder));
+    }
+}
+
+QString existingAncestor(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isRoot() ? path : existingAncestor(info.path());
 }

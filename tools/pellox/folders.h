@@ -34,5 +34,14 @@ QString existingFolder(const std::string &argument);
 /// The folder @p argument, which may be missing. Throws Refusal when something else stands there.
 QString folderToFill(const std::string &argument);
 
+/// The absolute path of @p argument, whatever stands there. Throws Refusal when it is empty.
+QString absoluteFile(const std::string &argument);
+
 /// Throws Refusal when one of the folders is the other or lies inside it, links followed.
 void requireApart(const QString &folder, const QString &other);
+
+/// Throws Refusal when @p path is @p folder or lies inside it, links followed.
+void requireOutside(const QString &path, const QString &folder);
+
+/// @p path, or the nearest folder above it that exists.
+QString existingAncestor(const QString &path);

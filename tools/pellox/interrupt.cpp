@@ -13,10 +13,16 @@ namespace {
 
 std::atomic<bool> s_lineOpen{false};
 std::atomic<const char *> s_lastWords{nullptr};
+std::atomic<bool> s_watched{false};
+std::atomic<bool> s_requested{false};
+
+constexpr int WatchInterval = 50; // milliseconds: at once, to a person
 
 // Runs in a signal: nothing but calls that are safe there.
 void end(int)
 {
+    if (s_watched && !s_requested.exchange(true))
+        return;
     ssize_t written = 0;
     if (s_lineOpen)
         written += write(STDERR_FILENO, "\n", 1);
@@ -43,4 +49,27 @@ void Interrupt::setLineOpen(bool open)
 void Interrupt::sayOnExit(const char *line)
 {
     s_lastWords = line;
+}
+
+Interrupt::Watch::Watch(std::function<void()> onInterrupt)
+{
+    s_requested = false;
+    s_watched = true;
+    QObject::connect(&m_timer, &QTimer::timeout, [this, stop = std::move(onInterrupt)] {
+        if (!isStopped())
+            return;
+        m_timer.stop();
+        stop();
+    });
+    m_timer.start(WatchInterval);
+}
+
+Interrupt::Watch::~Watch()
+{
+    s_watched = false;
+}
+
+bool Interrupt::Watch::isStopped() const
+{
+    return s_requested;
 }

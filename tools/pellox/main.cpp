@@ -44,6 +44,10 @@ int run(const Invocation &invocation)
         console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason());
         console.outcome(QStringLiteral("refused"));
         return WrongUsage;
+    } catch (const Interrupt::Stopped &) {
+        console.stopProgress();
+        console.outcome(QStringLiteral("interrupted"));
+        return Interrupted;
     }
 }
 
@@ -74,6 +78,9 @@ int parseAndRun(int argc, char **argv)
     addDiffCommand(app, invocation);
     addApplyCommand(app, invocation);
     addVerifyCommand(app, invocation);
+    addPackCommand(app, invocation);
+    addUnpackCommand(app, invocation);
+    addCopyCommand(app, invocation);
 
     try {
         app.parse(argc, argv);

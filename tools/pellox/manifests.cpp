@@ -53,9 +53,15 @@ qint64 totalSize(const QStringList &files)
         [](qint64 sum, const QString &file) { return sum + QFileInfo(file).size(); });
 }
 
+QString counted(qint64 count, const char *thing)
+{
+    return QString::number(count) + QLatin1Char(' ') + QLatin1String(thing)
+        + QLatin1String(count == 1 ? "" : "s");
+}
+
 QString fileCount(qint64 count)
 {
-    return QLocale::c().toString(count) + QLatin1String(count == 1 ? " file" : " files");
+    return counted(count, "file");
 }
 
 QString byteCount(qint64 bytes)

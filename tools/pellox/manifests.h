@@ -20,7 +20,8 @@ QStringList filesOfBuild(const QString &folder);
 
 qint64 totalSize(const QStringList &files);
 
-/// "1 file", "2 files"
+/// "1 thing", "2 things"
+QString counted(qint64 count, const char *thing);
 QString fileCount(qint64 count);
 
 /// "12.3 MiB"
