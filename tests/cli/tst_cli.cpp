@@ -1,60 +1,17 @@
 // SPDX-License-Identifier: MIT
+#include "program.h"
 #include "testtree.h"
 
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <csignal>
 
 #include <sys/types.h>
-
-namespace {
-
-constexpr int Done = 0;
-constexpr int Failed = 1;
-constexpr int WrongUsage = 2;
-constexpr int Interrupted = 130;
-
-struct Outcome
-{
-    int status;
-    QString out;
-    QString err;
-};
-
-Outcome outcomeOf(QProcess &process)
-{
-    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
-        return {-1, QString(), process.errorString()};
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-        QString::fromUtf8(process.readAllStandardError())};
-}
-
-QList<QJsonObject> jsonLines(const QString &text)
-{
-    QList<QJsonObject> objects;
-    for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-        objects.append(QJsonDocument::fromJson(line.toUtf8()).object());
-    return objects;
-}
-
-QString member(const QJsonObject &object, const char *name)
-{
-    return object.value(QLatin1String(name)).toString();
-}
-
-QStringList errorLines(const QString &text)
-{
-    return text.split(QLatin1Char('\n'))
-        .filter(QRegularExpression(QStringLiteral("^pellox: error: ")));
-}
-
-} // namespace
 
 /// Runs the program as its users do: in a folder with "old", "new" and "installed" builds.
 class tst_Cli : public QObject
@@ -103,7 +60,6 @@ private Q_SLOTS:
 
 private:
     Outcome run(const QStringList &arguments) const;
-    void start(QProcess &process, const QString &program, const QStringList &arguments) const;
     bool publish() const;
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
@@ -133,19 +89,10 @@ void tst_Cli::cleanup()
     m_tree.reset();
 }
 
-void tst_Cli::start(QProcess &process, const QString &program, const QStringList &arguments) const
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), m_locale);
-    process.setProcessEnvironment(environment);
-    process.setWorkingDirectory(m_tree->path());
-    process.start(program, arguments);
-}
-
 Outcome tst_Cli::run(const QStringList &arguments) const
 {
     QProcess process;
-    start(process, QStringLiteral(PELLOX_PROGRAM), arguments);
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM), arguments, m_tree->path(), m_locale);
     return outcomeOf(process);
 }
 
@@ -634,9 +581,10 @@ void tst_Cli::pipesSeeNoTerminalCodes()
 void tst_Cli::terminalsSeeABar()
 {
     QProcess process;
-    start(process, QStringLiteral("script"),
+    startProgram(process, QStringLiteral("script"),
         {QStringLiteral("-qec"), QStringLiteral(PELLOX_PROGRAM " sign old sigs"),
-            QStringLiteral("/dev/null")});
+            QStringLiteral("/dev/null")},
+        m_tree->path());
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, Done);
     QVERIFY2(outcome.out.contains(QLatin1String("\r\x1b[K  0 % [ ")), qPrintable(outcome.out));
@@ -693,9 +641,10 @@ void tst_Cli::interruptEndsAtOnce()
     QVERIFY(QFile::resize(path("large/file"), qint64(64) << 30));
 
     QProcess process;
-    start(process, QStringLiteral(PELLOX_PROGRAM),
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
         QStringList{QStringLiteral("sign"), QStringLiteral("large"), QStringLiteral("sigs")}
-            + options);
+            + options,
+        m_tree->path());
     QTRY_VERIFY(m_tree->exists(QStringLiteral("sigs/file")));
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
     const Outcome outcome = outcomeOf(process);

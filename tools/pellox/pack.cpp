@@ -54,6 +54,8 @@ bool pack(Console &console, const Arguments &arguments)
     const Volumes earlier(archive);
     requireSevenZip();
     requireOutside(earlier.name(), folder);
+    if (QFileInfo(earlier.name()).isDir())
+        throw Refusal(earlier.name(), QStringLiteral("is a folder"));
     if (QDir(folder).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
         throw Refusal(folder, QStringLiteral("is empty: there is nothing to pack"));
     if (!earlier.isEmpty() && !arguments.force)
@@ -75,9 +77,11 @@ bool pack(Console &console, const Arguments &arguments)
     console.startProgress(QStringLiteral("pack"), Progress::Unit::EstimatedBytes, size);
     const bool packed
         = controller->createArchive(target.path(), target.fileName(), folder, [&](double percent) {
-              if (!watch.isStopped())
+              if (percent < 100) // the last report comes whatever the outcome
                   console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
           });
+    if (packed)
+        console.advanceTo(size);
     console.stopProgress();
     controller.reset(); // ends a 7-Zip that still runs
 

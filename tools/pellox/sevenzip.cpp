@@ -78,12 +78,15 @@ Volumes::Volumes(const QString &archive)
 
     const QFileInfo info(m_name);
     const QRegularExpression form(QLatin1Char('^') + QRegularExpression::escape(info.fileName())
-        + QLatin1String("\\.(\\d{3,})$"));
+        + QLatin1String("\\.(\\d{3,})(\\.tmp)?$"));
     QMap<int, QString> byNumber;
     for (const QString &entry : info.dir().entryList(QDir::Files | QDir::Hidden)) {
         const QRegularExpressionMatch match = form.match(entry);
-        if (match.hasMatch())
-            byNumber.insert(match.captured(1).toInt(), info.dir().absoluteFilePath(entry));
+        const QString path = info.dir().absoluteFilePath(entry);
+        if (match.hasMatch() && match.captured(2).isEmpty())
+            byNumber.insert(match.captured(1).toInt(), path);
+        else if (match.hasMatch())
+            m_unfinished.append(path);
     }
     if (byNumber.isEmpty() && info.isFile()) {
         m_paths.append(m_name);
@@ -116,7 +119,7 @@ void Volumes::requireComplete() const
 
 void Volumes::remove() const
 {
-    for (const QString &path : m_paths) {
+    for (const QString &path : m_paths + m_unfinished) {
         if (!QFile::remove(path))
             throw Refusal(path, QStringLiteral("cannot be replaced"));
     }

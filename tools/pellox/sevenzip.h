@@ -29,13 +29,15 @@ public:
     qint64 size() const;
     /// Throws Refusal when there is none or one between the first and the last is missing.
     void requireComplete() const;
-    /// Throws Refusal when one cannot be removed.
+    /// Removes them, and what an ended 7-Zip left of unfinished ones. Throws Refusal when it
+    /// cannot.
     void remove() const;
 
 private:
     QString m_name;
     QStringList m_paths;
-    QString m_firstGap; ///< the missing volume, if there is one
+    QStringList m_unfinished; ///< 7-Zip writes NAME.001.tmp and renames it at the end
+    QString m_firstGap;       ///< the missing volume, if there is one
 };
 
 struct ArchivedFile
