@@ -1,37 +1,18 @@
 // SPDX-License-Identifier: MIT
-// The primitives beside the programs that people would use instead, on the same files:
-// librsync's own rdiff for deltas, "openssl dgst" for checksums. scripts/bench.sh runs it.
+// The delta primitives and the digest beside librsync's own rdiff and "openssl dgst".
+#include "comparison.h"
+
 #include <Pellox/patchhelp.h>
 #include <Pellox/SignaturesController>
 
 #include <QDir>
 #include <QFile>
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 
-#include <benchmark/benchmark.h>
-
+#include <map>
 #include <memory>
 
 namespace {
-
-constexpr int MiB = 1 << 20;
-
-void require(bool done, const char *what)
-{
-    if (!done)
-        qFatal("benchmark: cannot %s", what);
-}
-
-QByteArray randomBytes(int size, quint32 seed)
-{
-    QRandomGenerator generator(seed);
-    QByteArray bytes(size, Qt::Uninitialized);
-    generator.fillRange(
-        reinterpret_cast<quint32 *>(bytes.data()), size / static_cast<int>(sizeof(quint32)));
-    return bytes;
-}
 
 /// A file of random bytes, what becomes of it in a new release, and all that is made of them.
 class Files
@@ -41,22 +22,17 @@ public:
         : m_dir(QDir::tempPath() + QLatin1String("/bench"))
     {
         require(m_dir.isValid(), "make a folder");
-        write(
-            "basis", mebibytes, [](QByteArray &) {}, 0);
-        write(
-            "unchanged", mebibytes, [](QByteArray &) {}, 0);
+        const auto leave = [](QByteArray &) {};
+        write("basis", mebibytes, leave, 0);
+        write("unchanged", mebibytes, leave, 0);
         // An insertion of 16 bytes in every MiB: small edits, all blocks behind them moved.
         write(
             "edited", mebibytes,
             [](QByteArray &part) { part.insert(MiB / 3, "sixteen bytes...", 16); }, 0);
-        write(
-            "new", mebibytes, [](QByteArray &) {}, 1);
+        write("new", mebibytes, leave, 1);
         require(Pellox::createSignature(path("basis"), path("signature")), "sign");
-        for (const char *kind : {"unchanged", "edited", "new"}) {
-            require(Pellox::createDelta(
-                        path("signature"), path(kind), path(kind) + QLatin1String(".delta")),
-                "make a delta");
-        }
+        for (const char *kind : {"unchanged", "edited", "new"})
+            require(Pellox::createDelta(path("signature"), path(kind), delta(kind)), "diff");
     }
 
     QString path(const char *name) const { return m_dir.filePath(QLatin1String(name)); }
@@ -87,116 +63,91 @@ private:
     QTemporaryDir m_dir;
 };
 
-void runProgram(const QString &program, const QStringList &arguments)
-{
-    require(QProcess::execute(program, arguments) == 0, "run a program");
-}
-
 void rdiff(const QStringList &arguments)
 {
     runProgram(QStringLiteral(RDIFF), QStringList(QStringLiteral("-f")) + arguments);
 }
 
-template <typename Work> void measure(benchmark::State &state, Work work)
+void compareDigest(const std::vector<int> &sizes)
 {
-    const auto mebibytes = static_cast<int>(state.range(0));
-    const Files &files = Files::of(mebibytes);
-    for (auto _ : state)
-        work(files);
-    state.SetBytesProcessed(state.iterations() * mebibytes * MiB);
-}
-
-using Work = void (*)(const Files &files);
-
-struct Comparison
-{
-    const char *name;
-    Work ours;
-    const char *otherName;
-    Work other;
-};
-
-template <const char *const &Kind> void ourDelta(const Files &files)
-{
-    require(Pellox::createDelta(files.path("signature"), files.path(Kind), files.path("out")),
-        "make a delta");
-}
-
-template <const char *const &Kind> void rdiffDelta(const Files &files)
-{
-    rdiff({QStringLiteral("delta"), files.path("signature"), files.path(Kind), files.path("out")});
-}
-
-template <const char *const &Kind> void ourPatch(const Files &files)
-{
-    require(
-        Pellox::applyPatch(files.path("basis"), files.delta(Kind), files.path("out"), 0, nullptr),
-        "patch");
-}
-
-template <const char *const &Kind> void rdiffPatch(const Files &files)
-{
-    rdiff({QStringLiteral("patch"), files.path("basis"), files.delta(Kind), files.path("out")});
-}
-
-constexpr const char *Unchanged = "unchanged";
-constexpr const char *Edited = "edited";
-constexpr const char *New = "new";
-
-const Comparison Comparisons[] = {
-    {"digest",
-        [](const Files &files) {
+    compare(
+        "digest", sizes,
+        [](int size) {
             benchmark::DoNotOptimize(Pellox::SignaturesController::calculateCheckSum(
-                files.path("basis"), QCryptographicHash::Sha512));
+                Files::of(size).path("basis"), QCryptographicHash::Sha512));
         },
         "openssl dgst -sha512",
-        [](const Files &files) {
+        [](int size) {
             runProgram(QStringLiteral(OPENSSL_PROGRAM),
-                {QStringLiteral("dgst"), QStringLiteral("-sha512"), QStringLiteral("-out"),
-                    files.path("digest"), files.path("basis")});
-        }},
-    {"createSignature",
-        [](const Files &files) {
+                {QStringLiteral("dgst"), QStringLiteral("-sha512"), Files::of(size).path("basis")});
+        });
+}
+
+void compareSignature(const std::vector<int> &sizes)
+{
+    compare(
+        "createSignature", sizes,
+        [](int size) {
+            const Files &files = Files::of(size);
             require(Pellox::createSignature(files.path("basis"), files.path("out")), "sign");
         },
         "rdiff signature",
-        [](const Files &files) {
+        [](int size) {
+            const Files &files = Files::of(size);
             rdiff({QStringLiteral("-b"), QStringLiteral("2048"), QStringLiteral("-H"),
                 QStringLiteral("blake2"), QStringLiteral("-R"), QStringLiteral("rollsum"),
                 QStringLiteral("signature"), files.path("basis"), files.path("out")});
-        }},
-    {"createDelta, unchanged", ourDelta<Unchanged>, "rdiff delta", rdiffDelta<Unchanged>},
-    {"createDelta, lightly edited", ourDelta<Edited>, "rdiff delta", rdiffDelta<Edited>},
-    {"createDelta, all new", ourDelta<New>, "rdiff delta", rdiffDelta<New>},
-    {"applyPatch, unchanged", ourPatch<Unchanged>, "rdiff patch", rdiffPatch<Unchanged>},
-    {"applyPatch, lightly edited", ourPatch<Edited>, "rdiff patch", rdiffPatch<Edited>},
-    {"applyPatch, all new", ourPatch<New>, "rdiff patch", rdiffPatch<New>},
-};
+        });
+}
 
-void add(const std::string &name, Work work)
+void compareDelta(const std::vector<int> &sizes, const std::string &title, const char *kind)
 {
-    benchmark::RegisterBenchmark(
-        name.c_str(), [work](benchmark::State &state) { measure(state, work); })
-        ->Arg(1)
-        ->Arg(64)
-        ->Arg(512)
-        ->MeasureProcessCPUTime()
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond);
+    compare(
+        "createDelta, " + title, sizes,
+        [kind](int size) {
+            const Files &files = Files::of(size);
+            require(
+                Pellox::createDelta(files.path("signature"), files.path(kind), files.path("out")),
+                "diff");
+        },
+        "rdiff delta",
+        [kind](int size) {
+            const Files &files = Files::of(size);
+            rdiff({QStringLiteral("delta"), files.path("signature"), files.path(kind),
+                files.path("out")});
+        });
+}
+
+void comparePatch(const std::vector<int> &sizes, const std::string &title, const char *kind)
+{
+    compare(
+        "applyPatch, " + title, sizes,
+        [kind](int size) {
+            const Files &files = Files::of(size);
+            require(Pellox::applyPatch(
+                        files.path("basis"), files.delta(kind), files.path("out"), 0, nullptr),
+                "patch");
+        },
+        "rdiff patch",
+        [kind](int size) {
+            const Files &files = Files::of(size);
+            rdiff({QStringLiteral("patch"), files.path("basis"), files.delta(kind),
+                files.path("out")});
+        });
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    for (const Comparison &comparison : Comparisons) {
-        add(std::string(comparison.name) + "|pellox", comparison.ours);
-        add(std::string(comparison.name) + "|" + comparison.otherName, comparison.other);
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    const std::vector<int> sizes{1, 64, 512};
+    const std::vector<std::pair<std::string, const char *>> kinds{
+        {"unchanged", "unchanged"}, {"lightly edited", "edited"}, {"all new", "new"}};
+    compareDigest(sizes);
+    compareSignature(sizes);
+    for (const auto &[title, kind] : kinds)
+        compareDelta(sizes, title, kind);
+    for (const auto &[title, kind] : kinds)
+        comparePatch(sizes, title, kind);
+    return runComparisons(argc, argv);
 }

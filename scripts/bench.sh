@@ -8,15 +8,20 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh build bench >&2
 cmake --preset release -DPELLOX_BUILD_BENCHMARKS=ON >/dev/null
-cmake --build --preset release --target bench_primitives >&2
+cmake --build --preset release --target bench_primitives bench_files >&2
 
 # Random interleaving sets runs of both sides side by side, so that a machine that changes its
 # speed changes it for both.
 results=build/release/bench.csv
-build/release/bin/bench_primitives --benchmark_filter="${1:-.}" \
-    --benchmark_enable_random_interleaving=true --benchmark_repetitions="${REPETITIONS:-9}" \
-    --benchmark_min_time="${MIN_TIME:-0.2}" --benchmark_report_aggregates_only=true \
-    --benchmark_format=console --benchmark_out_format=csv --benchmark_out="$results" >&2
+: >"$results"
+for program in bench_primitives bench_files; do
+    build/release/bin/$program --benchmark_filter="${1:-.}" \
+        --benchmark_enable_random_interleaving=true --benchmark_repetitions="${REPETITIONS:-9}" \
+        --benchmark_min_time="${MIN_TIME:-0.2}" --benchmark_report_aggregates_only=true \
+        --benchmark_format=console --benchmark_out_format=csv \
+        --benchmark_out="$results.part" >&2
+    cat "$results.part" >>"$results"
+done
 
 awk -F, '
     BEGIN {

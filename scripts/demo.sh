@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Publishes the patch from one build to the next, updates an installed copy of the first and
-# compares it with the second.
+# Publishes the patch from one build to the next, packed in volumes, unpacks it as a player would,
+# updates an installed copy of the first build and compares it with the second.
 # Usage: scripts/demo.sh [OLD NEW]
 # Without folders it takes two releases of a game engine from the npm registry, or, where that
 # is out of reach, two small builds that it makes up.
@@ -89,13 +89,18 @@ timed() {
 publish_and_update() {
     signatures=$scratch/signatures
     patch=$scratch/patch
+    upload=$scratch/upload
+    download=$scratch/download
     install=$scratch/install
-    rm -rf "$signatures" "$patch" "$install"
+    rm -rf "$signatures" "$patch" "$upload" "$download" "$install"
     cp -a "$old" "$install"
     timed "$pellox" sign "$old" "$signatures" && sign_time=$seconds
     timed "$pellox" diff "$new" "$signatures" "$patch" && diff_time=$seconds
-    timed "$pellox" apply "$install" "$patch" && apply_time=$seconds
-    timed "$pellox" verify "$install" "$patch" && verify_time=$seconds
+    timed "$pellox" pack "$patch" "$upload/patch.7z" --volume-size 10M && pack_time=$seconds
+
+    timed "$pellox" unpack "$upload/patch.7z" "$download" && unpack_time=$seconds
+    timed "$pellox" apply "$install" "$download" && apply_time=$seconds
+    timed "$pellox" verify "$install" "$download" && verify_time=$seconds
 }
 
 # The files of a build: hidden ones are no part of it, links to folders are not followed.
@@ -131,10 +136,17 @@ print_table() {
             row("deleted", deleted, 0)
             row("unchanged", new_files - patched - copied, 0)
             size = delta_bytes + copy_bytes
-            printf "  the patch is %.1f %% of the new build\n\n", new_bytes ? 100 * size / new_bytes : 0
-        }' "$scratch/old.sizes" "$scratch/new.sizes" "$scratch/patch.sizes"
-    printf '  sign %s s, diff %s s, apply %s s, verify %s s\n' \
-        "$sign_time" "$diff_time" "$apply_time" "$verify_time"
+            row("packed for download", volumes, packed)
+            printf "  the patch is %.1f %% of the new build, packed %.1f %%\n\n", \
+                percent(size, new_bytes), percent(packed, new_bytes)
+        }
+        function percent(part, whole) { return whole ? 100 * part / whole : 0 }
+        ' volumes="$(find "$upload" -type f | wc -l)" \
+        packed="$(find "$upload" -type f -printf '%s\n' | awk '{ sum += $1 } END { print sum + 0 }')" \
+        "$scratch/old.sizes" "$scratch/new.sizes" "$scratch/patch.sizes"
+    printf '  publisher: sign %s s, diff %s s, pack %s s\n' "$sign_time" "$diff_time" "$pack_time"
+    printf '  player: unpack %s s, apply %s s, verify %s s\n' \
+        "$unpack_time" "$apply_time" "$verify_time"
     checksums_of "$new" >"$scratch/new.sums"
     checksums_of "$install" >"$scratch/install.sums"
     if ! cmp -s "$scratch/new.sums" "$scratch/install.sums"; then
