@@ -5,6 +5,7 @@
 #include "logcategories.h"
 #include "longpathwarning.h"
 #include "manifest.h"
+#include "namedpipe.h"
 #include "patchhelp.h"
 #include "rules.h"
 #include "rulesexecutorfunctor.h"
@@ -273,7 +274,8 @@ bool BinariesController::copyRecursively(
         qCWarning(logCatBC) << "target file already exists! Remove it!";
         QFile::remove(targetFilePath);
     }
-    return QFile::copy(sourceFilePath, targetFilePath);
+    return !isNamedPipe(QFile::encodeName(sourceFilePath).constData())
+        && QFile::copy(sourceFilePath, targetFilePath);
 }
 
 void BinariesController::copyBinaries(

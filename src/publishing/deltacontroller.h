@@ -36,8 +36,11 @@ public Q_SLOTS:
      * with 50 to 100 on pool threads, several at once and not always in ascending order.
      *
      * True when every delta and copy is made and patchRules.json is opened for writing.
-     * False after createPatchError(); what is made by then stays, without patchRules.json.
-     * Files of earlier runs that no rule names stay too.
+     * False after createPatchError(); what is made by then stays, without a new patchRules.json.
+     * Files of earlier runs that no rule names stay, and so does their patchRules.json after an
+     * error: give a new or empty folder.
+     *
+     * Do not call it from a thread of the global pool, whose other threads it waits for.
      */
     bool createPatch(
         const QString &binariesFolderPath, const QString &signatureFolderPath,

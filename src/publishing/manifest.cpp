@@ -27,7 +27,7 @@ bool read(const QString &path, QVariantList *records)
 bool write(const QString &path, const QVariantList &records)
 {
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
+    if (isNamedPipe(QFile::encodeName(path).constData()) || !file.open(QIODevice::WriteOnly))
         return false;
     file.write(QJsonDocument::fromVariant(records).toJson(QJsonDocument::Indented));
     return true;

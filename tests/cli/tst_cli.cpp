@@ -10,7 +10,10 @@
 #include <QTest>
 
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 /// Runs the program as its users do: in a folder with "old", "new" and "installed" builds.
@@ -42,7 +45,15 @@ private Q_SLOTS:
 
     void everyErrorNamesItsFileOnce_data();
     void everyErrorNamesItsFileOnce();
+    void refusesABuildThatPlayersWouldNotGet_data();
+    void refusesABuildThatPlayersWouldNotGet();
+    void refusesANameOutsideTheLocalesEncoding();
+    void refusesAPatchThatLeavesTheBuild();
     void signFailsWhenAFileHasNoSignature();
+    void signFailsWhenTheDiskIsFull_data();
+    void signFailsWhenTheDiskIsFull();
+    void applyDoesNotWaitForAPipe();
+    void verifyFailsWhenAFileCannotBeReplaced();
     void diffFailsWhenADeltaCannotBeMade();
 
     void summariesGoToStandardOutput();
@@ -431,6 +442,140 @@ void tst_Cli::everyErrorNamesItsFileOnce()
     QCOMPARE(errors, messages);
 }
 
+void tst_Cli::refusesABuildThatPlayersWouldNotGet_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("reason"); // empty where the file is fine
+
+    const QString sign = QStringLiteral("sign new sigs");
+    const QString diff = QStringLiteral("diff new sigs patch");
+    const QString asManifest
+        = QStringLiteral("has the name of the manifest and would be taken for it");
+    const QString lost = QStringLiteral("would be lost when players patch the file without .temp");
+    QTest::newRow("sign: manifest") << sign << QStringLiteral("signatures.json") << asManifest;
+    QTest::newRow("sign: manifest's name further down")
+        << sign << QStringLiteral("data/signatures.json") << QString();
+    QTest::newRow("sign: the other manifest")
+        << sign << QStringLiteral("patchRules.json") << QString();
+    QTest::newRow("diff: manifest") << diff << QStringLiteral("patchRules.json") << asManifest;
+    QTest::newRow("diff: manifest, ignored") << diff + QStringLiteral(" --ignore patchRules.json")
+                                             << QStringLiteral("patchRules.json") << QString();
+    QTest::newRow("sign: temporary") << sign << QStringLiteral("game.exe.temp") << lost;
+    QTest::newRow("diff: temporary") << diff << QStringLiteral("game.exe.temp") << lost;
+    QTest::newRow("temporary of nothing") << diff << QStringLiteral("data/other.temp") << QString();
+}
+
+void tst_Cli::refusesABuildThatPlayersWouldNotGet()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, file);
+    QFETCH(QString, reason);
+    QVERIFY(publish());
+    m_tree->remove(QStringLiteral("patch"));
+    m_tree->write(QLatin1String("new/") + file, "a file of the game");
+    const Outcome outcome = run(command.split(QLatin1Char(' ')));
+    if (reason.isEmpty()) {
+        QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+        return;
+    }
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(
+        outcome.err, QStringLiteral("pellox: error: %1/%2: %3\n").arg(path("new"), file, reason));
+    QVERIFY(!m_tree->exists(QStringLiteral("patch")));
+}
+
+void tst_Cli::refusesANameOutsideTheLocalesEncoding()
+{
+    const QByteArray name = QFile::encodeName(path("old/data/")) + "\xff.pak";
+    std::ofstream(name.constData()) << "not UTF-8";
+    const Outcome outcome
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
+    QCOMPARE(std::remove(name.constData()), 0);
+    QCOMPARE(outcome.status, WrongUsage);
+    QVERIFY2(outcome.err.endsWith(QLatin1String(
+                 ".pak: has a name that is not valid in the encoding of the locale\n")),
+        qPrintable(outcome.err));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs")));
+}
+
+void tst_Cli::refusesAPatchThatLeavesTheBuild()
+{
+    m_tree->write(QStringLiteral("victim"), "not the game's");
+    m_tree->write(QStringLiteral("patch/patchRules.json"),
+        "[{\"rule\": \"delete\", \"relative_path\": \"/data/../../victim\"}]");
+    const Outcome outcome
+        = run({QStringLiteral("apply"), QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.err,
+        QStringLiteral(
+            "pellox: error: %1/data/../../victim: is named by the patch and lies outside "
+            "the build\n")
+            .arg(path("installed")));
+    QVERIFY(m_tree->exists(QStringLiteral("victim")));
+}
+
+void tst_Cli::applyDoesNotWaitForAPipe()
+{
+    QVERIFY(publish());
+    m_tree->remove(QStringLiteral("patch/levels/new one.map"));
+    QCOMPARE(::mkfifo(qPrintable(path("patch/levels/new one.map")), 0600), 0);
+    const Outcome outcome
+        = run({QStringLiteral("apply"), QStringLiteral("installed"), QStringLiteral("patch")});
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: %1: cannot be copied")
+                        .arg(path("installed/levels/new one.map"))));
+}
+
+void tst_Cli::verifyFailsWhenAFileCannotBeReplaced()
+{
+    QVERIFY(publish());
+    const QStringList folders{QStringLiteral("installed"), QStringLiteral("patch")};
+    QCOMPARE(run(QStringList{QStringLiteral("apply")} + folders).status, Done);
+    m_tree->remove(QStringLiteral("installed/game.exe"));
+    m_tree->makeFolder(QStringLiteral("installed/game.exe"));
+    const Outcome outcome = run(QStringList{QStringLiteral("verify")} + folders);
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: %1: cannot be replaced by its .temp file")
+                        .arg(path("installed/game.exe"))));
+}
+
+void tst_Cli::signFailsWhenTheDiskIsFull_data()
+{
+    QTest::addColumn<QString>("limit");   // of a file, in units of 512 bytes
+    QTest::addColumn<QString>("message"); // the beginning
+
+    QTest::newRow("no room for the manifest")
+        << QStringLiteral("1") << QStringLiteral("%1/sigs/signatures.json: is not JSON");
+    QTest::newRow("no room for a signature")
+        << QStringLiteral("16")
+        << QStringLiteral("%1/old/large.pak: has no whole signature: cannot write "
+                          "%1/sigs/large.pak");
+}
+
+void tst_Cli::signFailsWhenTheDiskIsFull()
+{
+    QFETCH(QString, limit);
+    QFETCH(QString, message);
+    m_tree->write(QStringLiteral("old/large.pak"), QByteArray(1 << 20, 'x'));
+    QProcess process;
+    // A limit of the size of files stands for the disk.
+    startProgram(process, QStringLiteral("sh"),
+        {QStringLiteral("-c"),
+            QStringLiteral("trap '' XFSZ; ulimit -f %1; exec " PELLOX_PROGRAM " sign old sigs")
+                .arg(limit)},
+        m_tree->path());
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Failed);
+    const QStringList errors = errorLines(outcome.err);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().startsWith(QLatin1String("pellox: error: ")
+                 + message.replace(QLatin1String("%1"), m_tree->path())),
+        qPrintable(outcome.err));
+}
+
 void tst_Cli::signFailsWhenAFileHasNoSignature()
 {
     m_tree->makeFolder(QStringLiteral("sigs/game.exe"));
@@ -438,9 +583,10 @@ void tst_Cli::signFailsWhenAFileHasNoSignature()
         = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
     QCOMPARE(outcome.status, Failed);
     QCOMPARE(errorLines(outcome.err),
-        QStringList(QStringLiteral("pellox: error: %1/game.exe: has no signature: cannot write "
-                                   "%2/game.exe")
-                        .arg(path("old"), path("sigs"))));
+        QStringList(
+            QStringLiteral("pellox: error: %1/game.exe: has no whole signature: cannot write "
+                           "%2/game.exe")
+                .arg(path("old"), path("sigs"))));
 
     m_tree->makeFolder(QStringLiteral("other/signatures.json"));
     const Outcome other

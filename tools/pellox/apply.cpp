@@ -78,12 +78,23 @@ private:
     qint64 m_total = 0;
 };
 
+/// A rule must not lead out of the build, whoever made the patch.
+void requireInside(const QString &build, const QJsonArray &rules)
+{
+    for (const QJsonValue &rule : rules) {
+        const QString path = build + relativePathOf(rule);
+        if (!QDir::cleanPath(path).startsWith(build + QLatin1Char('/')))
+            throw Refusal(path, QStringLiteral("is named by the patch and lies outside the build"));
+    }
+}
+
 bool apply(Console &console, const Arguments &arguments)
 {
     const QString build = existingFolder(arguments.build);
     const QString patch = existingFolder(arguments.patch);
     const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
     requireApart(patch, build);
+    requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to patch"));
 
@@ -118,9 +129,9 @@ bool apply(Console &console, const Arguments &arguments)
 
     if (!success || console.errorCount() > 0)
         return false;
-    console.result(QStringLiteral("Applied %1 rules (%2). To check and put the patched files in "
-                                  "place: pellox verify")
-                       .arg(QString::number(rules.size()), byteCount(written.total())));
+    console.result(QStringLiteral("Applied %1 (%2). To check and put the patched files in place: "
+                                  "pellox verify")
+                       .arg(counted(rules.size(), "rule"), byteCount(written.total())));
     return true;
 }
 

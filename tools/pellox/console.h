@@ -48,9 +48,7 @@ public:
     int errorCount() const;
 
 private:
-    bool showsProgress() const;
     void showProgress();
-    void clearBar();
     void writeError(const QString &line);
     void writeJson(const QJsonObject &object);
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "buildcheck.h"
 #include "commands.h"
 #include "failedrules.h"
 #include "folders.h"
@@ -61,9 +62,8 @@ Share shareOf(const QString &ruleName, const QJsonArray &rules, const QString &p
     return share;
 }
 
-void summarise(Console &console, const QString &patch)
+void summarise(Console &console, const QJsonArray &rules, const QString &patch)
 {
-    const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
     const Share patched = shareOf(Pellox::PATCH_RULE, rules, patch);
     const Share copied = shareOf(Pellox::COPY_RULE, rules, patch);
     const Share deleted = shareOf(Pellox::DELETE_RULE, rules, patch);
@@ -84,6 +84,8 @@ bool diff(Console &console, const Arguments &arguments)
     requireApart(patch, signatures);
     const QStringList ignored = ignoredFiles(console, newBuild, arguments.ignore);
 
+    requirePublishable(newBuild, Pellox::PATCH_RULES_FILE, ignored);
+
     const qint64 size = totalSize(filesOfBuild(newBuild));
     const FailedRules failedRules(console, newBuild);
     Pellox::DeltaController controller;
@@ -95,10 +97,15 @@ bool diff(Console &console, const Arguments &arguments)
         = controller.createPatch(newBuild, signatures, patch, ignored, [&](double percent) {
               console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
           });
-    console.stopProgress();
     if (made)
-        summarise(console, patch);
-    return made;
+        console.advanceTo(size);
+    console.stopProgress();
+    if (!made)
+        return false;
+    const auto rules = readWrittenManifest(console, patch, Pellox::PATCH_RULES_FILE);
+    if (rules)
+        summarise(console, *rules, patch);
+    return rules.has_value();
 }
 
 } // namespace
@@ -122,8 +129,8 @@ void addDiffCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command
         ->add_option("--ignore", arguments->ignore,
-            "A file or folder to leave alone on players' machines: a path in NEW_BUILD, "
-            "relative to it or absolute. May be given several times")
+            "A file or folder of NEW_BUILD to leave out of the patch, relative to NEW_BUILD or "
+            "absolute. What only players have is deleted all the same. May be given several times")
         ->type_name("PATH")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "manifests.h"
 
+#include "console.h"
 #include "folders.h"
 
 #include <QDir>
@@ -31,6 +32,17 @@ QJsonArray readManifest(const QString &folder, const QString &fileName)
     if (!document.isArray())
         throw Refusal(path, QStringLiteral("is not a JSON array"));
     return document.array();
+}
+
+std::optional<QJsonArray> readWrittenManifest(
+    Console &console, const QString &folder, const QString &fileName)
+{
+    try {
+        return readManifest(folder, fileName);
+    } catch (const Refusal &problem) {
+        console.error(problem.path(), problem.reason() + QLatin1String(" (is the disk full?)"));
+        return {};
+    }
 }
 
 QString relativePathOf(const QJsonValue &record)

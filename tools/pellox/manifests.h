@@ -4,6 +4,10 @@
 #include <QJsonArray>
 #include <QString>
 
+#include <optional>
+
+class Console;
+
 /// The program's own look at the library's manifests: before a run, and for its summary.
 
 /**
@@ -11,6 +15,10 @@
  * cannot be read or is not a JSON array.
  */
 QJsonArray readManifest(const QString &folder, const QString &fileName);
+
+/// The same after a run has written it: nothing, after Console::error(), where that throws.
+std::optional<QJsonArray> readWrittenManifest(
+    Console &console, const QString &folder, const QString &fileName);
 
 /// The "relative_path" of a record.
 QString relativePathOf(const QJsonValue &record);

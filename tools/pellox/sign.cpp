@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "buildcheck.h"
 #include "commands.h"
 #include "folders.h"
 #include "manifests.h"
@@ -19,19 +20,28 @@ struct Arguments
     std::string signatures;
 };
 
+/// How large the signature of a file is: a header, and a weak and a strong sum a block.
+qint64 signatureSize(qint64 fileSize)
+{
+    constexpr qint64 Header = 12;
+    constexpr qint64 BlockLength = 2048;
+    constexpr qint64 Sums = 4 + 32;
+    return Header + Sums * ((fileSize + BlockLength - 1) / BlockLength);
+}
+
 /// The library records a file that it could not sign like any other: look at what came out.
 void reportUnsigned(Console &console, const QString &build, const QString &signatures)
 {
-    const QJsonArray records = readManifest(signatures, Pellox::SIGNATURES_FILE);
-    for (const QJsonValue &record : records) {
+    const auto records = readWrittenManifest(console, signatures, Pellox::SIGNATURES_FILE);
+    for (const QJsonValue &record : records.value_or(QJsonArray())) {
         const QString relativePath = relativePathOf(record);
         const QString file = build + relativePath;
         const QFileInfo signature(signatures + relativePath);
         if (record.toObject().value(QLatin1String("sha512")).toString().isEmpty())
             console.error(file, QStringLiteral("cannot be read"));
-        else if (!signature.isFile() || signature.size() == 0)
-            console.error(
-                file, QStringLiteral("has no signature: cannot write ") + signature.filePath());
+        else if (!signature.isFile() || signature.size() != signatureSize(QFileInfo(file).size()))
+            console.error(file,
+                QStringLiteral("has no whole signature: cannot write ") + signature.filePath());
     }
 }
 
@@ -40,6 +50,7 @@ bool sign(Console &console, const Arguments &arguments)
     const QString build = existingFolder(arguments.build);
     const QString signatures = folderToFill(arguments.signatures);
     requireApart(signatures, build);
+    requirePublishable(build, Pellox::SIGNATURES_FILE, {});
 
     const QStringList files = filesOfBuild(build);
     const qint64 size = totalSize(files);

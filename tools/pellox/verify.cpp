@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QJsonObject>
 
 #include <algorithm>
@@ -22,11 +23,19 @@ struct Arguments
     std::string patch;
 };
 
-qint64 patchRuleCount(const QJsonArray &rules)
+bool isPatchRule(const QJsonValue &rule)
 {
-    return std::count_if(rules.begin(), rules.end(), [](const QJsonValue &rule) {
-        return rule.toObject().value(QLatin1String("rule")).toString() == Pellox::PATCH_RULE;
-    });
+    return rule.toObject().value(QLatin1String("rule")).toString() == Pellox::PATCH_RULE;
+}
+
+/// That a checked file could not take the old one's place is no error to the library.
+void reportLeftTemporaries(Console &console, const QString &build, const QJsonArray &rules)
+{
+    for (const QJsonValue &rule : rules) {
+        const QString path = build + relativePathOf(rule);
+        if (isPatchRule(rule) && QFileInfo::exists(path + QLatin1String(".temp")))
+            console.error(path, QStringLiteral("cannot be replaced by its .temp file"));
+    }
 }
 
 bool verify(Console &console, const Arguments &arguments)
@@ -57,9 +66,13 @@ bool verify(Console &console, const Arguments &arguments)
         return false;
     loop.exec();
     console.stopProgress();
+    reportLeftTemporaries(console, build, rules);
+    if (console.errorCount() > 0)
+        return false;
     if (success) {
-        console.result(QStringLiteral("Verified %1 and put them in place: %2")
-                           .arg(fileCount(patchRuleCount(rules)), build));
+        console.result(
+            QStringLiteral("Verified %1 and put them in place: %2")
+                .arg(fileCount(std::count_if(rules.begin(), rules.end(), isPatchRule)), build));
     }
     return success;
 }

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#include "buildcheck.h"
+
+#include "folders.h"
+#include "manifests.h"
+
+#include <QFile>
+#include <QSet>
+
+#include <filesystem>
+#include <system_error>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+QString decoded(const fs::path &path)
+{
+    return QFile::decodeName(QByteArray::fromStdString(path.string()));
+}
+
+bool isHidden(const fs::path &path)
+{
+    return path.filename().string().front() == '.';
+}
+
+void requireListable(const fs::path &folder);
+
+void requireNameable(const fs::directory_entry &entry)
+{
+    const std::string bytes = entry.path().string();
+    if (QFile::encodeName(QFile::decodeName(bytes.c_str())).toStdString() != bytes) {
+        throw Refusal(decoded(entry.path()),
+            QStringLiteral("has a name that is not valid in the encoding of the locale"));
+    }
+    std::error_code ignored;
+    if (entry.is_directory(ignored) && !entry.is_symlink(ignored))
+        requireListable(entry.path());
+}
+
+void requireListable(const fs::path &folder)
+{
+    std::error_code problem;
+    for (fs::directory_iterator entry(folder, problem), end; !problem && entry != end;
+         entry.increment(problem)) {
+        if (!isHidden(entry->path()))
+            requireNameable(*entry);
+    }
+    if (problem)
+        throw Refusal(decoded(folder), QStringLiteral("cannot be listed"));
+}
+
+} // namespace
+
+void requirePublishable(const QString &build, const QString &manifest, const QStringList &ignored)
+{
+    requireListable(QFile::encodeName(build).toStdString());
+
+    const QStringList files = filesOfBuild(build);
+    const QSet<QString> published = QSet<QString>(files.cbegin(), files.cend())
+        - QSet<QString>(ignored.cbegin(), ignored.cend());
+    const QString manifestPath = build + QLatin1Char('/') + manifest;
+    if (published.contains(manifestPath)) {
+        throw Refusal(
+            manifestPath, QStringLiteral("has the name of the manifest and would be taken for it"));
+    }
+    for (const QString &file : published) {
+        const QString temporary = file + QLatin1String(".temp");
+        if (published.contains(temporary)) {
+            throw Refusal(temporary,
+                QStringLiteral("would be lost when players patch the file without .temp"));
+        }
+    }
+}
