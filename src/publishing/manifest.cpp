@@ -20,8 +20,9 @@ bool read(const QString &path, QVariantList *records)
     const bool opened
         = !isNamedPipe(QFile::encodeName(path).constData()) && file.open(QIODevice::ReadOnly);
     const QByteArray json = opened ? file.readAll() : QByteArray();
-    *records = QJsonDocument::fromJson(json).toVariant().toList();
-    return opened;
+    const bool complete = opened && file.error() == QFileDevice::NoError;
+    *records = complete ? QJsonDocument::fromJson(json).toVariant().toList() : QVariantList();
+    return complete;
 }
 
 bool write(const QString &path, const QVariantList &records)

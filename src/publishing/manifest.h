@@ -19,7 +19,7 @@ QString pathIn(const QString &folder, const QString &fileName);
 
 /**
  * Reads the records of the manifest at @p path into @p records; anything but a JSON array
- * is an empty list. False, with an empty list, when the file does not open.
+ * is an empty list. False, with an empty list, when the file does not open or read.
  */
 bool read(const QString &path, QVariantList *records);
 

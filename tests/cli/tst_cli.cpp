@@ -48,6 +48,7 @@ private Q_SLOTS:
     void refusesABuildThatPlayersWouldNotGet_data();
     void refusesABuildThatPlayersWouldNotGet();
     void refusesANameOutsideTheLocalesEncoding();
+    void refusesALinkToAPipe();
     void refusesAPatchThatLeavesTheBuild();
     void signFailsWhenAFileHasNoSignature();
     void signFailsWhenTheDiskIsFull_data();
@@ -497,6 +498,18 @@ void tst_Cli::refusesANameOutsideTheLocalesEncoding()
                  ".pak: has a name that is not valid in the encoding of the locale\n")),
         qPrintable(outcome.err));
     QVERIFY(!m_tree->exists(QStringLiteral("sigs")));
+}
+
+void tst_Cli::refusesALinkToAPipe()
+{
+    QCOMPARE(::mkfifo(qPrintable(path("pipe")), 0600), 0);
+    m_tree->link(QStringLiteral("old/data/link"), path("pipe"));
+    const Outcome outcome
+        = run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")});
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.err,
+        QStringLiteral("pellox: error: %1: is a link to something that is no file\n")
+            .arg(path("old/data/link")));
 }
 
 void tst_Cli::refusesAPatchThatLeavesTheBuild()

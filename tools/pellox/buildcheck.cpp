@@ -34,6 +34,10 @@ void requireNameable(const fs::directory_entry &entry)
             QStringLiteral("has a name that is not valid in the encoding of the locale"));
     }
     std::error_code ignored;
+    if (entry.is_symlink(ignored) && entry.is_other(ignored)) {
+        throw Refusal(
+            decoded(entry.path()), QStringLiteral("is a link to something that is no file"));
+    }
     if (entry.is_directory(ignored) && !entry.is_symlink(ignored))
         requireListable(entry.path());
 }
