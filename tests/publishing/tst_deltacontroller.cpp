@@ -206,6 +206,8 @@ private Q_SLOTS:
 
     void manifestThatCannotBeOpened_data();
     void manifestThatCannotBeOpened();
+    void pipeInPlaceOfTheManifestIsNotWaitedFor();
+    void linkToAPipeIsNotWaitedFor();
     void failureAfterOpeningTheManifestIsNotNoticed();
 
     void existingPatchFolderIsFilledAndNotCleaned();
@@ -1417,6 +1419,24 @@ void tst_DeltaController::manifestThatCannotBeOpened()
     QCOMPARE(patchEntries(), texts({"added", "game.bin", "patchRules.json/"}));
     QCOMPARE(rebuilt(text("/game.bin")), QByteArray("new"));
     QCOMPARE(read("patch/added"), QByteArray("added"));
+}
+
+void tst_DeltaController::pipeInPlaceOfTheManifestIsNotWaitedFor()
+{
+    m_tree->makeFolder(text("patch"));
+    QCOMPARE(::mkfifo(QFile::encodeName(path("patch/patchRules.json")).constData(), 0600), 0);
+    QVERIFY(!createPatch());
+    EXPECT_ERROR(failureOf("patch"));
+}
+
+void tst_DeltaController::linkToAPipeIsNotWaitedFor()
+{
+    QCOMPARE(::mkfifo(QFile::encodeName(path("pipe")).constData(), 0600), 0);
+    m_tree->link(text("new/link"), path("pipe"));
+    QVERIFY(!createPatch());
+    QCOMPARE(m_log->take(QtCriticalMsg, "BinariesController"),
+        texts({R"(Failed apply rule "{\"relative_path\":\"/link\",\"rule\":\"copy\"}")"}));
+    EXPECT_ERROR(failureOf("patch"));
 }
 
 void tst_DeltaController::failureAfterOpeningTheManifestIsNotNoticed()

@@ -172,6 +172,7 @@ private Q_SLOTS:
 
     void manifestThatCannotBeCreatedIsReportedOnce_data();
     void manifestThatCannotBeCreatedIsReportedOnce();
+    void pipeInPlaceOfTheManifestIsNotWaitedFor();
     void signaturesFolderThatCannotBeCreatedIsReportedOnce();
     void errorIsSignalledInTheCallersThread();
     void failureAfterOpeningTheManifestIsNotNoticed();
@@ -925,6 +926,19 @@ void tst_SignaturesController::manifestThatCannotBeCreatedIsReportedOnce()
     QCOMPARE(m_progress, QVector<double>({0, 50, 100}));
     QCOMPARE(TestTree::snapshot(QDir(signaturesFolder).absolutePath()).keys(),
         QStringList({text("a"), text("b"), text("signatures.json/")}));
+}
+
+void tst_SignaturesController::pipeInPlaceOfTheManifestIsNotWaitedFor()
+{
+    m_tree->makeFolder(QStringLiteral("signatures"));
+    const QString pipe = signatures() + QStringLiteral("/signatures.json");
+    QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    sign();
+
+    const QString message = QStringLiteral("Can't create signatures file in ") + signatures();
+    QCOMPARE(m_log->takeAll(Category), QStringList(QStringLiteral("debug: ") + message));
+    QCOMPARE(m_errors->count(), 1);
+    QCOMPARE(m_errors->takeFirst(), QVariantList({message}));
 }
 
 void tst_SignaturesController::signaturesFolderThatCannotBeCreatedIsReportedOnce()
