@@ -1423,6 +1423,7 @@ void tst_DeltaController::manifestThatCannotBeOpened()
 
 void tst_DeltaController::pipeInPlaceOfTheManifestIsNotWaitedFor()
 {
+    changeGameBin();
     m_tree->makeFolder(text("patch"));
     QCOMPARE(::mkfifo(QFile::encodeName(path("patch/patchRules.json")).constData(), 0600), 0);
     QVERIFY(!createPatch());
@@ -1431,11 +1432,13 @@ void tst_DeltaController::pipeInPlaceOfTheManifestIsNotWaitedFor()
 
 void tst_DeltaController::linkToAPipeIsNotWaitedFor()
 {
+    changeGameBin();
     QCOMPARE(::mkfifo(QFile::encodeName(path("pipe")).constData(), 0600), 0);
     m_tree->link(text("new/link"), path("pipe"));
     QVERIFY(!createPatch());
     QCOMPARE(m_log->take(QtCriticalMsg, "BinariesController"),
-        texts({R"(Failed apply rule "{\"relative_path\":\"/link\",\"rule\":\"copy\"}")"}));
+        texts({"Failed apply rule "
+               "\"{\\\"relative_path\\\":\\\"/link\\\",\\\"rule\\\":\\\"copy\\\"}\""}));
     EXPECT_ERROR(failureOf("patch"));
 }
 
