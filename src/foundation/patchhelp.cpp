@@ -4,7 +4,12 @@
 #include "deltafile.h"
 #include "logcategories.h"
 
+#include <QtEndian>
+
 #include <librsync.h>
+
+#include <array>
+#include <cstdio>
 
 QLoggingCategory logCatPH("PatchHelper");
 
@@ -20,6 +25,23 @@ struct SignatureSetFree
     void operator()(rs_signature_t *set) const { rs_free_sumset(set); }
 };
 using SignatureSet = std::unique_ptr<rs_signature_t, SignatureSetFree>;
+
+/**
+ * True when @p file is a signature by its magic and has a block length that nobody uses. By
+ * that length librsync sizes a buffer, and ends the process when it cannot be had.
+ */
+bool hasAbsurdBlockLength(std::FILE *file)
+{
+    constexpr quint32 LargestBlockLength = 16 * 1024 * 1024; // librsync advises 1 MiB for 1 TiB
+    std::array<uchar, 8> header{};                           // magic and block length, big-endian
+    const bool complete = std::fread(header.data(), header.size(), 1, file) == 1;
+    std::rewind(file);
+    const auto magic = qFromBigEndian<quint32>(header.data());
+    const bool isSignature = magic == RS_MD4_SIG_MAGIC || magic == RS_BLAKE2_SIG_MAGIC
+        || magic == RS_RK_MD4_SIG_MAGIC || magic == RS_RK_BLAKE2_SIG_MAGIC;
+    return complete && isSignature
+        && qFromBigEndian<quint32>(header.data() + 4) > LargestBlockLength;
+}
 
 void logRsyncFailure(const char *message, const char *path, rs_result result)
 {
@@ -84,7 +106,9 @@ bool createDelta(const char *signatureFilePath, const char *newFilePath, const c
 
     rs_stats_t stats;
     rs_signature_t *loaded = nullptr;
-    rs_result result = rs_loadsig_file(signature.get(), &loaded, &stats);
+    rs_result result = hasAbsurdBlockLength(signature.get())
+        ? RS_CORRUPT
+        : rs_loadsig_file(signature.get(), &loaded, &stats);
     if (result != RS_DONE) {
         logRsyncFailure("ERROR: Rsync can't load signature file", signatureFilePath, result);
         leaveAllOpen();
