@@ -48,14 +48,17 @@ bool allSucceeded(const QFutureWatcher<bool> &watcher)
 QString cleanUpFailedPatch(
     const QString &binFilePath, const QString &patchFilePath, const QString &temporaryPath)
 {
-    const bool leftover = QFileInfo::exists(temporaryPath);
-    if (leftover)
-        QFile::remove(temporaryPath);
+    QString reason;
     if (!QFileInfo::exists(binFilePath))
-        return binFilePath + QLatin1String(" - not found");
-    if (!QFileInfo::exists(patchFilePath))
-        return patchFilePath + QLatin1String(" - not found");
-    return leftover ? QStringLiteral("Temp file removed") : QStringLiteral("%1");
+        reason = binFilePath + QLatin1String(" - not found");
+    else if (!QFileInfo::exists(patchFilePath))
+        reason = patchFilePath + QLatin1String(" - not found");
+    if (QFileInfo::exists(temporaryPath)) {
+        QFile::remove(temporaryPath);
+        if (reason.isEmpty())
+            reason = QStringLiteral("Temp file removed");
+    }
+    return reason.isEmpty() ? QStringLiteral("%1") : reason;
 }
 
 } // namespace
