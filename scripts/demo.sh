@@ -50,7 +50,7 @@ choose_builds() {
         old=$scratch/made-up-1
         new=$scratch/made-up-2
         make_up_builds
-        echo "The npm registry is out of reach: two made-up builds instead"
+        echo "npm or its registry is out of reach: two made-up builds instead"
     fi
 }
 
@@ -78,11 +78,11 @@ make_up_builds() {
     seq 7 70007 >"$new/data/levels/level 201.txt"
 }
 
-# Runs a command and notes in $seconds how long it took.
+# Runs the program, which must succeed, and notes in $seconds how long it took.
 timed() {
     local start
     start=$(date +%s.%N)
-    "$@"
+    "$pellox" "$@" || fail "\"pellox $1\" failed"
     seconds=$(awk -v a="$start" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')
 }
 
@@ -94,13 +94,19 @@ publish_and_update() {
     install=$scratch/install
     rm -rf "$signatures" "$patch" "$upload" "$download" "$install"
     cp -a "$old" "$install"
-    timed "$pellox" sign "$old" "$signatures" && sign_time=$seconds
-    timed "$pellox" diff "$new" "$signatures" "$patch" && diff_time=$seconds
-    timed "$pellox" pack "$patch" "$upload/patch.7z" --volume-size 10M && pack_time=$seconds
+    timed sign "$old" "$signatures"
+    sign_time=$seconds
+    timed diff "$new" "$signatures" "$patch"
+    diff_time=$seconds
+    timed pack "$patch" "$upload/patch.7z" --volume-size 10M
+    pack_time=$seconds
 
-    timed "$pellox" unpack "$upload/patch.7z" "$download" && unpack_time=$seconds
-    timed "$pellox" apply "$install" "$download" && apply_time=$seconds
-    timed "$pellox" verify "$install" "$download" && verify_time=$seconds
+    timed unpack "$upload/patch.7z" "$download"
+    unpack_time=$seconds
+    timed apply "$install" "$download"
+    apply_time=$seconds
+    timed verify "$install" "$download"
+    verify_time=$seconds
 }
 
 # The files of a build: hidden ones are no part of it, links to folders are not followed.
@@ -153,7 +159,10 @@ print_table() {
         diff "$scratch/new.sums" "$scratch/install.sums" | head -20
         fail "the updated build DIFFERS from the new one"
     fi
-    echo "  the updated build and the new one: identical ($(wc -l <"$scratch/new.sums") files compared)"
+    echo "  the updated build and the new one: identical (files compared: $(wc -l <"$scratch/new.sums"))"
+    local hidden
+    hidden=$(cd "$new" && find . -path '*/.?*' -type f | wc -l)
+    [ "$hidden" -eq 0 ] || echo "  (hidden files, which are no part of a build: $hidden)"
 }
 
 main "$@"

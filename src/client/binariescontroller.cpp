@@ -83,7 +83,7 @@ bool BinariesController::applyPatch(
     const QDir patchFolder(deltaFolderPath);
     const QString rulesPath = patchFolder.absoluteFilePath(PATCH_RULES_FILE);
     QVariantList rules;
-    if (!Manifest::read(rulesPath, &rules)) {
+    if (Manifest::read(rulesPath, &rules) == Manifest::ReadResult::NotOpened) {
         const QString message = QStringLiteral("Failed patch %1\n Can't open %2")
                                     .arg(patchFolder.absolutePath(), rulesPath);
         qCCritical(logCatBC) << qPrintable(message);
@@ -118,7 +118,7 @@ bool BinariesController::verifyPatchedFiles(
     const QDir patchFolder(deltaFolderPath);
     const QString rulesPath = patchFolder.absoluteFilePath(PATCH_RULES_FILE);
     QVariantList rules;
-    if (!Manifest::read(rulesPath, &rules)) {
+    if (Manifest::read(rulesPath, &rules) == Manifest::ReadResult::NotOpened) {
         const QString message = QStringLiteral("Failed verify %1\n Can't open %2")
                                     .arg(patchFolder.absolutePath(), rulesPath);
         qCCritical(logCatBC) << qPrintable(message);
@@ -199,7 +199,8 @@ bool BinariesController::patchFile(const QString &binFilePath, const QString &pa
     const QDir folder = binFile.dir();
     if (!folder.exists())
         folder.mkpath(folder.absolutePath());
-    if (QFileInfo::exists(temporaryPath))
+    // A leftover that is a link leading nowhere goes too: the new content must not follow it.
+    if (QFileInfo::exists(temporaryPath) || QFileInfo(temporaryPath).isSymLink())
         QFile::remove(temporaryPath);
 
     if (Pellox::applyPatch(binFile.absoluteFilePath(), QFileInfo(patchFilePath).absoluteFilePath(),

@@ -70,7 +70,7 @@ Digest::Digest(QCryptographicHash::Algorithm algorithm)
 void Digest::add(const char *data, qint64 size)
 {
     if (m_context)
-        EVP_DigestUpdate(m_context.get(), data, static_cast<size_t>(size));
+        m_failed |= EVP_DigestUpdate(m_context.get(), data, static_cast<size_t>(size)) != 1;
     else
         m_qtHash.addData(data, static_cast<int>(size));
 }
@@ -80,8 +80,9 @@ QByteArray Digest::finish()
     if (!m_context)
         return m_qtHash.result();
     QByteArray digest(EVP_MD_CTX_size(m_context.get()), Qt::Uninitialized);
-    EVP_DigestFinal_ex(m_context.get(), reinterpret_cast<unsigned char *>(digest.data()), nullptr);
-    return digest;
+    auto *bytes = reinterpret_cast<unsigned char *>(digest.data());
+    m_failed |= EVP_DigestFinal_ex(m_context.get(), bytes, nullptr) != 1;
+    return m_failed ? QByteArray() : digest;
 }
 
 #else

@@ -21,7 +21,8 @@ public:
     explicit Digest(QCryptographicHash::Algorithm algorithm);
 
     void add(const char *data, qint64 size);
-    /// The raw digest of all that was added. Ends the computation.
+    /// The raw digest of all that was added; empty when it cannot be computed. Ends the
+    /// computation.
     QByteArray finish();
 
 private:
@@ -31,6 +32,7 @@ private:
     };
 
     std::unique_ptr<evp_md_ctx_st, ContextFree> m_context; ///< libcrypto's; null where Qt computes
+    bool m_failed = false;                                 ///< libcrypto refused something
     QCryptographicHash m_qtHash;
 };
 

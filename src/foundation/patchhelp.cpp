@@ -10,6 +10,8 @@
 
 #include <array>
 #include <cstdio>
+#include <limits>
+#include <new>
 
 QLoggingCategory logCatPH("PatchHelper");
 
@@ -27,20 +29,23 @@ struct SignatureSetFree
 using SignatureSet = std::unique_ptr<rs_signature_t, SignatureSetFree>;
 
 /**
- * True when @p file is a signature by its magic and has a block length that nobody uses. By
- * that length librsync sizes a buffer, and ends the process when it cannot be had.
+ * True when @p file is a signature by its magic and librsync could not get the buffer that it
+ * sizes by the block length: it would end the process then.
  */
-bool hasAbsurdBlockLength(std::FILE *file)
+bool asksForTooLargeABuffer(std::FILE *file)
 {
-    constexpr quint32 LargestBlockLength = 16 * 1024 * 1024; // librsync advises 1 MiB for 1 TiB
-    std::array<uchar, 8> header{};                           // magic and block length, big-endian
+    std::array<uchar, 8> header{}; // magic and block length, big-endian
     const bool complete = std::fread(header.data(), header.size(), 1, file) == 1;
     std::rewind(file);
     const auto magic = qFromBigEndian<quint32>(header.data());
     const bool isSignature = magic == RS_MD4_SIG_MAGIC || magic == RS_BLAKE2_SIG_MAGIC
         || magic == RS_RK_MD4_SIG_MAGIC || magic == RS_RK_BLAKE2_SIG_MAGIC;
-    return complete && isSignature
-        && qFromBigEndian<quint32>(header.data() + 4) > LargestBlockLength;
+    if (!complete || !isSignature)
+        return false;
+    // Four blocks and a little, computed in an int.
+    const quint64 bufferSize = 4ULL * qFromBigEndian<quint32>(header.data() + 4) + 10;
+    return bufferSize > std::numeric_limits<int>::max()
+        || !std::unique_ptr<char[]>(new (std::nothrow) char[bufferSize]);
 }
 
 void logRsyncFailure(const char *message, const char *path, rs_result result)
@@ -106,7 +111,7 @@ bool createDelta(const char *signatureFilePath, const char *newFilePath, const c
 
     rs_stats_t stats;
     rs_signature_t *loaded = nullptr;
-    rs_result result = hasAbsurdBlockLength(signature.get())
+    rs_result result = asksForTooLargeABuffer(signature.get())
         ? RS_CORRUPT
         : rs_loadsig_file(signature.get(), &loaded, &stats);
     if (result != RS_DONE) {

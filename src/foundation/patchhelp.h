@@ -35,7 +35,8 @@ PELLOX_EXPORT bool createSignature(const QString &basisFilePath, const QString &
 /**
  * Writes to @p deltaFilePath the librsync delta that makes @p newFilePath out of the
  * file that @p signatureFilePath describes. The signature is held in memory.
- * True exactly when librsync reports RS_DONE.
+ * True exactly when librsync reports RS_DONE. A signature whose block length asks for more
+ * memory than there is cannot be loaded.
  *
  * When all three files open but the signature cannot be loaded, they stay open for the
  * life of the process; this is promised and will not change.

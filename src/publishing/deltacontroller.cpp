@@ -149,7 +149,8 @@ bool DeltaController::createPatch(const QString &binariesFolderPath,
 
     const NewFiles newFiles = walkNewBuild(folders.newBuild, ignoreFiles);
     QVariantList records;
-    if (!Manifest::read(Manifest::pathIn(signatureFolderPath, SIGNATURES_FILE), &records))
+    const QString signaturesPath = Manifest::pathIn(signatureFolderPath, SIGNATURES_FILE);
+    if (Manifest::read(signaturesPath, &records) != Manifest::ReadResult::Complete)
         return fail(QLatin1String("Can't open signatures.json from ") + signatureFolderPath);
 
     QList<OldFile> oldFiles = oldFilesOf(records);

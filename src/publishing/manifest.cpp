@@ -14,15 +14,17 @@ QString pathIn(const QString &folder, const QString &fileName)
     return folder + QDir::separator() + fileName;
 }
 
-bool read(const QString &path, QVariantList *records)
+ReadResult read(const QString &path, QVariantList *records)
 {
+    records->clear();
     QFile file(path);
-    const bool opened
-        = !isNamedPipe(QFile::encodeName(path).constData()) && file.open(QIODevice::ReadOnly);
-    const QByteArray json = opened ? file.readAll() : QByteArray();
-    const bool complete = opened && file.error() == QFileDevice::NoError;
-    *records = complete ? QJsonDocument::fromJson(json).toVariant().toList() : QVariantList();
-    return complete;
+    if (isNamedPipe(QFile::encodeName(path).constData()) || !file.open(QIODevice::ReadOnly))
+        return ReadResult::NotOpened;
+    const QByteArray json = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return ReadResult::Unreadable;
+    *records = QJsonDocument::fromJson(json).toVariant().toList();
+    return ReadResult::Complete;
 }
 
 bool write(const QString &path, const QVariantList &records)

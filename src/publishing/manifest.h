@@ -17,11 +17,13 @@ inline const QString FileSize = QStringLiteral("file_size");
 /// The path of manifest @p fileName directly in @p folder.
 QString pathIn(const QString &folder, const QString &fileName);
 
+enum class ReadResult { Complete, Unreadable, NotOpened };
+
 /**
  * Reads the records of the manifest at @p path into @p records; anything but a JSON array
- * is an empty list. False, with an empty list, when the file does not open or read.
+ * is an empty list, and so is a file that does not open or read.
  */
-bool read(const QString &path, QVariantList *records);
+ReadResult read(const QString &path, QVariantList *records);
 
 /**
  * Writes @p records as indented JSON over whatever stands at @p path. False when the

@@ -35,8 +35,7 @@ public:
             const QString name = rule.toObject().value(QLatin1String("rule")).toString();
             const QString path = build + relativePathOf(rule);
             if (name == Pellox::PATCH_RULE) {
-                const auto size = rule.toObject().value(QLatin1String("file_size")).toDouble();
-                add(path + QLatin1String(".temp"), static_cast<qint64>(size));
+                add(path + QLatin1String(".temp"), fileSizeOf(rule));
             } else if (name == Pellox::COPY_RULE) {
                 add(path, QFileInfo(patch + relativePathOf(rule)).size());
             }
@@ -77,16 +76,6 @@ private:
     qint64 m_complete = 0;
     qint64 m_total = 0;
 };
-
-/// A rule must not lead out of the build, whoever made the patch.
-void requireInside(const QString &build, const QJsonArray &rules)
-{
-    for (const QJsonValue &rule : rules) {
-        const QString path = build + relativePathOf(rule);
-        if (!QDir::cleanPath(path).startsWith(build + QLatin1Char('/')))
-            throw Refusal(path, QStringLiteral("is named by the patch and lies outside the build"));
-    }
-}
 
 bool apply(Console &console, const Arguments &arguments)
 {

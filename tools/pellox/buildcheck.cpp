@@ -5,6 +5,7 @@
 #include "manifests.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QSet>
 
 #include <filesystem>
@@ -24,7 +25,7 @@ bool isHidden(const fs::path &path)
     return path.filename().string().front() == '.';
 }
 
-void requireListable(const fs::path &folder);
+void requireListableFolder(const fs::path &folder);
 
 void requireNameable(const fs::directory_entry &entry)
 {
@@ -39,10 +40,10 @@ void requireNameable(const fs::directory_entry &entry)
             decoded(entry.path()), QStringLiteral("is a link to something that is no file"));
     }
     if (entry.is_directory(ignored) && !entry.is_symlink(ignored))
-        requireListable(entry.path());
+        requireListableFolder(entry.path());
 }
 
-void requireListable(const fs::path &folder)
+void requireListableFolder(const fs::path &folder)
 {
     std::error_code problem;
     for (fs::directory_iterator entry(folder, problem), end; !problem && entry != end;
@@ -56,21 +57,33 @@ void requireListable(const fs::path &folder)
 
 } // namespace
 
-void requirePublishable(const QString &build, const QString &manifest, const QStringList &ignored)
+void requireListable(const QString &build)
 {
-    requireListable(QFile::encodeName(build).toStdString());
+    requireListableFolder(QFile::encodeName(build).toStdString());
+}
 
-    const QStringList files = filesOfBuild(build);
-    const QSet<QString> published = QSet<QString>(files.cbegin(), files.cend())
-        - QSet<QString>(ignored.cbegin(), ignored.cend());
-    const QString manifestPath = build + QLatin1Char('/') + manifest;
-    if (published.contains(manifestPath)) {
+void refuseManifestName(const QString &build, const QString &manifest, const QStringList &ignored)
+{
+    const QString path = build + QLatin1Char('/') + manifest;
+    if (QFileInfo(path).isFile() && !ignored.contains(path)) {
         throw Refusal(
-            manifestPath, QStringLiteral("has the name of the manifest and would be taken for it"));
+            path, QStringLiteral("has the name of the manifest and would be taken for it"));
     }
-    for (const QString &file : published) {
-        const QString temporary = file + QLatin1String(".temp");
-        if (published.contains(temporary)) {
+}
+
+void refuseTemporaryNames(
+    const QString &newBuild, const QJsonArray &oldFiles, const QStringList &ignored)
+{
+    const QStringList files = filesOfBuild(newBuild);
+    QSet<QString> newPaths(files.cbegin(), files.cend());
+    newPaths -= QSet<QString>(ignored.cbegin(), ignored.cend());
+    QSet<QString> oldPaths;
+    for (const QJsonValue &record : oldFiles)
+        oldPaths.insert(newBuild + relativePathOf(record));
+
+    for (const QString &path : newPaths &oldPaths) {
+        const QString temporary = path + QLatin1String(".temp");
+        if (newPaths.contains(temporary) || oldPaths.contains(temporary)) {
             throw Refusal(temporary,
                 QStringLiteral("would be lost when players patch the file without .temp"));
         }

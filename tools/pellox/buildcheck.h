@@ -1,13 +1,25 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QJsonArray>
 #include <QString>
 #include <QStringList>
 
-/**
- * Throws Refusal when the library would leave out a file of @p build or give players another
- * one in its place without a word: a folder that cannot be listed, a name that is not valid
- * in the locale's encoding, a link to a pipe or device, a file "x.temp" beside "x", a file @p
- * manifest at the top. Files in @p ignored do not count.
+/*
+ * What the library would leave out of a build, or give players in another file's place,
+ * without a word. All throw Refusal.
  */
-void requirePublishable(const QString &build, const QString &manifest, const QStringList &ignored);
+
+/// Refuses a folder of @p build that cannot be listed, a name that is not valid in the locale's
+/// encoding, and a link to a pipe or device.
+void requireListable(const QString &build);
+
+/// Refuses a file @p manifest at the top of @p build, unless it is one of @p ignored.
+void refuseManifestName(const QString &build, const QString &manifest, const QStringList &ignored);
+
+/**
+ * Refuses a file "x.temp" of either build beside a file "x" of both: patching "x" on players'
+ * machines would take its place. @p oldFiles are the records of the old build.
+ */
+void refuseTemporaryNames(
+    const QString &newBuild, const QJsonArray &oldFiles, const QStringList &ignored);

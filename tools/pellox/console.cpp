@@ -26,10 +26,10 @@ int terminalColumns()
     return known ? size.ws_col : UsualColumns;
 }
 
-void write(std::FILE *stream, const QByteArray &bytes)
+bool write(std::FILE *stream, const QByteArray &bytes)
 {
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
-    std::fflush(stream);
+    const auto size = static_cast<size_t>(bytes.size());
+    return std::fwrite(bytes.constData(), 1, size, stream) == size && std::fflush(stream) == 0;
 }
 
 /// The library's messages may hold line breaks; a log wants each on one line.
@@ -142,7 +142,7 @@ void Console::result(const QString &text)
 {
     const QMutexLocker lock(&m_mutex);
     if (!m_options.quiet && !m_options.json)
-        write(stdout, text.toLocal8Bit() + '\n');
+        writeOutput(text.toLocal8Bit() + '\n');
 }
 
 void Console::outcome(const QString &outcome)
@@ -170,5 +170,19 @@ void Console::writeError(const QString &line)
 
 void Console::writeJson(const QJsonObject &object)
 {
-    write(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
+    writeOutput(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
+}
+
+void Console::writeOutput(const QByteArray &line)
+{
+    if (write(stdout, line) || m_outputLost)
+        return;
+    m_outputLost = true;
+    writeError(QStringLiteral("pellox: error: cannot write to standard output"));
+}
+
+bool Console::outputLost() const
+{
+    const QMutexLocker lock(&m_mutex);
+    return m_outputLost;
 }

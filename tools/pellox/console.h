@@ -46,11 +46,14 @@ public:
     void outcome(const QString &outcome);
 
     int errorCount() const;
+    /// True when something that belongs on standard output could not be written there.
+    bool outputLost() const;
 
 private:
     void showProgress();
     void writeError(const QString &line);
     void writeJson(const QJsonObject &object);
+    void writeOutput(const QByteArray &line);
 
     const Options m_options;
     const bool m_terminal; ///< standard error is one
@@ -60,4 +63,5 @@ private:
     QElapsedTimer m_sinceShown;
     bool m_barVisible = false;
     int m_errors = 0;
+    bool m_outputLost = false;
 };

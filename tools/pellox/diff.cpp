@@ -9,6 +9,7 @@
 #include <Pellox/rules.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
 
@@ -78,13 +79,15 @@ bool diff(Console &console, const Arguments &arguments)
     const QString newBuild = existingFolder(arguments.newBuild);
     const QString signatures = existingFolder(arguments.signatures);
     const QString patch = folderToFill(arguments.patch);
-    readManifest(signatures, Pellox::SIGNATURES_FILE);
+    const QJsonArray oldFiles = readManifest(signatures, Pellox::SIGNATURES_FILE);
     requireApart(patch, newBuild);
     requireApart(signatures, newBuild);
     requireApart(patch, signatures);
     const QStringList ignored = ignoredFiles(console, newBuild, arguments.ignore);
 
-    requirePublishable(newBuild, Pellox::PATCH_RULES_FILE, ignored);
+    requireListable(newBuild);
+    refuseManifestName(newBuild, Pellox::PATCH_RULES_FILE, ignored);
+    refuseTemporaryNames(newBuild, oldFiles, ignored);
 
     const qint64 size = totalSize(filesOfBuild(newBuild));
     const FailedRules failedRules(console, newBuild);
@@ -92,6 +95,8 @@ bool diff(Console &console, const Arguments &arguments)
     QObject::connect(&controller, &Pellox::DeltaController::createPatchError,
         [&](const QString &text) { console.error(patch, text); });
 
+    // Without it a run that fails or is interrupted cannot pass for a whole one.
+    QFile::remove(patch + QLatin1Char('/') + Pellox::PATCH_RULES_FILE);
     console.startProgress(QStringLiteral("diff"), Progress::Unit::EstimatedBytes, size);
     const bool made
         = controller.createPatch(newBuild, signatures, patch, ignored, [&](double percent) {

@@ -45,6 +45,8 @@ void handle(QtMsgType type, const QMessageLogContext &context, const QString &te
 void Log::showOn(Console &console)
 {
     s_console = &console;
+    // Whatever the user filters, failed rules must be heard of.
+    QLoggingCategory::setFilterRules(QStringLiteral("BinariesController.critical=true"));
     qInstallMessageHandler(handle);
     // Else librsync would write to standard error itself until a BinariesController exists.
     Pellox::setRsyncLogOutput(Pellox::trace);

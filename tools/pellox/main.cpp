@@ -39,11 +39,15 @@ int run(const Invocation &invocation)
         const bool done = invocation.run(console);
         console.stopProgress();
         console.outcome(done ? QStringLiteral("done") : QStringLiteral("failed"));
-        return done ? Done : Failed;
+        return done && !console.outputLost() ? Done : Failed;
     } catch (const Refusal &refusal) {
         console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason());
         console.outcome(QStringLiteral("refused"));
         return WrongUsage;
+    } catch (const std::exception &problem) { // out of memory, say
+        console.error(QString(), QString::fromLocal8Bit(problem.what()));
+        console.outcome(QStringLiteral("failed"));
+        return Failed;
     } catch (const Interrupt::Stopped &) {
         console.stopProgress();
         console.outcome(QStringLiteral("interrupted"));
@@ -94,6 +98,8 @@ int parseAndRun(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    // Errors are made of the library's critical lines, so no filter may hide them.
+    qputenv("QT_LOGGING_RULES", qgetenv("QT_LOGGING_RULES") + ";BinariesController.critical=true");
     const QCoreApplication application(argc, argv);
     useUtf8InPlainLocale();
     Interrupt::install();

@@ -50,6 +50,22 @@ QString relativePathOf(const QJsonValue &record)
     return record.toObject().value(QLatin1String("relative_path")).toString();
 }
 
+qint64 fileSizeOf(const QJsonValue &rule)
+{
+    constexpr double Largest = 1LL << 50; // so that sums of many stay sums
+    const double size = rule.toObject().value(QLatin1String("file_size")).toDouble();
+    return size >= 0 && size <= Largest ? static_cast<qint64>(size) : 0;
+}
+
+void requireInside(const QString &build, const QJsonArray &rules)
+{
+    for (const QJsonValue &rule : rules) {
+        const QString path = build + relativePathOf(rule);
+        if (!QDir::cleanPath(path).startsWith(build + QLatin1Char('/')))
+            throw Refusal(path, QStringLiteral("is named by the patch and lies outside the build"));
+    }
+}
+
 QStringList filesOfBuild(const QString &folder)
 {
     QStringList files;

@@ -23,6 +23,12 @@ std::optional<QJsonArray> readWrittenManifest(
 /// The "relative_path" of a record.
 QString relativePathOf(const QJsonValue &record);
 
+/// The "file_size" of a rule; 0 where it is no size that a file can have.
+qint64 fileSizeOf(const QJsonValue &rule);
+
+/// Throws Refusal when a rule names a path outside @p build, whoever made the patch.
+void requireInside(const QString &build, const QJsonArray &rules);
+
 /// The files of a build as the library counts them: absolute paths, hidden ones left out.
 QStringList filesOfBuild(const QString &folder);
 

@@ -7,6 +7,7 @@
 #include <Pellox/rules.h>
 #include <Pellox/SignaturesController>
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
 
@@ -45,15 +46,28 @@ void reportUnsigned(Console &console, const QString &build, const QString &signa
     }
 }
 
+/**
+ * Takes away what an earlier run has left: where a new signature cannot be written, the old one
+ * must not pass for it, and without its manifest an interrupted run cannot pass for a whole one.
+ */
+void removeEarlier(const QString &build, const QString &signatures, const QStringList &files)
+{
+    QFile::remove(signatures + QLatin1Char('/') + Pellox::SIGNATURES_FILE);
+    for (const QString &file : files)
+        QFile::remove(signatures + file.mid(build.size()));
+}
+
 bool sign(Console &console, const Arguments &arguments)
 {
     const QString build = existingFolder(arguments.build);
     const QString signatures = folderToFill(arguments.signatures);
     requireApart(signatures, build);
-    requirePublishable(build, Pellox::SIGNATURES_FILE, {});
+    requireListable(build);
+    refuseManifestName(build, Pellox::SIGNATURES_FILE, {});
 
     const QStringList files = filesOfBuild(build);
     const qint64 size = totalSize(files);
+    removeEarlier(build, signatures, files);
     Pellox::SignaturesController controller;
     QObject::connect(&controller, &Pellox::SignaturesController::createSignError,
         [&](const QString &text) { console.error(signatures, text); });

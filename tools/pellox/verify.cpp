@@ -44,6 +44,7 @@ bool verify(Console &console, const Arguments &arguments)
     const QString patch = existingFolder(arguments.patch);
     const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
     requireApart(patch, build);
+    requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to verify"));
 
@@ -62,8 +63,10 @@ bool verify(Console &console, const Arguments &arguments)
         });
 
     console.startProgress(QStringLiteral("verify"), Progress::Unit::Files, rules.size());
-    if (!controller.verifyPatchedFiles(build, patch))
+    if (!controller.verifyPatchedFiles(build, patch)) {
+        console.error(build, QStringLiteral("is empty or has lost its patch meanwhile"));
         return false;
+    }
     loop.exec();
     console.stopProgress();
     reportLeftTemporaries(console, build, rules);
