@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh build bench >&2
 cmake --preset release -DPELLOX_BUILD_BENCHMARKS=ON >/dev/null
-cmake --build --preset release --target bench_primitives bench_files >&2
+cmake --build --preset release --target bench_primitives bench_files pellox >&2
 
 # Random interleaving sets runs of both sides side by side, so that a machine that changes its
 # speed changes it for both.

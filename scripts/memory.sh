@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Measures the peak memory of each command on one 4 GiB file, and fails when it grows with the
-# file: 64 MiB for sign, apply and verify; for diff the signature and 64 MiB.
+# file: 64 MiB for sign, apply, verify and copy; for diff the signature and 64 MiB.
 # Usage: scripts/memory.sh   (a minute or two, 8 GiB in $TMPDIR)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -33,5 +33,6 @@ measure $limit sign old signatures
 measure $((limit + $(stat -c %s signatures/file) / 1024)) diff new signatures patch
 measure $limit apply install patch
 measure $limit verify install patch
+measure $limit copy new/file copy
 cmp new/file install/file
 exit $failed

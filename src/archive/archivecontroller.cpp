@@ -115,7 +115,8 @@ bool ArchiveController::extractArchive(const QString &archivePath, const QString
     });
     if (m_silentEndIsError) {
         decompressor->m_onSilentEnd = [&](int exitCode, const QString &lastOutput) {
-            fail({silentEndError(exitCode, lastOutput)});
+            if (!m_extractResult) // output behind the success makes the driver forget it
+                fail({silentEndError(exitCode, lastOutput)});
         };
     }
 

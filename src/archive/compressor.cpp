@@ -30,6 +30,11 @@ Compressor::Compressor(QObject *parent)
           QStringLiteral("-sccUTF-8")}
     , m_programPath(SevenZip::programPath())
 {
+    // Most often told long after the start has returned.
+    connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError problem) {
+        if (problem == QProcess::FailedToStart)
+            _onStartFailed();
+    });
 }
 
 Compressor::~Compressor()
@@ -90,23 +95,16 @@ void Compressor::start(const QString &archiveName, const QString &workingDirecto
     if (!m_password.isEmpty())
         arguments.append(SevenZip::passwordSwitch(m_password));
 
+    m_process->setProgram(m_programPath);
     m_process->setArguments(arguments);
     if (!m_workingDirectory.isEmpty())
         m_process->setWorkingDirectory(m_workingDirectory);
-    m_process->setProgram(m_programPath);
     connect(m_process, &QProcess::readyReadStandardOutput, this, &Compressor::_onOutput);
     connect(m_process, &QProcess::stateChanged, this, &Compressor::_onStateChanged);
     m_process->start(QIODevice::ReadWrite);
 
-    if (m_process->error() == QProcess::FailedToStart) {
-        _onStartFailed();
-        return;
-    }
-    // Connected only now: what failed above is told above.
-    connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError problem) {
-        if (problem == QProcess::FailedToStart)
-            _onStartFailed();
-    });
+    if (m_process->error() == QProcess::FailedToStart)
+        return;                     // told already
     m_process->closeWriteChannel(); // a question gets end of input instead of waiting for ever
     qDebug() << "7za successfuly started.";
     Q_EMIT started();

@@ -22,6 +22,11 @@ Decompressor::Decompressor(QObject *parent)
           QStringLiteral("-bso1"), QStringLiteral("-bsp1"), QStringLiteral("-sccUTF-8")}
     , m_programPath(SevenZip::programPath())
 {
+    // Most often told long after the start has returned.
+    connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError problem) {
+        if (problem == QProcess::FailedToStart)
+            _onStartFailed();
+    });
 }
 
 Decompressor::~Decompressor()
@@ -86,25 +91,18 @@ void Decompressor::_extractBy7za()
         arguments.append(SevenZip::passwordSwitch(m_password));
     arguments.append(m_archivePath);
 
+    m_process->setProgram(m_programPath);
     m_process->setArguments(arguments);
     if (!m_baseFolder.isEmpty())
         m_process->setWorkingDirectory(m_baseFolder);
-    m_process->setProgram(m_programPath);
     connect(m_process, &QProcess::readyReadStandardOutput, this, &Decompressor::_onOutput);
     connect(m_process, &QProcess::readyReadStandardError, this,
         [this] { m_process->readAllStandardError(); });
     connect(m_process, &QProcess::stateChanged, this, &Decompressor::_onStateChanged);
     m_process->start(QIODevice::ReadWrite);
 
-    if (m_process->error() == QProcess::FailedToStart) {
-        _onStartFailed();
-        return;
-    }
-    // Connected only now: what failed above is told above.
-    connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError problem) {
-        if (problem == QProcess::FailedToStart)
-            _onStartFailed();
-    });
+    if (m_process->error() == QProcess::FailedToStart)
+        return;                     // told already
     m_process->closeWriteChannel(); // a question gets end of input instead of waiting for ever
     Q_EMIT started();
 }

@@ -145,7 +145,9 @@ FileCopier::CopyError FileCopier::_copy()
     _unsetError();
 
     const qint64 total = source.bytesAvailable();
-    const qint64 bufferSize = std::min(blockSize, std::max<qint64>(total, 1));
+    // A huge block of a small file needs no huge buffer.
+    constexpr qint64 ModestSize = 64 * 1024 * 1024;
+    const qint64 bufferSize = std::min(blockSize, std::max(total, ModestSize));
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(bufferSize)]);
     const auto giveUp = [&destination](CopyError error) {
         destination.remove();
