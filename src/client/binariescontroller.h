@@ -39,7 +39,7 @@ public:
      * True means started: finished() follows, once. False, without any signal, when the build
      * folder is empty or missing.
      *
-     * Without a readable patchRules.json: applyPatchError(), then true and finished(true), as
+     * Without a patchRules.json that opens: applyPatchError(), then true and finished(true), as
      * there is no rule that could fail. Nothing is undone after a failed rule, and the other
      * rules go on.
      */

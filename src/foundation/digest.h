@@ -32,7 +32,7 @@ private:
     };
 
     std::unique_ptr<evp_md_ctx_st, ContextFree> m_context; ///< libcrypto's; null where Qt computes
-    bool m_failed = false;                                 ///< libcrypto refused something
+    [[maybe_unused]] bool m_failed = false;                ///< libcrypto refused something
     QCryptographicHash m_qtHash;
 };
 
