@@ -56,6 +56,7 @@ bool ArchiveController::createArchive(const QString &archiveFolder, const QStrin
         loop.quit();
     };
     const auto fail = [&](const QStringList &errors) {
+        compressor->disconnect(this); // what the child still says must not turn the outcome
         qDebug() << "compression finished with errors" << errors;
         Q_EMIT createArchiveError(errors);
         end();
@@ -99,6 +100,8 @@ bool ArchiveController::extractArchive(const QString &archivePath, const QString
     QEventLoop loop;
     auto *decompressor = new Decompressor(&loop);
     const auto fail = [&](const QStringList &errors) {
+        decompressor->disconnect(this); // what the child still says must not turn the outcome
+        decompressor->disconnect(&loop);
         qDebug() << "extraction finished with errors" << errors;
         Q_EMIT extractError(errors);
         loop.quit();
