@@ -49,12 +49,7 @@ DeltaFile openOutput(const char *path, std::initializer_list<const char *> input
     const auto isOutput = [path](const char *input) { return isSameFile(path, input); };
     if (!path || isNamedPipe(path) || std::any_of(inputs.begin(), inputs.end(), isOutput))
         return nullptr;
-    DeltaFile file(std::fopen(path, WriteMode));
-    // librsync writes in large pieces of its own. A second buffer would keep the end of the
-    // file until the close, where a full disk could no longer turn librsync's result.
-    if (file)
-        std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    return file;
+    return DeltaFile(std::fopen(path, WriteMode));
 }
 
 } // namespace Pellox

@@ -48,6 +48,13 @@ bool asksForTooLargeABuffer(std::FILE *file)
         || !std::unique_ptr<char[]>(new (std::nothrow) char[bufferSize]);
 }
 
+/// @p result of writing @p output, or the error of what stdio has still held back: on a full disk
+/// the end of a file must not get lost in the close.
+rs_result completed(rs_result result, std::FILE *output)
+{
+    return result == RS_DONE && std::fflush(output) != 0 ? RS_IO_ERROR : result;
+}
+
 void logRsyncFailure(const char *message, const char *path, rs_result result)
 {
     qCDebug(logCatPH) << message << path;
@@ -71,8 +78,10 @@ bool createSignature(const char *basisFilePath, const char *signatureFilePath)
         return false;
 
     rs_stats_t stats;
-    const rs_result result = rs_sig_file(basis.get(), signature.get(), SignatureBlockLength,
-        FullStrongSumLength, RS_BLAKE2_SIG_MAGIC, &stats);
+    const rs_result result
+        = completed(rs_sig_file(basis.get(), signature.get(), SignatureBlockLength,
+                        FullStrongSumLength, RS_BLAKE2_SIG_MAGIC, &stats),
+            signature.get());
     if (result != RS_DONE)
         logRsyncFailure("ERROR: Rsync can't create signature file", signatureFilePath, result);
 
@@ -127,7 +136,8 @@ bool createDelta(const char *signatureFilePath, const char *newFilePath, const c
     }
 
     const SignatureSet signatureSet(loaded);
-    result = rs_delta_file(signatureSet.get(), newFile.get(), delta.get(), &stats);
+    result = completed(
+        rs_delta_file(signatureSet.get(), newFile.get(), delta.get(), &stats), delta.get());
     if (result != RS_DONE)
         logRsyncFailure("ERROR: Rsync can't create delta file", deltaFilePath, result);
 
@@ -150,7 +160,8 @@ bool applyPatch(const char *basisFilePath, const char *deltaFilePath, const char
     rs_result result = RS_IO_ERROR;
     if (basis && delta && newFile) {
         rs_stats_t stats;
-        result = rs_patch_file(basis.get(), delta.get(), newFile.get(), &stats);
+        result = completed(
+            rs_patch_file(basis.get(), delta.get(), newFile.get(), &stats), newFile.get());
     }
 
     newFile.reset();

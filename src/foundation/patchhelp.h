@@ -20,7 +20,8 @@ namespace Pellox {
  * it and end at their first NUL. A path that does not open, a null one included, is a
  * false result; "-" is a file of that name. An existing output is replaced, except
  * where it is one of the call's own inputs: that does not open. What a failed call has
- * written stays where it is. Failures of createSignature() and createDelta() are
+ * written stays where it is; output that does not reach the file is librsync's RS_IO_ERROR,
+ * also at its very end. Failures of createSignature() and createDelta() are
  * explained by debug lines of the category "PatchHelper"; applyPatch() logs nothing.
  */
 

@@ -122,7 +122,8 @@ FileCopier::CopyError FileCopier::_validate() const
         return SourceFileDoesNotExistError;
     if (source.isDir())
         return SourceIsDirectoryError;
-    if (QFileInfo::exists(m_destination))
+    // A link that leads nowhere stands there too; the copy would go where it leads.
+    if (QFileInfo::exists(m_destination) || QFileInfo(m_destination).isSymLink())
         return DestinationFileExistsError;
     return NoError;
 }
@@ -173,7 +174,8 @@ FileCopier::CopyError FileCopier::_copy()
         copied += got;
         Q_EMIT progress(total, copied, bytesPerSecond(written, timer.nsecsElapsed()));
     }
-    return NoError;
+    // Less than there was is a source cut short meanwhile, too.
+    return copied < total ? giveUp(OpenSourceFileForReadError) : NoError;
 }
 
 void FileCopier::_onFinished(CopyError error)
