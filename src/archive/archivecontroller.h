@@ -44,7 +44,8 @@ public:
         const QString &sourceFolder, PROGRESS_CALLBACK progress = PROGRESS_CALLBACK());
 
     /**
-     * Unpacks @p archivePath into @p destinationFolder, which is created where it is missing.
+     * Unpacks @p archivePath into @p destinationFolder, which is created where it is missing. Give
+     * an absolute path: a relative one counts from the destination.
      * @p stage is "process" or empty. @p progress gets 7-Zip's percentages. Returns true after
      * extractSuccess(), which may come more than once, false after extractError().
      */
