@@ -19,6 +19,17 @@ constexpr int ReadSize = 64 * 1024;
 
 namespace {
 
+struct AlgorithmFree
+{
+    void operator()(EVP_MD *algorithm) const { EVP_MD_free(algorithm); }
+};
+
+/**
+ * What all manifests use, fetched when the library is loaded. Fetched for each file it would
+ * leave state of libcrypto with every pool thread, which a process that ends may leak.
+ */
+const std::unique_ptr<EVP_MD, AlgorithmFree> Sha512(EVP_MD_fetch(nullptr, "SHA512", nullptr));
+
 /// Null where libcrypto has nothing to offer.
 const EVP_MD *evpAlgorithm(QCryptographicHash::Algorithm algorithm)
 {
@@ -34,7 +45,7 @@ const EVP_MD *evpAlgorithm(QCryptographicHash::Algorithm algorithm)
     case QCryptographicHash::Sha384:
         return EVP_sha384();
     case QCryptographicHash::Sha512:
-        return EVP_sha512();
+        return Sha512.get();
     case QCryptographicHash::RealSha3_224:
         return EVP_sha3_224();
     case QCryptographicHash::RealSha3_256:
