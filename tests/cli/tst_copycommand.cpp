@@ -9,7 +9,9 @@
 #include <csignal>
 #include <memory>
 
+#include <fcntl.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 /// "pellox copy": one file by blocks, or a build.
 class tst_CopyCommand : public QObject
@@ -25,6 +27,11 @@ private Q_SLOTS:
     void fileIsMeasuredInBytes();
     void refuses_data();
     void refuses();
+    void aLinkIntoTheSourceIsRefused();
+    void aNameThatCannotBeDecodedIsRefused();
+    void anEmptyBuildBecomesAnEmptyFolder();
+    void blockSizesOutOfRangeAreRefused_data();
+    void blockSizesOutOfRangeAreRefused();
     void aFileThatCannotBeReadIsNamed();
     void everyFileThatDidNotArriveIsNamed();
     void interruptStopsAtTheNextBlock_data();
@@ -65,7 +72,7 @@ void tst_CopyCommand::copiesAFile_data()
         << QStringLiteral("copy build/data.pak copy.pak --block-size 1K")
         << QStringLiteral("copy.pak");
     QTest::newRow("in a block larger than the file")
-        << QStringLiteral("copy build/data.pak copy.pak --block-size 1T")
+        << QStringLiteral("copy build/data.pak copy.pak --block-size 1E")
         << QStringLiteral("copy.pak");
 }
 
@@ -120,18 +127,79 @@ void tst_CopyCommand::refuses_data()
     QTest::newRow("folder into itself")
         << QStringLiteral("copy build build/copy")
         << QStringLiteral("~/build/copy: lies inside ~/build; the two must lie apart");
+    QTest::newRow("a device") << QStringLiteral("copy /dev/null copy")
+                              << QStringLiteral("/dev/null: is neither a file nor a folder");
+    QTest::newRow("a build below a file") << QStringLiteral(
+        "copy build build2/file/copy") << QStringLiteral("~/build2/file/copy: cannot be created");
 }
 
 void tst_CopyCommand::refuses()
 {
     QFETCH(QString, words);
     QFETCH(QString, message);
+    m_tree->write(QStringLiteral("build2/file"), "in the way");
     const auto before = TestTree::snapshot(m_tree->path());
     const Outcome outcome = run(words);
     message.replace(QLatin1Char('~'), m_tree->path());
     QCOMPARE(outcome.err, QLatin1String("pellox: error: ") + message + QLatin1Char('\n'));
     QCOMPARE(outcome.status, WrongUsage);
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_CopyCommand::aLinkIntoTheSourceIsRefused()
+{
+    m_tree->write(QStringLiteral("folder/data.pak"), "old");
+    m_tree->link(QStringLiteral("folder/levels"), QStringLiteral("../build/levels"));
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(QStringLiteral("copy build folder"));
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.err,
+        QStringLiteral("pellox: error: %1: lies inside %2; the two must lie apart\n")
+            .arg(path("folder/levels"), path("build")));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_CopyCommand::aNameThatCannotBeDecodedIsRefused()
+{
+    const QByteArray name = QFile::encodeName(path("build/levels/bad")) + '\xff';
+    const int file = ::open(name.constData(), O_CREAT | O_WRONLY, 0600);
+    QVERIFY(file >= 0);
+    ::close(file);
+    const Outcome outcome = run(QStringLiteral("copy build copy"));
+    QCOMPARE(::unlink(name.constData()), 0); // Qt cannot
+    QCOMPARE(outcome.status, WrongUsage);
+    QVERIFY2(outcome.err.endsWith(
+                 QLatin1String("has a name that is not valid in the encoding of the locale\n")),
+        qPrintable(outcome.err));
+    QVERIFY(!m_tree->exists(QStringLiteral("copy")));
+}
+
+void tst_CopyCommand::anEmptyBuildBecomesAnEmptyFolder()
+{
+    const Outcome outcome = run(QStringLiteral("copy build/empty new/copy"));
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(outcome.out, QStringLiteral("Copied 0 files (0 bytes): %1\n").arg(path("new/copy")));
+    QCOMPARE(TestTree::snapshot(path("new")).keys(), QStringList(QStringLiteral("copy/")));
+}
+
+void tst_CopyCommand::blockSizesOutOfRangeAreRefused_data()
+{
+    QTest::addColumn<QString>("size");
+
+    for (const char *size : {"0", "-1", "2E", "9223372036854775808", "block"})
+        QTest::newRow(size) << QString::fromLatin1(size);
+}
+
+void tst_CopyCommand::blockSizesOutOfRangeAreRefused()
+{
+    QFETCH(QString, size);
+    const Outcome outcome = run(QStringLiteral("copy build/data.pak copy --block-size=") + size);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.err,
+        QStringLiteral("--block-size: %1 is no size from 1 byte to 1 EiB, such as 500M\n"
+                       "Run with --help for more information.\n")
+            .arg(size));
+    QVERIFY(!m_tree->exists(QStringLiteral("copy")));
 }
 
 void tst_CopyCommand::aFileThatCannotBeReadIsNamed()

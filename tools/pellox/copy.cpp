@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: MIT
+#include "buildcheck.h"
 #include "commands.h"
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
+#include "sizeoption.h"
 
 #include <Pellox/BinariesController>
 #include <Pellox/FileCopier>
 
-#include <CLI/Validators.hpp>
-
 #include <QCoreApplication>
+#include <QDir>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 
 #include <memory>
 
@@ -24,7 +26,7 @@ struct Arguments
 {
     std::string source;
     std::string destination;
-    quint64 blockSize = 10ULL * 1024 * 1024;
+    qint64 blockSize = 10LL * 1024 * 1024;
     bool keepPartial = false;
 };
 
@@ -51,7 +53,7 @@ bool copyFile(
     Console &console, const QString &source, const QString &target, const Arguments &arguments)
 {
     FileCopier copier(source, target);
-    copier.setBlockSize(static_cast<qint64>(arguments.blockSize));
+    copier.setBlockSize(arguments.blockSize);
     FileCopier::CopyError outcome = FileCopier::NoError;
     QEventLoop loop;
     QObject::connect(&copier, &FileCopier::progress,
@@ -100,10 +102,35 @@ bool haveSameContent(const QString &path, const QString &otherPath)
     return true;
 }
 
+/// A copy replaces what stands in its place, which must not be the source by way of a link.
+void requireOutsideSource(const QStringList &copies, const QString &source)
+{
+    QSet<QString> checked;
+    for (const QString &copy : copies) {
+        const QString folder = QFileInfo(copy).path();
+        if (!checked.contains(folder))
+            requireOutside(folder, source);
+        checked.insert(folder);
+    }
+}
+
+QStringList copiesOf(const QStringList &files, const QString &source, const QString &target)
+{
+    QStringList copies;
+    for (const QString &file : files)
+        copies.append(target + file.mid(source.size()));
+    return copies;
+}
+
 bool copyFolder(Console &console, const QString &source, const QString &target)
 {
     requireApart(target, source);
+    requireListable(source);
     const QStringList files = filesOfBuild(source);
+    const QStringList copies = copiesOf(files, source, target);
+    requireOutsideSource(copies, source);
+    if (!QDir().mkpath(target)) // an empty build leaves an empty folder
+        throw Refusal(target, QStringLiteral("cannot be created"));
     // The library copies without a word; the comparison afterwards can tell how far it is.
     console.note(QStringLiteral("copying %1 (%2)")
                      .arg(fileCount(files.size()), byteCount(totalSize(files))));
@@ -113,7 +140,7 @@ bool copyFolder(Console &console, const QString &source, const QString &target)
     console.startProgress(QStringLiteral("compare"), Progress::Unit::Files, files.size());
     for (int i = 0; i < files.size(); ++i) {
         const QString &file = files.at(i);
-        if (!haveSameContent(file, target + file.mid(source.size())))
+        if (!haveSameContent(file, copies.at(i)))
             console.error(file, QStringLiteral("did not arrive in ") + target);
         console.advanceTo(i + 1);
     }
@@ -134,6 +161,8 @@ bool copy(Console &console, const Arguments &arguments)
         throw Refusal(source, QStringLiteral("there is no such file or folder"));
     if (info.isDir())
         return copyFolder(console, source, folderToFill(arguments.destination));
+    if (!info.isFile())
+        throw Refusal(source, QStringLiteral("is neither a file nor a folder"));
     if (QFileInfo(target).isDir())
         target += QLatin1Char('/') + info.fileName();
     if (QFileInfo::exists(target))
@@ -155,12 +184,8 @@ void addCopyCommand(CLI::App &app, Invocation &invocation)
             "The copy, or for a file the folder to put it in")
         ->type_name("PATH")
         ->required();
-    command
-        ->add_option("--block-size", arguments->blockSize,
-            "How much of a file to copy at a time, with K, M or G. 10M where not given")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::PositiveNumber)
-        ->type_name("SIZE");
+    addSizeOption(*command, "--block-size", arguments->blockSize,
+        "How much of a file to copy at a time, with K, M or G. 10M where not given");
     command->add_flag("--keep-partial", arguments->keepPartial,
         "Keep what there is of the file when Ctrl-C stops the copy");
     command->footer("A file never replaces one that exists. Files of a folder do; hidden ones and\n"

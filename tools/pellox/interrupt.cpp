@@ -3,6 +3,9 @@
 
 #include "commands.h"
 
+#include <QDeadlineTimer>
+#include <QThread>
+
 #include <atomic>
 #include <csignal>
 #include <cstring>
@@ -17,6 +20,7 @@ std::atomic<bool> s_watched{false};
 std::atomic<bool> s_requested{false};
 
 constexpr int WatchInterval = 50; // milliseconds: at once, to a person
+constexpr int LateBy = 100;       // milliseconds that Ctrl-C may come here after a child had it
 
 // Runs in a signal: nothing but calls that are safe there.
 void end(int)
@@ -51,12 +55,29 @@ void Interrupt::sayOnExit(const char *line)
     s_lastWords = line;
 }
 
+bool Interrupt::isStopped()
+{
+    return s_requested;
+}
+
+void Interrupt::throwIfStopped()
+{
+    if (isStopped())
+        throw Stopped();
+}
+
+void Interrupt::throwIfStoppedLately()
+{
+    for (QDeadlineTimer deadline(LateBy); !s_requested && !deadline.hasExpired();)
+        QThread::msleep(5);
+    throwIfStopped();
+}
+
 Interrupt::Watch::Watch(std::function<void()> onInterrupt)
 {
-    s_requested = false;
     s_watched = true;
     QObject::connect(&m_timer, &QTimer::timeout, [this, stop = std::move(onInterrupt)] {
-        if (!isStopped())
+        if (!s_requested)
             return;
         m_timer.stop();
         stop();
@@ -67,9 +88,5 @@ Interrupt::Watch::Watch(std::function<void()> onInterrupt)
 Interrupt::Watch::~Watch()
 {
     s_watched = false;
-}
-
-bool Interrupt::Watch::isStopped() const
-{
-    return s_requested;
+    s_requested = false;
 }

@@ -25,6 +25,16 @@ class Stopped
 {
 };
 
+/// True once Ctrl-C has come to the Watch that lives.
+bool isStopped();
+
+/// Throws Stopped then.
+void throwIfStopped();
+
+/// The same after a failure. On a terminal Ctrl-C reaches a child too, whose end may be noticed
+/// first, so this waits a moment.
+void throwIfStoppedLately();
+
 /**
  * While it lives, the first Ctrl-C calls a function from the event loop, so that the command
  * can stop and clean up; the second ends the program at once.
@@ -36,9 +46,6 @@ public:
     ~Watch();
     Watch(const Watch &) = delete;
     Watch &operator=(const Watch &) = delete;
-
-    /// True once Ctrl-C has come.
-    bool isStopped() const;
 
 private:
     QTimer m_timer;

@@ -2,16 +2,17 @@
 #include "sevenzip.h"
 
 #include "folders.h"
+#include "interrupt.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QMap>
 #include <QProcess>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <numeric>
+#include <utility>
 
 namespace {
 
@@ -20,43 +21,58 @@ QString sevenZipPath()
     return QCoreApplication::applicationDirPath() + QLatin1String("/7zr");
 }
 
-QString volumePath(const QString &name, int number)
+bool isThere(const QString &path)
 {
-    return QStringLiteral("%1.%2").arg(name).arg(number, 3, 10, QLatin1Char('0'));
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+void readField(ArchivedEntry &entry, const QString &name, const QString &value)
+{
+    if (name == QLatin1String("Path")) {
+        entry.path = value;
+    } else if (name == QLatin1String("Size")) {
+        entry.size = value.toLongLong();
+    } else if (name == QLatin1String("Encrypted")) {
+        entry.isEncrypted = value == QLatin1String("+");
+    } else if (name == QLatin1String("Attributes")) {
+        entry.isFolder = value.startsWith(QLatin1Char('D'));
+        entry.isLink = value.contains(QLatin1String(" l")); // as "ls" shows it
+    }
 }
 
 /// The records of "7zr l -slt": one "Name = value" a line, a blank line between two records.
-std::vector<ArchivedFile> parseList(const QString &list)
+std::vector<ArchivedEntry> parseList(const QString &list)
 {
-    std::vector<ArchivedFile> files;
-    ArchivedFile file{};
-    bool isFolder = false;
+    std::vector<ArchivedEntry> entries;
+    ArchivedEntry entry{};
     const auto finish = [&] {
-        if (!file.path.isEmpty() && !isFolder)
-            files.push_back(file);
-        file = {};
-        isFolder = false;
+        if (!entry.path.isEmpty())
+            entries.push_back(entry);
+        entry = {};
     };
     for (const QString &line : list.split(QLatin1Char('\n'))) {
         const int separator = line.indexOf(QLatin1String(" = "));
-        if (separator < 0) {
-            if (line.trimmed().isEmpty())
-                finish();
-            continue;
-        }
-        const QString name = line.left(separator);
-        const QString value = line.mid(separator + 3);
-        if (name == QLatin1String("Path"))
-            file.path = value;
-        else if (name == QLatin1String("Size"))
-            file.size = value.toLongLong();
-        else if (name == QLatin1String("Attributes"))
-            isFolder = value.startsWith(QLatin1Char('D'));
-        if (name == QLatin1String("Attributes"))
-            file.isLink = value.contains(QLatin1String(" l")); // as "ls" shows it
+        if (separator >= 0)
+            readField(entry, line.left(separator), line.mid(separator + 3));
+        else if (line.trimmed().isEmpty())
+            finish();
     }
     finish();
-    return files;
+    return entries;
+}
+
+/// Returns true when it ended well.
+bool waitForEnd(QProcess &process)
+{
+    constexpr int Interval = 50; // milliseconds
+    while (!process.waitForFinished(Interval) && process.state() != QProcess::NotRunning) {
+        if (Interrupt::isStopped())
+            process.kill();
+    }
+    Interrupt::throwIfStopped();
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0
+        && process.error() != QProcess::FailedToStart;
 }
 
 } // namespace
@@ -70,37 +86,54 @@ void requireSevenZip()
     }
 }
 
-Volumes::Volumes(const QString &archive)
+void refuseWildcards(const QString &path)
 {
-    m_name = archive;
-    if (m_name.endsWith(QLatin1String(".001")))
-        m_name.chop(4);
+    if (path.contains(QLatin1Char('*')) || path.contains(QLatin1Char('?'))) {
+        throw Refusal(
+            path, QStringLiteral("has a * or ? in its path, which 7-Zip takes for a wildcard"));
+    }
+}
 
+Volumes::Volumes(QString archive)
+    : m_name(std::move(archive))
+{
+    const QLatin1String firstNumber(".001");
+    if (m_name.endsWith(firstNumber) && QFileInfo(m_name).fileName() != firstNumber)
+        m_name.chop(firstNumber.size());
+
+    int number = 1;
+    for (; isThere(path(number)); ++number)
+        m_paths.append(path(number));
+    const bool isAlone = m_paths.isEmpty() && QFileInfo(m_name).isFile();
+    if (isAlone)
+        m_paths.append(m_name);
+    else if (hasVolumeAfter(number))
+        m_firstGap = path(number);
+}
+
+/// Numbers of more than three digits have their own uses, so a lone one ("game.2024") tells
+/// nothing.
+bool Volumes::hasVolumeAfter(int number) const
+{
     const QFileInfo info(m_name);
     const QRegularExpression form(QLatin1Char('^') + QRegularExpression::escape(info.fileName())
-        + QLatin1String("\\.(\\d{3,})(\\.tmp)?$"));
-    QMap<int, QString> byNumber;
-    for (const QString &entry : info.dir().entryList(QDir::Files | QDir::Hidden)) {
-        const QRegularExpressionMatch match = form.match(entry);
-        const QString path = info.dir().absoluteFilePath(entry);
-        if (match.hasMatch() && match.captured(2).isEmpty())
-            byNumber.insert(match.captured(1).toInt(), path);
-        else if (match.hasMatch())
-            m_unfinished.append(path);
-    }
-    if (byNumber.isEmpty() && info.isFile()) {
-        m_paths.append(m_name);
-        return;
-    }
-    m_paths = byNumber.values();
-    int expected = 1;
-    for (const int number : byNumber.keys()) {
-        if (number != expected) {
-            m_firstGap = volumePath(m_name, expected);
-            return;
-        }
-        ++expected;
-    }
+        + QLatin1String("\\.(\\d{3})$"));
+    const QStringList entries = info.dir().entryList(QDir::Files | QDir::Hidden);
+    return std::any_of(entries.cbegin(), entries.cend(),
+        [&](const QString &entry) { return form.match(entry).captured(1).toInt() > number; });
+}
+
+QString Volumes::path(int number) const
+{
+    return m_name + QStringLiteral(".%1").arg(number, 3, 10, QLatin1Char('0'));
+}
+
+QStringList Volumes::pathsToReplace() const
+{
+    QStringList paths = m_paths;
+    if (isThere(m_name) && !paths.contains(m_name))
+        paths.append(m_name);
+    return paths;
 }
 
 qint64 Volumes::size() const
@@ -117,23 +150,18 @@ void Volumes::requireComplete() const
         throw Refusal(m_firstGap, QStringLiteral("is missing from the volumes of the archive"));
 }
 
-void Volumes::remove() const
+std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume)
 {
-    for (const QString &path : m_paths + m_unfinished) {
-        if (!QFile::remove(path))
-            throw Refusal(path, QStringLiteral("cannot be replaced"));
-    }
-}
-
-std::vector<ArchivedFile> filesInArchive(const QString &firstVolume)
-{
+    const QFileInfo archive(firstVolume);
     QProcess process;
+    process.setWorkingDirectory(archive.path()); // which may hold wildcards
     process.start(sevenZipPath(),
         {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-ba"),
-            QStringLiteral("-sccUTF-8"), QStringLiteral("--"), firstVolume});
+            QStringLiteral("-sccUTF-8"), QStringLiteral("--"),
+            QLatin1String("./") + archive.fileName()});
     process.closeWriteChannel(); // a password that it asks for is not given
-    const bool ended = process.waitForFinished(-1);
-    if (!ended || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+    if (!waitForEnd(process)) {
+        Interrupt::throwIfStoppedLately();
         const QString output = QString::fromUtf8(
             process.readAllStandardOutput() + '\n' + process.readAllStandardError());
         throw Refusal(firstVolume,
@@ -142,4 +170,10 @@ std::vector<ArchivedFile> filesInArchive(const QString &firstVolume)
                 .arg(output.simplified()));
     }
     return parseList(QString::fromUtf8(process.readAllStandardOutput()));
+}
+
+int countFiles(const std::vector<ArchivedEntry> &entries)
+{
+    return static_cast<int>(std::count_if(entries.cbegin(), entries.cend(),
+        [](const ArchivedEntry &entry) { return !entry.isFolder; }));
 }

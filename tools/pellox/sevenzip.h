@@ -14,39 +14,49 @@
 /// Throws Refusal when the 7-Zip console program is not where the library looks for it.
 void requireSevenZip();
 
+/// Throws Refusal when 7-Zip would take @p path, an absolute one, for a pattern.
+void refuseWildcards(const QString &path);
+
 /// The volumes of an archive: NAME.001, NAME.002 and so on, or NAME alone.
 class Volumes
 {
 public:
     /// @p archive is the name with or without ".001". Looks at what is on the disk.
-    explicit Volumes(const QString &archive);
+    explicit Volumes(QString archive);
 
     /// The name without a volume's number.
     const QString &name() const { return m_name; }
-    /// The paths that exist, the first volume first.
+    /// The path of volume @p number, counted from 1, whether it is there or not.
+    QString path(int number) const;
+    /// The volumes in a row from the first, or NAME where there is no first.
     const QStringList &paths() const { return m_paths; }
+    /// The same, and NAME beside volumes: all that a new archive would replace.
+    QStringList pathsToReplace() const;
     bool isEmpty() const { return m_paths.isEmpty(); }
     qint64 size() const;
     /// Throws Refusal when there is none or one between the first and the last is missing.
     void requireComplete() const;
-    /// Removes them, and what an ended 7-Zip left of unfinished ones. Throws Refusal when it
-    /// cannot.
-    void remove() const;
 
 private:
+    bool hasVolumeAfter(int number) const;
+
     QString m_name;
     QStringList m_paths;
-    QStringList m_unfinished; ///< 7-Zip writes NAME.001.tmp and renames it at the end
-    QString m_firstGap;       ///< the missing volume, if there is one
+    QString m_firstGap; ///< the missing volume, if there is one
 };
 
-struct ArchivedFile
+struct ArchivedEntry
 {
     QString path; ///< relative to where it will be unpacked
     qint64 size;
+    bool isFolder;
     bool isLink; ///< symbolic
+    bool isEncrypted;
 };
 
-/// The files of an archive by its own list, folders left out. Throws Refusal when 7-Zip cannot read
-/// it.
-std::vector<ArchivedFile> filesInArchive(const QString &firstVolume);
+/// What is in an archive by its own list. Throws Refusal when 7-Zip cannot read it, and
+/// Interrupt::Stopped.
+std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume);
+
+/// How many of them are no folders.
+int countFiles(const std::vector<ArchivedEntry> &entries);

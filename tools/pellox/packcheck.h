@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+/// What 7-Zip will find in a folder; a link counts as a file with its target's name in it.
+struct PackedContent
+{
+    int files = 0;
+    qint64 size = 0;
+};
+
+/**
+ * Measures what is in @p folder, hidden entries too. Throws Refusal for what 7-Zip would pack but
+ * could not bring back: control characters in a name, pipes, sockets and devices, links whose
+ * target is absolute, "." or leads through "..".
+ */
+PackedContent requirePackable(const QString &folder);
