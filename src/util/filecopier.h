@@ -75,7 +75,7 @@ private:
 
     QString m_source;
     QString m_destination;
-    qint64 m_blockSize = 10 * 1024 * 1024;
+    qint64 m_blockSize = 10LL * 1024 * 1024;
     bool m_stopRequested = false; // plain on purpose, as are the next two
     bool m_removeOnStop = false;
     bool m_busy = false;
