@@ -32,7 +32,7 @@ public:
     WrittenBytes(const QJsonArray &rules, const QString &build, const QString &patch)
     {
         for (const QJsonValue &rule : rules) {
-            const QString name = rule.toObject().value(QLatin1String("rule")).toString();
+            const QString name = ruleNameOf(rule);
             const QString path = build + relativePathOf(rule);
             if (name == Pellox::PATCH_RULE) {
                 add(path + QLatin1String(".temp"), fileSizeOf(rule));

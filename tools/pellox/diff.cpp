@@ -55,7 +55,7 @@ Share shareOf(const QString &ruleName, const QJsonArray &rules, const QString &p
 {
     Share share;
     for (const QJsonValue &rule : rules) {
-        if (rule.toObject().value(QLatin1String("rule")).toString() != ruleName)
+        if (ruleNameOf(rule) != ruleName)
             continue;
         ++share.files;
         share.bytes += QFileInfo(patch + relativePathOf(rule)).size();

@@ -11,6 +11,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
+bool isHidden(const fs::path &path)
+{
+    return path.filename().string().front() == '.';
+}
+
 QString decodedName(const fs::path &path)
 {
     const QByteArray bytes = QByteArray::fromStdString(path.string());
@@ -24,16 +29,18 @@ QString decodedName(const fs::path &path)
 
 } // namespace
 
-void visitEntries(const QString &folder, const EntryVisitor &visit)
+void visitEntries(const QString &folder, Hidden hidden, const EntryVisitor &visit)
 {
     std::error_code problem;
     std::error_code ignored;
     for (fs::directory_iterator entry(QFile::encodeName(folder).toStdString(), problem), end;
          !problem && entry != end; entry.increment(problem)) {
+        if (hidden == Hidden::LeftOut && isHidden(entry->path()))
+            continue;
         const QString path = decodedName(entry->path());
         visit(*entry, path);
         if (entry->is_directory(ignored) && !entry->is_symlink(ignored))
-            visitEntries(path, visit);
+            visitEntries(path, hidden, visit);
     }
     if (problem)
         throw Refusal(folder, QStringLiteral("cannot be listed"));

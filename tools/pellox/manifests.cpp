@@ -45,6 +45,11 @@ std::optional<QJsonArray> readWrittenManifest(
     }
 }
 
+QString ruleNameOf(const QJsonValue &record)
+{
+    return record.toObject().value(QLatin1String("rule")).toString();
+}
+
 QString relativePathOf(const QJsonValue &record)
 {
     return record.toObject().value(QLatin1String("relative_path")).toString();

@@ -20,6 +20,9 @@ QJsonArray readManifest(const QString &folder, const QString &fileName);
 std::optional<QJsonArray> readWrittenManifest(
     Console &console, const QString &folder, const QString &fileName);
 
+/// The "rule" of a record.
+QString ruleNameOf(const QJsonValue &record);
+
 /// The "relative_path" of a record.
 QString relativePathOf(const QJsonValue &record);
 

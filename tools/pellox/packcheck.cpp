@@ -40,20 +40,21 @@ void requireUnpackableTarget(const fs::path &target, const QString &link)
 PackedContent requirePackable(const QString &folder)
 {
     PackedContent content;
-    visitEntries(folder, [&](const fs::directory_entry &entry, const QString &path) {
-        refuseControlCharacters(path, folder);
-        if (entry.is_symlink()) {
-            const fs::path target = fs::read_symlink(entry.path());
-            requireUnpackableTarget(target, path);
-            content.size += static_cast<qint64>(target.native().size());
-        } else if (entry.is_directory()) {
-            return;
-        } else if (entry.is_regular_file()) {
-            content.size += static_cast<qint64>(entry.file_size());
-        } else {
-            throw Refusal(path, QStringLiteral("is neither a file nor a folder nor a link"));
-        }
-        ++content.files;
-    });
+    visitEntries(
+        folder, Hidden::Visited, [&](const fs::directory_entry &entry, const QString &path) {
+            refuseControlCharacters(path, folder);
+            if (entry.is_symlink()) {
+                const fs::path target = fs::read_symlink(entry.path());
+                requireUnpackableTarget(target, path);
+                content.size += static_cast<qint64>(target.native().size());
+            } else if (entry.is_directory()) {
+                return;
+            } else if (entry.is_regular_file()) {
+                content.size += static_cast<qint64>(entry.file_size());
+            } else {
+                throw Refusal(path, QStringLiteral("is neither a file nor a folder nor a link"));
+            }
+            ++content.files;
+        });
     return content;
 }

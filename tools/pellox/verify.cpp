@@ -25,7 +25,7 @@ struct Arguments
 
 bool isPatchRule(const QJsonValue &rule)
 {
-    return rule.toObject().value(QLatin1String("rule")).toString() == Pellox::PATCH_RULE;
+    return ruleNameOf(rule) == Pellox::PATCH_RULE;
 }
 
 /// That a checked file could not take the old one's place is no error to the library.
