@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "childprocesses.h"
 #include "fakesevenzip.h"
+#include "leftovers.h"
 #include "logcapture.h"
 #include "texts.h"
 
@@ -30,6 +30,7 @@ class tst_ArchiveController : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { m_leftovers.begin(); }
     void init();
     void cleanup();
 
@@ -80,6 +81,7 @@ private:
     bool returnsByItself(const std::function<bool()> &call);
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
+    Leftovers m_leftovers;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<TestTree> m_tree;
     std::unique_ptr<FakeSevenZip> m_fake;
@@ -125,7 +127,7 @@ void tst_ArchiveController::cleanup()
     const QStringList logged = m_log->troubleLeft();
     m_log.reset();
     QCOMPARE(trouble, QByteArray());
-    QVERIFY(!hasChildren());
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(logged, QStringList());
 }
 

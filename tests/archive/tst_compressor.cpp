@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "childprocesses.h"
 #include "fakesevenzip.h"
+#include "leftovers.h"
 #include "logcapture.h"
 #include "texts.h"
 
@@ -37,6 +37,7 @@ class tst_Compressor : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { m_leftovers.begin(); }
     void init();
     void cleanup();
 
@@ -80,6 +81,7 @@ private Q_SLOTS:
 private:
     bool run(const QByteArrayList &steps, const QString &workingDirectory = QString());
 
+    Leftovers m_leftovers;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<FakeSevenZip> m_fake;
     std::unique_ptr<Compressor> m_compressor;
@@ -103,7 +105,7 @@ void tst_Compressor::cleanup()
     const QStringList logged = m_log->troubleLeft();
     m_log.reset();
     QCOMPARE(trouble, QByteArray());
-    QVERIFY(!hasChildren());
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(logged, QStringList());
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "childprocesses.h"
+#include "leftovers.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -67,6 +67,7 @@ class tst_Real7zip : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { m_leftovers.begin(); }
     void init();
     void cleanup();
 
@@ -105,6 +106,7 @@ private:
     }
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
+    Leftovers m_leftovers;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<TestTree> m_tree;
     std::unique_ptr<ArchiveController> m_controller;
@@ -133,7 +135,7 @@ void tst_Real7zip::cleanup()
     m_tree.reset();
     const QStringList logged = m_log->troubleLeft();
     m_log.reset();
-    QVERIFY(!hasChildren());
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(logged, QStringList());
 }
 

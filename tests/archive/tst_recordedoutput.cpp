@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "childprocesses.h"
 #include "fakesevenzip.h"
+#include "leftovers.h"
 #include "logcapture.h"
 #include "texts.h"
 
@@ -73,6 +73,7 @@ class tst_RecordedOutput : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { m_leftovers.begin(); }
     void init();
     void cleanup();
 
@@ -91,6 +92,7 @@ private:
     bool replay(const QString &name);
     QByteArrayList eventsThat(bool areProgress) const;
 
+    Leftovers m_leftovers;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<FakeSevenZip> m_fake;
     std::unique_ptr<TestTree> m_tree;
@@ -113,7 +115,7 @@ void tst_RecordedOutput::cleanup()
     const QStringList logged = m_log->troubleLeft();
     m_log.reset();
     QCOMPARE(trouble, QByteArray());
-    QVERIFY(!hasChildren());
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(logged, QStringList());
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "childprocesses.h"
+#include "leftovers.h"
 #include "logcapture.h"
 #include "testtree.h"
 #include "texts.h"
@@ -53,6 +53,7 @@ class tst_StartFailures : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { m_leftovers.begin(); }
     void init();
     void cleanup();
 
@@ -80,6 +81,7 @@ private:
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
     const QString m_program = QCoreApplication::applicationDirPath() + QLatin1String("/7zr");
+    Leftovers m_leftovers;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<TestTree> m_tree;
 };
@@ -157,7 +159,7 @@ void tst_StartFailures::cleanup()
     m_tree.reset();
     const QStringList logged = m_log->troubleLeft();
     m_log.reset();
-    QVERIFY(!hasChildren());
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(logged, QStringList());
 }
 

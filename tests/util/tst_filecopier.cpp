@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "leftovers.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -524,6 +525,7 @@ private:
         }
     }
 
+    Leftovers m_leftovers;
     std::unique_ptr<TestTree> m_tree;
     std::unique_ptr<LogCapture> m_log;
 };
@@ -533,6 +535,7 @@ void tst_FileCopier::initTestCase()
     // Large blocks go back to the system at once, so that none is there already when memory is
     // measured.
     ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(MiB));
+    m_leftovers.begin();
 }
 
 void tst_FileCopier::init()
@@ -545,8 +548,9 @@ void tst_FileCopier::init()
 
 void tst_FileCopier::cleanup()
 {
-    QThreadPool::globalInstance()->waitForDone();
+    QThreadPool::globalInstance()->waitForDone(); // ends the pool's idle threads as well
     QCOMPARE(QThreadPool::globalInstance()->activeThreadCount(), 0);
+    QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(m_log->takeAll("default"), QStringList());
     QCOMPARE(m_log->troubleLeft(), QStringList());
     m_log.reset();
