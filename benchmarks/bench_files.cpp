@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// FileCopier beside cp and dd, and the archive calls beside the bare 7-Zip with the same switches.
+// FileCopier beside cp and dd; the archive calls, and "pellox pack" and "pellox unpack" as whole
+// programs, beside the bare 7-Zip with the same switches.
 #include "comparison.h"
 
 #include <Pellox/ArchiveController>
@@ -12,6 +13,15 @@
 
 namespace {
 
+constexpr int BuildSize = 64; // MiB
+
+/// Runs a program that lies beside this one.
+void run(const char *name, const QStringList &arguments)
+{
+    runProgram(
+        QCoreApplication::applicationDirPath() + QLatin1Char('/') + QLatin1String(name), arguments);
+}
+
 class Files
 {
 public:
@@ -19,11 +29,13 @@ public:
         : m_dir(QDir::tempPath() + QLatin1String("/bench"))
     {
         require(m_dir.isValid(), "make a folder");
-        write("large", 1024, true);
-        require(QDir(m_dir.path()).mkdir(QStringLiteral("folder")), "make a folder");
-        for (const char *name : {"folder/random", "folder/text"})
-            write(name, 4, name[7] == 'r');
-        runProgram(sevenZip(), packing(path("packed.7z")));
+        write("large", 1024, randomBytes);
+        makeFolder("folder");
+        write("folder/random", 4, randomBytes);
+        write("folder/text", 4, randomText);
+        run("7zr", packing("packed.7z", "folder"));
+        makeBuild();
+        run("7zr", packing("packed-build.7z", "build"));
     }
 
     QString path(const char *name) const { return m_dir.filePath(QLatin1String(name)); }
@@ -32,33 +44,62 @@ public:
     QString fresh(const char *name) const
     {
         QFile::remove(path(name));
+        QDir(path(name)).removeRecursively();
         return path(name);
     }
 
-    static QString sevenZip()
-    {
-        return QCoreApplication::applicationDirPath() + QLatin1String("/7zr");
-    }
-
     /// The command line of the library's Compressor.
-    QStringList packing(const QString &archive) const
+    QStringList packing(const char *archive, const char *folder) const
     {
         return {QStringLiteral("a"), QStringLiteral("-y"), QStringLiteral("-ssw"),
             QStringLiteral("-bse1"), QStringLiteral("-bso1"), QStringLiteral("-bsp1"),
-            QStringLiteral("-sccUTF-8"), QStringLiteral("-v524288000b"), archive,
-            path("folder") + QLatin1String("/*")};
+            QStringLiteral("-sccUTF-8"), QStringLiteral("-v524288000b"), path(archive),
+            path(folder) + QLatin1String("/*")};
+    }
+
+    /// The command line of the library's Decompressor.
+    QStringList unpacking(const char *archive, const char *folder) const
+    {
+        return {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-bse1"),
+            QStringLiteral("-bso1"), QStringLiteral("-bsp1"), QStringLiteral("-sccUTF-8"),
+            QLatin1String("-o") + path(folder), path(archive)};
     }
 
 private:
-    void write(const char *name, int mebibytes, bool random)
+    using MakeContent = QByteArray (*)(int size, quint32 seed);
+
+    static QByteArray randomText(int size, quint32 seed)
+    {
+        return randomBytes(size / 2, seed).toHex();
+    }
+
+    void makeFolder(const char *name) const
+    {
+        require(QDir(m_dir.path()).mkdir(QLatin1String(name)), "make a folder");
+    }
+
+    void write(const char *name, int mebibytes, MakeContent make) const
     {
         QFile file(path(name));
         require(file.open(QIODevice::WriteOnly), "open");
         for (int i = 0; i < mebibytes; ++i) {
-            const auto seed = static_cast<quint32>(i);
-            const QByteArray part
-                = random ? randomBytes(MiB, seed) : randomBytes(MiB / 2, seed).toHex();
+            const QByteArray part = make(MiB, static_cast<quint32>(i));
             require(file.write(part) == part.size(), "write");
+        }
+    }
+
+    /// BuildSize of what cannot be compressed, what can, and what is there several times.
+    void makeBuild() const
+    {
+        makeFolder("build");
+        write("build/random", 24, randomBytes);
+        write("build/text", 8, randomText);
+        makeFolder("build/small");
+        for (quint32 i = 0; i < 512; ++i) {
+            QFile file(path("build/small/") + QString::number(i));
+            const QByteArray content = randomText(MiB / 16, i % 64);
+            require(
+                file.open(QIODevice::WriteOnly) && file.write(content) == content.size(), "write");
         }
     }
 
@@ -82,7 +123,7 @@ int main(int argc, char **argv)
         runProgram(QStringLiteral("cp"),
             {QStringLiteral("--reflink=never"), files.path("large"), files.fresh("copy")});
     });
-    compare("FileCopier, again", {1024}, copy, "dd bs=10M", [&](int) {
+    compareAlso("FileCopier", {1024}, "dd bs=10M", [&](int) {
         runProgram(QStringLiteral("dd"),
             {QStringLiteral("bs=10M"), QStringLiteral("status=none"),
                 QLatin1String("if=") + files.path("large"),
@@ -100,7 +141,7 @@ int main(int argc, char **argv)
         "7zr a",
         [&](int) {
             files.fresh("out.7z.001");
-            runProgram(Files::sevenZip(), files.packing(files.path("out.7z")));
+            run("7zr", files.packing("out.7z", "folder"));
         });
     compare(
         "extractArchive", {8},
@@ -110,12 +151,29 @@ int main(int argc, char **argv)
                         files.path("packed.7z.001"), files.path("unpacked"), QString()),
                 "unpack");
         },
+        "7zr x", [&](int) { run("7zr", files.unpacking("packed.7z.001", "unpacked")); });
+    compare(
+        "pellox pack", {BuildSize},
+        [&](int) {
+            files.fresh("out.7z.001");
+            run("pellox", {QStringLiteral("pack"), files.path("build"), files.path("out.7z")});
+        },
+        "7zr a",
+        [&](int) {
+            files.fresh("out.7z.001");
+            run("7zr", files.packing("out.7z", "build"));
+        });
+    compare(
+        "pellox unpack", {BuildSize},
+        [&](int) {
+            run("pellox",
+                {QStringLiteral("unpack"), files.path("packed-build.7z.001"),
+                    files.fresh("unpacked-build")});
+        },
         "7zr x",
         [&](int) {
-            runProgram(Files::sevenZip(),
-                {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-bse1"),
-                    QStringLiteral("-bso1"), QStringLiteral("-bsp1"), QStringLiteral("-sccUTF-8"),
-                    QLatin1String("-o") + files.path("unpacked"), files.path("packed.7z.001")});
+            files.fresh("unpacked-build");
+            run("7zr", files.unpacking("packed-build.7z.001", "unpacked-build"));
         });
     return runComparisons(argc, argv);
 }

@@ -53,6 +53,13 @@ void compare(const std::string &operation, const std::vector<int> &sizes,
     }
 }
 
+void compareAlso(const std::string &operation, const std::vector<int> &sizes,
+    const std::string &otherName, const std::function<void(int mebibytes)> &other)
+{
+    for (const int size : sizes)
+        add(operation + '|' + otherName + '/' + std::to_string(size), size, other);
+}
+
 int runComparisons(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);

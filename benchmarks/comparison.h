@@ -31,4 +31,8 @@ void compare(const std::string &operation, const std::vector<int> &sizes,
     const std::function<void(int mebibytes)> &ours, const std::string &otherName,
     const std::function<void(int mebibytes)> &other);
 
+/// Adds another such program to an @p operation of compare(); the quickest one is shown.
+void compareAlso(const std::string &operation, const std::vector<int> &sizes,
+    const std::string &otherName, const std::function<void(int mebibytes)> &other);
+
 int runComparisons(int argc, char **argv);
