@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: MIT
+#include "crew.h"
+
+#include <chrono>
+#include <exception>
+#include <thread>
+#include <vector>
+
+namespace Pellox {
+
+namespace {
+
+QString outOfMemory()
+{
+    return QStringLiteral("out of memory");
+}
+
+} // namespace
+
+Crew::Crew(int threadCount, const std::atomic<bool> &cancelled)
+    : m_threadCount(threadCount)
+    , m_cancelled(cancelled)
+{
+}
+
+bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
+    const std::function<void()> &report)
+{
+    std::unique_lock lock(m_mutex);
+    m_task = &task;
+    m_nextLarge = 0;
+    m_largeCount = largeCount;
+    m_nextSmall = largeCount;
+    m_count = count;
+
+    std::vector<std::thread> threads;
+    try {
+        for (int i = 0; i < m_threadCount; ++i) {
+            threads.emplace_back([this] { work(); });
+            ++m_threads;
+        }
+    } catch (const std::exception &) {
+        // The system gives no more: those that are there do it all.
+        if (threads.empty()) {
+            m_error = QStringLiteral("the system gives no thread");
+            m_failed = true;
+        }
+    }
+
+    constexpr std::chrono::milliseconds ReportEvery(50);
+    while (m_threads > 0) {
+        m_ended.wait_for(lock, ReportEvery);
+        lock.unlock();
+        report();
+        lock.lock();
+    }
+    lock.unlock();
+    for (std::thread &thread : threads)
+        thread.join();
+    return !isStopped();
+}
+
+/// What each thread does.
+void Crew::work()
+{
+    std::unique_lock lock(m_mutex);
+    while (!isStopped()) {
+        if (const auto task = nextTask()) {
+            lock.unlock();
+            carryOut(*task);
+            lock.lock();
+        } else if (!help(lock)) {
+            if (m_largeUnderWay == 0)
+                break;
+            m_changed.wait(lock);
+        }
+    }
+    --m_threads;
+    m_ended.notify_all();
+}
+
+void Crew::carryOut(std::size_t task)
+{
+    try {
+        (*m_task)(task);
+    } catch (const std::exception &) {
+        fail(outOfMemory());
+    }
+    if (task < m_largeCount) {
+        const std::lock_guard lock(m_mutex);
+        --m_largeUnderWay;
+        m_changed.notify_all();
+    }
+}
+
+std::optional<std::size_t> Crew::nextTask()
+{
+    if (m_nextLarge == m_largeCount)
+        return nextSmallTask();
+    ++m_largeUnderWay;
+    return m_nextLarge++;
+}
+
+std::optional<std::size_t> Crew::nextSmallTask()
+{
+    return m_nextSmall < m_count ? std::optional(m_nextSmall++) : std::nullopt;
+}
+
+bool Crew::help(std::unique_lock<std::mutex> &lock)
+{
+    for (Entry &entry : m_works) {
+        if (takeStep(entry, lock))
+            return true; // the list may have changed
+    }
+    return false;
+}
+
+bool Crew::takeStep(Entry &entry, std::unique_lock<std::mutex> &lock)
+{
+    bool taken = true;
+    ++entry.inStep;
+    try {
+        taken = entry.work->step(lock);
+    } catch (const std::exception &) {
+        if (lock.owns_lock())
+            lock.unlock();
+        fail(outOfMemory());
+        lock.lock();
+    }
+    --entry.inStep;
+    if (taken)
+        m_changed.notify_all();
+    return taken;
+}
+
+bool Crew::share(SharedWork &work)
+{
+    std::unique_lock lock(m_mutex);
+    const auto entry = m_works.insert(m_works.end(), Entry{&work});
+    ++m_sharedWorks;
+    while (!work.isDone() && !isStopped()) {
+        if (takeStep(*entry, lock) || help(lock))
+            continue;
+        if (const auto task = nextSmallTask()) {
+            lock.unlock();
+            carryOut(*task);
+            lock.lock();
+        } else {
+            m_changed.wait(lock);
+        }
+    }
+    while (entry->inStep > 0)
+        m_changed.wait(lock);
+    const bool done = work.isDone();
+    m_works.erase(entry);
+    --m_sharedWorks;
+    return done;
+}
+
+bool Crew::doAlone(SharedWork &work)
+{
+    std::mutex ownMutex; // a step wants one, but there is nobody to wait for
+    std::unique_lock lock(ownMutex);
+    while (!work.isDone() && !isStopped()) {
+        if (!work.step(lock))
+            break;
+    }
+    return work.isDone();
+}
+
+void Crew::fail(const QString &error)
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_failed)
+        m_error = error;
+    m_failed = true;
+    m_changed.notify_all();
+}
+
+} // namespace Pellox

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <optional>
+
+namespace Pellox {
+
+/// Work that several threads do together, step by step.
+class SharedWork
+{
+public:
+    virtual ~SharedWork() = default;
+
+    /**
+     * Takes one step, letting go of @p lock while it works. False, the lock held throughout, when
+     * there is none to take now.
+     */
+    virtual bool step(std::unique_lock<std::mutex> &lock) = 0;
+    /// Called with the lock held.
+    virtual bool isDone() const = 0;
+};
+
+/**
+ * The threads of a run. Each takes one task after the other; one that has nothing else to do
+ * takes steps of the others' shared works. The first error stops all.
+ */
+class Crew
+{
+public:
+    /// @p cancelled is looked at before each task and each step.
+    Crew(int threadCount, const std::atomic<bool> &cancelled);
+
+    /// May throw, which fails the run.
+    using Task = std::function<void(std::size_t)>;
+
+    /**
+     * Calls @p task on the crew's threads for each number from 0 up to @p count. The first
+     * @p largeCount of them come first and may share work; any other one may be taken up while a
+     * large one waits. Meanwhile calls @p report on the calling thread now and then. True when
+     * all has been done, once the threads have ended.
+     */
+    bool run(std::size_t count, std::size_t largeCount, const Task &task,
+        const std::function<void()> &report);
+
+    /// For a large task: does all steps of @p work with the help of the other threads. False when
+    /// the crew was stopped before its end.
+    bool share(SharedWork &work);
+    /// For any task: does all steps of @p work on this thread.
+    bool doAlone(SharedWork &work);
+
+    /// Stops the crew. The first text is kept.
+    void fail(const QString &error);
+    bool isStopped() const { return m_failed || m_cancelled; }
+    /// Why the run failed; empty when it did not.
+    QString error() const { return m_error; }
+
+    int threadCount() const { return m_threadCount; }
+    /// How many works are being shared.
+    int sharedWorks() const { return m_sharedWorks; }
+
+private:
+    struct Entry
+    {
+        SharedWork *work;
+        int inStep = 0; ///< threads that are in one of its steps
+    };
+
+    void work();
+    void carryOut(std::size_t task);
+    std::optional<std::size_t> nextTask();
+    std::optional<std::size_t> nextSmallTask();
+    bool help(std::unique_lock<std::mutex> &lock);
+    bool takeStep(Entry &entry, std::unique_lock<std::mutex> &lock);
+
+    const int m_threadCount;
+    const std::atomic<bool> &m_cancelled;
+    std::atomic<bool> m_failed{false};
+    QString m_error;
+
+    std::mutex m_mutex; ///< guards all below
+    std::condition_variable m_changed;
+    std::condition_variable m_ended;
+    const Task *m_task = nullptr;
+    std::size_t m_nextLarge = 0;
+    std::size_t m_largeCount = 0;
+    std::size_t m_nextSmall = 0;
+    std::size_t m_count = 0;
+    int m_largeUnderWay = 0;
+    int m_threads = 0; ///< that have not ended
+    std::list<Entry> m_works;
+    std::atomic<int> m_sharedWorks{0};
+};
+
+} // namespace Pellox

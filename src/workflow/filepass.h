@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "blockmatcher.h"
+#include "crew.h"
+#include "deltawriter.h"
+#include "digest.h"
+#include "diskfile.h"
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <optional>
+
+namespace Pellox {
+
+/**
+ * Reads a file once and does with its content all that is wanted: digest, signature, copy, delta.
+ *
+ * The file goes through memory in chunks. Sums and matches of chunks are computed side by side on
+ * all threads; reading, the digest and the writing go from chunk to chunk, each on one thread at a
+ * time.
+ */
+class FilePass : public SharedWork
+{
+public:
+    static constexpr qint64 ChunkSize = 1 << 20; ///< a multiple of the block length
+
+    /// What is wanted. Files must be open and outlive the pass.
+    struct Targets
+    {
+        bool digest = false;
+        OutputFile *signature = nullptr;
+        OutputFile *copy = nullptr;
+        OutputFile *delta = nullptr;
+        const SignatureSet *oldBlocks = nullptr; ///< for the delta
+    };
+
+    using Bytes = std::vector<uchar>;
+
+    /// @p done counts the bytes that are done with.
+    FilePass(Crew &crew, InputFile &input, const Targets &targets, std::atomic<qint64> &done);
+    ~FilePass() override;
+
+    bool step(std::unique_lock<std::mutex> &lock) override;
+    bool isDone() const override { return m_chunksDone == m_chunkCount; }
+
+    /// Once done: the SHA-512, in hexadecimal text.
+    QByteArray sha512();
+
+    /// Once done, of a file of one chunk: takes the content, for another pass.
+    Bytes takeContent() { return std::move(m_spare.back()); }
+    /// Before the first step: the content of a file of one chunk, so that it is not read again.
+    void setContent(Bytes content)
+    {
+        m_spare.push_back(std::move(content));
+        m_contentGiven = true;
+    }
+
+private:
+    enum class Step { None, Read, Digest, Compute, Write };
+    struct Chunk;
+
+    Step nextStep() const;
+    bool wantsSums() const { return m_targets.signature || m_targets.delta; }
+    bool wantsOutput() const { return wantsSums() || m_targets.copy; }
+    Chunk *firstToCompute() const;
+    std::size_t window() const;
+
+    Chunk &addChunk();
+    void read(Chunk &chunk, Chunk *previous);
+    void compute(Chunk &chunk);
+    void write(Chunk &chunk);
+    Stretch stretchOf(const Chunk &chunk) const;
+    void writeDelta(Chunk &chunk);
+    bool joinMatches(Chunk &chunk);
+    void releaseDone();
+
+    Crew &m_crew;
+    InputFile &m_input;
+    const Targets m_targets;
+    std::atomic<qint64> &m_done;
+    const qint64 m_chunkCount;
+    bool m_contentGiven = false;
+
+    std::deque<std::unique_ptr<Chunk>> m_chunks; ///< in memory, in the order of the file
+    std::vector<Bytes> m_spare;
+    qint64 m_chunksRead = 0; ///< begun to read
+    qint64 m_chunksDone = 0;
+    bool m_reading = false;
+    bool m_digesting = false;
+    bool m_writing = false;
+
+    std::optional<Digest> m_digest;
+    std::optional<DeltaWriter> m_deltaWriter;
+    qint64 m_deltaEnd = 0; ///< of the new file, what the delta's commands yield
+};
+
+} // namespace Pellox

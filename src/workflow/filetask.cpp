@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: MIT
+#include "filetask.h"
+
+#include "signaturefile.h"
+
+#include <algorithm>
+
+namespace Pellox {
+
+FileTask::FileTask(Crew &crew, const PublishFolders &folders, NewFile &file, Progress &progress)
+    : m_crew(crew)
+    , m_folders(folders)
+    , m_file(file)
+    , m_progress(progress)
+{
+}
+
+void FileTask::carryOut()
+{
+    if (!m_input.open(m_folders.newBuild + m_file.relativePath)) {
+        fail(m_input.error());
+        return;
+    }
+    if (m_input.size() != m_file.size) {
+        fail(aboutFile(m_input.path(), QStringLiteral("changed while it was read")));
+        return;
+    }
+    if (!wantsRule() && !wantsSignature())
+        m_progress.done += m_file.size;
+    else if (m_file.isKnown)
+        doKnown();
+    else
+        doUnknown();
+}
+
+/// A file that the old build does not have: signed and copied in one reading.
+void FileTask::doUnknown()
+{
+    if (wantsRule())
+        m_file.rule = NewFile::Rule::Copy;
+    OutputFile signature;
+    OutputFile copy;
+    FilePass::Targets targets;
+    if (wantsSignature()) {
+        if (!open(signature, m_folders.newSignatures))
+            return;
+        targets.digest = true;
+        targets.signature = &signature;
+    }
+    if (wantsRule() && !m_folders.patch.isEmpty()) {
+        if (!open(copy, m_folders.patch))
+            return;
+        copy.setPermissions(m_input.permissions());
+        targets.copy = &copy;
+    }
+    if (!targets.signature && !targets.copy) {
+        m_progress.done += m_file.size;
+        return;
+    }
+    FilePass reading(m_crew, m_input, targets, m_progress.done);
+    if (!pass(reading))
+        return;
+    if (targets.digest)
+        m_file.sha512 = reading.sha512();
+    if (targets.signature && !close(signature))
+        return;
+    if (targets.copy)
+        close(copy);
+}
+
+/**
+ * A file that the old build has too. Only its digest tells whether it changed. A small one stays in
+ * memory until that is known; a large one that shows a change at once is read once, any other
+ * one that changed a second time.
+ */
+void FileTask::doKnown()
+{
+    const bool onlyDecides = m_folders.newSignatures.isEmpty() && m_folders.patch.isEmpty();
+    if (isLarge(m_file.size) && !onlyDecides && showsChange()) {
+        if (describeChange(true, {}) && m_file.sha512 == m_file.oldSha512) {
+            fail(aboutFile(m_folders.oldSignatures + m_file.relativePath,
+                QStringLiteral("is not the signature of its file")));
+        }
+        decideRule();
+        return;
+    }
+
+    FilePass::Targets targets;
+    targets.digest = true;
+    FilePass reading(m_crew, m_input, targets, m_progress.done);
+    if (!pass(reading))
+        return;
+    m_file.sha512 = reading.sha512();
+    decideRule();
+    if (m_file.sha512 == m_file.oldSha512) {
+        if (wantsSignature())
+            takeOverSignature();
+        return;
+    }
+    if (onlyDecides)
+        return;
+    if (!isLarge(m_file.size)) {
+        describeChange(false, reading.takeContent());
+        return;
+    }
+    const QByteArray sha512 = m_file.sha512;
+    m_progress.total += m_file.size;
+    if (describeChange(true, {}) && m_file.sha512 != sha512)
+        fail(aboutFile(m_input.path(), QStringLiteral("changed while it was read")));
+}
+
+void FileTask::decideRule()
+{
+    if (wantsRule() && m_file.sha512 != m_file.oldSha512)
+        m_file.rule = NewFile::Rule::Patch;
+}
+
+/**
+ * Whether the file surely changed: when its signature would have another number of blocks, or when
+ * one of a few blocks differs. Spares most changed files the reading for the digest alone.
+ */
+bool FileTask::showsChange()
+{
+    constexpr qint64 BlockLength = SignatureFormat::BlockLength;
+    constexpr qint64 Samples = 16;
+    SignatureFile old;
+    if (!old.open(m_folders.oldSignatures + m_file.relativePath))
+        return false; // said when the signature is needed
+    const qint64 blocks = SignatureFormat::blockCount(m_file.size);
+    if (old.blockCount() != blocks)
+        return true;
+
+    std::array<uchar, SignatureFormat::BlockLength> bytes{};
+    for (qint64 i = 0; i < Samples; ++i) {
+        const qint64 block = i * (blocks - 1) / (Samples - 1);
+        const qint64 begin = block * BlockLength;
+        const qint64 size = std::min(BlockLength, m_file.size - begin);
+        BlockRecord oldSums{};
+        std::vector<BlockRecord> sums;
+        if (!m_input.readAt(begin, bytes.data(), size) || !old.readBlock(block, &oldSums)
+            || !computeBlockSums(bytes.data(), static_cast<std::size_t>(size), &sums))
+            return false; // said when it is read as a whole
+        if (sums.front() != oldSums)
+            return true;
+    }
+    return false;
+}
+
+void FileTask::takeOverSignature()
+{
+    const QString oldPath = m_folders.oldSignatures + m_file.relativePath;
+    SignatureFile old;
+    if (!old.open(oldPath)) {
+        fail(old.error());
+        return;
+    }
+    if (old.blockCount() != SignatureFormat::blockCount(m_file.size)) {
+        fail(aboutFile(oldPath, QStringLiteral("is not the signature of its file")));
+        return;
+    }
+    OutputFile output;
+    if (!open(output, m_folders.newSignatures))
+        return;
+    if (!old.copyTo(output))
+        fail(old.error());
+    else
+        close(output);
+}
+
+/// The files that describe a change, and what they are made from.
+struct FileTask::Outputs
+{
+    OutputFile signature;
+    OutputFile delta;
+    std::optional<SignatureSet> oldBlocks;
+};
+
+/// Makes signature and delta of a file that changed, as wanted; @p content is that of a small one.
+bool FileTask::describeChange(bool digest, FilePass::Bytes content)
+{
+    Outputs outputs;
+    FilePass::Targets targets;
+    targets.digest = digest;
+    if (wantsRule() && !m_folders.patch.isEmpty() && !openDelta(outputs, targets))
+        return false;
+    if (wantsSignature()) {
+        if (!open(outputs.signature, m_folders.newSignatures))
+            return false;
+        targets.signature = &outputs.signature;
+    }
+
+    FilePass reading(m_crew, m_input, targets, m_progress.done);
+    if (!content.empty()) {
+        m_progress.total += m_file.size;
+        reading.setContent(std::move(content));
+    }
+    if (!pass(reading))
+        return false;
+    if (digest)
+        m_file.sha512 = reading.sha512();
+    return (!targets.delta || close(outputs.delta))
+        && (!targets.signature || close(outputs.signature));
+}
+
+bool FileTask::openDelta(Outputs &outputs, FilePass::Targets &targets)
+{
+    SignatureFile signature;
+    std::vector<BlockRecord> records;
+    if (!signature.open(m_folders.oldSignatures + m_file.relativePath)
+        || !signature.readAll(&records))
+        return fail(signature.error());
+    outputs.oldBlocks.emplace(std::move(records));
+    targets.oldBlocks = &*outputs.oldBlocks;
+    targets.delta = &outputs.delta;
+    return open(outputs.delta, m_folders.patch);
+}
+
+bool FileTask::open(OutputFile &output, const QString &folder)
+{
+    return output.open(folder + m_file.relativePath) || fail(output.error());
+}
+
+bool FileTask::close(OutputFile &output)
+{
+    return output.close() || fail(output.error());
+}
+
+bool FileTask::pass(FilePass &pass)
+{
+    return isLarge(m_file.size) ? m_crew.share(pass) : m_crew.doAlone(pass);
+}
+
+bool FileTask::fail(const QString &error)
+{
+    m_crew.fail(error);
+    return false;
+}
+
+} // namespace Pellox

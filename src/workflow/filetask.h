@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "filepass.h"
+
+#include <QString>
+
+namespace Pellox {
+
+/// The folders of a run; a relative path is appended to them as it is. An empty one is not wanted.
+struct PublishFolders
+{
+    QString newBuild;
+    QString oldSignatures;
+    QString patch;
+    QString newSignatures;
+};
+
+/// A file of the new build, and what became of it.
+struct NewFile
+{
+    enum class Rule { None, Patch, Copy };
+
+    QString relativePath;
+    qint64 size = 0;
+    bool isKnown = false; ///< the old build has a file of this name ...
+    QByteArray oldSha512; ///< ... with this content, in hexadecimal text
+    bool isIgnored = false;
+
+    Rule rule = Rule::None;
+    QByteArray sha512; ///< where it was needed, in hexadecimal text
+};
+
+/// Does for one file of the new build all that a run wants.
+class FileTask
+{
+public:
+    struct Progress
+    {
+        std::atomic<qint64> done{0};
+        std::atomic<qint64> total{0};
+    };
+
+    FileTask(Crew &crew, const PublishFolders &folders, NewFile &file, Progress &progress);
+
+    /// What fails stops the crew.
+    void carryOut();
+
+    /// Whether several threads work on a file of @p size bytes.
+    static bool isLarge(qint64 size) { return size > FilePass::ChunkSize; }
+
+private:
+    bool wantsSignature() const { return !m_folders.newSignatures.isEmpty(); }
+    bool wantsRule() const { return !m_file.isIgnored && !m_folders.oldSignatures.isEmpty(); }
+
+    void doUnknown();
+    void doKnown();
+    void decideRule();
+    bool showsChange();
+    void takeOverSignature();
+    bool describeChange(bool digest, FilePass::Bytes content);
+
+    struct Outputs;
+    bool openDelta(Outputs &outputs, FilePass::Targets &targets);
+    bool open(OutputFile &output, const QString &folder);
+    bool close(OutputFile &output);
+    bool pass(FilePass &pass);
+    bool fail(const QString &error);
+
+    Crew &m_crew;
+    const PublishFolders &m_folders;
+    NewFile &m_file;
+    Progress &m_progress;
+    InputFile m_input;
+};
+
+} // namespace Pellox

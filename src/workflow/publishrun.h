@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "filetask.h"
+#include "progresscallback.h"
+
+#include <QHash>
+#include <QStringList>
+#include <QVariant>
+
+#include <memory>
+#include <vector>
+
+namespace Pellox {
+
+class ReleaseFolder;
+
+/// One call of PublishController from beginning to end.
+class PublishRun
+{
+public:
+    /// All folders absolute, without a separator at the end. @p cancelled may change at any time.
+    PublishRun(const PublishFolders &folders, const QStringList &ignoreFiles, int threadCount,
+        const std::atomic<bool> &cancelled);
+
+    /// False with error(), which is empty when the run was cancelled.
+    bool carryOut(const PROGRESS_CALLBACK &progress);
+
+    /// Once carried out: the rules, "copy" ones with the size of the file.
+    QVariantList rulesWithSizes() const { return rules(true); }
+
+    QString error() const { return m_error; }
+
+private:
+    using Outputs = std::vector<std::unique_ptr<ReleaseFolder>>;
+
+    bool checkFolders();
+    bool readOldFiles();
+    bool findNewFiles();
+    bool isNamedLikeManifest(const NewFile &file) const;
+    bool forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step);
+    bool workOnFiles(const PROGRESS_CALLBACK &progress);
+    bool complete(const Outputs &folders);
+
+    QByteArray manifestOf(const ReleaseFolder &folder) const;
+    QVariantList rules(bool copySizes) const;
+    QVariantList signatureRecords() const;
+    bool fail(const QString &error);
+    bool fail(const QString &path, const QString &reason);
+
+    const PublishFolders m_folders;
+    const QStringList m_ignoreFiles;
+    const int m_threadCount;
+    const std::atomic<bool> &m_cancelled;
+    QString m_error;
+
+    struct OldFile
+    {
+        QString relativePath;
+        QByteArray sha512;
+        bool isKept = false; ///< a file of the new build, an ignored one too, has its name
+    };
+    std::vector<OldFile> m_oldFiles; ///< in the order of the manifest
+    QHash<QString, std::size_t> m_oldByPath;
+    std::vector<NewFile> m_newFiles; ///< in the order of the walk
+};
+
+} // namespace Pellox
