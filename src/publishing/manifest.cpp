@@ -27,17 +27,12 @@ ReadResult read(const QString &path, QVariantList *records)
     return ReadResult::Complete;
 }
 
-QByteArray toJson(const QVariantList &records)
-{
-    return QJsonDocument::fromVariant(records).toJson(QJsonDocument::Indented);
-}
-
 bool write(const QString &path, const QVariantList &records)
 {
     QFile file(path);
     if (isNamedPipe(QFile::encodeName(path).constData()) || !file.open(QIODevice::WriteOnly))
         return false;
-    file.write(toJson(records));
+    file.write(QJsonDocument::fromVariant(records).toJson(QJsonDocument::Indented));
     return true;
 }
 

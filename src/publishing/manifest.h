@@ -25,9 +25,6 @@ enum class ReadResult { Complete, Unreadable, NotOpened };
  */
 ReadResult read(const QString &path, QVariantList *records);
 
-/// @p records as indented JSON.
-QByteArray toJson(const QVariantList &records);
-
 /**
  * Writes @p records as indented JSON over whatever stands at @p path. False when the
  * file does not open; whether all bytes arrived is not looked at.

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QFileInfo>
 #include <QStringList>
-#include <QVector>
 
 namespace Pellox {
 
@@ -13,8 +11,5 @@ namespace Pellox {
  * behind links to folders are no part of a build.
  */
 QStringList filesUnder(const QString &folder);
-
-/// The same files with what the walk has learned of them.
-QVector<QFileInfo> fileInfosUnder(const QString &folder);
 
 } // namespace Pellox

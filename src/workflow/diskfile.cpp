@@ -19,11 +19,6 @@ namespace {
 /// Small writes are held back up to this.
 constexpr std::size_t HeldBack = 64 * 1024;
 
-QString lastSystemError()
-{
-    return QString::fromStdString(std::generic_category().message(errno));
-}
-
 bool sameTime(const timespec &time, const timespec &other)
 {
     return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
@@ -34,6 +29,11 @@ bool sameTime(const timespec &time, const timespec &other)
 QString aboutFile(const QString &path, const QString &reason)
 {
     return path + QLatin1String(": ") + reason;
+}
+
+QString lastSystemError()
+{
+    return QString::fromStdString(std::generic_category().message(errno));
 }
 
 bool FileHandle::open(const QString &path, int flags)
@@ -51,9 +51,26 @@ bool FileHandle::close()
     return m_handle < 0 || ::close(std::exchange(m_handle, -1)) == 0;
 }
 
+bool Content::fail(const QString &reason)
+{
+    m_error = aboutFile(m_path, reason);
+    return false;
+}
+
+bool Content::failBySystem(const char *what)
+{
+    return fail(QLatin1String(what) + lastSystemError());
+}
+
+bool Content::failAs(const Content &other)
+{
+    m_error = other.error();
+    return false;
+}
+
 bool InputFile::open(const QString &path)
 {
-    m_path = path;
+    setPath(path);
     // A pipe without a writer would otherwise hold up the open until one comes.
     if (!m_file.open(path, O_RDONLY | O_NONBLOCK))
         return failBySystem("cannot be opened: ");
@@ -86,22 +103,16 @@ bool InputFile::readAt(qint64 position, uchar *data, qint64 size)
 
 bool InputFile::isUnchanged()
 {
-    struct stat now = {};
-    if (::fstat(m_file.get(), &now) != 0)
+    char more = 0;
+    const ssize_t got = ::pread(m_file.get(), &more, 1, m_status.st_size);
+    if (got < 0)
         return failBySystem("cannot be read: ");
-    return (now.st_size == m_status.st_size && sameTime(now.st_mtim, m_status.st_mtim))
+    struct stat now = {};
+    if (::stat(QFile::encodeName(path()).constData(), &now) != 0)
+        return fail(QStringLiteral("disappeared while it was read"));
+    return (got == 0 && now.st_dev == m_status.st_dev && now.st_ino == m_status.st_ino
+               && now.st_size == m_status.st_size && sameTime(now.st_mtim, m_status.st_mtim))
         || fail(QStringLiteral("changed while it was read"));
-}
-
-bool InputFile::fail(const QString &reason)
-{
-    m_error = aboutFile(m_path, reason);
-    return false;
-}
-
-bool InputFile::failBySystem(const char *what)
-{
-    return fail(QLatin1String(what) + lastSystemError());
 }
 
 bool OutputFile::open(const QString &path)
@@ -133,6 +144,14 @@ void OutputFile::write(const void *data, std::size_t size)
     if (m_held.size() + size > HeldBack)
         flush();
     m_held.insert(m_held.end(), bytes, bytes + size);
+}
+
+bool OutputFile::sync()
+{
+    flush();
+    if (::fsync(m_file.get()) != 0)
+        fail();
+    return m_error.isEmpty();
 }
 
 bool OutputFile::close()

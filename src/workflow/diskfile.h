@@ -12,6 +12,9 @@ namespace Pellox {
 /// A text that names a file: "path: reason".
 QString aboutFile(const QString &path, const QString &reason);
 
+/// What errno says.
+QString lastSystemError();
+
 /// An open file of the operating system. Plain calls: where a build has very many small files,
 /// what is done around the reading and writing counts.
 class FileHandle
@@ -31,33 +34,56 @@ private:
     int m_handle = -1;
 };
 
-/// A file that is read and must not change meanwhile.
-class InputFile
+/// The content of a file, wherever it comes from.
+class Content
+{
+public:
+    Content() = default;
+    virtual ~Content() = default;
+    Content(const Content &) = delete;
+    Content &operator=(const Content &) = delete;
+
+    /// The file that errors name.
+    QString path() const { return m_path; }
+    virtual qint64 size() const = 0;
+    /// Reads exactly @p size bytes at @p position. False with error().
+    virtual bool readAt(qint64 position, uchar *data, qint64 size) = 0;
+    /// False with error() when what was read may not be the content of one moment.
+    virtual bool isUnchanged() = 0;
+
+    /// Begins with the path.
+    QString error() const { return m_error; }
+
+protected:
+    void setPath(const QString &path) { m_path = path; }
+    bool fail(const QString &reason);
+    /// The same with the system's last error.
+    bool failBySystem(const char *what);
+    bool failAs(const Content &other);
+
+private:
+    QString m_path;
+    QString m_error;
+};
+
+/// A file on disk that is read and must not change meanwhile.
+class InputFile : public Content
 {
 public:
     /// False with error() when @p path is no regular file or link to one, or does not open.
     bool open(const QString &path);
 
-    QString path() const { return m_path; }
-    qint64 size() const { return m_status.st_size; }
+    qint64 size() const override { return m_status.st_size; }
     /// Who may read, write and execute it.
     mode_t permissions() const;
 
-    /// Reads exactly @p size bytes at @p position. False with error().
-    bool readAt(qint64 position, uchar *data, qint64 size);
-    /// False with error() when size or time of the file are no longer those at its opening.
-    bool isUnchanged();
-
-    QString error() const { return m_error; }
+    bool readAt(qint64 position, uchar *data, qint64 size) override;
+    /// Whether the path still leads to the file as it was opened, and that has no more bytes.
+    bool isUnchanged() override;
 
 private:
-    bool fail(const QString &reason);
-    bool failBySystem(const char *what);
-
-    QString m_path;
     FileHandle m_file;
     struct stat m_status = {};
-    QString m_error;
 };
 
 /// A new file, written from one end to the other. After a failure it takes everything and keeps
@@ -69,6 +95,8 @@ public:
     bool open(const QString &path);
 
     void setPermissions(mode_t permissions);
+    /// Waits until all is on the disk. False with error().
+    bool sync();
     void write(const void *data, std::size_t size);
     /// Writes what is held back. False with error() when anything was not written.
     bool close();

@@ -32,7 +32,7 @@ struct FilePass::Chunk
     qint64 end() const { return begin + size; }
 };
 
-FilePass::FilePass(Crew &crew, InputFile &input, const Targets &targets, std::atomic<qint64> &done)
+FilePass::FilePass(Crew &crew, Content &input, const Targets &targets, std::atomic<qint64> &done)
     : m_crew(crew)
     , m_input(input)
     , m_targets(targets)
@@ -49,9 +49,9 @@ FilePass::FilePass(Crew &crew, InputFile &input, const Targets &targets, std::at
 
 FilePass::~FilePass() = default;
 
-QByteArray FilePass::sha512()
+Sha512 FilePass::sha512()
 {
-    return m_digest->finish().toHex();
+    return Sha512::fromDigest(m_digest->finish());
 }
 
 bool FilePass::step(std::unique_lock<std::mutex> &lock)
@@ -111,6 +111,8 @@ bool FilePass::step(std::unique_lock<std::mutex> &lock)
 /// What can be done now. First what must go in order, as all the rest waits for it in the end.
 FilePass::Step FilePass::nextStep() const
 {
+    if (m_failed)
+        return Step::None;
     const auto firstWithout = [this](bool Chunk::*mark) -> const Chunk * {
         const auto found = std::find_if(m_chunks.begin(), m_chunks.end(),
             [mark](const auto &chunk) { return !((*chunk).*mark); });
@@ -181,7 +183,7 @@ void FilePass::read(Chunk &chunk, Chunk *previous)
             static_cast<std::size_t>(chunk.size + (m_targets.delta && !isLast ? Overlap : 0)));
         if (!m_input.readAt(chunk.begin, chunk.bytes.data(), chunk.size)
             || (isLast && !m_input.isUnchanged())) {
-            m_crew.fail(m_input.error());
+            fail(m_input.error());
             return;
         }
     }
@@ -193,16 +195,16 @@ void FilePass::read(Chunk &chunk, Chunk *previous)
 
 void FilePass::compute(Chunk &chunk)
 {
-    const auto fail
-        = [&] { m_crew.fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed"))); };
+    const auto failSums
+        = [&] { fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed"))); };
     if (m_targets.signature
         && !computeBlockSums(chunk.bytes.data(), static_cast<std::size_t>(chunk.size), &chunk.sums))
-        return fail();
+        return failSums();
     if (m_targets.delta && !m_targets.oldBlocks->isEmpty()) {
         const Stretch stretch = stretchOf(chunk);
         BlockMatcher matcher(*m_targets.oldBlocks, stretch, chunk.sums);
         if (!matcher.find(chunk.begin, chunk.end(), &chunk.matches))
-            return fail();
+            return failSums();
     }
 }
 
@@ -216,7 +218,7 @@ void FilePass::write(Chunk &chunk)
 {
     const auto check = [this](const OutputFile *file) {
         if (file && !file->error().isEmpty())
-            m_crew.fail(file->error());
+            fail(file->error());
     };
     if (m_targets.signature) {
         m_targets.signature->write(
@@ -234,7 +236,7 @@ void FilePass::write(Chunk &chunk)
 void FilePass::writeDelta(Chunk &chunk)
 {
     if (!joinMatches(chunk)) {
-        m_crew.fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed")));
+        fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed")));
         return;
     }
     const auto literalUpTo = [&](qint64 end) {
@@ -285,6 +287,15 @@ bool FilePass::joinMatches(Chunk &chunk)
     }
     chunk.matches = std::move(joined);
     return true;
+}
+
+/// Ends the pass; the first text is kept.
+void FilePass::fail(const QString &error)
+{
+    const std::lock_guard lock(m_errorMutex);
+    if (!m_failed)
+        m_error = error;
+    m_failed = true;
 }
 
 /// Lets go of the chunks at the front that nobody needs any more.

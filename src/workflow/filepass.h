@@ -6,6 +6,7 @@
 #include "deltawriter.h"
 #include "digest.h"
 #include "diskfile.h"
+#include "sha512.h"
 
 #include <atomic>
 #include <deque>
@@ -39,14 +40,17 @@ public:
     using Bytes = std::vector<uchar>;
 
     /// @p done counts the bytes that are done with.
-    FilePass(Crew &crew, InputFile &input, const Targets &targets, std::atomic<qint64> &done);
+    FilePass(Crew &crew, Content &input, const Targets &targets, std::atomic<qint64> &done);
     ~FilePass() override;
 
     bool step(std::unique_lock<std::mutex> &lock) override;
-    bool isDone() const override { return m_chunksDone == m_chunkCount; }
+    bool isDone() const override { return m_failed || m_chunksDone == m_chunkCount; }
 
-    /// Once done: the SHA-512, in hexadecimal text.
-    QByteArray sha512();
+    /// Once done: why it was not done to the end; empty when it was.
+    QString error() const { return m_error; }
+
+    /// Once done without an error.
+    Sha512 sha512();
 
     /// Once done, of a file of one chunk: takes the content, for another pass.
     Bytes takeContent() { return std::move(m_spare.back()); }
@@ -75,9 +79,10 @@ private:
     void writeDelta(Chunk &chunk);
     bool joinMatches(Chunk &chunk);
     void releaseDone();
+    void fail(const QString &error);
 
     Crew &m_crew;
-    InputFile &m_input;
+    Content &m_input;
     const Targets m_targets;
     std::atomic<qint64> &m_done;
     const qint64 m_chunkCount;
@@ -90,6 +95,10 @@ private:
     bool m_reading = false;
     bool m_digesting = false;
     bool m_writing = false;
+
+    std::mutex m_errorMutex;
+    QString m_error;
+    std::atomic<bool> m_failed{false};
 
     std::optional<Digest> m_digest;
     std::optional<DeltaWriter> m_deltaWriter;

@@ -27,7 +27,7 @@ void FileTask::carryOut()
     }
     if (!wantsRule() && !wantsSignature())
         m_progress.done += m_file.size;
-    else if (m_file.isKnown)
+    else if (m_file.oldSha512)
         doKnown();
     else
         doUnknown();
@@ -103,7 +103,7 @@ void FileTask::doKnown()
         describeChange(false, reading.takeContent());
         return;
     }
-    const QByteArray sha512 = m_file.sha512;
+    const Sha512 sha512 = m_file.sha512;
     m_progress.total += m_file.size;
     if (describeChange(true, {}) && m_file.sha512 != sha512)
         fail(aboutFile(m_input.path(), QStringLiteral("changed while it was read")));
@@ -227,7 +227,8 @@ bool FileTask::close(OutputFile &output)
 
 bool FileTask::pass(FilePass &pass)
 {
-    return isLarge(m_file.size) ? m_crew.share(pass) : m_crew.doAlone(pass);
+    const bool done = isLarge(m_file.size) ? m_crew.share(pass) : m_crew.doAlone(pass);
+    return done && (pass.error().isEmpty() || fail(pass.error()));
 }
 
 bool FileTask::fail(const QString &error)

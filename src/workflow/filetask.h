@@ -23,12 +23,11 @@ struct NewFile
 
     QString relativePath;
     qint64 size = 0;
-    bool isKnown = false; ///< the old build has a file of this name ...
-    QByteArray oldSha512; ///< ... with this content, in hexadecimal text
     bool isIgnored = false;
+    std::optional<Sha512> oldSha512; ///< of the old build's file of this name, where there is one
 
     Rule rule = Rule::None;
-    QByteArray sha512; ///< where it was needed, in hexadecimal text
+    Sha512 sha512; ///< where it was needed
 };
 
 /// Does for one file of the new build all that a run wants.

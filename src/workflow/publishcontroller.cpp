@@ -35,8 +35,9 @@ public:
     }
 
     /// False after publishError() when one of @p folders is empty.
-    bool areGiven(const QStringList &folders) const
+    bool areGiven(const QStringList &folders)
     {
+        wasCancelled = false;
         const bool given = !folders.contains(QString());
         if (!given)
             Q_EMIT q.publishError(QStringLiteral("a folder is not given"));

@@ -30,7 +30,7 @@ namespace Pellox {
  * Paths may be relative and may end with a separator; a manifest's relative paths begin with a
  * separator in any case. Hidden files are no part of a build.
  *
- * Memory: about 8 MiB a thread, and of the files in work the signatures (about 60 bytes for each
+ * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
  * 2,048 bytes of the old file), whatever the number and size of files.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that

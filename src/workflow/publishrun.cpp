@@ -1,21 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "publishrun.h"
 
-#include "filewalk.h"
+#include "buildwalk.h"
+#include "canonicalpath.h"
 #include "manifest.h"
 #include "releasefolder.h"
 #include "rules.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSet>
 
 #include <algorithm>
-#include <limits>
 #include <numeric>
 
 namespace Pellox {
@@ -23,60 +19,6 @@ namespace Pellox {
 namespace {
 
 constexpr double Percent = 100;
-
-/// @p path with links followed as far as it exists.
-QString canonical(const QString &path)
-{
-    const QFileInfo info(path);
-    if (info.exists())
-        return info.canonicalFilePath();
-    const QString parent = info.path();
-    return parent == path
-        ? path
-        : QDir(canonical(parent)).filePath(info.fileName()); // "/" needs no second separator
-}
-
-bool overlap(const QString &folder, const QString &other)
-{
-    const auto withSeparator = [](const QString &path) {
-        return path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
-    };
-    const QString first = withSeparator(canonical(folder));
-    const QString second = withSeparator(canonical(other));
-    return first.startsWith(second) || second.startsWith(first);
-}
-
-/// A folder under @p build that cannot be listed, so that the walk would leave it out; or nothing.
-QString unlistableFolder(const QString &build)
-{
-    const auto isListable
-        = [](const QFileInfo &info) { return info.isReadable() && info.isExecutable(); };
-    if (!isListable(QFileInfo(build)))
-        return build;
-    QDirIterator walk(
-        build, QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDirIterator::Subdirectories);
-    while (walk.hasNext()) {
-        walk.next();
-        if (!isListable(walk.fileInfo()))
-            return walk.filePath();
-    }
-    return {};
-}
-
-bool isSha512(const QByteArray &text)
-{
-    constexpr int Digits = 128;
-    return text.size() == Digits && std::all_of(text.cbegin(), text.cend(), [](char digit) {
-        return (digit >= '0' && digit <= '9') || (digit >= 'a' && digit <= 'f');
-    });
-}
-
-/// Whether @p path, from a manifest, names a file below a folder that it is appended to.
-bool isRelativePath(const QString &path)
-{
-    return path.startsWith(QLatin1Char('/')) && path.size() > 1 && QDir::cleanPath(path) == path
-        && !path.startsWith(QLatin1String("/.."));
-}
 
 } // namespace
 
@@ -103,8 +45,11 @@ bool PublishRun::carryOut(const PROGRESS_CALLBACK &progress)
     return forAll(outputs, [](ReleaseFolder &folder) { return folder.check(); })
         && forAll(outputs, [](ReleaseFolder &folder) { return folder.begin(); })
         && workOnFiles(progress)
-        && forAll(
-            outputs, [this](ReleaseFolder &folder) { return folder.prepare(manifestOf(folder)); })
+        && forAll(outputs,
+            [this](ReleaseFolder &folder) {
+                return folder.prepare(
+                    [&](QIODevice &device) { return writeManifest(folder.path(), device); });
+            })
         && complete(outputs);
 }
 
@@ -147,41 +92,21 @@ bool PublishRun::checkFolders()
                     QLatin1String("must not be, hold or lie inside of ") + folders.at(j));
         }
     }
-    const QString unlistable = unlistableFolder(m_folders.newBuild);
-    return unlistable.isEmpty() || fail(unlistable, QStringLiteral("cannot be listed"));
+    return true;
 }
 
 bool PublishRun::readOldFiles()
 {
     if (m_folders.oldSignatures.isEmpty())
         return true;
-    const QString path = Manifest::pathIn(m_folders.oldSignatures, SIGNATURES_FILE);
-    InputFile file;
-    if (!file.open(path))
-        return fail(file.error());
-    if (file.size() > std::numeric_limits<int>::max())
-        return fail(path, QStringLiteral("is no manifest"));
-    QByteArray json(static_cast<int>(file.size()), Qt::Uninitialized);
-    if (!file.readAt(0, reinterpret_cast<uchar *>(json.data()), json.size()))
-        return fail(file.error());
-    const QJsonDocument document = QJsonDocument::fromJson(json);
-    if (!document.isArray())
-        return fail(path, QStringLiteral("is no manifest"));
-
-    const QJsonArray records = document.array();
-    for (int i = 0; i < records.size(); ++i) {
-        const QJsonObject record = records.at(i).toObject();
-        const OldFile old{record.value(Manifest::RelativePath).toString(),
-            record.value(Manifest::Sha512).toString().toLatin1()};
-        const auto failRecord = [&](const QString &reason) {
-            return fail(path, QStringLiteral("record %1 %2").arg(i + 1).arg(reason));
-        };
-        if (!isRelativePath(old.relativePath))
-            return failRecord(QStringLiteral("names no path that begins with a separator"));
-        if (m_oldByPath.contains(old.relativePath))
-            return failRecord(QLatin1String("repeats ") + old.relativePath);
-        m_oldByPath.insert(old.relativePath, m_oldFiles.size());
-        m_oldFiles.push_back(old);
+    QString error;
+    const auto files = readSignedFiles(m_folders.oldSignatures, &error);
+    if (!files)
+        return fail(error);
+    m_oldFiles.reserve(files->size());
+    for (const SignedFile &file : *files) {
+        m_oldByPath.insert(file.relativePath, m_oldFiles.size());
+        m_oldFiles.push_back({file, false});
     }
     return true;
 }
@@ -193,18 +118,23 @@ bool PublishRun::findNewFiles()
     for (const QString &path : m_ignoreFiles)
         ignored.insert(QDir::cleanPath(build.absoluteFilePath(path)));
 
-    for (const QFileInfo &info : fileInfosUnder(m_folders.newBuild)) {
-        const QString path = info.filePath();
+    QString error;
+    const auto found = walkBuild(m_folders.newBuild, &error);
+    if (!found)
+        return fail(error);
+    m_newFiles.reserve(found->size());
+    for (const BuildFile &foundFile : *found) {
+        const QString path = m_folders.newBuild + foundFile.relativePath;
         NewFile file;
-        file.relativePath = path.mid(m_folders.newBuild.size());
-        file.size = info.size();
+        file.relativePath = foundFile.relativePath;
+        file.size = foundFile.size;
         file.isIgnored = ignored.contains(path);
         const auto old = m_oldByPath.constFind(file.relativePath);
         if (old != m_oldByPath.constEnd()) {
-            file.isKnown = true;
-            file.oldSha512 = m_oldFiles[*old].sha512;
+            file.relativePath = old.key(); // one text for both
+            file.oldSha512 = m_oldFiles[*old].file.sha512;
             m_oldFiles[*old].isKept = true;
-            if (!isSha512(file.oldSha512))
+            if (!file.oldSha512)
                 return fail(Manifest::pathIn(m_folders.oldSignatures, SIGNATURES_FILE),
                     QLatin1String("holds no checksum of ") + file.relativePath);
         }
@@ -259,51 +189,70 @@ bool PublishRun::workOnFiles(const PROGRESS_CALLBACK &progress)
     return true;
 }
 
-QByteArray PublishRun::manifestOf(const ReleaseFolder &folder) const
+bool PublishRun::writeManifest(const QString &folder, QIODevice &device) const
 {
-    return Manifest::toJson(folder.path() == m_folders.patch ? rules(false) : signatureRecords());
+    ManifestWriter writer(device);
+    bool written = true;
+    const auto add = [&](const QVariantMap &record) { written = written && writer.add(record); };
+    if (folder == m_folders.patch)
+        forEachRule(add);
+    else
+        forEachSignature(add);
+    return written && writer.finish();
 }
 
-QVariantList PublishRun::rules(bool copySizes) const
+/// The deletions first, the last of them at the front.
+void PublishRun::forEachRule(const std::function<void(const QVariantMap &)> &take) const
 {
-    QVariantList rules;
-    // The deletions come first, the last of them at the front.
     std::for_each(m_oldFiles.crbegin(), m_oldFiles.crend(), [&](const OldFile &old) {
         if (!old.isKept) {
-            rules.append(QVariantMap{
+            take({
                 {Manifest::Rule, DELETE_RULE},
-                {Manifest::RelativePath, old.relativePath},
+                {Manifest::RelativePath, old.file.relativePath},
             });
         }
     });
     for (const NewFile &file : m_newFiles) {
-        if (file.rule == NewFile::Rule::None)
-            continue;
-        const bool isPatch = file.rule == NewFile::Rule::Patch;
-        QVariantMap rule{
-            {Manifest::Rule, isPatch ? PATCH_RULE : COPY_RULE},
-            {Manifest::RelativePath, file.relativePath},
-        };
-        if (isPatch)
-            rule.insert(Manifest::Sha512, QString::fromLatin1(file.sha512));
-        if (isPatch || copySizes)
-            rule.insert(Manifest::FileSize, file.size);
-        rules.append(rule);
+        if (file.rule == NewFile::Rule::Copy) {
+            take({
+                {Manifest::Rule, COPY_RULE},
+                {Manifest::RelativePath, file.relativePath},
+            });
+        } else if (file.rule == NewFile::Rule::Patch) {
+            take({
+                {Manifest::Rule, PATCH_RULE},
+                {Manifest::RelativePath, file.relativePath},
+                {Manifest::Sha512, file.sha512.toText()},
+                {Manifest::FileSize, file.size},
+            });
+        }
     }
+}
+
+QVariantList PublishRun::rulesWithSizes() const
+{
+    QHash<QString, qint64> sizes;
+    for (const NewFile &file : m_newFiles)
+        sizes.insert(file.relativePath, file.size);
+    QVariantList rules;
+    forEachRule([&](QVariantMap rule) {
+        if (rule.value(Manifest::Rule) == COPY_RULE)
+            rule.insert(
+                Manifest::FileSize, sizes.value(rule.value(Manifest::RelativePath).toString()));
+        rules.append(rule);
+    });
     return rules;
 }
 
-QVariantList PublishRun::signatureRecords() const
+void PublishRun::forEachSignature(const std::function<void(const QVariantMap &)> &take) const
 {
-    QVariantList records;
     for (const NewFile &file : m_newFiles) {
-        records.append(QVariantMap{
+        take({
             {Manifest::RelativePath, file.relativePath},
             {Manifest::Suffix, QFileInfo(file.relativePath).suffix()},
-            {Manifest::Sha512, QString::fromLatin1(file.sha512)},
+            {Manifest::Sha512, file.sha512.toText()},
         });
     }
-    return records;
 }
 
 bool PublishRun::fail(const QString &error)

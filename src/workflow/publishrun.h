@@ -2,6 +2,7 @@
 #pragma once
 
 #include "filetask.h"
+#include "manifestfile.h"
 #include "progresscallback.h"
 
 #include <QHash>
@@ -27,7 +28,7 @@ public:
     bool carryOut(const PROGRESS_CALLBACK &progress);
 
     /// Once carried out: the rules, "copy" ones with the size of the file.
-    QVariantList rulesWithSizes() const { return rules(true); }
+    QVariantList rulesWithSizes() const;
 
     QString error() const { return m_error; }
 
@@ -42,9 +43,9 @@ private:
     bool workOnFiles(const PROGRESS_CALLBACK &progress);
     bool complete(const Outputs &folders);
 
-    QByteArray manifestOf(const ReleaseFolder &folder) const;
-    QVariantList rules(bool copySizes) const;
-    QVariantList signatureRecords() const;
+    bool writeManifest(const QString &folder, QIODevice &device) const;
+    void forEachRule(const std::function<void(const QVariantMap &)> &take) const;
+    void forEachSignature(const std::function<void(const QVariantMap &)> &take) const;
     bool fail(const QString &error);
     bool fail(const QString &path, const QString &reason);
 
@@ -56,8 +57,7 @@ private:
 
     struct OldFile
     {
-        QString relativePath;
-        QByteArray sha512;
+        SignedFile file;
         bool isKept = false; ///< a file of the new build, an ignored one too, has its name
     };
     std::vector<OldFile> m_oldFiles; ///< in the order of the manifest

@@ -6,32 +6,48 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <filesystem>
+#include <vector>
+
 namespace Pellox {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr auto Visible = QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot;
 
-/// Removes what is not hidden in @p folder; folders that hold hidden entries stay. The first path
-/// that cannot be removed, or nothing.
-QString removeVisible(const QString &folder)
+/// What removeVisible() leaves of a folder.
+enum class Left { Nothing, Hidden, Error };
+
+/// Removes what is not hidden in @p folder; folders that hold hidden entries stay. Links are not
+/// followed. @p failed is what cannot be listed or removed.
+Left removeVisible(const fs::path &folder, fs::path *failed)
 {
-    for (const QFileInfo &entry : QDir(folder).entryInfoList(Visible)) {
-        const QString path = entry.filePath();
-        if (!entry.isDir() || entry.isSymLink()) {
-            if (!QFile::remove(path))
-                return path;
-            continue;
-        }
-        const QString left = removeVisible(path);
-        if (!left.isEmpty())
-            return left;
-        if (QDir(path).isEmpty(
-                QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot)
-            && !QDir().rmdir(path))
-            return path;
+    std::error_code code;
+    Left left = Left::Nothing;
+    std::vector<fs::path> visible;
+    for (fs::directory_iterator walk(folder, code); !code && walk != fs::end(walk);
+         walk.increment(code)) {
+        if (walk->path().filename().native().front() == '.')
+            left = Left::Hidden;
+        else
+            visible.push_back(walk->path());
     }
-    return {};
+    *failed = folder;
+    if (code)
+        return Left::Error;
+    for (const fs::path &path : visible) {
+        const bool isFolder = fs::is_directory(fs::symlink_status(path, code));
+        const Left inside = isFolder ? removeVisible(path, failed) : Left::Nothing;
+        if (inside == Left::Error)
+            return Left::Error;
+        if (inside == Left::Hidden)
+            left = Left::Hidden;
+        else if (*failed = path; !fs::remove(path, code))
+            return Left::Error;
+    }
+    return left;
 }
 
 } // namespace
@@ -83,11 +99,11 @@ bool ReleaseFolder::begin()
     return clear();
 }
 
-bool ReleaseFolder::prepare(const QByteArray &manifest)
+bool ReleaseFolder::prepare(const std::function<bool(QIODevice &)> &write)
 {
     m_manifest = std::make_unique<QSaveFile>(manifestPath());
-    const bool written = m_manifest->open(QIODevice::WriteOnly)
-        && m_manifest->write(manifest) == manifest.size() && m_manifest->flush();
+    const bool written = m_manifest->open(QIODevice::WriteOnly | QIODevice::Unbuffered)
+        && write(*m_manifest) && m_manifest->flush();
     return written
         || fail(manifestPath(), QLatin1String("cannot be written: ") + m_manifest->errorString());
 }
@@ -110,8 +126,9 @@ void ReleaseFolder::revoke()
 
 bool ReleaseFolder::clear()
 {
-    const QString left = removeVisible(m_path);
-    return left.isEmpty() || fail(left, QStringLiteral("cannot be removed"));
+    fs::path failed;
+    return removeVisible(QFile::encodeName(m_path).constData(), &failed) != Left::Error
+        || fail(QFile::decodeName(failed.c_str()), QStringLiteral("cannot be removed"));
 }
 
 QString ReleaseFolder::markerPath() const

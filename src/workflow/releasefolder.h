@@ -4,6 +4,7 @@
 #include <QSaveFile>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 namespace Pellox {
@@ -29,8 +30,8 @@ public:
     bool check();
     /// Makes the folder, or empties that of an earlier release. False with error().
     bool begin();
-    /// Writes the manifest, not yet under its name. False with error().
-    bool prepare(const QByteArray &manifest);
+    /// Lets @p write write the manifest, not yet under its name. False with error().
+    bool prepare(const std::function<bool(QIODevice &)> &write);
     /// Makes the folder complete. False with error().
     bool complete();
     /// Takes the manifest away again.

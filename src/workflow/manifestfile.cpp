@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: MIT
+#include "manifestfile.h"
+
+#include "diskfile.h"
+#include "manifest.h"
+#include "rules.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+
+namespace Pellox {
+
+namespace {
+
+constexpr qint64 LargestManifest = 1LL << 30;
+constexpr qint64 LongestLine = 1 << 20;
+
+// What Qt writes around the records of an array, indented.
+constexpr char ArrayBegin[] = "[\n";
+constexpr char ArrayEnd[] = "\n]\n";
+
+/// Whether @p path, from a manifest, names a file below a folder that it is appended to.
+bool isRelativePath(const QString &path)
+{
+    return path.startsWith(QLatin1Char('/')) && path.size() > 1 && QDir::cleanPath(path) == path
+        && !path.startsWith(QLatin1String("/.."));
+}
+
+/**
+ * Reads the form in which Qt writes an array of objects: each ends with a brace on a line of its
+ * own, which cannot be part of a text. False when the file has another form.
+ */
+bool readIndented(
+    QFile &file, const std::function<void(const QJsonValue &record, int number)> &take)
+{
+    if (file.readLine(LongestLine) != "[\n")
+        return false;
+    QByteArray record;
+    int number = 0;
+    for (;;) {
+        const QByteArray line = file.readLine(LongestLine);
+        if (line == "]\n" && record.isEmpty())
+            return file.atEnd();
+        record += line;
+        if (line == "    }\n" || line == "    },\n") {
+            record.truncate(record.lastIndexOf('}') + 1);
+            const QJsonDocument document = QJsonDocument::fromJson(record);
+            if (!document.isObject())
+                return false;
+            take(document.object(), ++number);
+            record.clear();
+        } else if (line.isEmpty() || record.size() > LongestLine) {
+            return false;
+        }
+    }
+}
+
+} // namespace
+
+bool ManifestWriter::add(const QVariantMap &record)
+{
+    QByteArray text = QJsonDocument(QJsonArray{QJsonObject::fromVariantMap(record)}).toJson();
+    text.chop(static_cast<int>(sizeof(ArrayEnd) - 1));
+    if (!m_isEmpty)
+        text.replace(0, 1, ","); // instead of the bracket
+    m_isEmpty = false;
+    return write(text);
+}
+
+bool ManifestWriter::finish()
+{
+    return write(m_isEmpty ? QJsonDocument(QJsonArray()).toJson() : QByteArray(ArrayEnd))
+        && flush();
+}
+
+bool ManifestWriter::write(const QByteArray &text)
+{
+    constexpr int HeldBack = 1 << 16;
+    m_held += text;
+    return m_held.size() < HeldBack || flush();
+}
+
+bool ManifestWriter::flush()
+{
+    const bool written = m_device.write(m_held) == m_held.size();
+    m_held.clear();
+    return written;
+}
+
+bool readManifest(const QString &path, const std::function<void()> &begin,
+    const std::function<void(const QJsonValue &record, int number)> &take, QString *error)
+{
+    const auto fail = [&](const QString &text) {
+        *error = text;
+        return false;
+    };
+    InputFile checked;
+    if (!checked.open(path))
+        return fail(checked.error());
+    if (checked.size() > LargestManifest)
+        return fail(aboutFile(path, QStringLiteral("is too large for a manifest")));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(aboutFile(path, QLatin1String("cannot be opened: ") + file.errorString()));
+
+    begin();
+    const bool taken = readIndented(file, take);
+    if (file.error() != QFileDevice::NoError)
+        return fail(aboutFile(path, QLatin1String("cannot be read: ") + file.errorString()));
+    if (taken)
+        return true;
+    file.seek(0);
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    if (file.error() != QFileDevice::NoError)
+        return fail(aboutFile(path, QLatin1String("cannot be read: ") + file.errorString()));
+    if (!document.isArray())
+        return fail(aboutFile(path, QStringLiteral("is no manifest: it is not a JSON array")));
+    begin();
+    int number = 0;
+    for (const QJsonValue &record : document.array())
+        take(record, ++number);
+    return true;
+}
+
+std::optional<std::vector<SignedFile>> readSignedFiles(const QString &signatures, QString *error)
+{
+    const QString path = Manifest::pathIn(signatures, SIGNATURES_FILE);
+    std::vector<SignedFile> files;
+    QSet<QString> paths;
+    QString problem;
+    const auto begin = [&] {
+        files.clear();
+        paths.clear();
+        problem.clear();
+    };
+    const auto take = [&](const QJsonValue &value, int number) {
+        const QJsonObject record = value.toObject();
+        const SignedFile file{record.value(Manifest::RelativePath).toString(),
+            Sha512::fromText(record.value(Manifest::Sha512).toString())};
+        const QString wrong = !isRelativePath(file.relativePath)
+            ? QStringLiteral("names no path that begins with a separator")
+            : paths.contains(file.relativePath) ? QLatin1String("repeats ") + file.relativePath
+                                                : QString();
+        if (problem.isEmpty() && !wrong.isEmpty())
+            problem = QStringLiteral("record %1 %2").arg(QString::number(number), wrong);
+        paths.insert(file.relativePath);
+        files.push_back(file);
+    };
+    if (!readManifest(path, begin, take, error))
+        return {};
+    if (problem.isEmpty())
+        return files;
+    *error = aboutFile(path, problem);
+    return {};
+}
+
+} // namespace Pellox

@@ -1,0 +1,491 @@
+// SPDX-License-Identifier: MIT
+/*
+ * A library for LD_PRELOAD: counts a program's calls on files, and at one of them something
+ * happens. tests/support/faultrun.h starts programs with it; the environment says what is wanted:
+ *
+ *   FAULTS_PATH    counts calls on this file or folder (canonical path) and all that lies in it
+ *   FAULTS_CALLS   counts calls of these kinds alone, with commas between them: open, read, write,
+ *                  close, sync, rename, remove, mkdir, truncate, copy, list, mode; "create" is an
+ *                  open that may make or empty the file, and only where it is named here
+ *   FAULTS_AT      the call, counted from 1, at which it happens
+ *   FAULTS_DO      what happens:
+ *                    a number  the call fails with that errno
+ *                    half      the call reads or writes half of what it should
+ *                    kill      the process dies before the call
+ *                    append, truncate, rewrite, disguise, replace, remove
+ *                              happens to the file that the call is on; then the call is carried
+ *                              out. "rewrite" changes bytes in place, "disguise" does and sets the
+ *                              file's time back, "replace" puts another file of the same size there
+ *   FAULTS_REPEAT  not empty: it happens at every later call as well
+ *   FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk
+ *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
+ *
+ * Any thread may call. Nothing happens when FAULTS_PATH is not set.
+ */
+#define _GNU_SOURCE
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdatomic.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+/* The C library's own function of that name. */
+#define REAL(name) ((__typeof__(&(name)))dlsym(RTLD_NEXT, #name))
+
+static const char *s_path;
+static const char *s_kinds;
+static const char *s_action;
+static long s_at;
+static bool s_repeat;
+static bool s_unsynced;
+static int s_log = -1;
+static atomic_long s_calls;
+static _Thread_local bool s_inside; /* calls of this library itself do not count */
+
+__attribute__((constructor)) static void read_settings(void)
+{
+    const char *at = getenv("FAULTS_AT");
+    const char *repeat = getenv("FAULTS_REPEAT");
+    const char *unsynced = getenv("FAULTS_UNSYNCED");
+    const char *log = getenv("FAULTS_LOG");
+    s_path = getenv("FAULTS_PATH");
+    s_kinds = getenv("FAULTS_CALLS");
+    s_action = getenv("FAULTS_DO");
+    s_at = at ? atol(at) : 0;
+    s_repeat = repeat && *repeat;
+    s_unsynced = unsynced && *unsynced;
+    if (s_path && log) {
+        s_inside = true;
+        s_log = open(log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        s_inside = false;
+    }
+}
+
+static bool is_wanted_kind(const char *kind)
+{
+    const size_t length = strlen(kind);
+    if (!s_kinds || !*s_kinds)
+        return true;
+    for (const char *at = s_kinds; (at = strstr(at, kind)) != NULL; at += length) {
+        const bool begins = at == s_kinds || at[-1] == ',';
+        if (begins && (at[length] == ',' || at[length] == '\0'))
+            return true;
+    }
+    return false;
+}
+
+static bool is_wanted_path(const char *path)
+{
+    const size_t length = strlen(s_path);
+    return strncmp(path, s_path, length) == 0 && (path[length] == '/' || path[length] == '\0');
+}
+
+/* The link /proc/self/NAME leads to PATH; without what it says of a file that is gone. */
+static bool read_process_link(const char *name, char *path, size_t size)
+{
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/%s", name);
+    const ssize_t length = readlink(link, path, size - 1);
+    if (length < 0)
+        return false;
+    path[length] = '\0';
+    char *deleted = strstr(path, " (deleted)");
+    if (deleted && deleted[strlen(" (deleted)")] == '\0')
+        *deleted = '\0';
+    return true;
+}
+
+static void log_call(const char *kind, const char *path)
+{
+    char line[4200];
+    const int length = snprintf(line, sizeof line, "%s %s\n", kind, path);
+    if (s_log >= 0 && length > 0 && (size_t)length < sizeof line
+        && syscall(SYS_write, s_log, line, (size_t)length) != length)
+        abort();
+}
+
+static void write_at(const char *path, int flags, off_t position, const char *bytes)
+{
+    const int file = open(path, flags | O_CLOEXEC, 0644);
+    if (file < 0 || lseek(file, position, flags & O_APPEND ? SEEK_END : SEEK_SET) < 0
+        || syscall(SYS_write, file, bytes, strlen(bytes)) != (long)strlen(bytes))
+        abort(); /* nothing that a test could go on with */
+    REAL(close)(file);
+}
+
+static void replace(const char *path)
+{
+    char other[4200];
+    struct stat status;
+    snprintf(other, sizeof other, "%s.other", path);
+    if (stat(path, &status) != 0)
+        abort();
+    write_at(other, O_WRONLY | O_CREAT, 0, "another file");
+    if (truncate(other, status.st_size) != 0 || REAL(rename)(other, path) != 0)
+        abort();
+}
+
+static void disguise(const char *path)
+{
+    struct stat status;
+    if (stat(path, &status) != 0)
+        abort();
+    write_at(path, O_WRONLY, 0, "other bytes");
+    const struct timespec times[] = {status.st_atim, status.st_mtim};
+    if (utimensat(AT_FDCWD, path, times, 0) != 0)
+        abort();
+}
+
+/* What is to happen beside the call on PATH; false when the name is none of these. */
+static bool change_file(const char *path)
+{
+    if (strcmp(s_action, "append") == 0)
+        write_at(path, O_WRONLY | O_APPEND, 0, "more");
+    else if (strcmp(s_action, "rewrite") == 0)
+        write_at(path, O_WRONLY, 0, "other bytes");
+    else if (strcmp(s_action, "disguise") == 0)
+        disguise(path);
+    else if (strcmp(s_action, "replace") == 0)
+        replace(path);
+    else if (strcmp(s_action, "remove") == 0)
+        syscall(SYS_unlinkat, AT_FDCWD, path, 0);
+    else if (strcmp(s_action, "truncate") == 0) {
+        if (truncate(path, 1) != 0)
+            abort();
+    } else
+        return false;
+    return true;
+}
+
+enum verdict { GO_ON, GO_HALF, FAIL };
+
+/* Counts a call of KIND on PATH. After FAIL, errno is set. */
+static enum verdict meet(const char *kind, const char *path)
+{
+    if (!s_path || s_inside || !is_wanted_kind(kind) || !is_wanted_path(path))
+        return GO_ON;
+    const int saved_errno = errno;
+    s_inside = true;
+    const long call = atomic_fetch_add(&s_calls, 1) + 1;
+    log_call(kind, path);
+    enum verdict verdict = GO_ON;
+    int error = saved_errno;
+    if (s_action && s_at > 0 && (call == s_at || (s_repeat && call > s_at))) {
+        if (strcmp(s_action, "kill") == 0)
+            kill(getpid(), SIGKILL);
+        else if (strcmp(s_action, "half") == 0)
+            verdict = GO_HALF;
+        else if (!change_file(path)) {
+            verdict = FAIL;
+            error = atoi(s_action);
+        }
+    }
+    s_inside = false;
+    errno = error;
+    return verdict;
+}
+
+static enum verdict meet_descriptor(const char *kind, int descriptor)
+{
+    char name[32];
+    char path[4096];
+    if (!s_path || s_inside)
+        return GO_ON;
+    snprintf(name, sizeof name, "fd/%d", descriptor);
+    return read_process_link(name, path, sizeof path) ? meet(kind, path) : GO_ON;
+}
+
+static enum verdict meet_at(const char *kind, int folder, const char *name)
+{
+    char link[32];
+    char base[4096];
+    char path[8200];
+    if (!s_path || s_inside || !name)
+        return GO_ON;
+    if (*name == '/')
+        return meet(kind, name);
+    if (folder == AT_FDCWD)
+        snprintf(link, sizeof link, "cwd");
+    else
+        snprintf(link, sizeof link, "fd/%d", folder);
+    if (!read_process_link(link, base, sizeof base))
+        return GO_ON;
+    snprintf(path, sizeof path, "%s/%s", base, name);
+    return meet(kind, path);
+}
+
+static size_t part_of(size_t size, enum verdict verdict)
+{
+    return verdict == GO_HALF && size > 1 ? size / 2 : size;
+}
+
+/* The mode of an open() that has one. */
+#define TAKE_MODE(flags, mode)                                                                     \
+    mode_t mode = 0;                                                                               \
+    if ((flags) & (O_CREAT | O_TMPFILE)) {                                                         \
+        va_list arguments;                                                                         \
+        va_start(arguments, flags);                                                                \
+        mode = (mode_t)va_arg(arguments, unsigned);                                                \
+        va_end(arguments);                                                                         \
+    }
+
+static const char *kind_of_open(int flags)
+{
+    const bool changes = flags & (O_CREAT | O_TRUNC);
+    return changes && s_kinds && *s_kinds && is_wanted_kind("create") ? "create" : "open";
+}
+
+int open(const char *path, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    return meet_at(kind_of_open(flags), AT_FDCWD, path) == FAIL ? -1
+                                                                : REAL(open)(path, flags, mode);
+}
+
+int open64(const char *path, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    return meet_at(kind_of_open(flags), AT_FDCWD, path) == FAIL ? -1
+                                                                : REAL(open64)(path, flags, mode);
+}
+
+int openat(int folder, const char *path, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    return meet_at(kind_of_open(flags), folder, path) == FAIL
+        ? -1
+        : REAL(openat)(folder, path, flags, mode);
+}
+
+int openat64(int folder, const char *path, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    return meet_at(kind_of_open(flags), folder, path) == FAIL
+        ? -1
+        : REAL(openat64)(folder, path, flags, mode);
+}
+
+FILE *fopen(const char *path, const char *mode)
+{
+    return meet_at("open", AT_FDCWD, path) == FAIL ? NULL : REAL(fopen)(path, mode);
+}
+
+FILE *fopen64(const char *path, const char *mode)
+{
+    return meet_at("open", AT_FDCWD, path) == FAIL ? NULL : REAL(fopen64)(path, mode);
+}
+
+DIR *opendir(const char *path)
+{
+    return meet_at("list", AT_FDCWD, path) == FAIL ? NULL : REAL(opendir)(path);
+}
+
+DIR *fdopendir(int folder)
+{
+    return meet_descriptor("list", folder) == FAIL ? NULL : REAL(fdopendir)(folder);
+}
+
+/* A stream that fails does so as a whole: what it holds back is lost. */
+size_t fread(void *buffer, size_t size, size_t count, FILE *file)
+{
+    return meet_descriptor("read", fileno(file)) == FAIL ? 0
+                                                         : REAL(fread)(buffer, size, count, file);
+}
+
+size_t fwrite(const void *buffer, size_t size, size_t count, FILE *file)
+{
+    return meet_descriptor("write", fileno(file)) == FAIL ? 0
+                                                          : REAL(fwrite)(buffer, size, count, file);
+}
+
+int fflush(FILE *file)
+{
+    return file && meet_descriptor("write", fileno(file)) == FAIL ? EOF : REAL(fflush)(file);
+}
+
+int fclose(FILE *file)
+{
+    const enum verdict verdict = meet_descriptor("close", fileno(file));
+    const int error = errno;
+    const int result = REAL(fclose)(file);
+    if (verdict != FAIL)
+        return result;
+    errno = error;
+    return EOF;
+}
+
+ssize_t read(int file, void *buffer, size_t size)
+{
+    const enum verdict verdict = meet_descriptor("read", file);
+    return verdict == FAIL ? -1 : REAL(read)(file, buffer, part_of(size, verdict));
+}
+
+ssize_t pread(int file, void *buffer, size_t size, off_t position)
+{
+    const enum verdict verdict = meet_descriptor("read", file);
+    return verdict == FAIL ? -1 : REAL(pread)(file, buffer, part_of(size, verdict), position);
+}
+
+ssize_t pread64(int file, void *buffer, size_t size, off64_t position)
+{
+    const enum verdict verdict = meet_descriptor("read", file);
+    return verdict == FAIL ? -1 : REAL(pread64)(file, buffer, part_of(size, verdict), position);
+}
+
+ssize_t write(int file, const void *buffer, size_t size)
+{
+    const enum verdict verdict = meet_descriptor("write", file);
+    return verdict == FAIL ? -1 : REAL(write)(file, buffer, part_of(size, verdict));
+}
+
+ssize_t pwrite(int file, const void *buffer, size_t size, off_t position)
+{
+    const enum verdict verdict = meet_descriptor("write", file);
+    return verdict == FAIL ? -1 : REAL(pwrite)(file, buffer, part_of(size, verdict), position);
+}
+
+ssize_t pwrite64(int file, const void *buffer, size_t size, off64_t position)
+{
+    const enum verdict verdict = meet_descriptor("write", file);
+    return verdict == FAIL ? -1 : REAL(pwrite64)(file, buffer, part_of(size, verdict), position);
+}
+
+ssize_t sendfile(int output, int input, off_t *position, size_t size)
+{
+    const enum verdict verdict = meet_descriptor("copy", output);
+    return verdict == FAIL ? -1 : REAL(sendfile)(output, input, position, part_of(size, verdict));
+}
+
+ssize_t sendfile64(int output, int input, off64_t *position, size_t size)
+{
+    const enum verdict verdict = meet_descriptor("copy", output);
+    return verdict == FAIL ? -1 : REAL(sendfile64)(output, input, position, part_of(size, verdict));
+}
+
+ssize_t copy_file_range(
+    int input, off64_t *from, int output, off64_t *to, size_t size, unsigned flags)
+{
+    const enum verdict verdict = meet_descriptor("copy", output);
+    return verdict == FAIL
+        ? -1
+        : REAL(copy_file_range)(input, from, output, to, part_of(size, verdict), flags);
+}
+
+/* The descriptor is closed in any case, as Linux does it. */
+int close(int file)
+{
+    const enum verdict verdict = meet_descriptor("close", file);
+    const int error = errno;
+    const int result = REAL(close)(file);
+    if (verdict != FAIL)
+        return result;
+    errno = error;
+    return -1;
+}
+
+int fsync(int file)
+{
+    return meet_descriptor("sync", file) == FAIL ? -1 : s_unsynced ? 0 : REAL(fsync)(file);
+}
+
+int fdatasync(int file)
+{
+    return meet_descriptor("sync", file) == FAIL ? -1 : s_unsynced ? 0 : REAL(fdatasync)(file);
+}
+
+int syncfs(int file)
+{
+    return meet_descriptor("sync", file) == FAIL ? -1 : s_unsynced ? 0 : REAL(syncfs)(file);
+}
+
+int ftruncate(int file, off_t size)
+{
+    return meet_descriptor("truncate", file) == FAIL ? -1 : REAL(ftruncate)(file, size);
+}
+
+int ftruncate64(int file, off64_t size)
+{
+    return meet_descriptor("truncate", file) == FAIL ? -1 : REAL(ftruncate64)(file, size);
+}
+
+/* Renames and links count once, by the new name. */
+int rename(const char *from, const char *to)
+{
+    return meet_at("rename", AT_FDCWD, to) == FAIL ? -1 : REAL(rename)(from, to);
+}
+
+int renameat(int from_folder, const char *from, int to_folder, const char *to)
+{
+    return meet_at("rename", to_folder, to) == FAIL
+        ? -1
+        : REAL(renameat)(from_folder, from, to_folder, to);
+}
+
+int renameat2(int from_folder, const char *from, int to_folder, const char *to, unsigned flags)
+{
+    return meet_at("rename", to_folder, to) == FAIL
+        ? -1
+        : REAL(renameat2)(from_folder, from, to_folder, to, flags);
+}
+
+int link(const char *from, const char *to)
+{
+    return meet_at("rename", AT_FDCWD, to) == FAIL ? -1 : REAL(link)(from, to);
+}
+
+int linkat(int from_folder, const char *from, int to_folder, const char *to, int flags)
+{
+    return meet_at("rename", to_folder, to) == FAIL
+        ? -1
+        : REAL(linkat)(from_folder, from, to_folder, to, flags);
+}
+
+int unlink(const char *path)
+{
+    return meet_at("remove", AT_FDCWD, path) == FAIL ? -1 : REAL(unlink)(path);
+}
+
+int unlinkat(int folder, const char *path, int flags)
+{
+    return meet_at("remove", folder, path) == FAIL ? -1 : REAL(unlinkat)(folder, path, flags);
+}
+
+int remove(const char *path)
+{
+    return meet_at("remove", AT_FDCWD, path) == FAIL ? -1 : REAL(remove)(path);
+}
+
+int rmdir(const char *path)
+{
+    return meet_at("remove", AT_FDCWD, path) == FAIL ? -1 : REAL(rmdir)(path);
+}
+
+int mkdir(const char *path, mode_t mode)
+{
+    return meet_at("mkdir", AT_FDCWD, path) == FAIL ? -1 : REAL(mkdir)(path, mode);
+}
+
+int mkdirat(int folder, const char *path, mode_t mode)
+{
+    return meet_at("mkdir", folder, path) == FAIL ? -1 : REAL(mkdirat)(folder, path, mode);
+}
+
+int chmod(const char *path, mode_t mode)
+{
+    return meet_at("mode", AT_FDCWD, path) == FAIL ? -1 : REAL(chmod)(path, mode);
+}
+
+int fchmod(int file, mode_t mode)
+{
+    return meet_descriptor("mode", file) == FAIL ? -1 : REAL(fchmod)(file, mode);
+}

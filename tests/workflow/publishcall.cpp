@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+// One call of PublishController, for tests that need a process for it:
+//   publishcall THREADS sign BUILD SIGNATURES
+//   publishcall THREADS diff BUILD SIGNATURES PATCH [IGNORED ...]
+//   publishcall THREADS plan BUILD SIGNATURES [IGNORED ...]
+//   publishcall THREADS publish BUILD SIGNATURES PATCH NEW_SIGNATURES [IGNORED ...]
+// Prints each error on a line. Status 0: the call was successful; 1: it was not; 2: wrong usage.
+#include <Pellox/publishcontroller.h>
+
+#include <QCoreApplication>
+#include <QStringList>
+#include <QVariant>
+
+#include <cstdio>
+#include <optional>
+
+using Pellox::PublishController;
+
+namespace {
+
+std::optional<bool> runCommand(
+    PublishController &publisher, const QString &command, const QStringList &paths)
+{
+    if (command == QLatin1String("sign") && paths.size() == 2)
+        return publisher.createSignatures(paths[0], paths[1]);
+    if (command == QLatin1String("diff") && paths.size() >= 3)
+        return publisher.createPatch(paths[0], paths[1], paths[2], paths.mid(3));
+    if (command == QLatin1String("plan") && paths.size() >= 2)
+        return !publisher.plan(paths[0], paths[1], paths.mid(2)).isEmpty();
+    if (command == QLatin1String("publish") && paths.size() >= 4)
+        return publisher.publish(paths[0], paths[1], paths[2], paths[3], paths.mid(4));
+    return std::nullopt;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    PublishController publisher;
+    QObject::connect(&publisher, &PublishController::publishError, &publisher,
+        [](const QString &message) { std::puts(message.toLocal8Bit().constData()); });
+    publisher.setThreadCount(arguments.value(1).toInt());
+    const std::optional<bool> done = runCommand(publisher, arguments.value(2), arguments.mid(3));
+    return done ? (*done ? 0 : 1) : 2;
+}
