@@ -37,7 +37,7 @@ bool isRelativePath(const QString &path)
 bool readIndented(
     QFile &file, const std::function<void(const QJsonValue &record, int number)> &take)
 {
-    if (file.readLine(LongestLine) != "[\n")
+    if (file.readLine(LongestLine) != ArrayBegin)
         return false;
     QByteArray record;
     int number = 0;
