@@ -5,7 +5,8 @@
  *
  *   FAULTS_PATH    counts calls on this file or folder (canonical path) and all that lies in it
  *   FAULTS_CALLS   counts calls of these kinds alone, with commas between them: open, read, write,
- *                  close, sync, rename, remove, mkdir, truncate, copy, list, mode; "create" is an
+ *                  close, sync, rename, remove, mkdir, truncate, copy, list, entry, mode; "list" and
+ *                  "entry" open a folder and read the next of it; "create" is an
  *                  open that may make or empty the file, and only where it is named here
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
@@ -293,6 +294,16 @@ DIR *opendir(const char *path)
 DIR *fdopendir(int folder)
 {
     return meet_descriptor("list", folder) == FAIL ? NULL : REAL(fdopendir)(folder);
+}
+
+struct dirent *readdir(DIR *folder)
+{
+    return meet_descriptor("entry", dirfd(folder)) == FAIL ? NULL : REAL(readdir)(folder);
+}
+
+struct dirent64 *readdir64(DIR *folder)
+{
+    return meet_descriptor("entry", dirfd(folder)) == FAIL ? NULL : REAL(readdir64)(folder);
 }
 
 /* A stream that fails does so as a whole: what it holds back is lost. */

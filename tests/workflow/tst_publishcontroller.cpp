@@ -197,6 +197,7 @@ private Q_SLOTS:
     void progressRunsFromZeroToAHundred_data();
     void progressRunsFromZeroToAHundred();
     void progressComesOftenDuringALargeFile();
+    void progressDoesNotFallWhereAFileIsReadAgain();
     void emptyCallbackIsNone_data();
     void emptyCallbackIsNone();
     void anyThreadMayCall();
@@ -552,6 +553,20 @@ void tst_PublishController::progressComesOftenDuringALargeFile()
             between.insert(percent);
     }));
     QVERIFY2(between.size() >= 3, qPrintable(QString::number(between.size())));
+}
+
+void tst_PublishController::progressDoesNotFallWhereAFileIsReadAgain()
+{
+    for (const QString &file : {"old/large"_s, "new/large"_s})
+        makeLargeFile(path(file), 128 * MiB);
+    signOld();
+    QFile changed(path("new/large"_s));
+    QVERIFY(changed.open(QIODevice::ReadWrite) && changed.seek(30000) && changed.write("x") == 1);
+    changed.close();
+    QVector<double> values;
+    QVERIFY(call("diff"_s, [&](double percent) { values.append(percent); }));
+    QVERIFY(values.size() >= 4);
+    QVERIFY(std::is_sorted(values.cbegin(), values.cend()));
 }
 
 void tst_PublishController::emptyCallbackIsNone_data()

@@ -206,6 +206,8 @@ QString compareRelease(int seed, RandomSizes sizes)
     return back.run(seed + 1, text("reused"));
 }
 
+constexpr int DefaultTrees = 100;
+
 } // namespace
 
 /// Runs over generated releases; PELLOX_TREES says how many (of those with large files a fifth of
@@ -246,12 +248,13 @@ void tst_PublishEqualsCore::compareReleases(int count, RandomSizes sizes)
 
 void tst_PublishEqualsCore::releasesOfSmallFiles()
 {
-    compareReleases(numberFromEnvironment("PELLOX_TREES", 200), RandomSizes::Small);
+    compareReleases(numberFromEnvironment("PELLOX_TREES", DefaultTrees), RandomSizes::Small);
 }
 
 void tst_PublishEqualsCore::releasesWithLargeFiles()
 {
-    compareReleases((numberFromEnvironment("PELLOX_TREES", 200) + 4) / 5, RandomSizes::Large);
+    compareReleases(
+        (numberFromEnvironment("PELLOX_TREES", DefaultTrees) + 4) / 5, RandomSizes::Large);
 }
 
 int main(int argc, char **argv)

@@ -326,6 +326,7 @@ void tst_PublishFaults::anyCallMayFail_data()
         addRow(name, "read", "EIO", EIO, false);
         addRow(name, "write", "ENOSPC", ENOSPC, true);
         addRow(name, "list", "EIO", EIO, false);
+        addRow(name, "entry", "EIO", EIO, false);
     }
     addRow("publish", "open", "EMFILE", EMFILE, true);
     addRow("publish", "read", "EINTR", EINTR, false);
