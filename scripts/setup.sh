@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Installs what is missing on a Debian machine.
-# Usage: scripts/setup.sh [build|test|demo|bench|ci]...   (default: build test)
+# Usage: scripts/setup.sh [build|test|browser|demo|bench|ci]...   (default: build test)
 set -euo pipefail
 
 packages_for() {
     case $1 in
     build) echo g++ cmake ninja-build ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev p7zip ;;
     test) echo rdiff ;;
+    browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
-    bench) echo libbenchmark-dev rdiff openssl time ;;
+    bench) echo libbenchmark-dev rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
     ci) echo clang clang-format clang-tidy ;;
     *)
-        echo "setup.sh: unknown part '$1' (build, test, demo, bench, ci)" >&2
+        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, ci)" >&2
         exit 2
         ;;
     esac

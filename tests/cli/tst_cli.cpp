@@ -180,6 +180,7 @@ void tst_Cli::wrongUsage()
     const Outcome outcome = run(arguments);
     QCOMPARE(outcome.status, WrongUsage);
     QCOMPARE(outcome.out, QString());
+    QVERIFY2(outcome.err.startsWith(QLatin1String("pellox: error: ")), qPrintable(outcome.err));
     QVERIFY(outcome.err.contains(QLatin1String("--help")));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
@@ -383,31 +384,29 @@ void tst_Cli::everyErrorNamesItsFileOnce_data()
     QTest::newRow("installed file missing")
         << apply << QStringLiteral("remove installed/game.exe")
         << QStringList{QStringLiteral("Can't apply patch: ~/installed/game.exe - not found")};
-    QTest::newRow("delta missing")
-        << apply << QStringLiteral("remove patch/game.exe")
-        << QStringList{QStringLiteral(
-               "~/installed/game.exe: Can't apply patch: ~/patch/game.exe - not found")};
-    QTest::newRow("delta broken")
-        << apply << QStringLiteral("write patch/game.exe")
-        << QStringList{
-               QStringLiteral("~/installed/game.exe: Can't apply patch: Temp file removed")};
+    const auto damaged = [](const char *file) {
+        return QStringLiteral("~/installed/%1: cannot be patched: ~/patch/%1 is damaged (download "
+                              "the patch again) or was made for another build")
+            .arg(QString::fromUtf8(file));
+    };
+    QTest::newRow("delta broken") << apply << QStringLiteral("write patch/game.exe")
+                                  << QStringList{damaged("game.exe")};
     QTest::newRow("delta broken, name not in ASCII")
         << apply << QStringLiteral("write patch/data/grüße.pak")
-        << QStringList{
-               QStringLiteral("~/installed/data/grüße.pak: Can't apply patch: Temp file removed")};
-    QTest::newRow("new file missing")
-        << apply << QStringLiteral("remove patch/levels/new one.map")
-        << QStringList{QStringLiteral("~/installed/levels/new one.map: cannot be copied")};
+        << QStringList{damaged("data/grüße.pak")};
+    QTest::newRow("a folder in the place of a new file")
+        << apply << QStringLiteral("folder installed/levels/new one.map")
+        << QStringList{QStringLiteral("~/installed/levels/new one.map: is a folder, and a file of "
+                                      "the patch belongs there")};
+    QTest::newRow("a folder in the place of a temporary file")
+        << apply << QStringLiteral("folder installed/game.exe.temp")
+        << QStringList{QStringLiteral("~/installed/game.exe.temp is a folder and in the way")};
     QTest::newRow("file to delete is a folder")
         << apply << QStringLiteral("folder installed/data/old only.txt")
         << QStringList{QStringLiteral("~/installed/data/old only.txt: cannot be deleted")};
-    QTest::newRow("two at once")
-        << apply << QStringLiteral("remove patch")
-        << QStringList{QStringLiteral("~/installed/data/grüße.pak: Can't apply patch: "
-                                      "~/patch/data/grüße.pak - not found"),
-               QStringLiteral(
-                   "~/installed/game.exe: Can't apply patch: ~/patch/game.exe - not found"),
-               QStringLiteral("~/installed/levels/new one.map: cannot be copied")};
+    QTest::newRow("two at once") << apply
+                                 << QStringLiteral("write patch/game.exe patch/data/grüße.pak")
+                                 << QStringList{damaged("data/grüße.pak"), damaged("game.exe")};
     QTest::newRow("nothing was applied")
         << verify << QString()
         << QStringList{
@@ -422,14 +421,12 @@ void tst_Cli::everyErrorNamesItsFileOnce()
     QFETCH(QStringList, messages);
     QVERIFY(publish());
     const QString target = damage.section(QLatin1Char(' '), 1);
-    if (target == QLatin1String("patch")) {
-        for (const char *file : {"patch/game.exe", "patch/data", "patch/levels"})
-            m_tree->remove(QLatin1String(file));
-    } else if (!target.isEmpty()) {
+    if (damage.startsWith(QLatin1String("write"))) {
+        for (const QString &file : target.split(QLatin1Char(' ')))
+            m_tree->write(file, "no delta");
+    } else if (m_tree->exists(target) && !target.isEmpty()) {
         m_tree->remove(target);
     }
-    if (damage.startsWith(QLatin1String("write")))
-        m_tree->write(target, "no delta");
     if (damage.startsWith(QLatin1String("folder")))
         m_tree->makeFolder(target);
 
@@ -535,10 +532,10 @@ void tst_Cli::applyDoesNotWaitForAPipe()
     QCOMPARE(::mkfifo(qPrintable(path("patch/levels/new one.map")), 0600), 0);
     const Outcome outcome
         = run({QStringLiteral("apply"), QStringLiteral("installed"), QStringLiteral("patch")});
-    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(outcome.status, WrongUsage);
     QCOMPARE(errorLines(outcome.err),
-        QStringList(QStringLiteral("pellox: error: %1: cannot be copied")
-                        .arg(path("installed/levels/new one.map"))));
+        QStringList(QStringLiteral("pellox: error: %1: is not a file; get the whole patch again")
+                        .arg(path("patch/levels/new one.map"))));
 }
 
 void tst_Cli::verifyFailsWhenAFileCannotBeReplaced()
@@ -686,10 +683,10 @@ void tst_Cli::jsonIsOneObjectALine()
         QCOMPARE(member(last, "event"), QStringLiteral("finished"));
         QCOMPARE(member(last, "outcome"), QStringLiteral("done"));
         QVERIFY(objects.size() >= 2);
-        double done = 0;
+        double done = -1;
         for (const QJsonObject &object : objects) {
             QCOMPARE(member(object, "event"), QStringLiteral("progress"));
-            QVERIFY(object.value(QLatin1String("done")).toDouble(-1) >= done);
+            QVERIFY(object.value(QLatin1String("done")).toDouble(-1) > done);
             done = object.value(QLatin1String("done")).toDouble();
         }
         QVERIFY(done > 0);
@@ -700,7 +697,7 @@ void tst_Cli::jsonIsOneObjectALine()
 void tst_Cli::jsonTellsErrorsAndFailure()
 {
     QVERIFY(publish());
-    m_tree->remove(QStringLiteral("patch/levels/new one.map"));
+    m_tree->makeFolder(QStringLiteral("installed/levels/new one.map"));
     const Outcome outcome = run({QStringLiteral("apply"), QStringLiteral("--json"),
         QStringLiteral("installed"), QStringLiteral("patch")});
     QCOMPARE(outcome.status, Failed);
@@ -712,7 +709,8 @@ void tst_Cli::jsonTellsErrorsAndFailure()
     });
     QVERIFY(error != objects.end());
     QCOMPARE(member(*error, "file"), path("installed/levels/new one.map"));
-    QCOMPARE(member(*error, "error"), QStringLiteral("cannot be copied"));
+    QCOMPARE(member(*error, "error"),
+        QStringLiteral("is a folder, and a file of the patch belongs there"));
 }
 
 void tst_Cli::jsonTellsRefusal()
@@ -784,16 +782,25 @@ void tst_Cli::nothingButErrorsIsSaidOfABrokenSignature()
 void tst_Cli::interruptEndsAtOnce_data()
 {
     QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<int>("status");
     QTest::addColumn<QString>("lastWords");
 
-    QTest::newRow("plain") << QStringList() << QString();
-    QTest::newRow("json") << QStringList(QStringLiteral(
-        "--json")) << QStringLiteral("{\"event\":\"finished\",\"outcome\":\"interrupted\"}\n");
+    const QStringList json{QStringLiteral("--json")};
+    const QString interrupted
+        = QStringLiteral("{\"event\":\"finished\",\"outcome\":\"interrupted\"}\n");
+    QTest::newRow("Ctrl-C") << QStringList() << SIGINT << Interrupted << QString();
+    QTest::newRow("Ctrl-C, json") << json << SIGINT << Interrupted << interrupted;
+    QTest::newRow("terminated") << QStringList() << SIGTERM << 143 << QString();
+    QTest::newRow("terminated, json") << json << SIGTERM << 143 << interrupted;
+    QTest::newRow("terminal closed") << QStringList() << SIGHUP << 129 << QString();
 }
 
 void tst_Cli::interruptEndsAtOnce()
 {
     QFETCH(QStringList, options);
+    QFETCH(int, signal);
+    QFETCH(int, status);
     QFETCH(QString, lastWords);
     // Large enough to be under way for many seconds when the signal comes, small on the disk.
     m_tree->write(QStringLiteral("large/file"), QByteArray());
@@ -805,10 +812,11 @@ void tst_Cli::interruptEndsAtOnce()
             + options,
         m_tree->path());
     QTRY_VERIFY(m_tree->exists(QStringLiteral("sigs/file")));
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
     const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, Interrupted);
+    QCOMPARE(outcome.status, status);
     QVERIFY2(outcome.out.endsWith(lastWords), qPrintable(outcome.out));
+    QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: interrupted\n")), qPrintable(outcome.err));
     QVERIFY(!m_tree->exists(QStringLiteral("sigs/signatures.json")));
 }
 

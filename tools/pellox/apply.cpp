@@ -2,7 +2,9 @@
 #include "commands.h"
 #include "failedrules.h"
 #include "folders.h"
+#include "interrupt.h"
 #include "manifests.h"
+#include "patchcheck.h"
 
 #include <Pellox/BinariesController>
 #include <Pellox/rules.h>
@@ -87,7 +89,12 @@ bool apply(Console &console, const Arguments &arguments)
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to patch"));
 
-    FailedRules failedRules(console, build);
+    refuseInterruptedVerify(build, rules);
+    requirePayloads(patch, rules);
+    requireRoomForPatch(build, patch, rules);
+
+    FailedRules failedRules(console, build,
+        [&](const QJsonObject &rule) { return reasonOfFailure(rule, build, patch); });
     Pellox::BinariesController controller;
     QObject::connect(&controller, &Pellox::BinariesController::applyPatchError,
         [&](const QString &text) { failedRules.signalled(text); });
@@ -104,6 +111,7 @@ bool apply(Console &console, const Arguments &arguments)
     QTimer timer;
     QObject::connect(&timer, &QTimer::timeout, [&] { console.advanceTo(written.measure()); });
 
+    const Interrupt::Advice advice("pellox: interrupted: run \"pellox apply\" again\n");
     console.startProgress(QStringLiteral("apply"), Progress::Unit::Bytes, written.total());
     timer.start(MeasureInterval);
     if (!controller.applyPatch(build, patch)) {
@@ -116,8 +124,12 @@ bool apply(Console &console, const Arguments &arguments)
         console.advanceTo(written.total());
     console.stopProgress();
 
-    if (!success || console.errorCount() > 0)
+    if (!success || console.errorCount() > 0) {
+        console.note(QStringLiteral("what failed was left out and nothing is undone: remove the "
+                                    "cause, then run \"pellox apply\" again before "
+                                    "\"pellox verify\""));
         return false;
+    }
     console.result(QStringLiteral("Applied %1 (%2). To check and put the patched files in place: "
                                   "pellox verify")
                        .arg(counted(rules.size(), "rule"), byteCount(written.total())));

@@ -3,7 +3,6 @@
 
 #include "folders.h"
 #include "listing.h"
-#include "manifests.h"
 
 #include <QFileInfo>
 #include <QSet>
@@ -29,15 +28,14 @@ void refuseManifestName(const QString &build, const QString &manifest, const QSt
     }
 }
 
-void refuseTemporaryNames(
-    const QString &newBuild, const QJsonArray &oldFiles, const QStringList &ignored)
+void refuseTemporaryNames(const QString &newBuild, const QStringList &files,
+    const QStringList &ignored, const QStringList &oldFiles)
 {
-    const QStringList files = filesOfBuild(newBuild);
     QSet<QString> newPaths(files.cbegin(), files.cend());
     newPaths -= QSet<QString>(ignored.cbegin(), ignored.cend());
     QSet<QString> oldPaths;
-    for (const QJsonValue &record : oldFiles)
-        oldPaths.insert(newBuild + relativePathOf(record));
+    for (const QString &file : oldFiles)
+        oldPaths.insert(newBuild + file);
 
     for (const QString &path : newPaths &oldPaths) {
         const QString temporary = path + QLatin1String(".temp");

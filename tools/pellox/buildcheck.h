@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QJsonArray>
 #include <QString>
 #include <QStringList>
 
@@ -19,7 +18,8 @@ void refuseManifestName(const QString &build, const QString &manifest, const QSt
 
 /**
  * Refuses a file "x.temp" of either build beside a file "x" of both: patching "x" on players'
- * machines would take its place. @p oldFiles are the records of the old build.
+ * machines would take its place. @p files are those of @p newBuild, @p ignored some of them;
+ * @p oldFiles are relative paths as manifests hold them.
  */
-void refuseTemporaryNames(
-    const QString &newBuild, const QJsonArray &oldFiles, const QStringList &ignored);
+void refuseTemporaryNames(const QString &newBuild, const QStringList &files,
+    const QStringList &ignored, const QStringList &oldFiles);

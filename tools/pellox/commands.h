@@ -11,8 +11,8 @@
  * The commands of the program, one source file each.
  */
 
-/// Exit statuses, promised by --help.
-enum ExitStatus : int { Done = 0, Failed = 1, WrongUsage = 2, Interrupted = 130 };
+/// Exit statuses, promised by --help; Interrupt::Stopped has the others.
+enum ExitStatus : int { Done = 0, Failed = 1, WrongUsage = 2 };
 
 /// What a command line asks for: the way to talk, and the command to carry out.
 struct Invocation
@@ -25,6 +25,8 @@ struct Invocation
 
 void addSignCommand(CLI::App &app, Invocation &invocation);
 void addDiffCommand(CLI::App &app, Invocation &invocation);
+void addPublishCommand(CLI::App &app, Invocation &invocation);
+void addInspectCommand(CLI::App &app, Invocation &invocation);
 void addApplyCommand(CLI::App &app, Invocation &invocation);
 void addVerifyCommand(CLI::App &app, Invocation &invocation);
 void addPackCommand(CLI::App &app, Invocation &invocation);

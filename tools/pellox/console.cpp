@@ -7,7 +7,9 @@
 #include <QJsonObject>
 #include <QMutexLocker>
 
+#include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -59,6 +61,7 @@ void Console::startProgress(const QString &title, Progress::Unit unit, qint64 to
     const QMutexLocker lock(&m_mutex);
     m_title = title;
     m_progress.emplace(unit, total);
+    m_shown = -1;
     m_sinceShown.start();
     if (m_terminal || m_options.json)
         showProgress();
@@ -92,8 +95,10 @@ void Console::showProgress()
 {
     m_sinceShown.restart();
     if (m_options.json) {
+        if (m_progress->done() == std::exchange(m_shown, m_progress->done()))
+            return;
         writeJson({{QStringLiteral("event"), QStringLiteral("progress")},
-            {QStringLiteral("done"), m_progress->done()},
+            {QStringLiteral("stage"), m_title}, {QStringLiteral("done"), m_progress->done()},
             {QStringLiteral("total"), m_progress->total()}});
     } else if (m_options.quiet) {
         return;
@@ -145,6 +150,15 @@ void Console::result(const QString &text)
         writeOutput(text.toLocal8Bit() + '\n');
 }
 
+void Console::event(const QString &name, QJsonObject members)
+{
+    const QMutexLocker lock(&m_mutex);
+    if (!m_options.json)
+        return;
+    members.insert(QStringLiteral("event"), name);
+    writeJson(members);
+}
+
 void Console::outcome(const QString &outcome)
 {
     const QMutexLocker lock(&m_mutex);
@@ -178,7 +192,8 @@ void Console::writeOutput(const QByteArray &line)
     if (write(stdout, line) || m_outputLost)
         return;
     m_outputLost = true;
-    writeError(QStringLiteral("pellox: error: cannot write to standard output"));
+    if (errno != EPIPE) // a reader that has read enough, as "head" has, is no fault to tell
+        writeError(QStringLiteral("pellox: error: cannot write to standard output"));
 }
 
 bool Console::outputLost() const

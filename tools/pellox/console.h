@@ -42,6 +42,8 @@ public:
     void note(const QString &text);
     void logLine(const QString &text); ///< shown with --verbose
     void result(const QString &text);
+    /// One more line of --json; members beside "event".
+    void event(const QString &name, QJsonObject members);
     /// The last thing said: "done", "failed" or "refused". Only JSON shows it.
     void outcome(const QString &outcome);
 
@@ -61,6 +63,7 @@ private:
     QString m_title;
     std::optional<Progress> m_progress;
     QElapsedTimer m_sinceShown;
+    qint64 m_shown = -1; ///< how far the last JSON object told
     bool m_barVisible = false;
     int m_errors = 0;
     bool m_outputLost = false;

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "buildcheck.h"
 #include "commands.h"
+#include "copyfolder.h"
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
 #include "sizeoption.h"
 
-#include <Pellox/BinariesController>
 #include <Pellox/FileCopier>
 
 #include <QCoreApplication>
@@ -14,7 +13,7 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
-#include <QSet>
+#include <QTimer>
 
 #include <memory>
 
@@ -22,12 +21,15 @@ namespace {
 
 using Pellox::FileCopier;
 
+constexpr int StopInterval = 50; // milliseconds
+
 struct Arguments
 {
     std::string source;
     std::string destination;
     qint64 blockSize = 10LL * 1024 * 1024;
     bool keepPartial = false;
+    bool force = false;
 };
 
 QString reasonOf(FileCopier::CopyError error)
@@ -49,6 +51,14 @@ QString reasonOf(FileCopier::CopyError error)
     return {};
 }
 
+void stop(FileCopier &copier, const Arguments &arguments)
+{
+    if (arguments.keepPartial)
+        copier.stopWithoutRemove();
+    else
+        copier.stop();
+}
+
 bool copyFile(
     Console &console, const QString &source, const QString &target, const Arguments &arguments)
 {
@@ -62,11 +72,11 @@ bool copyFile(
         outcome = error;
         loop.quit();
     });
+    QTimer stopAgain; // a stop is forgotten that comes before the files are open
+    QObject::connect(&stopAgain, &QTimer::timeout, [&] { stop(copier, arguments); });
     const Interrupt::Watch watch([&] {
-        if (arguments.keepPartial)
-            copier.stopWithoutRemove();
-        else
-            copier.stop();
+        stop(copier, arguments);
+        stopAgain.start(StopInterval);
     });
 
     console.startProgress(QStringLiteral("copy"), Progress::Unit::Bytes, QFileInfo(source).size());
@@ -86,86 +96,30 @@ bool copyFile(
     return true;
 }
 
-bool haveSameContent(const QString &path, const QString &otherPath)
+/// Where file @p name goes: into DESTINATION where that is a folder, or is written as one.
+QString targetOfFile(const std::string &destination, const QString &name)
 {
-    constexpr qint64 ReadSize = 1 << 20;
-    QFile file(path);
-    QFile other(otherPath);
-    if (!file.open(QIODevice::ReadOnly) || !other.open(QIODevice::ReadOnly)
-        || file.size() != other.size())
-        return false;
-    while (!file.atEnd()) {
-        const QByteArray part = file.read(ReadSize);
-        if (part.isEmpty() || part != other.read(ReadSize))
-            return false;
-    }
-    return true;
-}
-
-/// A copy replaces what stands in its place, which must not be the source by way of a link.
-void requireOutsideSource(const QStringList &copies, const QString &source)
-{
-    QSet<QString> checked;
-    for (const QString &copy : copies) {
-        const QString folder = QFileInfo(copy).path();
-        if (!checked.contains(folder))
-            requireOutside(folder, source);
-        checked.insert(folder);
-    }
-}
-
-QStringList copiesOf(const QStringList &files, const QString &source, const QString &target)
-{
-    QStringList copies;
-    for (const QString &file : files)
-        copies.append(target + file.mid(source.size()));
-    return copies;
-}
-
-bool copyFolder(Console &console, const QString &source, const QString &target)
-{
-    requireApart(target, source);
-    requireListable(source);
-    const QStringList files = filesOfBuild(source);
-    const QStringList copies = copiesOf(files, source, target);
-    requireOutsideSource(copies, source);
-    if (!QDir().mkpath(target)) // an empty build leaves an empty folder
-        throw Refusal(target, QStringLiteral("cannot be created"));
-    // The library copies without a word; the comparison afterwards can tell how far it is.
-    console.note(QStringLiteral("copying %1 (%2)")
-                     .arg(fileCount(files.size()), byteCount(totalSize(files))));
-    Pellox::BinariesController controller;
-    controller.copyBinaries(source, target);
-
-    console.startProgress(QStringLiteral("compare"), Progress::Unit::Files, files.size());
-    for (int i = 0; i < files.size(); ++i) {
-        const QString &file = files.at(i);
-        if (!haveSameContent(file, copies.at(i)))
-            console.error(file, QStringLiteral("did not arrive in ") + target);
-        console.advanceTo(i + 1);
-    }
-    console.stopProgress();
-    if (console.errorCount() > 0)
-        return false;
-    console.result(QStringLiteral("Copied %1 (%2): %3")
-                       .arg(fileCount(files.size()), byteCount(totalSize(files)), target));
-    return true;
+    const QString target = absoluteFile(destination);
+    const QString lastPart = QFileInfo(QFile::decodeName(destination.c_str())).fileName();
+    const bool isFolder = QFileInfo(target).isDir() || lastPart.isEmpty()
+        || lastPart == QLatin1String(".") || lastPart == QLatin1String("..");
+    const QString folder = isFolder ? target : QFileInfo(target).path();
+    return QDir(existingFolder(QFile::encodeName(folder).toStdString()))
+        .filePath(isFolder ? name : QFileInfo(target).fileName());
 }
 
 bool copy(Console &console, const Arguments &arguments)
 {
     const QString source = absoluteFile(arguments.source);
-    QString target = absoluteFile(arguments.destination);
     const QFileInfo info(source);
     if (!info.exists())
         throw Refusal(source, QStringLiteral("there is no such file or folder"));
     if (info.isDir())
-        return copyFolder(console, source, folderToFill(arguments.destination));
+        return copyFolder(console, source, folderToFill(arguments.destination), arguments.force);
     if (!info.isFile())
         throw Refusal(source, QStringLiteral("is neither a file nor a folder"));
-    if (QFileInfo(target).isDir())
-        target += QLatin1Char('/') + info.fileName();
-    if (QFileInfo::exists(target))
+    const QString target = targetOfFile(arguments.destination, info.fileName());
+    if (isThere(target))
         throw Refusal(target, QStringLiteral("exists already; nothing is overwritten"));
     return copyFile(console, source, target, arguments);
 }
@@ -181,14 +135,16 @@ void addCopyCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command
         ->add_option("DESTINATION", arguments->destination,
-            "The copy, or for a file the folder to put it in")
+            "The copy, or for a file the folder to put it in, which must be there")
         ->type_name("PATH")
         ->required();
     addSizeOption(*command, "--block-size", arguments->blockSize,
         "How much of a file to copy at a time, with K, M or G. 10M where not given");
     command->add_flag("--keep-partial", arguments->keepPartial,
         "Keep what there is of the file when Ctrl-C stops the copy");
-    command->footer("A file never replaces one that exists. Files of a folder do; hidden ones and\n"
+    command->add_flag(
+        "--force", arguments->force, "Let the files of a build replace those that exist");
+    command->footer("A single file never replaces one that exists. Of a folder, hidden files and\n"
                     "empty folders, which are no part of a build, are left out, and every copy is\n"
                     "compared with its source.\n\n"
                     "Example:\n  pellox copy downloads/data.pak installed/game/data.pak");

@@ -11,6 +11,8 @@
 #include <QJsonObject>
 #include <QThread>
 
+#include <utility>
+
 namespace {
 
 /// What the current thread's rule has signalled; its log line is still to come.
@@ -29,9 +31,10 @@ QString plainReason(const QString &rule)
 
 } // namespace
 
-FailedRules::FailedRules(Console &console, QString root)
+FailedRules::FailedRules(Console &console, QString root, Explanation explain)
     : m_console(console)
     , m_root(std::move(root))
+    , m_explain(std::move(explain))
 {
     Log::setCriticalListener([this](const QString &line) { criticalLogged(line); });
 }
@@ -58,9 +61,11 @@ void FailedRules::criticalLogged(const QString &line)
     const QByteArray json = unquoted(line.mid(announcement.size()));
     const QJsonObject rule = QJsonDocument::fromJson(json).object();
     const QString file = m_root + rule.value(QLatin1String("relative_path")).toString();
-    const QString reason = t_signalled.isEmpty()
-        ? plainReason(rule.value(QLatin1String("rule")).toString())
-        : t_signalled;
+    QString reason = m_explain ? m_explain(rule) : QString();
+    if (reason.isEmpty())
+        reason = t_signalled;
+    if (reason.isEmpty())
+        reason = plainReason(rule.value(QLatin1String("rule")).toString());
     t_signalled.clear();
     m_console.error(file, reason);
 }

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QJsonObject>
 #include <QString>
+
+#include <functional>
 
 class Console;
 
@@ -14,8 +17,12 @@ class Console;
 class FailedRules
 {
 public:
-    /// @p root is the folder whose files the rules are about.
-    FailedRules(Console &console, QString root);
+    /// Says why a rule has failed, or nothing; called on the rule's thread.
+    using Explanation = std::function<QString(const QJsonObject &rule)>;
+
+    /// @p root is the folder whose files the rules are about. What @p explain says goes before the
+    /// library's words.
+    FailedRules(Console &console, QString root, Explanation explain = {});
     ~FailedRules();
     FailedRules(const FailedRules &) = delete;
     FailedRules &operator=(const FailedRules &) = delete;
@@ -28,6 +35,7 @@ private:
 
     Console &m_console;
     QString m_root;
+    Explanation m_explain;
 };
 
 /**

@@ -4,14 +4,25 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 
 namespace {
+
+/// The path with ".." followed as the system does it, which counts behind a link.
+QString withoutClimbs(const QString &path)
+{
+    static const QRegularExpression UpToLastClimb(QStringLiteral("^.*/\\.\\.(?=/|$)"));
+    const QString climb = UpToLastClimb.match(path).captured();
+    const QString resolved = QFileInfo(climb).canonicalFilePath(); // nothing where that is missing
+    return climb.isEmpty() || resolved.isEmpty() ? path : resolved + path.mid(climb.size());
+}
 
 QString absolutePath(const std::string &argument)
 {
     if (argument.empty())
         throw Refusal(QStringLiteral("\"\""), QStringLiteral("is no name of a file or folder"));
-    return QDir(QFile::decodeName(argument.c_str())).absolutePath();
+    return QDir::cleanPath(
+        withoutClimbs(QDir::current().absoluteFilePath(QFile::decodeName(argument.c_str()))));
 }
 
 /// The path with all links resolved; its last parts need not exist yet.
@@ -70,6 +81,18 @@ void requireOutside(const QString &path, const QString &folder)
     if (isWithin(resolvedPath, resolvedFolder)) {
         throw Refusal(path, QStringLiteral("lies inside %1; the two must lie apart").arg(folder));
     }
+}
+
+bool isThere(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+bool isRealFolder(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.isDir() && !info.isSymLink();
 }
 
 QString existingAncestor(const QString &path)

@@ -43,5 +43,11 @@ void requireApart(const QString &folder, const QString &other);
 /// Throws Refusal when @p path is @p folder or lies inside it, links followed.
 void requireOutside(const QString &path, const QString &folder);
 
+/// Whether something stands there, be it a link that leads nowhere.
+bool isThere(const QString &path);
+
+/// Whether @p path is a folder and no link to one.
+bool isRealFolder(const QString &path);
+
 /// @p path, or the nearest folder above it that exists.
 QString existingAncestor(const QString &path);

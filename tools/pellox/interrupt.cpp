@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "interrupt.h"
 
-#include "commands.h"
-
 #include <QDeadlineTimer>
 #include <QThread>
 
@@ -17,23 +15,35 @@ namespace {
 std::atomic<bool> s_lineOpen{false};
 std::atomic<const char *> s_lastWords{nullptr};
 std::atomic<bool> s_watched{false};
-std::atomic<bool> s_requested{false};
+std::atomic<int> s_signal{0}; // the first that came to the Watch, or 0
 
+constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr char PlainLine[] = "pellox: interrupted\n";
+std::atomic<const char *> s_line{PlainLine};
+
+constexpr int SignalStatus = 128; // as a shell tells of a program that a signal has ended
 constexpr int WatchInterval = 50; // milliseconds: at once, to a person
-constexpr int LateBy = 100;       // milliseconds that Ctrl-C may come here after a child had it
+constexpr int LateBy = 100;       // milliseconds that a signal may come here after a child had it
 
-// Runs in a signal: nothing but calls that are safe there.
-void end(int)
+// From here to end() nothing but calls that are safe in a signal.
+void put(int stream, const char *text)
 {
-    if (s_watched && !s_requested.exchange(true))
-        return;
-    ssize_t written = 0;
-    if (s_lineOpen)
-        written += write(STDERR_FILENO, "\n", 1);
+    const ssize_t written = write(stream, text, std::strlen(text));
+    static_cast<void>(written); // nobody is left to be told
+}
+
+void end(int signal)
+{
+    if (s_watched) {
+        int none = 0;
+        const bool isFirst = s_signal.compare_exchange_strong(none, signal);
+        if (isFirst || signal != SIGINT)
+            return;
+    }
     if (const char *words = s_lastWords)
-        written += write(STDOUT_FILENO, words, std::strlen(words));
-    static_cast<void>(written);
-    _exit(Interrupted);
+        put(STDOUT_FILENO, words);
+    Interrupt::tell();
+    _exit(SignalStatus + signal);
 }
 
 } // namespace
@@ -42,7 +52,18 @@ void Interrupt::install()
 {
     struct sigaction action = {};
     action.sa_handler = end;
-    sigaction(SIGINT, &action, nullptr);
+    sigemptyset(&action.sa_mask);
+    for (const int signal : Signals)
+        sigaddset(&action.sa_mask, signal);
+    for (const int signal : Signals) {
+        struct sigaction inherited = {};
+        sigaction(signal, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN)
+            sigaction(signal, &action, nullptr);
+    }
+    // A reader that goes, as at the end of a pipe, must not end the program before it has cleaned
+    // up; the Console finds out when it writes.
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 void Interrupt::setLineOpen(bool open)
@@ -55,9 +76,31 @@ void Interrupt::sayOnExit(const char *line)
     s_lastWords = line;
 }
 
+void Interrupt::tell()
+{
+    if (s_lineOpen)
+        put(STDERR_FILENO, "\n");
+    put(STDERR_FILENO, s_line);
+}
+
+Interrupt::Advice::Advice(const char *line)
+{
+    s_line = line;
+}
+
+Interrupt::Advice::~Advice()
+{
+    s_line = PlainLine;
+}
+
+Interrupt::Stopped::Stopped()
+    : m_exitStatus(SignalStatus + s_signal)
+{
+}
+
 bool Interrupt::isStopped()
 {
-    return s_requested;
+    return s_signal != 0;
 }
 
 void Interrupt::throwIfStopped()
@@ -68,7 +111,7 @@ void Interrupt::throwIfStopped()
 
 void Interrupt::throwIfStoppedLately()
 {
-    for (QDeadlineTimer deadline(LateBy); !s_requested && !deadline.hasExpired();)
+    for (QDeadlineTimer deadline(LateBy); !isStopped() && !deadline.hasExpired();)
         QThread::msleep(5);
     throwIfStopped();
 }
@@ -77,7 +120,7 @@ Interrupt::Watch::Watch(std::function<void()> onInterrupt)
 {
     s_watched = true;
     QObject::connect(&m_timer, &QTimer::timeout, [this, stop = std::move(onInterrupt)] {
-        if (!s_requested)
+        if (!isStopped())
             return;
         m_timer.stop();
         stop();
@@ -88,5 +131,5 @@ Interrupt::Watch::Watch(std::function<void()> onInterrupt)
 Interrupt::Watch::~Watch()
 {
     s_watched = false;
-    s_requested = false;
+    s_signal = 0;
 }

@@ -6,12 +6,13 @@
 #include <functional>
 
 /**
- * Ctrl-C ends the program at once with status 130, unless a command watches for it. What
- * it had under way can be started again: manifests are written last and temporary files
- * are never reused.
+ * Ctrl-C (SIGINT), SIGTERM and SIGHUP end the program at once with status 128 and the signal's
+ * number, unless a command watches for them. What it had under way can be started again:
+ * manifests are written last and temporary files are never reused.
  */
 namespace Interrupt {
 
+/// Signals that the caller has had ignored, as nohup does, stay ignored.
 void install();
 
 /// Tells whether a progress bar stands on the terminal's line, which the end then closes.
@@ -20,12 +21,32 @@ void setLineOpen(bool open);
 /// @p line, which must live as long as the program, goes to standard output at that end.
 void sayOnExit(const char *line);
 
-/// Thrown by a command that Ctrl-C has stopped, once it has cleaned up.
-class Stopped
+/// Tells on standard error that the program was interrupted, and what the Advice that lives says.
+void tell();
+
+/// While it lives, the line that tells of an interruption says what to do next.
+class Advice
 {
+public:
+    /// @p line, the whole of it, must live as long as the program.
+    explicit Advice(const char *line);
+    ~Advice();
+    Advice(const Advice &) = delete;
+    Advice &operator=(const Advice &) = delete;
 };
 
-/// True once Ctrl-C has come to the Watch that lives.
+/// Thrown by a command that a signal has stopped, once it has cleaned up.
+class Stopped
+{
+public:
+    Stopped();
+    int exitStatus() const { return m_exitStatus; }
+
+private:
+    int m_exitStatus;
+};
+
+/// True once a signal has come to the Watch that lives.
 bool isStopped();
 
 /// Throws Stopped then.
@@ -36,8 +57,9 @@ void throwIfStopped();
 void throwIfStoppedLately();
 
 /**
- * While it lives, the first Ctrl-C calls a function from the event loop, so that the command
- * can stop and clean up; the second ends the program at once.
+ * While it lives, the first signal calls a function from the event loop, so that the command
+ * can stop and clean up; a Ctrl-C behind it ends the program at once. Other signals do not: a
+ * terminal that closes sends several.
  */
 class Watch
 {

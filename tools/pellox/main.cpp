@@ -3,21 +3,27 @@
 #include "folders.h"
 #include "interrupt.h"
 #include "log.h"
+#include "usage.h"
 
 #include <QCoreApplication>
 #include <QTextCodec>
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <langinfo.h>
 
 namespace {
 
 constexpr char Footer[]
-    = "Exit status: 0 done, 1 failed, 2 wrong usage (nothing was touched), 130 interrupted.\n\n"
+    = "Exit status: 0 done, 1 failed, 2 wrong usage (nothing was touched), 130 Ctrl-C (128 and "
+      "the number of the signal).\n\n"
       "Example: from release 1.0 to 1.1\n"
       "  pellox sign releases/1.0 signatures/1.0\n"
       "  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1\n"
@@ -48,10 +54,11 @@ int run(const Invocation &invocation)
         console.error(QString(), QString::fromLocal8Bit(problem.what()));
         console.outcome(QStringLiteral("failed"));
         return Failed;
-    } catch (const Interrupt::Stopped &) {
+    } catch (const Interrupt::Stopped &stopped) {
         console.stopProgress();
         console.outcome(QStringLiteral("interrupted"));
-        return Interrupted;
+        Interrupt::tell();
+        return stopped.exitStatus();
     }
 }
 
@@ -76,10 +83,13 @@ int parseAndRun(int argc, char **argv)
     CLI::App app("Keeps installed game builds up to date by binary deltas.", "pellox");
     app.set_version_flag("--version", "pellox " PELLOX_VERSION);
     app.require_subcommand(1);
+    app.failure_message(usageError);
     app.footer(Footer);
     Invocation invocation;
     addSignCommand(app, invocation);
     addDiffCommand(app, invocation);
+    addPublishCommand(app, invocation);
+    addInspectCommand(app, invocation);
     addApplyCommand(app, invocation);
     addVerifyCommand(app, invocation);
     addPackCommand(app, invocation);
@@ -87,7 +97,10 @@ int parseAndRun(int argc, char **argv)
     addCopyCommand(app, invocation);
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> words = commandLineWords(argc, argv);
+        requireCommand(app, words);
+        std::reverse(words.begin(), words.end()); // as CLI11 wants them
+        app.parse(std::move(words));
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? Done : WrongUsage;
     }

@@ -55,6 +55,14 @@ QString relativePathOf(const QJsonValue &record)
     return record.toObject().value(QLatin1String("relative_path")).toString();
 }
 
+QStringList relativePathsOf(const QJsonArray &records)
+{
+    QStringList paths;
+    for (const QJsonValue &record : records)
+        paths.append(relativePathOf(record));
+    return paths;
+}
+
 qint64 fileSizeOf(const QJsonValue &rule)
 {
     constexpr double Largest = 1LL << 50; // so that sums of many stay sums

@@ -3,6 +3,7 @@
 
 #include <QJsonArray>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -25,6 +26,9 @@ QString ruleNameOf(const QJsonValue &record);
 
 /// The "relative_path" of a record.
 QString relativePathOf(const QJsonValue &record);
+
+/// The same of all records.
+QStringList relativePathsOf(const QJsonArray &records);
 
 /// The "file_size" of a rule; 0 where it is no size that a file can have.
 qint64 fileSizeOf(const QJsonValue &rule);

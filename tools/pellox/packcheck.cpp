@@ -3,23 +3,13 @@
 
 #include "folders.h"
 #include "listing.h"
+#include "sevenzip.h"
 
 #include <algorithm>
 
 namespace {
 
 namespace fs = std::filesystem;
-
-void refuseControlCharacters(const QString &path, const QString &folder)
-{
-    const auto isControl
-        = [](QChar character) { return character.category() == QChar::Other_Control; };
-    if (std::any_of(path.cbegin() + folder.size(), path.cend(), isControl)) {
-        throw Refusal(path,
-            QStringLiteral("has a line break or another control character in its name, which "
-                           "7-Zip does not keep"));
-    }
-}
 
 void requireUnpackableTarget(const fs::path &target, const QString &link)
 {
@@ -37,12 +27,28 @@ void requireUnpackableTarget(const fs::path &target, const QString &link)
 
 } // namespace
 
+void refuseNameForSevenZip(const QString &path, const QString &folder)
+{
+    const auto isControl
+        = [](QChar character) { return character.category() == QChar::Other_Control; };
+    if (std::any_of(path.cbegin() + folder.size(), path.cend(), isControl)) {
+        throw Refusal(path,
+            QStringLiteral("has a line break or another control character in its name, which "
+                           "7-Zip does not keep"));
+    }
+    if (readsAsVerdict(path.mid(folder.size()))) {
+        throw Refusal(path,
+            QStringLiteral("has a name that reads like 7-Zip's own messages (\"Everything is Ok\", "
+                           "\"Error:\"), by which a run is judged"));
+    }
+}
+
 PackedContent requirePackable(const QString &folder)
 {
     PackedContent content;
     visitEntries(
         folder, Hidden::Visited, [&](const fs::directory_entry &entry, const QString &path) {
-            refuseControlCharacters(path, folder);
+            refuseNameForSevenZip(path, folder);
             if (entry.is_symlink()) {
                 const fs::path target = fs::read_symlink(entry.path());
                 requireUnpackableTarget(target, path);

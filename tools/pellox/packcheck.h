@@ -10,9 +10,13 @@ struct PackedContent
     qint64 size = 0;
 };
 
+/// Throws Refusal when @p path, in its part below @p folder, has a control character, which 7-Zip
+/// does not keep, or reads like 7-Zip's own messages, by which a run is judged.
+void refuseNameForSevenZip(const QString &path, const QString &folder);
+
 /**
  * Measures what is in @p folder, hidden entries too. Throws Refusal for what 7-Zip would pack but
- * could not bring back: control characters in a name, pipes, sockets and devices, links whose
- * target is absolute, "." or leads through "..".
+ * could not bring back: names as above, pipes, sockets and devices, links whose target is absolute,
+ * "." or leads through "..".
  */
 PackedContent requirePackable(const QString &folder);

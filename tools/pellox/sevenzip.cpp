@@ -21,12 +21,6 @@ QString sevenZipPath()
     return QCoreApplication::applicationDirPath() + QLatin1String("/7zr");
 }
 
-bool isThere(const QString &path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 void readField(ArchivedEntry &entry, const QString &name, const QString &value)
 {
     if (name == QLatin1String("Path")) {
@@ -36,13 +30,32 @@ void readField(ArchivedEntry &entry, const QString &name, const QString &value)
     } else if (name == QLatin1String("Encrypted")) {
         entry.isEncrypted = value == QLatin1String("+");
     } else if (name == QLatin1String("Attributes")) {
-        entry.isFolder = value.startsWith(QLatin1Char('D'));
-        entry.isLink = value.contains(QLatin1String(" l")); // as "ls" shows it
+        // Windows' letters, which may be "RD", and then what "ls" shows.
+        entry.hasAttributes = !value.isEmpty();
+        entry.isFolder = value.section(QLatin1Char(' '), 0, 0).contains(QLatin1Char('D'));
+        entry.isLink = value.contains(QLatin1String(" l"));
     }
 }
 
-/// The records of "7zr l -slt": one "Name = value" a line, a blank line between two records.
-std::vector<ArchivedEntry> parseList(const QString &list)
+/// What "7zr l -slt" tells of the archive itself, and behind it the records of the entries.
+const QString EndOfHead = QStringLiteral("\n----------\n");
+
+/// 7-Zip's console program reads some other formats too, whose lists tell no names.
+void refuseOtherFormats(const QString &head, const QString &firstVolume)
+{
+    static const QRegularExpression Type(
+        QStringLiteral("^Type = (.*)$"), QRegularExpression::MultilineOption);
+    QString type;
+    for (auto match = Type.globalMatch(head); match.hasNext();)
+        type = match.next().captured(1); // of volumes "Split" comes first
+    if (type != QLatin1String("7z")) {
+        throw Refusal(
+            firstVolume, QStringLiteral("is no 7z archive but one of the type \"%1\"").arg(type));
+    }
+}
+
+/// The records: one "Name = value" a line, a blank line between two records.
+std::vector<ArchivedEntry> parseRecords(const QString &list)
 {
     std::vector<ArchivedEntry> entries;
     ArchivedEntry entry{};
@@ -62,7 +75,7 @@ std::vector<ArchivedEntry> parseList(const QString &list)
     return entries;
 }
 
-/// Returns true when it ended well.
+/// Returns true when it ended well. Throws Refusal when it could not be started.
 bool waitForEnd(QProcess &process)
 {
     constexpr int Interval = 50; // milliseconds
@@ -71,15 +84,32 @@ bool waitForEnd(QProcess &process)
             process.kill();
     }
     Interrupt::throwIfStopped();
-    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0
-        && process.error() != QProcess::FailedToStart;
+    if (process.error() == QProcess::FailedToStart) {
+        throw Refusal(
+            process.program(), QStringLiteral("cannot be run (%1)").arg(process.errorString()));
+    }
+    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
+/// The end of @p process tells why.
+void refuseUnreadable(const QString &firstVolume, QProcess &process)
+{
+    if (process.readAllStandardOutput().contains("Enter password"))
+        throw Refusal(firstVolume, QStringLiteral("has a password, and none can be given"));
+    const QString name = QLatin1String("./") + QFileInfo(firstVolume).fileName();
+    const QString error = errorIn(QString::fromUtf8(process.readAllStandardError()))
+                              .remove(name + QLatin1String(" : "));
+    throw Refusal(firstVolume,
+        QStringLiteral("is damaged or no 7z archive (7-Zip: %1); download it or make it again")
+            .arg(error.isEmpty() ? QStringLiteral("no error told") : error));
 }
 
 } // namespace
 
 void requireSevenZip()
 {
-    if (!QFileInfo(sevenZipPath()).isExecutable()) {
+    const QFileInfo program(sevenZipPath());
+    if (!program.isFile() || !program.isExecutable()) {
         throw Refusal(sevenZipPath(),
             QStringLiteral("is not there: put the 7-Zip console program 7zr, or a link to it, "
                            "beside the program (Debian has it in the package p7zip)"));
@@ -92,6 +122,13 @@ void refuseWildcards(const QString &path)
         throw Refusal(
             path, QStringLiteral("has a * or ? in its path, which 7-Zip takes for a wildcard"));
     }
+}
+
+bool readsAsVerdict(const QString &text)
+{
+    const QString lowered = text.toLower();
+    return lowered.contains(QLatin1String("error:"))
+        || QString(lowered).remove(QLatin1Char(' ')).contains(QLatin1String("everythingisok"));
 }
 
 Volumes::Volumes(QString archive)
@@ -111,13 +148,14 @@ Volumes::Volumes(QString archive)
         m_firstGap = path(number);
 }
 
-/// Numbers of more than three digits have their own uses, so a lone one ("game.2024") tells
-/// nothing.
+/// Numbers of more than three digits have their own uses, so one ("game.2024") tells nothing
+/// unless all of three digits are there.
 bool Volumes::hasVolumeAfter(int number) const
 {
     const QFileInfo info(m_name);
-    const QRegularExpression form(QLatin1Char('^') + QRegularExpression::escape(info.fileName())
-        + QLatin1String("\\.(\\d{3})$"));
+    const QLatin1String digits(number < 999 ? "\\.(\\d{3})$" : "\\.(\\d{3,})$");
+    const QRegularExpression form(
+        QLatin1Char('^') + QRegularExpression::escape(info.fileName()) + digits);
     const QStringList entries = info.dir().entryList(QDir::Files | QDir::Hidden);
     return std::any_of(entries.cbegin(), entries.cend(),
         [&](const QString &entry) { return form.match(entry).captured(1).toInt() > number; });
@@ -144,10 +182,48 @@ qint64 Volumes::size() const
 
 void Volumes::requireComplete() const
 {
-    if (isEmpty())
-        throw Refusal(m_name, QStringLiteral("there is no such archive"));
     if (!m_firstGap.isEmpty())
         throw Refusal(m_firstGap, QStringLiteral("is missing from the volumes of the archive"));
+    if (!isEmpty())
+        return;
+    QString reason
+        = QStringLiteral("there is no such archive, neither a file of this name nor ") + path(1);
+    const Volumes meant(m_name + QLatin1String(".7z"));
+    if (!meant.isEmpty())
+        reason += QStringLiteral("; did you mean %1?").arg(meant.paths().first());
+    throw Refusal(m_name, reason);
+}
+
+void refuseWrongArchive(const QString &archive)
+{
+    if (QFileInfo(archive).isDir()) {
+        throw Refusal(archive,
+            QStringLiteral("is a folder: the archive stands first, the folder to fill second"));
+    }
+    static const QRegularExpression Form(QStringLiteral("^(.+)\\.\\d{3}$"));
+    const QString name = Form.match(archive).captured(1);
+    const Volumes volumes(name);
+    const QString first = volumes.path(1);
+    const bool isNameItself
+        = name.isEmpty() || archive == first || isThere(Volumes(archive).path(1));
+    if (isNameItself)
+        return;
+    if (isThere(first))
+        throw Refusal(archive, QStringLiteral("is not the first volume; give ") + first);
+    if (name.endsWith(QLatin1String(".7z")))
+        volumes.requireComplete();
+}
+
+QString errorIn(const QString &output)
+{
+    // Below "ERRORS:" where there is such a list; "ERROR:" may stand before it, and a line break
+    // behind that.
+    static const QRegularExpression List(QStringLiteral("^ERRORS:\\s*(.*)$"),
+        QRegularExpression::CaseInsensitiveOption | QRegularExpression::MultilineOption);
+    static const QRegularExpression Line(QStringLiteral("ERROR:\\s*(.*)$"),
+        QRegularExpression::CaseInsensitiveOption | QRegularExpression::MultilineOption);
+    const QString fromList = List.match(output).captured(1).trimmed();
+    return fromList.isEmpty() ? Line.match(output).captured(1).trimmed() : fromList;
 }
 
 std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume)
@@ -156,20 +232,18 @@ std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume)
     QProcess process;
     process.setWorkingDirectory(archive.path()); // which may hold wildcards
     process.start(sevenZipPath(),
-        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-ba"),
-            QStringLiteral("-sccUTF-8"), QStringLiteral("--"),
-            QLatin1String("./") + archive.fileName()});
+        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-sccUTF-8"),
+            QStringLiteral("--"), QLatin1String("./") + archive.fileName()});
     process.closeWriteChannel(); // a password that it asks for is not given
     if (!waitForEnd(process)) {
         Interrupt::throwIfStoppedLately();
-        const QString output = QString::fromUtf8(
-            process.readAllStandardOutput() + '\n' + process.readAllStandardError());
-        throw Refusal(firstVolume,
-            QStringLiteral("cannot be read as an archive (is a volume missing or damaged, or is "
-                           "there a password?): %1")
-                .arg(output.simplified()));
+        refuseUnreadable(firstVolume, process);
     }
-    return parseList(QString::fromUtf8(process.readAllStandardOutput()));
+    const QString list = QString::fromUtf8(process.readAllStandardOutput());
+    const int endOfHead = list.indexOf(EndOfHead);
+    refuseOtherFormats(list.left(endOfHead), firstVolume);
+    return endOfHead < 0 ? std::vector<ArchivedEntry>()
+                         : parseRecords(list.mid(endOfHead + EndOfHead.size()));
 }
 
 int countFiles(const std::vector<ArchivedEntry> &entries)

@@ -17,6 +17,10 @@ void requireSevenZip();
 /// Throws Refusal when 7-Zip would take @p path, an absolute one, for a pattern.
 void refuseWildcards(const QString &path);
 
+/// Whether the library, which reads all that 7-Zip prints, would take @p text for the words that
+/// tell success or an error.
+bool readsAsVerdict(const QString &text);
+
 /// The volumes of an archive: NAME.001, NAME.002 and so on, or NAME alone.
 class Volumes
 {
@@ -34,7 +38,7 @@ public:
     QStringList pathsToReplace() const;
     bool isEmpty() const { return m_paths.isEmpty(); }
     qint64 size() const;
-    /// Throws Refusal when there is none or one between the first and the last is missing.
+    /// Throws Refusal when there is none or one before the last is missing.
     void requireComplete() const;
 
 private:
@@ -45,17 +49,24 @@ private:
     QString m_firstGap; ///< the missing volume, if there is one
 };
 
+/// Throws Refusal when @p archive is a folder, or a volume but not the first.
+void refuseWrongArchive(const QString &archive);
+
+/// The line of 7-Zip's @p output that tells what is wrong, or nothing.
+QString errorIn(const QString &output);
+
 struct ArchivedEntry
 {
     QString path; ///< relative to where it will be unpacked
     qint64 size;
+    bool hasAttributes; ///< without them a folder looks like an empty file, and a link like a file
     bool isFolder;
     bool isLink; ///< symbolic
     bool isEncrypted;
 };
 
-/// What is in an archive by its own list. Throws Refusal when 7-Zip cannot read it, and
-/// Interrupt::Stopped.
+/// What is in an archive by its own list. Throws Refusal when 7-Zip cannot read it or it is no 7z
+/// archive, and Interrupt::Stopped.
 std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume);
 
 /// How many of them are no folders.

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "buildcheck.h"
 #include "commands.h"
+#include "engine.h"
 #include "folders.h"
 #include "manifests.h"
+#include "summaries.h"
 
 #include <Pellox/rules.h>
 #include <Pellox/SignaturesController>
@@ -19,6 +21,8 @@ struct Arguments
 {
     std::string build;
     std::string signatures;
+    bool fast = false;
+    int threads = 0;
 };
 
 /// How large the signature of a file is: a header, and a weak and a strong sum a block.
@@ -33,8 +37,9 @@ qint64 signatureSize(qint64 fileSize)
 /// The library records a file that it could not sign like any other: look at what came out.
 void reportUnsigned(Console &console, const QString &build, const QString &signatures)
 {
-    const auto records = readWrittenManifest(console, signatures, Pellox::SIGNATURES_FILE);
-    for (const QJsonValue &record : records.value_or(QJsonArray())) {
+    const QJsonArray records
+        = readWrittenManifest(console, signatures, Pellox::SIGNATURES_FILE).value_or(QJsonArray());
+    for (const QJsonValue &record : records) {
         const QString relativePath = relativePathOf(record);
         const QString file = build + relativePath;
         const QFileInfo signature(signatures + relativePath);
@@ -57,16 +62,9 @@ void removeEarlier(const QString &build, const QString &signatures, const QStrin
         QFile::remove(signatures + file.mid(build.size()));
 }
 
-bool sign(Console &console, const Arguments &arguments)
+bool signOneByOne(Console &console, const QString &build, const QStringList &files, qint64 size,
+    const QString &signatures)
 {
-    const QString build = existingFolder(arguments.build);
-    const QString signatures = folderToFill(arguments.signatures);
-    requireApart(signatures, build);
-    requireListable(build);
-    refuseManifestName(build, Pellox::SIGNATURES_FILE, {});
-
-    const QStringList files = filesOfBuild(build);
-    const qint64 size = totalSize(files);
     removeEarlier(build, signatures, files);
     Pellox::SignaturesController controller;
     QObject::connect(&controller, &Pellox::SignaturesController::createSignError,
@@ -80,11 +78,27 @@ bool sign(Console &console, const Arguments &arguments)
 
     if (console.errorCount() == 0)
         reportUnsigned(console, build, signatures);
-    if (console.errorCount() > 0)
-        return false;
-    console.result(QStringLiteral("Signed %1 (%2): %3")
-                       .arg(fileCount(files.size()), byteCount(size), signatures));
-    return true;
+    return console.errorCount() == 0;
+}
+
+bool sign(Console &console, const Arguments &arguments)
+{
+    const QString build = existingFolder(arguments.build);
+    const QString signatures = folderToFill(arguments.signatures);
+    requireApart(signatures, build);
+    if (arguments.fast)
+        requireReplaceable(signatures, Pellox::SIGNATURES_FILE);
+    requireListable(build);
+    refuseManifestName(build, Pellox::SIGNATURES_FILE, {});
+
+    const QStringList files = filesOfBuild(build);
+    const qint64 size = totalSize(files);
+    const bool made = arguments.fast
+        ? Engine(console, arguments.threads).sign(build, size, signatures)
+        : signOneByOne(console, build, files, size, signatures);
+    if (made)
+        console.result(signedSummary(files.size(), size, signatures));
+    return made;
 }
 
 } // namespace
@@ -102,9 +116,12 @@ void addSignCommand(CLI::App &app, Invocation &invocation)
             "The folder to write: a signature a file, and signatures.json")
         ->type_name("FOLDER")
         ->required();
-    command->footer("Files of the same name in SIGNATURES are replaced, others stay.\n"
-                    "Hidden files are no part of a build.\n\n"
-                    "Example:\n  pellox sign releases/1.0 signatures/1.0");
+    addFastOptions(*command, arguments->fast, arguments->threads);
+    command->footer(
+        "Files of the same name in SIGNATURES are replaced, others stay; with --fast the\n"
+        "folder is replaced as a whole.\n"
+        "Hidden files are no part of a build.\n\n"
+        "Example:\n  pellox sign releases/1.0 signatures/1.0");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return sign(console, *arguments); };
     });

@@ -27,11 +27,21 @@ std::optional<qint64> parsedSize(const QString &text)
     return number * factor;
 }
 
-std::string replaceByBytes(std::string &text)
+/// The size as one would write it.
+std::string shortForm(qint64 size)
+{
+    constexpr qint64 Step = 1024;
+    const char *unit = " KMGTPE";
+    for (; size % Step == 0 && unit[1] != '\0'; ++unit)
+        size /= Step;
+    return std::to_string(size) + (*unit == ' ' ? std::string() : std::string(1, *unit));
+}
+
+std::string replaceByBytes(std::string &text, const std::string &example)
 {
     const std::optional<qint64> size = parsedSize(QString::fromStdString(text));
     if (!size)
-        return text + " is no size from 1 byte to 1 EiB, such as 500M";
+        return text + " is no size: a whole number from 1 byte to 1 EiB, such as " + example;
     text = std::to_string(*size);
     return {};
 }
@@ -42,6 +52,8 @@ void addSizeOption(
     CLI::App &command, const std::string &name, qint64 &size, const std::string &description)
 {
     command.add_option(name, size, description)
-        ->transform(CLI::Validator(replaceByBytes, std::string()))
+        ->transform(CLI::Validator([example = shortForm(size)](
+                                       std::string &text) { return replaceByBytes(text, example); },
+            std::string()))
         ->type_name("SIZE");
 }

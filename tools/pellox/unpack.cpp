@@ -1,20 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
+#include "diskroom.h"
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
+#include "mergefolder.h"
 #include "newfolders.h"
+#include "renames.h"
 #include "sevenzip.h"
+#include "unpackcheck.h"
 
 #include <Pellox/ArchiveController>
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QStorageInfo>
+#include <QTemporaryDir>
 
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -34,102 +39,97 @@ struct Job
     qint64 size;
 };
 
-QString pathIn(const QString &folder, const ArchivedEntry &entry)
+/// A file of the very name goes before volumes.
+QString firstVolumeOf(const QString &archive)
 {
-    return folder + QLatin1Char('/') + entry.path;
-}
-
-void refuseEntry(const ArchivedEntry &entry, const QString &firstVolume, const QString &folder)
-{
-    if (entry.isEncrypted)
-        throw Refusal(firstVolume, QStringLiteral("has a password, and none can be given"));
-    const QString path = QDir::cleanPath(entry.path);
-    if (QDir::isAbsolutePath(path) || path == QLatin1String("..")
-        || path.startsWith(QLatin1String("../"))) {
-        throw Refusal(firstVolume,
-            QStringLiteral("holds %1, which lies outside of what is unpacked").arg(entry.path));
-    }
-    const QFileInfo target(pathIn(folder, entry));
-    const bool isFree = entry.isFolder ? !target.exists() || target.isDir()
-                                       : !target.exists() && !target.isSymLink();
-    if (!isFree)
-        throw Refusal(target.filePath(), QStringLiteral("exists; unpack into a new folder"));
-}
-
-void requireRoom(qint64 size, const QString &folder)
-{
-    const QStorageInfo disk(existingAncestor(folder));
-    if (disk.isValid() && disk.bytesAvailable() < size) {
-        throw Refusal(folder,
-            QStringLiteral("has no room: %1 are needed, %2 are free")
-                .arg(byteCount(size), byteCount(disk.bytesAvailable())));
-    }
+    refuseWrongArchive(archive);
+    refuseWildcards(archive);
+    const Volumes volumes(archive);
+    if (volumes.name() == archive && QFileInfo(archive).isFile())
+        return archive;
+    volumes.requireComplete();
+    return volumes.paths().first();
 }
 
 Job checkedJob(const Arguments &arguments)
 {
-    const QString archive = absoluteFile(arguments.archive);
-    const QString folder = folderToFill(arguments.folder);
-    refuseWildcards(archive);
-    refuseWildcards(folder);
+    Job job{firstVolumeOf(absoluteFile(arguments.archive)), folderToFill(arguments.folder), {}, 0};
+    refuseWildcards(job.folder);
+    if (readsAsVerdict(job.firstVolume)) {
+        throw Refusal(
+            job.firstVolume, QStringLiteral("has a path that reads like 7-Zip's own messages"));
+    }
     requireSevenZip();
-    const Volumes volumes(archive);
-    volumes.requireComplete();
-    Job job{volumes.paths().first(), folder, {}, 0};
     job.entries = entriesOfArchive(job.firstVolume);
     for (const ArchivedEntry &entry : job.entries) {
-        refuseEntry(entry, job.firstVolume, folder);
+        refuseEntry(entry, job.firstVolume, job.folder);
         job.size += entry.size;
     }
-    requireRoom(job.size, folder);
+    requireRoom(job.size, job.folder);
     return job;
 }
 
-/// Takes away what a run unpacked, folders that it made and left empty too, unless told to keep it.
-class Unpacked
+/// A hidden folder in the one to fill, so on the same disk. There the archive is unpacked and
+/// looked at before any of it gets its place.
+class WorkFolder
 {
 public:
-    explicit Unpacked(const Job &job)
-        : m_job(job)
+    explicit WorkFolder(const QString &folder)
     {
-        m_newFolders.expect(job.folder);
-        for (const ArchivedEntry &entry : job.entries) {
-            const QString path = pathIn(job.folder, entry);
-            m_newFolders.expect(entry.isFolder ? path : QFileInfo(path).path());
-        }
+        m_newFolders.expect(folder);
+        if (!QDir().mkpath(folder))
+            throw Refusal(folder, QStringLiteral("cannot be created"));
+        m_dir.emplace(folder + QLatin1String("/.pellox-XXXXXX"));
+        if (!m_dir->isValid())
+            throw Refusal(folder, QStringLiteral("cannot be written to"));
     }
-    ~Unpacked()
-    {
-        for (const ArchivedEntry &entry : m_job.entries) {
-            if (!m_kept && !entry.isFolder)
-                QFile::remove(pathIn(m_job.folder, entry));
-        }
-    }
-    Unpacked(const Unpacked &) = delete;
-    Unpacked &operator=(const Unpacked &) = delete;
-
-    void keep()
-    {
-        m_kept = true;
-        m_newFolders.keep();
-    }
+    QTemporaryDir &dir() { return *m_dir; }
+    QString path() const { return m_dir->path(); }
+    void keepNewFolders() { m_newFolders.keep(); }
 
 private:
-    const Job &m_job;
-    NewFolders m_newFolders; // goes after the files have
-    bool m_kept = false;
+    NewFolders m_newFolders; // goes after what is in them has
+    std::optional<QTemporaryDir> m_dir;
 };
 
-/// The folder, where the message is about something in it.
-QString culpritOf(const QString &problem, const Job &job)
+/// The library tells 7-Zip's errors in capitals. An entry's name at the end gets its own form;
+/// other paths stay as they are.
+QString inPlainLetters(const QString &error, const Job &job)
 {
-    // The library tells errors in capitals.
-    QString rest = problem;
-    rest.remove(job.firstVolume, Qt::CaseInsensitive);
-    return rest.contains(job.folder, Qt::CaseInsensitive) ? job.folder : job.firstVolume;
+    for (const ArchivedEntry &entry : job.entries) {
+        const QString ending = QLatin1String(" : ") + entry.path.toUpper();
+        if (error.endsWith(ending))
+            return error.chopped(ending.size()).toLower() + QLatin1String(" : ") + entry.path;
+    }
+    return error.contains(QLatin1Char('/')) ? error : error.toLower();
 }
 
-bool runSevenZip(Console &console, const Job &job)
+bool tellsOfDamage(const QString &error)
+{
+    const QStringList signs{QStringLiteral("CRC FAILED"), QStringLiteral("DATA ERROR"),
+        QStringLiteral("HEADERS ERROR"), QStringLiteral("UNEXPECTED END"),
+        QStringLiteral("UNAVAILABLE DATA"), QStringLiteral("UNSUPPORTED METHOD"),
+        QStringLiteral("IS NOT ARCHIVE")};
+    return std::any_of(
+        signs.cbegin(), signs.cend(), [&](const QString &sign) { return error.startsWith(sign); });
+}
+
+/// What 7-Zip did not manage lies with the archive or with the folder.
+void tellFailure(Console &console, const QString &problem, const Job &job)
+{
+    const QString error = errorIn(problem);
+    if (tellsOfDamage(error)) {
+        console.error(job.firstVolume,
+            QStringLiteral("is damaged (7-Zip: %1); download it again")
+                .arg(inPlainLetters(error, job)));
+        return;
+    }
+    const QString reason = error.isEmpty() ? problem.section(QLatin1Char('\n'), 0, 0)
+                                           : QLatin1String("7-Zip: ") + inPlainLetters(error, job);
+    console.error(job.folder, QStringLiteral("cannot be filled (%1)").arg(reason));
+}
+
+bool runSevenZip(Console &console, const Job &job, const QString &workFolder)
 {
     QString problem;
     Pellox::ArchiveController controller;
@@ -139,7 +139,7 @@ bool runSevenZip(Console &console, const Job &job)
 
     console.startProgress(QStringLiteral("unpack"), Progress::Unit::EstimatedBytes, job.size);
     const bool unpacked
-        = controller.extractArchive(job.firstVolume, job.folder, QString(), [&](double percent) {
+        = controller.extractArchive(job.firstVolume, workFolder, QString(), [&](double percent) {
               console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(job.size)));
           });
     if (unpacked)
@@ -148,43 +148,37 @@ bool runSevenZip(Console &console, const Job &job)
     if (unpacked)
         return true;
     Interrupt::throwIfStoppedLately();
-    console.error(culpritOf(problem, job), problem);
+    problem.replace(workFolder, job.folder, Qt::CaseInsensitive);
+    tellFailure(console, problem, job);
     return false;
 }
 
-bool hasArrived(const ArchivedEntry &entry, const QFileInfo &target)
+/// All or nothing.
+bool putInPlace(Console &console, WorkFolder &workFolder, const QString &folder)
 {
-    if (entry.isFolder)
-        return target.isDir();
-    return entry.isLink ? target.isSymLink() : target.isFile() && target.size() == entry.size;
-}
-
-/// 7-Zip's word is not enough: all of the list must be there in full.
-void reportMissing(Console &console, const Job &job)
-{
-    for (const ArchivedEntry &entry : job.entries) {
-        Interrupt::throwIfStopped();
-        const QFileInfo target(pathIn(job.folder, entry));
-        if (!hasArrived(entry, target))
-            console.error(target.filePath(), QStringLiteral("was not unpacked in full"));
-    }
+    Renames renames(workFolder.dir(), console);
+    if (!mergeFolder(workFolder.path(), folder, renames, console))
+        return false;
+    Interrupt::throwIfStopped();
+    renames.keep();
+    workFolder.keepNewFolders();
+    return true;
 }
 
 bool unpack(Console &console, const Arguments &arguments)
 {
-    const Job job = checkedJob(arguments);
     const Interrupt::Watch watch([] { QCoreApplication::exit(); });
-    Unpacked unpacked(job);
-    if (!QDir().mkpath(job.folder))
-        throw Refusal(job.folder, QStringLiteral("cannot be created"));
-    if (!runSevenZip(console, job))
+    const Job job = checkedJob(arguments);
+    Interrupt::throwIfStopped();
+    WorkFolder workFolder(job.folder);
+    if (!runSevenZip(console, job, workFolder.path()))
         return false;
-    reportMissing(console, job);
-    if (console.errorCount() > 0)
+    const UnpackedContent content
+        = checkUnpacked(console, job.entries, workFolder.path(), job.folder);
+    if (console.errorCount() > 0 || !putInPlace(console, workFolder, job.folder))
         return false;
-    unpacked.keep();
     console.result(QStringLiteral("Unpacked %1 (%2): %3")
-                       .arg(fileCount(countFiles(job.entries)), byteCount(job.size), job.folder));
+                       .arg(fileCount(content.files), byteCount(content.size), job.folder));
     return true;
 }
 
@@ -203,7 +197,7 @@ void addUnpackCommand(CLI::App &app, Invocation &invocation)
         ->type_name("FOLDER")
         ->required();
     command->footer(
-        "Nothing that exists is overwritten. A run that fails removes what it unpacked.\n\n"
+        "Nothing that exists is overwritten. A run that fails leaves nothing behind.\n\n"
         "Example:\n  pellox unpack download/1.0-1.1.7z.001 patches/1.0-1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return unpack(console, *arguments); };

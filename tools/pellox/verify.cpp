@@ -2,6 +2,7 @@
 #include "commands.h"
 #include "failedrules.h"
 #include "folders.h"
+#include "interrupt.h"
 #include "manifests.h"
 
 #include <Pellox/BinariesController>
@@ -26,6 +27,24 @@ struct Arguments
 bool isPatchRule(const QJsonValue &rule)
 {
     return ruleNameOf(rule) == Pellox::PATCH_RULE;
+}
+
+bool isPatchWithoutTemporary(const QString &build, const QJsonValue &rule)
+{
+    return isPatchRule(rule)
+        && !QFileInfo::exists(build + relativePathOf(rule) + QLatin1String(".temp"));
+}
+
+/// What it means that @p missing of @p patched files have nothing to verify.
+void noteMissing(Console &console, qint64 missing, qint64 patched)
+{
+    if (missing > 0 && missing == patched) {
+        console.note(QStringLiteral("nothing is left to verify: run \"pellox apply\" first, or the "
+                                    "patch has been verified already"));
+    } else if (missing > 0) {
+        console.note(QStringLiteral("what is not found was put in place by an earlier verify, or "
+                                    "never written because \"pellox apply\" failed"));
+    }
 }
 
 /// That a checked file could not take the old one's place is no error to the library.
@@ -62,6 +81,11 @@ bool verify(Console &console, const Arguments &arguments)
             loop.quit();
         });
 
+    const auto patched = std::count_if(rules.begin(), rules.end(), isPatchRule);
+    const auto missing = std::count_if(rules.begin(), rules.end(),
+        [&](const QJsonValue &rule) { return isPatchWithoutTemporary(build, rule); });
+    const Interrupt::Advice advice(
+        "pellox: interrupted: run \"pellox verify\" again, not \"pellox apply\"\n");
     console.startProgress(QStringLiteral("verify"), Progress::Unit::Files, rules.size());
     if (!controller.verifyPatchedFiles(build, patch)) {
         console.error(build, QStringLiteral("is empty or has lost its patch meanwhile"));
@@ -70,12 +94,12 @@ bool verify(Console &console, const Arguments &arguments)
     loop.exec();
     console.stopProgress();
     reportLeftTemporaries(console, build, rules);
+    noteMissing(console, missing, patched);
     if (console.errorCount() > 0)
         return false;
     if (success) {
         console.result(
-            QStringLiteral("Verified %1 and put them in place: %2")
-                .arg(fileCount(std::count_if(rules.begin(), rules.end(), isPatchRule)), build));
+            QStringLiteral("Verified %1 and put them in place: %2").arg(fileCount(patched), build));
     }
     return success;
 }

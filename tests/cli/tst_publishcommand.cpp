@@ -1,0 +1,878 @@
+// SPDX-License-Identifier: MIT
+#include "program.h"
+#include "testtree.h"
+
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocale>
+#include <QTest>
+
+#include <csignal>
+#include <memory>
+
+#include <sys/types.h>
+
+namespace {
+
+/// The files of @p folder without its folders, which are nothing to a build.
+QMap<QString, QByteArray> filesIn(const QString &folder)
+{
+    QMap<QString, QByteArray> files = TestTree::snapshot(folder);
+    for (const QString &name : files.keys()) {
+        if (name.endsWith(QLatin1Char('/')))
+            files.remove(name);
+    }
+    return files;
+}
+
+QStringList namesIn(const QString &folder)
+{
+    QStringList names;
+    QDirIterator walk(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+        QDirIterator::Subdirectories);
+    while (walk.hasNext())
+        names.append(walk.next());
+    names.sort();
+    return names;
+}
+
+QStringList linesOf(const QString &text)
+{
+    return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+} // namespace
+
+/// "pellox publish", and what "sign", "diff" and it have in common: --fast and --ignore.
+class tst_PublishCommand : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void releaseFollowsRelease_data();
+    void releaseFollowsRelease();
+    void writesWhatSignAndDiffWrite_data();
+    void writesWhatSignAndDiffWrite();
+    void fastSignAndDiffWriteTheSame_data();
+    void fastSignAndDiffWriteTheSame();
+    void replacesAnEarlierReleaseAsAWhole();
+    void goesOnWhereARunWasKilled();
+    void dryRunTellsAndWritesNothing_data();
+    void dryRunTellsAndWritesNothing();
+    void leavesNoTemporarySignatures();
+    void packsThePatch();
+    void helpTeachesWithAnExample();
+
+    void ignores_data();
+    void ignores();
+    void ignoresByAbsoluteGlob();
+    void notesWhatIgnoresNothing_data();
+    void notesWhatIgnoresNothing();
+    void ignoredFilesAreSigned();
+
+    void wrongUsage_data();
+    void wrongUsage();
+    void refusesBeforeAnythingIsTouched_data();
+    void refusesBeforeAnythingIsTouched();
+    void refusesWhatPackWouldRefuse_data();
+    void refusesWhatPackWouldRefuse();
+    void fastRefusesForeignFolders_data();
+    void fastRefusesForeignFolders();
+    void failsAndNamesTheFile_data();
+    void failsAndNamesTheFile();
+    void aPackThatFailsLeavesTheRelease();
+    void failsWhenTheDiskIsFull();
+
+    void summariesGoToStandardOutput();
+    void quietSaysNothing();
+    void jsonIsOneObjectALine_data();
+    void jsonIsOneObjectALine();
+    void jsonTellsThePlan();
+    void jsonTellsErrors();
+    void interruptLeavesNothing_data();
+    void interruptLeavesNothing();
+    void interruptBringsNoManifestBack();
+
+private:
+    Outcome run(const QString &words) const;
+    QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
+    QMap<QString, QByteArray> content(const char *folder) const { return filesIn(path(folder)); }
+
+    std::unique_ptr<TestTree> m_tree;
+};
+
+void tst_PublishCommand::init()
+{
+    m_tree = std::make_unique<TestTree>();
+    for (const char *build : {"old", "installed"}) {
+        const QString folder = QLatin1String(build);
+        m_tree->write(folder + QLatin1String("/game.exe"), randomBytes(10000, 1));
+        m_tree->write(folder + QLatin1String("/data/old.txt"), "goes away");
+        m_tree->write(folder + QLatin1String("/data/same.txt"), "stays");
+        m_tree->write(folder + QStringLiteral("/data/grüße.pak"), randomBytes(5000, 2));
+    }
+    m_tree->write(QStringLiteral("new/game.exe"), randomBytes(10000, 1) + "more");
+    m_tree->write(QStringLiteral("new/data/same.txt"), "stays");
+    m_tree->write(QStringLiteral("new/data/grüße.pak"), "other");
+    m_tree->write(QStringLiteral("new/levels/one.map"), "new");
+    m_tree->write(QStringLiteral("newer/game.exe"), "quite " + randomBytes(10000, 1));
+    m_tree->write(QStringLiteral("newer/levels/one.map"), "new");
+    m_tree->write(QStringLiteral("newer/levels/two.map"), randomBytes(300000, 3));
+}
+
+Outcome tst_PublishCommand::run(const QString &words) const
+{
+    return runPellox(words.split(QLatin1Char(' ')), m_tree->path());
+}
+
+const QString PublishNew
+    = QStringLiteral("publish new --old-signatures sigs --patch patch --signatures sigs-new");
+const QString PublishFirst
+    = QStringLiteral("publish new --old-build old --patch patch --signatures sigs-new");
+
+void tst_PublishCommand::releaseFollowsRelease_data()
+{
+    QTest::addColumn<QString>("options");
+
+    QTest::newRow("all cores") << QString();
+    QTest::newRow("one thread") << QStringLiteral(" --threads 1");
+    QTest::newRow("many threads") << QStringLiteral(" --threads 9");
+}
+
+void tst_PublishCommand::releaseFollowsRelease()
+{
+    QFETCH(QString, options);
+    const QStringList commands{
+        PublishFirst + options,
+        QStringLiteral("apply installed patch"),
+        QStringLiteral("verify installed patch"),
+        QStringLiteral("publish newer --old-signatures sigs-new/ --patch ./b/patch/ --signatures "
+                       "b/../b/sigs")
+            + options,
+        QStringLiteral("apply installed b/patch"),
+        QStringLiteral("verify installed b/patch"),
+    };
+    for (const QString &command : commands) {
+        const Outcome outcome = run(command);
+        QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+        if (command.startsWith(QLatin1String("verify"))
+            && command.endsWith(QLatin1String(" patch")))
+            QCOMPARE(content("installed"), content("new"));
+    }
+    QCOMPARE(content("installed"), content("newer"));
+    QVERIFY(m_tree->exists(QStringLiteral("b/sigs/levels/two.map")));
+}
+
+void tst_PublishCommand::writesWhatSignAndDiffWrite_data()
+{
+    QTest::addColumn<QString>("command");
+
+    QTest::newRow("from signatures") << PublishNew;
+    QTest::newRow("from a build") << PublishFirst;
+}
+
+void tst_PublishCommand::writesWhatSignAndDiffWrite()
+{
+    QFETCH(QString, command);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    QCOMPARE(run(QStringLiteral("sign new expected-sigs")).status, Done);
+    QCOMPARE(run(QStringLiteral("diff new sigs expected-patch")).status, Done);
+    const Outcome outcome = run(command);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(content("sigs-new"), content("expected-sigs"));
+    QCOMPARE(content("patch"), content("expected-patch"));
+}
+
+void tst_PublishCommand::fastSignAndDiffWriteTheSame_data()
+{
+    QTest::addColumn<QString>("options");
+
+    QTest::newRow("all cores") << QStringLiteral(" --fast");
+    QTest::newRow("three threads") << QStringLiteral(" --fast --threads 3");
+}
+
+void tst_PublishCommand::fastSignAndDiffWriteTheSame()
+{
+    QFETCH(QString, options);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    QCOMPARE(run(QStringLiteral("diff new sigs patch --ignore levels")).status, Done);
+    const Outcome sign = run(QStringLiteral("sign old fast-sigs") + options);
+    QVERIFY2(sign.status == Done, qPrintable(sign.err));
+    QCOMPARE(sign.out, QStringLiteral("Signed 4 files (14.7 KiB): %1\n").arg(path("fast-sigs")));
+    const Outcome diff
+        = run(QStringLiteral("diff new fast-sigs fast-patch --ignore levels") + options);
+    QVERIFY2(diff.status == Done, qPrintable(diff.err));
+    QVERIFY2(diff.out.startsWith(QLatin1String("2 files to patch (")), qPrintable(diff.out));
+    QCOMPARE(content("fast-sigs"), content("sigs"));
+    QCOMPARE(content("fast-patch"), content("patch"));
+}
+
+void tst_PublishCommand::replacesAnEarlierReleaseAsAWhole()
+{
+    QCOMPARE(run(PublishFirst).status, Done);
+    const auto patch = content("patch");
+    const auto signatures = content("sigs-new");
+    QCOMPARE(
+        run(QStringLiteral("publish newer --old-build new --patch patch --signatures sigs-new"))
+            .status,
+        Done);
+    QVERIFY(content("patch") != patch);
+    QCOMPARE(run(PublishFirst).status, Done);
+    QCOMPARE(content("patch"), patch);
+    QCOMPARE(content("sigs-new"), signatures);
+}
+
+void tst_PublishCommand::goesOnWhereARunWasKilled()
+{
+    QCOMPARE(run(PublishFirst).status, Done);
+    const auto patch = content("patch");
+    m_tree->remove(QStringLiteral("patch/patchRules.json"));
+    m_tree->write(QStringLiteral("patch/.pellox-incomplete"), QByteArray());
+    m_tree->write(QStringLiteral("patch/half a file"), "of another release");
+    const Outcome outcome = run(PublishFirst);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(content("patch"), patch);
+}
+
+void tst_PublishCommand::dryRunTellsAndWritesNothing_data()
+{
+    writesWhatSignAndDiffWrite_data();
+}
+
+void tst_PublishCommand::dryRunTellsAndWritesNothing()
+{
+    QFETCH(QString, command);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome
+        = run(command + QStringLiteral(" --dry-run --ignore data/s* --pack up/a"));
+    QCOMPARE(outcome.status, Done);
+    QStringList lines = linesOf(outcome.out);
+    QCOMPARE(lines.takeLast(),
+        QStringLiteral("2 files to patch (9.8 KiB), 1 file to copy (3 bytes), 1 file to delete; 4 "
+                       "files to sign (9.8 KiB). Nothing was written."));
+    lines.sort();
+    QCOMPARE(lines,
+        QStringList({QStringLiteral("copy      3 bytes  levels/one.map"),
+            QStringLiteral("delete             data/old.txt"),
+            QStringLiteral("patch     5 bytes  data/grüße.pak"),
+            QStringLiteral("patch     9.8 KiB  game.exe")}));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_PublishCommand::leavesNoTemporarySignatures()
+{
+    m_tree->makeFolder(QStringLiteral("temporary"));
+    qputenv("TMPDIR", QFile::encodeName(path("temporary")));
+    const Outcome plan = run(PublishFirst + QStringLiteral(" --dry-run"));
+    const Outcome release = run(PublishFirst);
+    qunsetenv("TMPDIR");
+    QCOMPARE(plan.status, Done);
+    QCOMPARE(release.status, Done);
+    QCOMPARE(TestTree::snapshot(path("temporary")).size(), 0);
+}
+
+void tst_PublishCommand::packsThePatch()
+{
+    const Outcome outcome = run(PublishFirst + QStringLiteral(" --pack upload/a.7z"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    const QString last = linesOf(outcome.out).last();
+    QVERIFY2(last.startsWith(QLatin1String("Packed 4 files (")), qPrintable(last));
+    QVERIFY2(last.endsWith(QLatin1String("): ") + path("upload/a.7z.001")), qPrintable(last));
+    QCOMPARE(content("upload").keys(), QStringList(QStringLiteral("a.7z.001")));
+    QCOMPARE(run(QStringLiteral("unpack upload/a.7z got")).status, Done);
+    QCOMPARE(content("got"), content("patch"));
+}
+
+void tst_PublishCommand::helpTeachesWithAnExample()
+{
+    const Outcome outcome = run(QStringLiteral("publish --help"));
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(QLatin1String(
+                 "pellox publish releases/1.1 --old-signatures signatures/1.0 --patch "
+                 "patches/1.0-1.1 --signatures signatures/1.1")),
+        qPrintable(outcome.out));
+}
+
+void tst_PublishCommand::ignores_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("list");
+    QTest::addColumn<QStringList>("published"); // the patch's files but the two changed ones
+
+    const QString ignore = QStringLiteral("--ignore");
+    const QStringList from{QStringLiteral("--ignore-from"), QStringLiteral("list")};
+    const QString map = QStringLiteral("levels/one.map");
+    const QString symbols = QStringLiteral("levels/one.pdb");
+    const QString top = QStringLiteral("top.pdb");
+    const QString star = QStringLiteral("*.pdb");
+    const QString slashed = QStringLiteral("odd[1].txt");
+
+    QTest::newRow("nothing") << QStringList() << QByteArray()
+                             << QStringList{star, map, symbols, slashed, top};
+    QTest::newRow("file") << QStringList{ignore, map} << QByteArray()
+                          << QStringList{star, symbols, slashed, top};
+    QTest::newRow("folder") << QStringList{ignore, QStringLiteral("levels/")} << QByteArray()
+                            << QStringList{star, slashed, top};
+    QTest::newRow("everything") << QStringList{ignore, QStringLiteral(".")} << QByteArray()
+                                << QStringList();
+    QTest::newRow("glob at the top") << QStringList{ignore, QStringLiteral("?op.*")} << QByteArray()
+                                     << QStringList{star, map, symbols, slashed};
+    QTest::newRow("glob in any folder") << QStringList{ignore, QStringLiteral("**/*.pdb")}
+                                        << QByteArray() << QStringList{map, slashed};
+    QTest::newRow("glob with dots") << QStringList{ignore, QStringLiteral("./data/../lev*/*.m[a]p")}
+                                    << QByteArray() << QStringList{star, symbols, slashed, top};
+    QTest::newRow("glob of folders") << QStringList{ignore, QStringLiteral("lev*/")} << QByteArray()
+                                     << QStringList{star, slashed, top};
+    QTest::newRow("name of a file with a star")
+        << QStringList{ignore, star} << QByteArray() << QStringList{map, symbols, slashed, top};
+    QTest::newRow("name of a file with brackets")
+        << QStringList{ignore, slashed} << QByteArray() << QStringList{star, map, symbols, top};
+    QTest::newRow("list") << from << QByteArray("# symbols\n\n*.pdb\n!/top.pdb\n")
+                          << QStringList{map, slashed, top};
+    QTest::newRow("list and options") << from + QStringList{ignore, top, ignore, map}
+                                      << QByteArray("*.pdb\n!/top.pdb\n") << QStringList{slashed};
+}
+
+void tst_PublishCommand::ignores()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QByteArray, list);
+    QFETCH(QStringList, published);
+    m_tree->write(QStringLiteral("new/levels/one.pdb"), "symbols");
+    m_tree->write(QStringLiteral("new/top.pdb"), "symbols");
+    m_tree->write(QStringLiteral("new/*.pdb"), "odd");
+    m_tree->write(QStringLiteral("new/odd[1].txt"), "odd");
+    m_tree->write(QStringLiteral("list"), list);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    const bool isEverything = options.contains(QStringLiteral("."));
+    published.append(QStringLiteral("patchRules.json"));
+    if (!isEverything)
+        published += {QStringLiteral("game.exe"), QStringLiteral("data/grüße.pak")};
+    published.sort();
+
+    const QString fast = QStringLiteral("diff new sigs fast-patch --fast");
+    const QString diff = QStringLiteral("diff new sigs diff-patch");
+    for (const QString &command : {PublishNew, fast, diff}) {
+        const Outcome outcome
+            = runPellox(command.split(QLatin1Char(' ')) + options, m_tree->path());
+        QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+        QVERIFY2(!outcome.err.contains(QLatin1String("ignores nothing")), qPrintable(outcome.err));
+    }
+    QCOMPARE(content("patch").keys(), published);
+    QCOMPARE(content("fast-patch"), content("patch"));
+    QCOMPARE(content("diff-patch"), content("patch"));
+}
+
+void tst_PublishCommand::ignoresByAbsoluteGlob()
+{
+    const Outcome outcome
+        = run(PublishFirst + QStringLiteral(" --ignore %1/**/*.map").arg(path("new")));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(content("patch").keys(),
+        QStringList({QStringLiteral("data/grüße.pak"), QStringLiteral("game.exe"),
+            QStringLiteral("patchRules.json")}));
+}
+
+void tst_PublishCommand::notesWhatIgnoresNothing_data()
+{
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("note"); // "~" is the tree's folder
+
+    QTest::newRow("nothing there")
+        << QStringLiteral("--ignore nosuch.ini")
+        << QStringLiteral("--ignore: ~/new/nosuch.ini is not there and ignores nothing");
+    QTest::newRow("no file in it") << QStringLiteral("--ignore empty")
+                                   << QStringLiteral("--ignore: ~/new/empty ignores nothing");
+    QTest::newRow("hidden") << QStringLiteral("--ignore .hidden")
+                            << QStringLiteral("--ignore: ~/new/.hidden ignores nothing");
+    QTest::newRow("glob") << QStringLiteral("--ignore *.tmp")
+                          << QStringLiteral("--ignore: ~/new/*.tmp ignores nothing");
+    QTest::newRow("outside of the build") << QStringLiteral(
+        "--ignore ../old/game.exe") << QStringLiteral("--ignore: ~/old/game.exe ignores nothing");
+    QTest::newRow("glob outside of the build") << QStringLiteral(
+        "--ignore ../*/game.exe") << QStringLiteral("--ignore: ~/*/game.exe ignores nothing");
+    QTest::newRow("list") << QStringLiteral("--ignore-from list")
+                          << QStringLiteral("--ignore-from: ~/list, line 3: *.tmp ignores nothing");
+}
+
+void tst_PublishCommand::notesWhatIgnoresNothing()
+{
+    QFETCH(QString, options);
+    QFETCH(QString, note);
+    m_tree->write(QStringLiteral("new/.hidden"), "no part of the build");
+    m_tree->makeFolder(QStringLiteral("new/empty"));
+    m_tree->write(QStringLiteral("list"), "# comment\nlevels/\n*.tmp\n");
+    note.replace(QLatin1Char('~'), m_tree->path());
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    for (const QString &command : {PublishFirst, QStringLiteral("diff new sigs diff-patch")}) {
+        const Outcome outcome = run(command + QLatin1Char(' ') + options);
+        QCOMPARE(outcome.status, Done);
+        QStringList notes = linesOf(outcome.err).filter(QStringLiteral("ignores nothing"));
+        QCOMPARE(notes, QStringList(QLatin1String("pellox: ") + note));
+    }
+}
+
+void tst_PublishCommand::ignoredFilesAreSigned()
+{
+    QCOMPARE(run(PublishFirst + QStringLiteral(" --ignore **")).status, Done);
+    QCOMPARE(run(QStringLiteral("sign new expected-sigs")).status, Done);
+    QCOMPARE(content("sigs-new"), content("expected-sigs"));
+}
+
+void tst_PublishCommand::wrongUsage_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("message"); // a part
+
+    const QString outputs = QStringLiteral(" --patch patch --signatures sigs-new");
+    QTest::newRow("neither old build nor signatures") << QStringLiteral("publish new")
+            + outputs << QStringLiteral("--old-signatures or --old-build is required");
+    QTest::newRow("both") << PublishNew + QStringLiteral(" --old-build old")
+                          << QStringLiteral("excludes");
+    QTest::newRow("no patch") << QStringLiteral("publish new --old-build old --signatures sigs-new")
+                              << QStringLiteral("--patch is required");
+    QTest::newRow("no signatures") << QStringLiteral("publish new --old-build old --patch patch")
+                                   << QStringLiteral("--signatures is required");
+    QTest::newRow("no new build") << QStringLiteral("publish --old-build old") + outputs
+                                  << QStringLiteral("NEW_BUILD is required");
+    QTest::newRow("no threads") << PublishFirst + QStringLiteral(" --threads 0")
+                                << QStringLiteral("--threads");
+    QTest::newRow("threads that are no number")
+        << PublishFirst + QStringLiteral(" --threads all") << QStringLiteral("--threads");
+    QTest::newRow("threads of a slow sign") << QStringLiteral("sign old sigs --threads 2")
+                                            << QStringLiteral("--threads requires --fast");
+    QTest::newRow("threads of a slow diff") << QStringLiteral("diff new sigs patch --threads 2")
+                                            << QStringLiteral("--threads requires --fast");
+}
+
+void tst_PublishCommand::wrongUsage()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, message);
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.out, QString());
+    QVERIFY2(outcome.err.contains(message), qPrintable(outcome.err));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_PublishCommand::refusesBeforeAnythingIsTouched_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("message"); // "~" is the tree's folder
+
+    const auto row = [](const char *name, const char *words, const char *message) {
+        QTest::newRow(name) << QString::fromUtf8(words) << QString::fromUtf8(message);
+    };
+    row("no new build", "publish nosuch --old-build old --patch p --signatures s",
+        "~/nosuch: there is no such folder");
+    row("no old build", "publish new --old-build nosuch --patch p --signatures s",
+        "~/nosuch: there is no such folder");
+    row("no old signatures", "publish new --old-signatures nosuch --patch p --signatures s",
+        "~/nosuch: there is no such folder");
+    row("old signatures without manifest",
+        "publish new --old-signatures old --patch p --signatures s",
+        "~/old: holds no signatures.json");
+    row("broken old signatures", "publish new --old-signatures broken --patch p --signatures s",
+        "~/broken/signatures.json: is not a JSON array");
+    row("patch in the new build", "publish new --old-signatures sigs --patch new/p --signatures s",
+        "~/new/p: lies inside ~/new; the two must lie apart");
+    row("signatures in the new build",
+        "publish new --old-signatures sigs --patch p --signatures new/s",
+        "~/new/s: lies inside ~/new; the two must lie apart");
+    row("patch in the old signatures",
+        "publish new --old-signatures sigs --patch sigs/p --signatures s",
+        "~/sigs/p: lies inside ~/sigs; the two must lie apart");
+    row("patch and signatures", "publish new --old-signatures sigs --patch p --signatures ./p",
+        "~/p: is the same folder as ~/p");
+    row("signatures over the old ones",
+        "publish new --old-signatures sigs --patch p --signatures sigs/",
+        "~/sigs: is the same folder as ~/sigs");
+    row("signatures in the patch", "publish new --old-signatures sigs --patch p --signatures p/s",
+        "~/p/s: lies inside ~/p; the two must lie apart");
+    row("patch in the old build", "publish new --old-build old --patch old/p --signatures s",
+        "~/old/p: lies inside ~/old; the two must lie apart");
+    row("old build in the new one", "publish . --old-build old --patch p --signatures s",
+        "~/old: lies inside ~; the two must lie apart");
+    row("the same build twice", "publish new --old-build new --patch p --signatures s",
+        "~/new: is the same folder as ~/new");
+    row("patch through a link", "publish new --old-build old --patch linked/p --signatures s",
+        "~/linked/p: lies inside ~/old; the two must lie apart");
+    row("patch is a file", "publish new --old-build old --patch sigs/game.exe --signatures s",
+        "~/sigs/game.exe: is not a folder");
+    const char *foreign = "~/foreign: is not empty and holds no %1: only the folder of an earlier "
+                          "release is replaced";
+    row("patch among other files", "publish new --old-build old --patch foreign --signatures s",
+        QByteArray(foreign).replace("%1", "patchRules.json"));
+    row("signatures among other files",
+        "publish new --old-build old --patch p --signatures foreign",
+        QByteArray(foreign).replace("%1", "signatures.json"));
+    row("no list", "publish new --old-build old --patch p --signatures s --ignore-from nosuch",
+        "~/nosuch: there is no such file");
+    row("ignoring nothing at all", "publish new --old-build old --patch p --signatures s --ignore ",
+        "--ignore \"\": names no file or folder");
+    row("list is a folder",
+        "publish new --old-build old --patch p --signatures s --ignore-from old",
+        "~/old: cannot be read");
+    row("no list for diff", "diff new sigs p --ignore-from nosuch",
+        "~/nosuch: there is no such file");
+    row("manifest's name in the new build",
+        "publish named --old-build old --patch p --signatures s --ignore signatures.json",
+        "~/named/signatures.json: has the name of the manifest and would be taken for it");
+    row("manifest's name in the old build",
+        "publish new --old-build named --patch p --signatures s",
+        "~/named/signatures.json: has the name of the manifest and would be taken for it");
+    row("other manifest's name in the new build",
+        "publish ruled --old-build old --patch p --signatures s",
+        "~/ruled/patchRules.json: has the name of the manifest and would be taken for it");
+    row("temporary's name", "publish temporary --old-build old --patch p --signatures s",
+        "~/temporary/game.exe.temp: would be lost when players patch the file without .temp");
+    row("temporary's name in the old build",
+        "publish old --old-build temporary --patch p --signatures s",
+        "~/old/game.exe.temp: would be lost when players patch the file without .temp");
+    row("temporary's name, from signatures",
+        "publish temporary --old-signatures sigs --patch p --signatures s",
+        "~/temporary/game.exe.temp: would be lost when players patch the file without .temp");
+}
+
+void tst_PublishCommand::refusesBeforeAnythingIsTouched()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, message);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->link(QStringLiteral("linked"), path("old"));
+    m_tree->write(QStringLiteral("broken/signatures.json"), "{}");
+    m_tree->write(QStringLiteral("foreign/thesis.txt"), "years of work");
+    m_tree->write(QStringLiteral("named/signatures.json"), "a file of the game");
+    m_tree->write(QStringLiteral("ruled/patchRules.json"), "a file of the game");
+    m_tree->write(QStringLiteral("temporary/game.exe"), "one");
+    m_tree->write(QStringLiteral("temporary/game.exe.temp"), "and the other");
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(words);
+    message.replace(QLatin1Char('~'), m_tree->path());
+    QCOMPARE(outcome.err, QLatin1String("pellox: error: ") + message + QLatin1Char('\n'));
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.out, QString());
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_PublishCommand::refusesWhatPackWouldRefuse_data()
+{
+    QTest::addColumn<QString>("archive");
+    QTest::addColumn<QString>("message"); // "~" is the tree's folder
+
+    QTest::newRow("archive exists")
+        << QStringLiteral("there.7z") << QStringLiteral("~/there.7z.001: exists");
+    QTest::newRow("archive is a folder")
+        << QStringLiteral("folder.7z") << QStringLiteral("~/folder.7z: is a folder");
+    QTest::newRow("in the patch")
+        << QStringLiteral("patch/a.7z")
+        << QStringLiteral("~/patch/a.7z: lies inside ~/patch; the two must lie apart");
+    QTest::newRow("in the new build") << QStringLiteral(
+        "new/a.7z") << QStringLiteral("~/new/a.7z: lies inside ~/new; the two must lie apart");
+    QTest::newRow("in the old build") << QStringLiteral(
+        "old/a.7z") << QStringLiteral("~/old/a.7z: lies inside ~/old; the two must lie apart");
+    QTest::newRow("in the signatures")
+        << QStringLiteral("sigs-new/a.7z")
+        << QStringLiteral("~/sigs-new/a.7z: lies inside ~/sigs-new; the two must lie apart");
+    QTest::newRow("below a file") << QStringLiteral("there.7z.001/a.7z")
+                                  << QStringLiteral("~/there.7z.001: cannot be created");
+    QTest::newRow("a name that is lost")
+        << QStringLiteral("a.7z")
+        << QStringLiteral("~/new/line\nbreak: has a line break or another control character in its "
+                          "name, which 7-Zip does not keep");
+}
+
+void tst_PublishCommand::refusesWhatPackWouldRefuse()
+{
+    QFETCH(QString, archive);
+    QFETCH(QString, message);
+    m_tree->write(QStringLiteral("there.7z.001"), "an archive");
+    m_tree->makeFolder(QStringLiteral("folder.7z"));
+    if (archive == QLatin1String("a.7z"))
+        m_tree->write(QStringLiteral("new/line\nbreak"), "x");
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(PublishFirst + QStringLiteral(" --pack ") + archive);
+    message.replace(QLatin1Char('~'), m_tree->path());
+    message.replace(QLatin1Char('\n'), QLatin1Char(' '));
+    QCOMPARE(outcome.err.simplified(), QLatin1String("pellox: error: ") + message);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_PublishCommand::fastRefusesForeignFolders_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("manifest");
+
+    QTest::newRow("sign") << QStringLiteral("sign old foreign --fast")
+                          << QStringLiteral("signatures.json");
+    QTest::newRow("diff") << QStringLiteral("diff new sigs foreign --fast")
+                          << QStringLiteral("patchRules.json");
+}
+
+void tst_PublishCommand::fastRefusesForeignFolders()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, manifest);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->write(QStringLiteral("foreign/thesis.txt"), "years of work");
+    const Outcome outcome = run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.err,
+        QStringLiteral("pellox: error: %1: is not empty and holds no %2: only the folder of an "
+                       "earlier release is replaced\n")
+            .arg(path("foreign"), manifest));
+    QCOMPARE(content("foreign").keys(), QStringList(QStringLiteral("thesis.txt")));
+}
+
+void tst_PublishCommand::failsAndNamesTheFile_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QByteArray>("signature"); // of the changed file; null where it is missing
+
+    QTest::newRow("publish, signature missing") << PublishNew << QByteArray();
+    QTest::newRow("publish, signature broken") << PublishNew << QByteArray("no signature");
+    QTest::newRow("diff, signature missing")
+        << QStringLiteral("diff new sigs patch --fast") << QByteArray();
+    QTest::newRow("diff, signature broken")
+        << QStringLiteral("diff new sigs patch --fast") << QByteArray("no signature");
+}
+
+void tst_PublishCommand::failsAndNamesTheFile()
+{
+    QFETCH(QString, words);
+    QFETCH(QByteArray, signature);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->remove(QStringLiteral("sigs/game.exe"));
+    if (!signature.isNull())
+        m_tree->write(QStringLiteral("sigs/game.exe"), signature);
+    const Outcome outcome = run(words);
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(outcome.out, QString());
+    const QStringList errors = errorLines(outcome.err);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(
+        errors.first().startsWith(QStringLiteral("pellox: error: %1: ").arg(path("sigs/game.exe"))),
+        qPrintable(errors.first()));
+    QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+}
+
+void tst_PublishCommand::aPackThatFailsLeavesTheRelease()
+{
+    m_tree->write(QStringLiteral("standin/7zr"), "#!/bin/sh\nexit 2\n");
+    QFile::setPermissions(path("standin/7zr"), QFile::ReadOwner | QFile::ExeOwner);
+    QVERIFY(QFile::copy(QStringLiteral(PELLOX_PROGRAM), path("standin/pellox")));
+    QProcess process;
+    startProgram(process, path("standin/pellox"),
+        (PublishFirst + QStringLiteral(" --pack up/a.7z")).split(QLatin1Char(' ')), m_tree->path());
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err).size(), 1);
+    QVERIFY2(errorLines(outcome.err).first().contains(path("up/a.7z")), qPrintable(outcome.err));
+    QVERIFY(m_tree->exists(QStringLiteral("patch/patchRules.json")));
+    QVERIFY(m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+    QVERIFY(!m_tree->exists(QStringLiteral("up")));
+}
+
+void tst_PublishCommand::failsWhenTheDiskIsFull()
+{
+    m_tree->write(QStringLiteral("new/large.pak"), randomBytes(1 << 20, 7));
+    QProcess process;
+    // A limit of the size of files stands for the disk.
+    startProgram(process, QStringLiteral("sh"),
+        {QStringLiteral("-c"),
+            QStringLiteral("trap '' XFSZ; ulimit -f 64; exec " PELLOX_PROGRAM " ") + PublishFirst},
+        m_tree->path());
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Failed);
+    const QStringList errors = errorLines(outcome.err);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().contains(path("patch/large.pak")), qPrintable(errors.first()));
+    QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+}
+
+void tst_PublishCommand::summariesGoToStandardOutput()
+{
+    const Outcome outcome = run(PublishFirst);
+    const qint64 deltas
+        = QFileInfo(path("patch/game.exe")).size() + QFileInfo(path("patch/data/grüße.pak")).size();
+    QCOMPARE(outcome.out,
+        QStringLiteral("2 files to patch (%1 of deltas), 1 file to copy (3 bytes), 1 file to "
+                       "delete: %2\nSigned 4 files (9.8 KiB): %3\n")
+            .arg(QLocale::c().formattedDataSize(deltas, 1), path("patch"), path("sigs-new")));
+    QVERIFY2(outcome.err.contains(QLatin1String("publish: 100 %  ~9.8 KiB of 9.8 KiB  ")),
+        qPrintable(outcome.err));
+}
+
+void tst_PublishCommand::quietSaysNothing()
+{
+    const Outcome outcome = run(PublishFirst + QStringLiteral(" --quiet --ignore nosuch"));
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(outcome.out, QString());
+    QCOMPARE(outcome.err, QString());
+}
+
+void tst_PublishCommand::jsonIsOneObjectALine_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QStringList>("stages");
+
+    const QString sign = QStringLiteral("sign");
+    const QString publish = QStringLiteral("publish");
+    QTest::newRow("publish") << PublishNew << QStringList{publish};
+    QTest::newRow("first release, packed") << PublishFirst + QStringLiteral(" --pack a.7z")
+                                           << QStringList{sign, publish, QStringLiteral("pack")};
+    QTest::newRow("sign") << QStringLiteral("sign new s --fast") << QStringList{sign};
+    QTest::newRow("diff") << QStringLiteral("diff new sigs p --fast")
+                          << QStringList{QStringLiteral("diff")};
+}
+
+void tst_PublishCommand::jsonIsOneObjectALine()
+{
+    QFETCH(QString, words);
+    QFETCH(QStringList, stages);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    const Outcome outcome = run(words + QStringLiteral(" --json"));
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(outcome.err, QString());
+    QList<QJsonObject> objects = jsonLines(outcome.out);
+    const QJsonObject last = objects.takeLast();
+    QCOMPARE(member(last, "event"), QStringLiteral("finished"));
+    QCOMPARE(member(last, "outcome"), QStringLiteral("done"));
+    QStringList stagesSeen;
+    double done = 0;
+    for (const QJsonObject &object : objects) {
+        QCOMPARE(member(object, "event"), QStringLiteral("progress"));
+        const QString stage = member(object, "stage");
+        if (stagesSeen.isEmpty() || stagesSeen.last() != stage) {
+            stagesSeen.append(stage);
+            done = 0;
+        }
+        QVERIFY(object.value(QLatin1String("done")).toDouble(-1) >= done);
+        done = object.value(QLatin1String("done")).toDouble();
+    }
+    QCOMPARE(stagesSeen, stages);
+    QVERIFY(done > 0);
+    QCOMPARE(objects.last().value(QLatin1String("total")).toDouble(), done);
+}
+
+void tst_PublishCommand::jsonTellsThePlan()
+{
+    const Outcome outcome = run(PublishFirst + QStringLiteral(" --dry-run --json"));
+    QCOMPARE(outcome.status, Done);
+    QStringList rules;
+    for (const QJsonObject &object : jsonLines(outcome.out)) {
+        if (member(object, "event") != QLatin1String("rule"))
+            continue;
+        rules.append(QStringLiteral("%1 %2 %3")
+                         .arg(member(object, "rule"), member(object, "file"),
+                             object.contains(QLatin1String("size"))
+                                 ? QString::number(object.value(QLatin1String("size")).toInt())
+                                 : QStringLiteral("-")));
+    }
+    rules.sort();
+    QCOMPARE(rules,
+        QStringList(
+            {QStringLiteral("copy levels/one.map 3"), QStringLiteral("delete data/old.txt -"),
+                QStringLiteral("patch data/grüße.pak 5"), QStringLiteral("patch game.exe 10004")}));
+}
+
+void tst_PublishCommand::jsonTellsErrors()
+{
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->remove(QStringLiteral("sigs/game.exe"));
+    const Outcome outcome = run(PublishNew + QStringLiteral(" --json"));
+    QCOMPARE(outcome.status, Failed);
+    const QList<QJsonObject> objects = jsonLines(outcome.out);
+    QCOMPARE(member(objects.last(), "outcome"), QStringLiteral("failed"));
+    QStringList files;
+    for (const QJsonObject &object : objects) {
+        if (member(object, "event") == QLatin1String("error"))
+            files.append(member(object, "file"));
+    }
+    QCOMPARE(files, QStringList(path("sigs/game.exe")));
+}
+
+void tst_PublishCommand::interruptLeavesNothing_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("stage"); // that is under way when the signal comes
+
+    const QString publish
+        = QStringLiteral("publish large --old-build old --patch patch --signatures sigs-new");
+    const QString stage = QStringLiteral("publish");
+    QTest::newRow("publish") << publish << stage;
+    QTest::newRow("publish, quiet") << publish + QStringLiteral(" --quiet") << stage;
+    QTest::newRow("publish, on one thread") << publish + QStringLiteral(" --threads 1") << stage;
+    QTest::newRow("publish, to be packed") << publish + QStringLiteral(" --pack up/a.7z") << stage;
+    QTest::newRow("publish, signing the old build")
+        << QStringLiteral("publish old --old-build large --patch patch --signatures sigs-new")
+        << QStringLiteral("sign");
+    QTest::newRow("dry run") << publish + QStringLiteral(" --dry-run") << QStringLiteral("plan");
+    QTest::newRow("sign") << QStringLiteral("sign large sigs-new --fast") << QStringLiteral("sign");
+    QTest::newRow("diff") << QStringLiteral("diff large sigs patch --fast")
+                          << QStringLiteral("diff");
+}
+
+void tst_PublishCommand::interruptLeavesNothing()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, stage);
+    // Large enough to be under way for many seconds when the signal comes, small on the disk.
+    m_tree->write(QStringLiteral("large/file"), QByteArray());
+    QVERIFY(QFile::resize(path("large/file"), qint64(64) << 30));
+    m_tree->write(QStringLiteral("old/file"), "of the same name, so that the content counts");
+    m_tree->makeFolder(QStringLiteral("temporary"));
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    const QStringList before = namesIn(m_tree->path());
+
+    qputenv("TMPDIR", QFile::encodeName(path("temporary")));
+    QProcess process;
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
+        (words + QStringLiteral(" --json")).split(QLatin1Char(' ')), m_tree->path());
+    qunsetenv("TMPDIR");
+    const QByteArray progress = "\"stage\":\"" + stage.toUtf8() + '"';
+    QByteArray output;
+    // The first comes before the work.
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (output += process.readAllStandardOutput()).count(progress) >= 2, 60000);
+    QVERIFY(namesIn(m_tree->path()) != before);
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Interrupted);
+    QCOMPARE(errorLines(outcome.err), QStringList());
+    QVERIFY2(outcome.out.endsWith(
+                 QLatin1String("{\"event\":\"finished\",\"outcome\":\"interrupted\"}\n")),
+        qPrintable(outcome.out));
+    QCOMPARE(namesIn(m_tree->path()), before);
+}
+
+void tst_PublishCommand::interruptBringsNoManifestBack()
+{
+    QCOMPARE(run(PublishFirst).status, Done);
+    m_tree->write(QStringLiteral("large/file"), QByteArray());
+    QVERIFY(QFile::resize(path("large/file"), qint64(64) << 30));
+    QProcess process;
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
+        QStringLiteral("publish large --old-build old --patch patch --signatures sigs-new")
+            .split(QLatin1Char(' ')),
+        m_tree->path());
+    QTRY_VERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json"))
+        && !m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    QCOMPARE(outcomeOf(process).status, Interrupted);
+    QCOMPARE(TestTree::snapshot(path("patch")).keys(), QStringList());
+    QCOMPARE(TestTree::snapshot(path("sigs-new")).keys(), QStringList());
+    QCOMPARE(run(PublishFirst).status, Done);
+}
+
+QTEST_GUILESS_MAIN(tst_PublishCommand)
+#include "tst_publishcommand.moc"

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+#include "program.h"
+
+#include <QDir>
+#include <QRegularExpression>
+#include <QTest>
+
+namespace {
+
+Outcome run(const QString &words)
+{
+    return runPellox(words.split(QLatin1Char(' '), Qt::SkipEmptyParts), QDir::tempPath());
+}
+
+} // namespace
+
+/// What the program says to a command line that is wrong, or asks for help.
+class tst_Usage : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void aWrongCommandLineIsExplained_data();
+    void aWrongCommandLineIsExplained();
+    void helpIsACommandToo_data();
+    void helpIsACommandToo();
+};
+
+void tst_Usage::aWrongCommandLineIsExplained_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("error");
+    QTest::addColumn<QString>("command"); // whose help is named; empty where none was found
+
+    const QString sign = QStringLiteral("sign");
+    QTest::newRow("nothing") << QString() << QStringLiteral("no command is given") << QString();
+    QTest::newRow("mistyped") << QStringLiteral("sing a b")
+                              << QStringLiteral("sing: no such command") << QString();
+    QTest::newRow("help for what is none")
+        << QStringLiteral("help sing") << QStringLiteral("sing: no such command") << QString();
+    QTest::newRow("option first") << QStringLiteral(
+        "-q sign a b") << QStringLiteral("-q: options stand behind the command: pellox sign -q")
+                                  << QString();
+    QTest::newRow("long option first")
+        << QStringLiteral("--json apply a b")
+        << QStringLiteral("--json: options stand behind the command: pellox apply --json")
+        << QString();
+    QTest::newRow("option alone")
+        << QStringLiteral("--json")
+        << QStringLiteral("--json: options stand behind the command: pellox COMMAND --json")
+        << QString();
+    QTest::newRow("too few") << QStringLiteral("sign a") << QStringLiteral("SIGNATURES is required")
+                             << sign;
+    QTest::newRow("too many") << QStringLiteral("sign a b c")
+                              << QStringLiteral("The following argument was not expected: c")
+                              << sign;
+    QTest::newRow("unknown option")
+        << QStringLiteral("sign a b --fast-please")
+        << QStringLiteral("The following argument was not expected: --fast-please") << sign;
+}
+
+void tst_Usage::aWrongCommandLineIsExplained()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, error);
+    QFETCH(QString, command);
+    const Outcome outcome = run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(outcome.out, QString());
+    QStringList lines = outcome.err.split(QLatin1Char('\n'));
+    QCOMPARE(lines.takeFirst(), QLatin1String("pellox: error: ") + error);
+    if (command.isEmpty()) {
+        const QString list = lines.takeFirst();
+        QVERIFY2(list.startsWith(QLatin1String("Commands: sign, diff, ")), qPrintable(list));
+        QVERIFY2(list.contains(QLatin1String("unpack")), qPrintable(list));
+    }
+    const QString program = QStringLiteral("pellox ") + command;
+    QCOMPARE(lines.takeFirst(),
+        QStringLiteral("Run \"%1 --help\" for more information.").arg(program.trimmed()));
+    QCOMPARE(lines, QStringList(QString()));
+}
+
+void tst_Usage::helpIsACommandToo_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("same");
+
+    QTest::newRow("help") << QStringLiteral("help") << QStringLiteral("--help");
+    QTest::newRow("help for a command")
+        << QStringLiteral("help sign") << QStringLiteral("sign --help");
+}
+
+void tst_Usage::helpIsACommandToo()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, same);
+    const Outcome outcome = run(words);
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(QLatin1String("Usage: pellox")), qPrintable(outcome.out));
+    QCOMPARE(outcome.out, run(same).out);
+    QCOMPARE(outcome.err, QString());
+}
+
+QTEST_GUILESS_MAIN(tst_Usage)
+#include "tst_usage.moc"

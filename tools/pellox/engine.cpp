@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#include "engine.h"
+
+#include "console.h"
+#include "folders.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+
+namespace {
+
+/// The path at the beginning of an error; of several that it may be, one that is there.
+QString culpritOf(const QString &problem)
+{
+    const QLatin1String separator(": ");
+    const int first = problem.indexOf(separator);
+    for (int end = first; end >= 0; end = problem.indexOf(separator, end + 1)) {
+        const QFileInfo info(problem.left(end));
+        if (info.exists() || info.isSymLink())
+            return info.filePath();
+    }
+    return problem.left(std::max(first, 0));
+}
+
+} // namespace
+
+Engine::Engine(Console &console, int threads)
+    : m_console(console)
+    , m_threads(threads)
+    , m_watch([] { QCoreApplication::exit(); })
+{
+}
+
+bool Engine::run(const QString &stage, qint64 size, const Call &call)
+{
+    Pellox::PublishController controller;
+    controller.setThreadCount(m_threads);
+    QObject::connect(&controller, &Pellox::PublishController::publishError,
+        [&](const QString &text) { m_console.error(culpritOf(text), text); });
+
+    m_console.startProgress(stage, Progress::Unit::EstimatedBytes, size);
+    const bool done = call(controller, [&](double percent) {
+        // The engine blocks the event loop, in which the watch would hear of it.
+        if (Interrupt::isStopped())
+            controller.cancel();
+        m_console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+    });
+    if (done)
+        m_console.advanceTo(size);
+    m_console.stopProgress();
+    if (!done && controller.wasCancelled())
+        throw Interrupt::Stopped();
+    return done;
+}
+
+bool Engine::sign(const QString &build, qint64 size, const QString &signatures)
+{
+    return run(QStringLiteral("sign"), size,
+        [&](Pellox::PublishController &controller, const PROGRESS_CALLBACK &progress) {
+            return controller.createSignatures(build, signatures, progress);
+        });
+}
+
+CLI::Option *addThreadsOption(CLI::App &command, int &threads)
+{
+    constexpr int Most = 1024;
+    return command
+        .add_option(
+            "--threads", threads, "How many threads work; one for each core where not given")
+        ->check(CLI::Range(1, Most))
+        ->type_name("N");
+}
+
+void addFastOptions(CLI::App &command, bool &fast, int &threads)
+{
+    CLI::Option *fastOption = command.add_flag("--fast", fast,
+        "Work on all cores, stop at the first error, and replace the folder to write as a whole");
+    addThreadsOption(command, threads)->needs(fastOption);
+}
+
+void requireReplaceable(const QString &folder, const QString &manifest)
+{
+    // Left by a run that was killed; hidden entries are in nobody's way.
+    const QString marker = folder + QLatin1String("/.pellox-incomplete");
+    const bool isEmpty
+        = QDir(folder).isEmpty(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    const bool isRelease = QFileInfo(folder + QLatin1Char('/') + manifest).isFile();
+    if (!isEmpty && !isRelease && !QFileInfo::exists(marker)) {
+        throw Refusal(folder,
+            QStringLiteral("is not empty and holds no %1: only the folder of an earlier release is "
+                           "replaced")
+                .arg(manifest));
+    }
+}

@@ -1,0 +1,273 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+#include "folders.h"
+#include "inspectreport.h"
+#include "interrupt.h"
+#include "manifests.h"
+#include "newfolders.h"
+#include "patchsums.h"
+
+#include <Pellox/PatchInspector>
+#include <Pellox/rules.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QSaveFile>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+
+using Pellox::InspectedFile;
+
+namespace {
+
+struct Arguments
+{
+    std::string patch;
+    std::optional<std::string> report;
+    bool force = false;
+    int top = 10;
+};
+
+/// The absolute path of the report to write, empty where none is wanted.
+QString checkedReport(const Arguments &arguments, const QString &patch)
+{
+    if (!arguments.report)
+        return {};
+    QString report = absoluteFile(*arguments.report);
+    const QFileInfo info(report);
+    if (info.isDir())
+        throw Refusal(report, QStringLiteral("is a folder"));
+    if (info.exists() && !info.isFile())
+        throw Refusal(report, QStringLiteral("is not a regular file"));
+    if (info.exists() && !arguments.force && !isInspectReport(report)) {
+        throw Refusal(report,
+            QStringLiteral("exists and is no report of this program (--force replaces it)"));
+    }
+    requireOutside(report, patch); // or it would be shipped
+    return report;
+}
+
+/// A name may hold what a terminal takes for a command.
+QString printable(const QString &path)
+{
+    QString text;
+    for (const QChar character : path) {
+        if (character.category() == QChar::Other_Control) {
+            text += QStringLiteral("\\x%1").arg(
+                static_cast<uint>(character.unicode()), 2, 16, QLatin1Char('0'));
+        } else {
+            text += character;
+        }
+    }
+    return text;
+}
+
+QString percentage(qint64 part, qint64 whole)
+{
+    if (whole == 0)
+        return QStringLiteral("-");
+    const double share = 100 * static_cast<double>(part) / static_cast<double>(whole);
+    return QString::number(share, 'f', 1) + QLatin1String(" %");
+}
+
+/// Rows of text in columns, all but the last one flush right. A row in front names the columns.
+class Table
+{
+public:
+    explicit Table(const QStringList &heads) { add(heads); }
+
+    void add(const QStringList &row)
+    {
+        m_rows.append(row);
+        for (int i = 0; i < row.size(); ++i) {
+            m_widths.resize(std::max(m_widths.size(), row.size()));
+            m_widths[i] = std::max(m_widths.at(i), row.at(i).size());
+        }
+    }
+
+    void print(Console &console) const
+    {
+        for (const QStringList &row : m_rows) {
+            QString line;
+            for (int i = 0; i < row.size() - 1; ++i)
+                line += QLatin1String("  ") + row.at(i).rightJustified(m_widths.at(i));
+            console.result(line + QLatin1String("  ") + row.last());
+        }
+    }
+
+private:
+    QVector<QStringList> m_rows;
+    QVector<int> m_widths;
+};
+
+void printRules(Console &console, const QVector<InspectedFile> &files, const QString &patch)
+{
+    const PatchSums all = sumsOf(files);
+    console.result(QStringLiteral("%1 for new files of %2: %3")
+                       .arg(byteCount(all.patchBytes), byteCount(all.newSize), printable(patch)));
+    Table table({QStringLiteral("files"), QStringLiteral("in the patch"),
+        QStringLiteral("new files"), QStringLiteral("from old files"), QStringLiteral("rule")});
+    for (const QString &rule : {Pellox::PATCH_RULE, Pellox::COPY_RULE, Pellox::DELETE_RULE}) {
+        const PatchSums sums = sumsOf(files, rule);
+        const bool hasBytes = rule != Pellox::DELETE_RULE;
+        const auto bytes = [&](qint64 count) { return hasBytes ? byteCount(count) : QString(); };
+        table.add({QString::number(sums.files), bytes(sums.patchBytes), bytes(sums.newSize),
+            rule == Pellox::PATCH_RULE ? byteCount(sums.copiedBytes) : QString(), rule});
+    }
+    console.result(QString());
+    table.print(console);
+}
+
+void printDeltas(Console &console, const QVector<InspectedFile> &files, int top)
+{
+    const QVector<InspectedFile> deltas = largestDeltas(files).mid(0, top);
+    if (deltas.isEmpty())
+        return;
+    Table table({QStringLiteral("in the patch"), QStringLiteral("literal"), QString(),
+        QStringLiteral("copied"), QString(), QStringLiteral("largest deltas")});
+    for (const InspectedFile &file : deltas) {
+        table.add({byteCount(file.patchBytes), byteCount(file.literalBytes),
+            percentage(file.literalBytes, file.newSize), byteCount(file.copiedBytes),
+            percentage(file.copiedBytes, file.newSize), printable(shownPath(file.relativePath))});
+    }
+    console.result(QString());
+    table.print(console);
+}
+
+void printFolders(Console &console, const QVector<InspectedFile> &files, int top)
+{
+    const QVector<FolderSums> folders = heaviestFolders(files).mid(0, top);
+    if (folders.isEmpty())
+        return;
+    const qint64 whole = sumsOf(files).patchBytes;
+    Table table({QStringLiteral("in the patch"), QString(), QStringLiteral("files"),
+        QStringLiteral("heaviest folders")});
+    for (const FolderSums &folder : folders) {
+        table.add({byteCount(folder.sums.patchBytes), percentage(folder.sums.patchBytes, whole),
+            QString::number(folder.sums.files), printable(folder.path)});
+    }
+    console.result(QString());
+    table.print(console);
+}
+
+QJsonObject jsonOf(const PatchSums &sums)
+{
+    return {{QStringLiteral("files"), sums.files}, {QStringLiteral("size"), sums.newSize},
+        {QStringLiteral("patch_bytes"), sums.patchBytes},
+        {QStringLiteral("copied_bytes"), sums.copiedBytes},
+        {QStringLiteral("literal_bytes"), sums.literalBytes}};
+}
+
+void recordFile(Console &console, const InspectedFile &file)
+{
+    QJsonObject members{{QStringLiteral("rule"), file.rule},
+        {QStringLiteral("file"), shownPath(file.relativePath)}};
+    if (file.rule != Pellox::DELETE_RULE) {
+        members.insert(QStringLiteral("size"), file.newSize);
+        members.insert(QStringLiteral("patch_bytes"), file.patchBytes);
+        members.insert(QStringLiteral("copied_bytes"), file.copiedBytes);
+        members.insert(QStringLiteral("literal_bytes"), file.literalBytes);
+        members.insert(QStringLiteral("commands"), file.commands);
+    }
+    console.event(QStringLiteral("file"), members);
+}
+
+void record(Console &console, const QVector<InspectedFile> &files)
+{
+    for (const InspectedFile &file : files)
+        recordFile(console, file);
+    for (const FolderSums &folder : sumsOfFolders(files)) {
+        QJsonObject members = jsonOf(folder.sums);
+        members.insert(QStringLiteral("folder"), folder.path);
+        console.event(QStringLiteral("folder"), members);
+    }
+    QJsonObject sums{{QStringLiteral("total"), jsonOf(sumsOf(files))}};
+    for (const QString &rule : {Pellox::PATCH_RULE, Pellox::COPY_RULE, Pellox::DELETE_RULE})
+        sums.insert(rule, jsonOf(sumsOf(files, rule)));
+    console.event(QStringLiteral("summary"), sums);
+}
+
+bool writeReport(Console &console, const QString &path, const QByteArray &page)
+{
+    const Interrupt::Watch watch([] {}); // so that Ctrl-C leaves no temporary file
+    const QString folder = QFileInfo(path).path();
+    NewFolders newFolders;
+    newFolders.expect(folder);
+    QDir().mkpath(folder);
+    QSaveFile file(path);
+    // A write that the disk takes in part is no error to Qt.
+    const bool written = file.open(QIODevice::WriteOnly) && file.write(page) == page.size();
+    Interrupt::throwIfStopped();
+    if (!written || !file.commit()) {
+        const bool cutShort = file.error() == QFileDevice::NoError;
+        console.error(path,
+            QLatin1String("cannot be written: ")
+                + (cutShort ? QStringLiteral("is the disk full?") : file.errorString()));
+        return false;
+    }
+    newFolders.keep();
+    console.result(QString());
+    console.result(QStringLiteral("Report: ") + printable(path));
+    console.event(QStringLiteral("report"), {{QStringLiteral("file"), path}});
+    return true;
+}
+
+bool inspect(Console &console, const Arguments &arguments)
+{
+    const QString patch = existingFolder(arguments.patch);
+    const QString report = checkedReport(arguments, patch);
+    const int rules = readManifest(patch, Pellox::PATCH_RULES_FILE).size();
+
+    Pellox::PatchInspector inspector;
+    QObject::connect(&inspector, &Pellox::PatchInspector::inspectError,
+        [&](const QString &message, const QString &path) { console.error(path, message); });
+    console.startProgress(QStringLiteral("inspect"), Progress::Unit::Files, rules);
+    const bool whole = inspector.inspect(patch,
+        [&](double percent) { console.advanceTo(static_cast<qint64>(percent / 100 * rules)); });
+    if (whole)
+        console.advanceTo(rules);
+    console.stopProgress();
+    if (!whole)
+        return false;
+
+    const QVector<InspectedFile> files = inspector.files();
+    record(console, files);
+    printRules(console, files, patch);
+    printDeltas(console, files, arguments.top);
+    printFolders(console, files, arguments.top);
+    return report.isEmpty()
+        || writeReport(console, report, inspectReport(QFileInfo(patch).fileName(), files));
+}
+
+} // namespace
+
+void addInspectCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command
+        = addCommand(app, invocation, "inspect", "Show where the bytes of a patch went");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("PATCH", arguments->patch, "The folder of the patch, which is only read")
+        ->type_name("FOLDER")
+        ->required();
+    CLI::Option *report
+        = command
+              ->add_option("--html", arguments->report,
+                  "Write a report to look at: one HTML file, which replaces an earlier report")
+              ->type_name("REPORT");
+    command->add_flag("--force", arguments->force, "Let the report replace any file")
+        ->needs(report);
+    command
+        ->add_option(
+            "--top", arguments->top, "How many deltas and folders to list, 10 if not given")
+        ->type_name("N")
+        ->check(CLI::Range(0, 1000000));
+    command->footer("Exit status 1 means that the patch is damaged: a file is missing, a delta is\n"
+                    "broken, or a rule is not as it should be.\n\n"
+                    "Example:\n  pellox inspect patches/1.0-1.1 --html 1.0-1.1.html");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return inspect(console, *arguments); };
+    });
+}

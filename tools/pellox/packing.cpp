@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: MIT
+#include "packing.h"
+
+#include "console.h"
+#include "folders.h"
+#include "interrupt.h"
+#include "manifests.h"
+#include "renames.h"
+
+#include <Pellox/ArchiveController>
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <memory>
+
+namespace {
+
+const QString ArchiveName = QStringLiteral("archive.7z");
+
+} // namespace
+
+Packing::Packing(const QString &folder, const QString &archive, PackOptions options)
+    : m_folder(folder)
+    , m_target(archive)
+    , m_options(options)
+{
+    requireSevenZip();
+    refuseWildcards(folder);
+    requireOutside(m_target.name(), folder);
+    requireFree();
+}
+
+void Packing::requireFree() const
+{
+    for (const QString &path : m_target.pathsToReplace()) {
+        if (QFileInfo(path).isDir())
+            throw Refusal(path, QStringLiteral("is a folder"));
+        if (!m_options.force) {
+            throw Refusal(path,
+                m_options.offersForce ? QStringLiteral("exists; --force replaces it")
+                                      : QStringLiteral("exists"));
+        }
+    }
+}
+
+PackedContent Packing::content() const
+{
+    const PackedContent content = requirePackable(m_folder);
+    if (QDir(m_folder).isEmpty(
+            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
+        throw Refusal(m_folder, QStringLiteral("is empty: there is nothing to pack"));
+    return content;
+}
+
+void Packing::begin()
+{
+    const QString targetFolder = QFileInfo(m_target.name()).path();
+    m_newFolders.expect(targetFolder);
+    if (!QDir().mkpath(targetFolder))
+        throw Refusal(targetFolder, QStringLiteral("cannot be created"));
+    m_workFolder.emplace(targetFolder + QLatin1String("/.pellox-XXXXXX"));
+    if (!m_workFolder->isValid())
+        throw Refusal(targetFolder, QStringLiteral("cannot be written to"));
+}
+
+bool Packing::run(Console &console, const PackedContent &content)
+{
+    if (!runSevenZip(console, content))
+        return false;
+    const Volumes made(m_workFolder->filePath(ArchiveName));
+    reportShortVolumes(console, made.paths());
+    reportMissingFiles(console, content, made);
+    Interrupt::throwIfStopped();
+    const qint64 archiveSize = made.size();
+    if (console.errorCount() > 0 || !putInPlace(console, made))
+        return false;
+    console.result(
+        QStringLiteral("Packed %1 (%2) into %3 (%4): %5")
+            .arg(fileCount(content.files), byteCount(content.size),
+                counted(made.paths().size(), "volume"), byteCount(archiveSize), m_target.path(1)));
+    return true;
+}
+
+bool Packing::runSevenZip(Console &console, const PackedContent &content) const
+{
+    const qint64 size = content.size;
+    QString problem;
+    auto controller = std::make_unique<Pellox::ArchiveController>();
+    controller->setSilentEndIsError(true);
+    controller->setChunkSize(m_options.volumeSize);
+    QObject::connect(controller.get(), &Pellox::ArchiveController::createArchiveError,
+        [&](const QStringList &errors) { problem = errors.last(); });
+
+    console.startProgress(QStringLiteral("pack"), Progress::Unit::EstimatedBytes, size);
+    const bool packed = controller->createArchive(
+        m_workFolder->path(), ArchiveName, m_folder, [&](double percent) {
+            if (percent < 100) // the last report comes whatever the outcome
+                console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+        });
+    if (packed)
+        console.advanceTo(size);
+    console.stopProgress();
+    controller.reset(); // ends a 7-Zip that still runs
+    if (packed)
+        return true;
+    Interrupt::throwIfStoppedLately();
+    console.error(m_target.name(), problem);
+    return false;
+}
+
+/// Each volume but the last must be full, or one of them was not written to its end.
+void Packing::reportShortVolumes(Console &console, const QStringList &volumes) const
+{
+    // Whole GiB above one: the library rounds down.
+    constexpr qint64 GiB = 1LL << 30;
+    const qint64 fullSize
+        = m_options.volumeSize > GiB ? m_options.volumeSize / GiB * GiB : m_options.volumeSize;
+    for (int number = 1; number < volumes.size(); ++number) {
+        if (QFileInfo(volumes.at(number - 1)).size() != fullSize)
+            console.error(m_target.path(number), QStringLiteral("is not a whole volume"));
+    }
+}
+
+void Packing::reportMissingFiles(
+    Console &console, const PackedContent &content, const Volumes &made) const
+{
+    try {
+        made.requireComplete();
+        const int archived = countFiles(entriesOfArchive(made.paths().first()));
+        if (archived != content.files) {
+            console.error(m_target.name(),
+                QStringLiteral("would hold %1, not the %2 of the folder")
+                    .arg(fileCount(archived), fileCount(content.files)));
+        }
+    } catch (const Refusal &problem) {
+        console.error(m_target.name(), problem.reason());
+    }
+}
+
+/// Puts the volumes in place of those that are there, if they may be replaced: all or none.
+bool Packing::putInPlace(Console &console, const Volumes &made)
+{
+    Renames renames(*m_workFolder, console);
+    if (m_options.force) {
+        for (const QString &path : Volumes(m_target.name()).pathsToReplace()) {
+            const QString away
+                = m_workFolder->path() + QLatin1String("/replaced-") + QFileInfo(path).fileName();
+            if (!renames.rename(path, away)) {
+                console.error(path, QStringLiteral("cannot be replaced"));
+                return false;
+            }
+        }
+    }
+    const int count = made.paths().size();
+    for (int number = 1; number <= count; ++number) {
+        const QString path = m_target.path(number);
+        if (!renames.rename(made.paths().at(number - 1), path)) {
+            console.error(path,
+                isThere(path) ? QStringLiteral("is in the way")
+                              : QStringLiteral("cannot be created"));
+            return false;
+        }
+    }
+    const QString next = m_target.path(count + 1);
+    if (isThere(next)) {
+        console.error(next, QStringLiteral("is in the way: it would pass for one more volume"));
+        return false;
+    }
+    renames.keep();
+    return true;
+}

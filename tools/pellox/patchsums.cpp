@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include "patchsums.h"
+
+#include <Pellox/rules.h>
+
+#include <QHash>
+#include <QSet>
+
+#include <algorithm>
+
+using Pellox::InspectedFile;
+
+namespace {
+
+const QLatin1Char Separator('/');
+
+/// Empty where there is none but the patch itself.
+QString folderOf(const QString &path)
+{
+    return path.left(std::max(path.lastIndexOf(Separator), 0));
+}
+
+} // namespace
+
+void PatchSums::add(const InspectedFile &file)
+{
+    ++files;
+    newSize += file.newSize;
+    patchBytes += file.patchBytes;
+    copiedBytes += file.copiedBytes;
+    literalBytes += file.literalBytes;
+}
+
+PatchSums sumsOf(const QVector<InspectedFile> &files, const QString &rule)
+{
+    PatchSums sums;
+    for (const InspectedFile &file : files) {
+        if (rule.isEmpty() || file.rule == rule)
+            sums.add(file);
+    }
+    return sums;
+}
+
+QString shownPath(const QString &path)
+{
+    return path.mid(1);
+}
+
+QVector<FolderSums> sumsOfFolders(const QVector<InspectedFile> &files)
+{
+    QHash<QString, PatchSums> byPath;
+    for (const InspectedFile &file : files) {
+        QString folder = folderOf(shownPath(file.relativePath));
+        for (; !folder.isEmpty(); folder = folderOf(folder))
+            byPath[folder].add(file);
+    }
+    QVector<FolderSums> folders;
+    folders.reserve(byPath.size());
+    for (auto entry = byPath.cbegin(); entry != byPath.cend(); ++entry)
+        folders.append({entry.key(), entry.value()});
+    std::sort(folders.begin(), folders.end(), [](const FolderSums &left, const FolderSums &right) {
+        return left.sums.patchBytes != right.sums.patchBytes
+            ? left.sums.patchBytes > right.sums.patchBytes
+            : left.path < right.path;
+    });
+    return folders;
+}
+
+QVector<FolderSums> heaviestFolders(const QVector<InspectedFile> &files)
+{
+    QVector<FolderSums> folders = sumsOfFolders(files);
+    QHash<QString, qint64> filesOf;
+    for (const FolderSums &folder : qAsConst(folders))
+        filesOf.insert(folder.path, folder.sums.files);
+    QSet<QString> merePaths; // folders with one folder in them and nothing else
+    for (const FolderSums &folder : qAsConst(folders)) {
+        const QString above = folderOf(folder.path);
+        if (filesOf.value(above) == folder.sums.files)
+            merePaths.insert(above);
+    }
+    const auto unwanted = [&](const FolderSums &folder) {
+        return folder.sums.patchBytes == 0 || merePaths.contains(folder.path);
+    };
+    folders.erase(std::remove_if(folders.begin(), folders.end(), unwanted), folders.end());
+    return folders;
+}
+
+QVector<InspectedFile> largestDeltas(const QVector<InspectedFile> &files)
+{
+    QVector<InspectedFile> deltas;
+    std::copy_if(files.cbegin(), files.cend(), std::back_inserter(deltas),
+        [](const InspectedFile &file) { return file.rule == Pellox::PATCH_RULE; });
+    std::stable_sort(
+        deltas.begin(), deltas.end(), [](const InspectedFile &left, const InspectedFile &right) {
+            return left.patchBytes > right.patchBytes;
+        });
+    return deltas;
+}
