@@ -1,38 +1,84 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Measures the peak memory of each command on one 4 GiB file, and fails when it grows with the
-# file: 64 MiB for sign, apply, verify and copy; for diff the signature and 64 MiB.
-# Usage: scripts/memory.sh   (a minute or two, 8 GiB in $TMPDIR)
+# Measures the peak memory of each command, and fails when it grows with the build.
+# Usage: scripts/memory.sh   (a few minutes, 8 GiB in $TMPDIR)
+#
+# On one 4 GiB file: 64 MiB for sign, apply, verify and copy; for diff the signature and 64 MiB.
+# publish, on made-up builds: 64 MiB and the signatures in memory, up to 80 bytes for each 2,048
+# bytes of the old file; and what does not belong to them may grow by no more than 8 MiB from a file
+# of 1 GiB to one of 4 GiB, and from 5,000 files to 20,000.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh build bench >&2
-cmake --preset release >/dev/null
-cmake --build --preset release --target pellox >&2
-pellox=$PWD/build/release/bin/pellox
-
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-cd "$scratch"
-mkdir old new install
-truncate -s 4G old/file new/file install/file
-printf 'an edit in the middle' | dd of=new/file bs=1 seek=2000000000 conv=notrunc status=none
-
-limit=$((64 * 1024)) # KiB
+limit=$((64 * 1024)) # KiB, like all sizes below
+growth=$((8 * 1024))
+set_of_gibibyte=$((80 * (1 << 30) / 2048 / 1024))
 failed=0
 
-measure() { # MAXIMUM COMMAND...
-    local maximum=$1 peak
-    shift
+main() {
+    scripts/setup.sh build bench >&2
+    cmake --preset release -DPELLOX_BUILD_BENCHMARKS=ON >/dev/null
+    cmake --build --preset release --target pellox bench_makebuild >&2
+    pellox=$PWD/build/release/bin/pellox
+    makebuild=$PWD/build/release/bin/bench_makebuild
+    scratch=$(mktemp -d)
+    trap 'rm -rf "$scratch"' EXIT
+
+    cd "$(mktemp -d -p "$scratch")"
+    single_steps
+    rm -rf "${scratch:?}"/*
+
+    publish huge 1 GiB $((1 << 30)) "$set_of_gibibyte"
+    local small=$peak
+    publish huge 4 GiB $((4 << 30)) $((4 * set_of_gibibyte))
+    check_growth "$small" "$peak" $((3 * set_of_gibibyte))
+    publish small 5,000 files 5000 0
+    small=$peak
+    publish small 20,000 files 20000 0
+    check_growth "$small" "$peak" 0
+    exit $failed
+}
+
+# Runs the program and notes in $peak what it takes.
+measure() { # NAME MAXIMUM COMMAND...
+    local name=$1 maximum=$2
+    shift 2
     peak=$(/usr/bin/time -f %M "$pellox" "$@" --quiet 2>&1 | tail -n 1)
-    printf '%-8s %6d KiB (at most %d)\n' "$1" "$peak" "$maximum"
+    printf '%-22s %6d KiB (at most %d)\n' "$name" "$peak" "$maximum"
     [ "$peak" -le "$maximum" ] || failed=1
 }
 
-measure $limit sign old signatures
-measure $((limit + $(stat -c %s signatures/file) / 1024)) diff new signatures patch
-measure $limit apply install patch
-measure $limit verify install patch
-measure $limit copy new/file copy
-cmp new/file install/file
-exit $failed
+single_steps() {
+    mkdir old new install
+    truncate -s 4G old/file new/file install/file
+    printf 'an edit in the middle' | dd of=new/file bs=1 seek=2000000000 conv=notrunc status=none
+
+    measure sign $limit sign old signatures
+    local signature
+    signature=$(($(stat -c %s signatures/file) / 1024))
+    measure diff $((limit + signature)) diff new signatures patch
+    measure apply $limit apply install patch
+    measure verify $limit verify install patch
+    measure copy $limit copy new/file copy
+    cmp new/file install/file
+}
+
+# The old build makes room for the new one: only its signatures are needed.
+publish() { # PROFILE NUMBER UNIT SIZE KIB_OF_SIGNATURES
+    cd "$scratch"
+    rm -rf old new signatures released patch
+    "$makebuild" "$1" "$4" old - >/dev/null
+    "$pellox" sign --quiet old signatures
+    rm -rf old
+    "$makebuild" "$1" "$4" - new >/dev/null
+    measure "publish, $2 $3" $((limit + $5)) publish new --old-signatures signatures \
+        --patch patch --signatures released
+}
+
+check_growth() { # KIB_OF_THE_SMALL KIB_OF_THE_LARGE ALLOWED_FOR_SIGNATURES
+    local grown=$(($2 - $1))
+    printf '%-22s %6d KiB (at most %d)\n' '  growth' "$grown" $(($3 + growth))
+    [ "$grown" -le $(($3 + growth)) ] || failed=1
+}
+
+main "$@"
