@@ -41,12 +41,18 @@ bool readIndented(
         return false;
     QByteArray record;
     int number = 0;
+    bool moreMayCome = true;
+    bool moreMustCome = false;
     for (;;) {
         const QByteArray line = file.readLine(LongestLine);
         if (line == "]\n" && record.isEmpty())
-            return file.atEnd();
+            return !moreMustCome && file.atEnd();
+        if (!moreMayCome)
+            return false;
         record += line;
         if (line == "    }\n" || line == "    },\n") {
+            moreMustCome = line.endsWith(",\n");
+            moreMayCome = moreMustCome;
             record.truncate(record.lastIndexOf('}') + 1);
             const QJsonDocument document = QJsonDocument::fromJson(record);
             if (!document.isObject())

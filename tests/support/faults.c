@@ -5,9 +5,9 @@
  *
  *   FAULTS_PATH    counts calls on this file or folder (canonical path) and all that lies in it
  *   FAULTS_CALLS   counts calls of these kinds alone, with commas between them: open, read, write,
- *                  close, sync, rename, remove, mkdir, truncate, copy, list, entry, mode; "list" and
- *                  "entry" open a folder and read the next of it; "create" is an
- *                  open that may make or empty the file, and only where it is named here
+ *                  close, sync, rename, link, remove, mkdir, truncate, copy, list, entry, mode;
+ *                  "list" and "entry" open a folder and read the next of it; "create" is an open
+ *                  that may make or empty the file, and only where it is named here
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
  *                    a number  the call fails with that errno
@@ -451,12 +451,12 @@ int renameat2(int from_folder, const char *from, int to_folder, const char *to, 
 
 int link(const char *from, const char *to)
 {
-    return meet_at("rename", AT_FDCWD, to) == FAIL ? -1 : REAL(link)(from, to);
+    return meet_at("link", AT_FDCWD, to) == FAIL ? -1 : REAL(link)(from, to);
 }
 
 int linkat(int from_folder, const char *from, int to_folder, const char *to, int flags)
 {
-    return meet_at("rename", to_folder, to) == FAIL
+    return meet_at("link", to_folder, to) == FAIL
         ? -1
         : REAL(linkat)(from_folder, from, to_folder, to, flags);
 }

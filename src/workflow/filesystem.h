@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+#include <optional>
+
+#include <sys/stat.h>
+
+namespace Pellox {
+
+// Single calls on files by path. Those that fail leave the reason in errno.
+
+/// Of what stands at @p path itself, were it a link.
+std::optional<struct stat> statusOf(const QString &path);
+/// No link to one.
+bool isRegularFile(const QString &path);
+bool isFolder(const QString &path);
+
+/// Replaces what stands at @p to, in one step.
+bool renameFile(const QString &from, const QString &to);
+/// True also when there was none.
+bool removeFile(const QString &path);
+/// @p path and those above it, as far as they are missing.
+bool makeFolders(const QString &path);
+/// Removes @p path when it holds nothing but folders, down to the last.
+bool removeEmptyFolders(const QString &path);
+
+} // namespace Pellox

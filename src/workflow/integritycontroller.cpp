@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+#include "integritycontroller.h"
+
+#include "integrityrun.h"
+
+#include <QDir>
+#include <QtConcurrent>
+#include <QThread>
+
+#include <algorithm>
+
+namespace Pellox {
+
+namespace {
+
+/// @p path absolute and without a separator at its end. Empty stays empty, not the current folder.
+QString folder(const QString &path)
+{
+    return path.isEmpty() ? path : QDir::cleanPath(QDir(path).absolutePath());
+}
+
+} // namespace
+
+class IntegrityController::Private
+{
+public:
+    explicit Private(IntegrityController &controller)
+        : q(controller)
+    {
+    }
+
+    bool start(const IntegrityRun::Settings &settings, bool (IntegrityRun::*job)())
+    {
+        if (isRunning.exchange(true))
+            return false;
+        isCancelled = false;
+        future = QtConcurrent::run([this, settings, job] {
+            bool success = false;
+            {
+                IntegrityRun run(settings, reports(), isCancelled); // may hold the build's lock
+                success = (run.*job)();
+                report = run.report();
+            }
+            isRunning = false;
+            Q_EMIT q.finished(success);
+        });
+        return true;
+    }
+
+    IntegrityRun::Reports reports()
+    {
+        return {[this](qint64 done, qint64 total) { Q_EMIT q.progress(done, total); },
+            [this](const QString &message) { Q_EMIT q.integrityError(message); }};
+    }
+
+    IntegrityController &q;
+    int threadCount = 0;
+    std::atomic<bool> isCancelled{false};
+    std::atomic<bool> isRunning{false};
+    IntegrityReport report;
+    QFuture<void> future;
+};
+
+IntegrityController::IntegrityController(QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<Private>(*this))
+{
+}
+
+IntegrityController::~IntegrityController()
+{
+    cancel();
+    d->future.waitForFinished();
+}
+
+void IntegrityController::setThreadCount(int count)
+{
+    d->threadCount = std::max(0, count);
+}
+
+bool IntegrityController::check(const QString &build, const QString &signatures)
+{
+    const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
+    return d->start({folder(build), folder(signatures), QString(), threads}, &IntegrityRun::check);
+}
+
+bool IntegrityController::repair(
+    const QString &build, const QString &signatures, const QString &source)
+{
+    const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
+    return d->start(
+        {folder(build), folder(signatures), folder(source), threads}, &IntegrityRun::repair);
+}
+
+void IntegrityController::cancel()
+{
+    d->isCancelled = true;
+}
+
+bool IntegrityController::isRunning() const
+{
+    return d->isRunning;
+}
+
+IntegrityReport IntegrityController::report() const
+{
+    return d->report;
+}
+
+} // namespace Pellox

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "pellox_export.h"
+
+#include <QObject>
+#include <QStringList>
+
+#include <memory>
+
+namespace Pellox {
+
+/// How an installed build compares with its manifest. Paths are relative to the build, begin with
+/// a separator and stand in the order of the manifest, extra files in that of the walk.
+struct IntegrityReport
+{
+    int intactFiles = 0;
+    QStringList changed;
+    QStringList missing;
+    QStringList unreadable;
+    QStringList extra; ///< that the manifest does not name; hidden ones do not count
+
+    /// Whether every file of the manifest is as it should be; extra files do not matter.
+    bool isIntact() const { return changed.isEmpty() && missing.isEmpty() && unreadable.isEmpty(); }
+};
+
+/**
+ * Compares an installed build with its signatures.json, on all cores, and repairs what differs.
+ *
+ * One run at a time, begun from the thread that the object lives in; it works on the global thread
+ * pool and on threads of its own. Signals come on a pool thread, so connections from other threads
+ * are queued.
+ */
+class PELLOX_EXPORT IntegrityController : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit IntegrityController(QObject *parent = nullptr);
+    /// Cancels a run and waits for its end. Not to be reached from a slot that is connected
+    /// directly, since that is part of the run.
+    ~IntegrityController() override;
+
+    /// How many threads work; 0, the default, means one for each core. Counts from the next run.
+    void setThreadCount(int count);
+
+    /**
+     * Starts to compare the build in folder @p build with signatures.json in folder
+     * @p signatures. Changes nothing on disk. True means started: finished() follows exactly
+     * once. False when a run is under way.
+     */
+    bool check(const QString &build, const QString &signatures);
+
+    /**
+     * Starts to bring back what is changed, missing or unreadable from folder @p source, which
+     * holds the right files. Each is verified while it is copied and put in place as
+     * UpdateController does: all or none, and safe at any instant. Intact and extra files are
+     * not touched.
+     */
+    bool repair(const QString &build, const QString &signatures, const QString &source);
+
+    /// Ends a run soon. A repair that is cancelled changes nothing. Any thread.
+    void cancel();
+    bool isRunning() const;
+
+    /// What the last run found, before it repaired anything. Valid after finished().
+    IntegrityReport report() const;
+
+Q_SIGNALS:
+    /// Bytes read, or written by a repair, of all; never falls within either.
+    void progress(qlonglong done, qlonglong total);
+    /// Why a run failed; begins with the path of the file in question.
+    void integrityError(const QString &message);
+    /**
+     * The end of a run. Of check(): true when it was carried out, whatever the report says; of
+     * repair(): true when the build is intact now.
+     */
+    void finished(bool success);
+
+private:
+    class Private;
+    const std::unique_ptr<Private> d;
+};
+
+} // namespace Pellox

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: MIT
+#include "integrityrun.h"
+
+#include "buildwalk.h"
+#include "filepass.h"
+#include "transaction.h"
+#include "updatecheck.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QSet>
+
+#include <algorithm>
+
+namespace Pellox {
+
+IntegrityRun::IntegrityRun(Settings settings, Reports reports, const std::atomic<bool> &cancelled)
+    : m_settings(std::move(settings))
+    , m_reports(std::move(reports))
+    , m_cancelled(cancelled)
+{
+}
+
+bool IntegrityRun::check()
+{
+    for (const QString &folder : {m_settings.build, m_settings.signatures}) {
+        if (!QFileInfo(folder).isDir())
+            return fail(aboutFile(folder, QStringLiteral("there is no such folder")));
+    }
+    QString error;
+    auto files = readSignedFiles(m_settings.signatures, &error);
+    if (!files)
+        return fail(error);
+    m_files = std::move(*files);
+    return compare() && findExtra();
+}
+
+bool IntegrityRun::compare()
+{
+    std::vector<std::size_t> order(m_files.size());
+    std::vector<qint64> sizes(m_files.size());
+    qint64 total = 0;
+    for (std::size_t i = 0; i < m_files.size(); ++i) {
+        order[i] = i;
+        sizes[i] = QFileInfo(installed(m_files[i])).size();
+        total += sizes[i];
+    }
+    const auto smallOnes = std::stable_partition(
+        order.begin(), order.end(), [&](std::size_t i) { return sizes[i] > FilePass::ChunkSize; });
+    std::stable_sort(order.begin(), smallOnes,
+        [&](std::size_t i, std::size_t j) { return sizes[i] > sizes[j]; });
+
+    m_states.assign(m_files.size(), State::Unreadable);
+    std::atomic<qint64> done{0};
+    Crew crew(m_settings.threadCount, m_cancelled);
+    const bool compared = crew.run(
+        order.size(), static_cast<std::size_t>(smallOnes - order.begin()),
+        [&](std::size_t i) { m_states[order[i]] = stateOf(crew, m_files[order[i]], done); },
+        [&] { m_reports.progress(std::min<qint64>(done, total), total); });
+    if (!compared)
+        return crew.error().isEmpty() ? false : fail(crew.error());
+
+    for (std::size_t i = 0; i < m_files.size(); ++i) {
+        const QString &path = m_files[i].relativePath;
+        switch (m_states[i]) {
+        case State::Intact:
+            ++m_report.intactFiles;
+            break;
+        case State::Changed:
+            m_report.changed.append(path);
+            break;
+        case State::Missing:
+            m_report.missing.append(path);
+            break;
+        case State::Unreadable:
+            m_report.unreadable.append(path);
+            break;
+        }
+    }
+    return true;
+}
+
+IntegrityRun::State IntegrityRun::stateOf(
+    Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const
+{
+    const QString path = installed(file);
+    const QFileInfo info(path);
+    if (!info.exists())
+        return State::Missing;
+    InputFile input;
+    if (!info.isFile() || !input.open(path))
+        return State::Unreadable;
+    FilePass::Targets targets;
+    targets.digest = true;
+    FilePass reading(crew, input, targets, done);
+    const bool isDone
+        = input.size() > FilePass::ChunkSize ? crew.share(reading) : crew.doAlone(reading);
+    if (!isDone || !reading.error().isEmpty())
+        return State::Unreadable;
+    return reading.sha512() == file.sha512 ? State::Intact : State::Changed;
+}
+
+bool IntegrityRun::findExtra()
+{
+    QSet<QString> known;
+    for (const SignedFile &file : m_files)
+        known.insert(file.relativePath);
+    QString error;
+    const auto files = walkBuild(m_settings.build, &error);
+    if (!files)
+        return fail(error);
+    for (const BuildFile &file : *files) {
+        if (!known.contains(file.relativePath))
+            m_report.extra.append(file.relativePath);
+    }
+    return true;
+}
+
+bool IntegrityRun::repair()
+{
+    Transaction transaction(
+        {{m_settings.build, QString(), m_settings.source}, m_settings.threadCount, true, false},
+        m_cancelled, m_problems);
+    const bool ready
+        = transaction.lock() && transaction.finishUnfinished() != Transaction::Outcome::Interrupted;
+    if (!ready)
+        return tellProblems();
+    if (!check())
+        return false;
+    if (m_report.isIntact())
+        return true;
+    std::vector<UpdateWork> works = this->works();
+    const bool repaired = m_problems.isEmpty()
+        && transaction.carryOut(works, m_reports.progress) == Transaction::Outcome::Done;
+    return repaired || tellProblems();
+}
+
+/// What brings back the files that are not intact.
+std::vector<UpdateWork> IntegrityRun::works()
+{
+    UpdateCheck check({m_settings.build, QString(), m_settings.source}, m_problems);
+    if (!check.checkFolders())
+        return {};
+    std::vector<UpdateRule> rules;
+    for (std::size_t i = 0; i < m_files.size(); ++i) {
+        if (m_states[i] != State::Intact)
+            addRule(m_files[i], &rules);
+    }
+    std::vector<UpdateWork> works = check.worksFor(rules);
+    for (UpdateWork &work : works)
+        work.isNeeded = true;
+    return works;
+}
+
+void IntegrityRun::addRule(const SignedFile &file, std::vector<UpdateRule> *rules)
+{
+    const QString problem = problemOfRelativePath(file.relativePath);
+    const QFileInfo source(m_settings.source + file.relativePath);
+    if (!problem.isEmpty()) {
+        m_problems.add(aboutFile(installed(file), problem));
+    } else if (!file.sha512) {
+        m_problems.add(aboutFile(installed(file), QStringLiteral("has no checksum")));
+    } else if (!source.isFile()) {
+        m_problems.add(aboutFile(source.filePath(), QStringLiteral("is not there")));
+    } else {
+        UpdateRule rule;
+        rule.kind = UpdateRule::Kind::Patch;
+        rule.relativePath = file.relativePath;
+        rule.sha512 = *file.sha512;
+        rule.size = source.size();
+        rules->push_back(rule);
+    }
+}
+
+bool IntegrityRun::tellProblems()
+{
+    for (const QString &text : m_problems.texts())
+        m_reports.error(text);
+    return false;
+}
+
+bool IntegrityRun::fail(const QString &error)
+{
+    m_reports.error(error);
+    return false;
+}
+
+} // namespace Pellox

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "integritycontroller.h"
+#include "manifestfile.h"
+#include "updatework.h"
+
+#include <atomic>
+#include <functional>
+#include <vector>
+
+namespace Pellox {
+
+/// One run of IntegrityController from beginning to end.
+class IntegrityRun
+{
+public:
+    struct Settings
+    {
+        QString build; ///< folders are absolute, without a separator at the end
+        QString signatures;
+        QString source; ///< of a repair
+        int threadCount = 1;
+    };
+
+    struct Reports
+    {
+        std::function<void(qint64 done, qint64 total)> progress;
+        std::function<void(const QString &message)> error;
+    };
+
+    IntegrityRun(Settings settings, Reports reports, const std::atomic<bool> &cancelled);
+
+    bool check();
+    bool repair();
+
+    const IntegrityReport &report() const { return m_report; }
+
+private:
+    enum class State { Intact, Changed, Missing, Unreadable };
+
+    bool compare();
+    State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
+    bool findExtra();
+    std::vector<UpdateWork> works();
+    void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
+    bool fail(const QString &error);
+    bool tellProblems();
+    QString installed(const SignedFile &file) const { return m_settings.build + file.relativePath; }
+
+    const Settings m_settings;
+    const Reports m_reports;
+    const std::atomic<bool> &m_cancelled;
+    Problems m_problems;
+    std::vector<SignedFile> m_files;
+    std::vector<State> m_states; ///< of the files
+    IntegrityReport m_report;
+};
+
+} // namespace Pellox

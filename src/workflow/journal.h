@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+#include <vector>
+
+namespace Pellox {
+
+/**
+ * What a commit does to a build, so that any process can finish it. Every step can be repeated.
+ * Paths are relative to the build and begin with a separator.
+ */
+struct Journal
+{
+    /// A file that goes to its place by one rename.
+    struct Placement
+    {
+        QString from;
+        QString to;
+    };
+
+    std::vector<Placement> first; ///< before the deletions
+    QStringList deletions;
+    std::vector<Placement> last; ///< where a deleted file or a folder that it left empty stood
+    /// Whether what is replaced or deleted is set aside.
+    bool keepsPrevious = false;
+    /// Whether these are the steps back, which use up what was set aside.
+    bool isRollback = false;
+
+    QByteArray toBytes() const;
+    /// Nothing when @p bytes is no whole journal, or one that leads out of the build.
+    static std::optional<Journal> fromBytes(const QByteArray &bytes);
+    /// The same for a file; nothing after @p error, which names it.
+    static std::optional<Journal> read(const QString &path, QString *error);
+};
+
+} // namespace Pellox

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: MIT
+#include "patchedcontent.h"
+
+#include <algorithm>
+#include <array>
+
+namespace Pellox {
+
+bool PatchedContent::open(const QString &oldFile, const QString &delta, qint64 size)
+{
+    setPath(oldFile);
+    m_size = size;
+    if (!m_old.open(oldFile))
+        return failAs(m_old);
+    if (!m_deltaBytes.open(delta))
+        return failAs(m_deltaBytes);
+    m_deltaFile.setFileName(delta);
+    const auto refuse = [&](const QString &reason) {
+        setPath(delta);
+        return fail(reason);
+    };
+    if (!m_deltaFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return refuse(QLatin1String("cannot be opened: ") + m_deltaFile.errorString());
+    DeltaReader reader(m_deltaFile);
+    qint64 made = 0;
+    qint64 oldSize = 0;
+    while (const auto command = reader.next()) {
+        if (command->length > size - made)
+            return refuse(QStringLiteral("makes a larger file than its rule says"));
+        made += command->length;
+        if (command->isCopy)
+            oldSize = std::max(oldSize, command->place + command->length);
+    }
+    if (!reader.error().isEmpty())
+        return refuse(reader.error());
+    if (made != size)
+        return refuse(QStringLiteral("makes a smaller file than its rule says"));
+    m_fits = oldSize <= m_old.size();
+    return rewind();
+}
+
+bool PatchedContent::rewind()
+{
+    m_reader.emplace(m_deltaFile);
+    m_command.reset();
+    m_taken = 0;
+    return true;
+}
+
+bool PatchedContent::readAt(qint64 /*position*/, uchar *data, qint64 size)
+{
+    while (size > 0) {
+        if (!m_command || m_taken == m_command->length) {
+            m_command = m_reader->next();
+            m_taken = 0;
+            if (!m_command)
+                return fail(QStringLiteral("cannot be patched: the delta has changed"));
+        }
+        const qint64 part = std::min(size, m_command->length - m_taken);
+        if (!readPart(m_taken, data, part))
+            return false;
+        m_taken += part;
+        data += part;
+        size -= part;
+    }
+    return true;
+}
+
+/// @p size bytes of what the command makes, from @p offset on.
+bool PatchedContent::readPart(qint64 offset, uchar *data, qint64 size)
+{
+    InputFile &source = m_command->isCopy ? m_old : m_deltaBytes;
+    return source.readAt(m_command->place + offset, data, size) || failAs(source);
+}
+
+bool PatchedContent::isUnchanged()
+{
+    return (m_old.isUnchanged() || failAs(m_old))
+        && (m_deltaBytes.isUnchanged() || failAs(m_deltaBytes));
+}
+
+bool PatchedContent::mayBeNewAlready()
+{
+    constexpr qint64 Looks = 64; // at so many commands
+    constexpr qint64 LookSize = 256;
+    if (m_old.size() != m_size)
+        return false;
+    bool mayBe = true;
+    qint64 position = 0;
+    for (qint64 i = 0; i < Looks && mayBe; ++i) {
+        m_command = m_reader->next();
+        if (!m_command)
+            break;
+        if (!m_command->isCopy) {
+            std::array<uchar, LookSize> literal{};
+            std::array<uchar, LookSize> installed{};
+            const qint64 size = std::min(LookSize, m_command->length);
+            mayBe = m_deltaBytes.readAt(m_command->place, literal.data(), size)
+                && m_old.readAt(position, installed.data(), size) && literal == installed;
+        }
+        position += m_command->length;
+    }
+    rewind();
+    return mayBe;
+}
+
+} // namespace Pellox

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "sha512.h"
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+namespace Pellox {
+
+/// A rule of a patch that is well formed.
+struct UpdateRule
+{
+    enum class Kind { Patch, Copy, Delete };
+
+    Kind kind = Kind::Delete;
+    QString relativePath; ///< begins with a separator
+    Sha512 sha512;        ///< of a patched file
+    qint64 size = 0;      ///< of a patched file
+};
+
+/// Why @p path is no path below a folder that it is appended to, on any file system; empty when it
+/// is one.
+QString problemOfPath(const QString &path);
+
+/// Why no file of a build may have @p relativePath; empty when one may.
+QString problemOfRelativePath(const QString &relativePath);
+
+/// The folders above @p relativePath, from the top down; relative too.
+QStringList foldersAbove(const QString &relativePath);
+
+/**
+ * Reads and checks the rules of the manifest at @p path by themselves, without a look at the
+ * files. Appends all that is wrong to @p errors, each with the number of its record counted from
+ * 1; the rules are complete only when it appends nothing.
+ */
+std::vector<UpdateRule> readRules(const QString &path, QStringList *errors);
+
+/// How a file system tells names apart.
+struct NameSense
+{
+    bool foldsCase = false;
+    bool foldsUnicode = false;
+
+    /// What all names of one file have in common.
+    QString key(const QString &path) const;
+};
+
+/// Appends to @p errors each path of @p rules that cannot stand beside another's.
+void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStringList *errors);
+
+} // namespace Pellox

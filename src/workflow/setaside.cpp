@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: MIT
+#include "setaside.h"
+
+#include "diskfile.h"
+#include "filesystem.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <unistd.h>
+
+namespace Pellox {
+
+bool SetAside::begin(const Journal &journal)
+{
+    if (!abandon())
+        return false;
+    const QString folder = absolute(WorkFolder::Keeping);
+    if (!makeFolders(folder))
+        return failBySystem(folder, "cannot be made: ");
+    Journal wayBack;
+    wayBack.isRollback = true;
+    for (const auto *placements : {&journal.first, &journal.last}) {
+        for (const Journal::Placement &placement : *placements) {
+            if (!isRegularFile(absolute(placement.to)))
+                wayBack.deletions.append(placement.to);
+            else if (keep(placement.to))
+                wayBack.first.push_back({WorkFolder::Previous + placement.to, placement.to});
+            else
+                return false;
+        }
+    }
+    for (const QString &path : journal.deletions)
+        wayBack.first.push_back({WorkFolder::Previous + path, path});
+    return writeRecord(wayBack);
+}
+
+/// Where the file system knows no second names, the content is copied.
+bool SetAside::keep(const QString &path)
+{
+    const QString from = absolute(path);
+    const QString to = absolute(WorkFolder::Keeping + path);
+    if (!makeFolders(QFileInfo(to).path()))
+        return failBySystem(to, "cannot be made: ");
+    if (::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
+        return true;
+    const bool isUnknown = errno == EPERM || errno == EOPNOTSUPP || errno == EMLINK;
+    return isUnknown ? copy(from, to) : failBySystem(from, "cannot be set aside: ");
+}
+
+bool SetAside::copy(const QString &from, const QString &to)
+{
+    constexpr qint64 PartSize = 1 << 20;
+    InputFile source;
+    OutputFile output;
+    if (!source.open(from)) {
+        m_error = source.error();
+        return false;
+    }
+    std::vector<uchar> part(static_cast<std::size_t>(std::min(PartSize, source.size())));
+    bool isRead = true;
+    if (output.open(to)) {
+        for (qint64 at = 0; at < source.size() && isRead; at += PartSize) {
+            const qint64 size = std::min(PartSize, source.size() - at);
+            isRead = source.readAt(at, part.data(), size);
+            output.write(part.data(), static_cast<std::size_t>(size));
+        }
+        output.setPermissions(source.permissions());
+    }
+    if (output.close() && isRead)
+        return true;
+    m_error = isRead ? output.error() : source.error();
+    return false;
+}
+
+bool SetAside::writeRecord(const Journal &wayBack)
+{
+    const QByteArray bytes = wayBack.toBytes();
+    OutputFile record;
+    if (record.open(absolute(WorkFolder::KeepingRecord)))
+        record.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    if (record.close())
+        return true;
+    m_error = record.error();
+    return false;
+}
+
+bool SetAside::take(const QString &path)
+{
+    const QString from = absolute(path);
+    const QString to = absolute(WorkFolder::Keeping + path);
+    return (makeFolders(QFileInfo(to).path()) && renameFile(from, to))
+        || failBySystem(from, "cannot be set aside: ");
+}
+
+bool SetAside::complete()
+{
+    const QString record = absolute(WorkFolder::KeepingRecord);
+    const QString folder = absolute(WorkFolder::Keeping);
+    if (!statusOf(record))
+        return true; // an earlier try has done it
+    if (statusOf(folder)) {
+        const QString previous = absolute(WorkFolder::Previous);
+        if (!discard())
+            return false;
+        if (!renameFile(folder, previous))
+            return failBySystem(previous, "cannot be made: ");
+    }
+    const QString previousRecord = absolute(WorkFolder::PreviousRecord);
+    return renameFile(record, previousRecord) || failBySystem(previousRecord, "cannot be made: ");
+}
+
+bool SetAside::isEmpty() const
+{
+    return !statusOf(absolute(WorkFolder::PreviousRecord))
+        && !statusOf(absolute(WorkFolder::Previous));
+}
+
+std::optional<Journal> SetAside::wayBack()
+{
+    const QString record = absolute(WorkFolder::PreviousRecord);
+    if (!statusOf(record)) {
+        fail(m_build, QStringLiteral("nothing of an earlier build is kept"));
+        return {};
+    }
+    return Journal::read(record, &m_error);
+}
+
+bool SetAside::discard()
+{
+    return remove(WorkFolder::PreviousRecord, WorkFolder::Previous);
+}
+
+bool SetAside::abandon()
+{
+    return remove(WorkFolder::KeepingRecord, WorkFolder::Keeping);
+}
+
+/// The record first: what has one is whole.
+bool SetAside::remove(const QString &record, const QString &folder)
+{
+    const QString recordPath = absolute(record);
+    QDir files(absolute(folder));
+    if (!removeFile(recordPath))
+        return failBySystem(recordPath, "cannot be removed: ");
+    return !statusOf(files.path()) || files.removeRecursively()
+        || fail(files.path(), QStringLiteral("cannot be removed"));
+}
+
+bool SetAside::fail(const QString &path, const QString &reason)
+{
+    m_error = aboutFile(path, reason);
+    return false;
+}
+
+bool SetAside::failBySystem(const QString &path, const char *what)
+{
+    return fail(path, QLatin1String(what) + lastSystemError());
+}
+
+} // namespace Pellox

@@ -1,0 +1,327 @@
+// SPDX-License-Identifier: MIT
+#include "staging.h"
+
+#include "filesystem.h"
+#include "patchedcontent.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStorageInfo>
+
+#include <algorithm>
+#include <numeric>
+
+namespace Pellox {
+
+namespace {
+
+bool isLarge(qint64 size)
+{
+    return size > FilePass::ChunkSize;
+}
+
+bool exists(const QString &path)
+{
+    return statusOf(path).has_value();
+}
+
+mode_t permissionsOf(const QString &path)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0
+        ? status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)
+        : S_IRUSR | S_IWUSR;
+}
+
+} // namespace
+
+Staging::Staging(const UpdateFolders &folders, std::vector<UpdateWork> &works, int threadCount,
+    const std::atomic<bool> &cancelled, Problems &problems)
+    : m_folders(folders)
+    , m_works(works)
+    , m_threadCount(threadCount)
+    , m_cancelled(cancelled)
+    , m_problems(problems)
+{
+}
+
+/// Calls @p task for each work, the large ones first.
+bool Staging::runCrew(
+    const std::function<void(UpdateWork &)> &task, const std::function<void()> &report)
+{
+    std::vector<UpdateWork *> order;
+    for (UpdateWork &work : m_works)
+        order.push_back(&work);
+    const auto smallOnes = std::stable_partition(
+        order.begin(), order.end(), [](const UpdateWork *work) { return isLarge(work->size); });
+    std::stable_sort(order.begin(), smallOnes,
+        [](const UpdateWork *one, const UpdateWork *other) { return one->size > other->size; });
+
+    Crew crew(m_threadCount, m_cancelled);
+    m_crew = &crew;
+    crew.run(
+        order.size(), static_cast<std::size_t>(smallOnes - order.begin()),
+        [&](std::size_t i) { task(*order[i]); }, report);
+    m_crew = nullptr;
+    if (!crew.error().isEmpty())
+        m_problems.add(crew.error());
+    return m_problems.isEmpty() && !m_cancelled;
+}
+
+bool Staging::decide()
+{
+    m_done = 0;
+    return runCrew(
+        [this](UpdateWork &work) {
+            switch (work.rule.kind) {
+            case UpdateRule::Kind::Patch:
+                return decidePatch(work);
+            case UpdateRule::Kind::Copy:
+                return decideCopy(work);
+            case UpdateRule::Kind::Delete:
+                work.isNeeded = isRegularFile(installed(work));
+            }
+        },
+        [] {});
+}
+
+void Staging::decidePatch(UpdateWork &work)
+{
+    const UpdateRule &rule = work.rule;
+    work.isNeeded = true;
+    if (isContent(staged(work), rule.size, rule.sha512)) {
+        work.isStaged = true;
+        return;
+    }
+    if (!exists(installed(work))) {
+        if (m_folders.fallback.isEmpty())
+            add(installed(work), QStringLiteral("is missing"));
+        return;
+    }
+    PatchedContent patched;
+    if (!patched.open(installed(work), payload(work), rule.size))
+        m_problems.add(patched.error());
+    else if (patched.mayBeNewAlready())
+        work.isNeeded = !isContent(installed(work), rule.size, rule.sha512);
+}
+
+/// A copied file has no checksum in the rules: the patch's own file tells what is right.
+void Staging::decideCopy(UpdateWork &work)
+{
+    work.isNeeded = true;
+    const auto sameSize = [&](const QString &path) {
+        const QFileInfo info(path);
+        return !info.isSymLink() && info.isFile() && info.size() == work.size;
+    };
+    const bool maybeInstalled = sameSize(installed(work));
+    const bool maybeStaged = sameSize(staged(work));
+    if (!maybeInstalled && !maybeStaged)
+        return;
+    const auto sha512 = sha512Of(payload(work));
+    if (!sha512)
+        return;
+    work.isNeeded = !maybeInstalled || !isContent(installed(work), work.size, *sha512);
+    work.isStaged = work.isNeeded && maybeStaged && isContent(staged(work), work.size, *sha512);
+}
+
+/// Whether a regular file with this content stands at @p path.
+bool Staging::isContent(const QString &path, qint64 size, const Sha512 &sha512)
+{
+    const QFileInfo info(path);
+    return !info.isSymLink() && info.isFile() && info.size() == size && sha512Of(path) == sha512;
+}
+
+/// Nothing, after an error has stopped the crew or it was stopped.
+std::optional<Sha512> Staging::sha512Of(const QString &path)
+{
+    InputFile file;
+    if (!file.open(path)) {
+        m_crew->fail(file.error());
+        return {};
+    }
+    FilePass::Targets targets;
+    targets.digest = true;
+    std::atomic<qint64> done{0};
+    FilePass reading(*m_crew, file, targets, done);
+    return pass(reading, file.size()) ? std::optional(reading.sha512()) : std::nullopt;
+}
+
+qint64 Staging::bytesToWrite() const
+{
+    return std::accumulate(
+        m_works.cbegin(), m_works.cend(), qint64{0}, [](qint64 sum, const UpdateWork &work) {
+            return work.isNeeded && !work.isStaged ? sum + work.size : sum;
+        });
+}
+
+bool Staging::hasRoom()
+{
+    constexpr qint64 Margin = 16LL << 20; // journal, folders, and other programs at work
+    const qint64 bytes = bytesToWrite();
+    const qint64 available = QStorageInfo(m_folders.build).bytesAvailable();
+    if (bytes == 0 || available < 0 || available >= bytes + Margin)
+        return true;
+    add(m_folders.build,
+        QStringLiteral("has not enough room: %1 bytes are needed, %2 are free")
+            .arg(QString::number(bytes + Margin), QString::number(available)));
+    return false;
+}
+
+bool Staging::carryOut(const Report &report)
+{
+    const qint64 total = bytesToWrite();
+    m_done = 0;
+    return runCrew(
+        [this](UpdateWork &work) {
+            if (work.isNeeded && work.rule.kind != UpdateRule::Kind::Delete)
+                work.isStaged ? adopt(work) : stage(work);
+        },
+        [&] { report(std::min<qint64>(m_done, total), total); });
+}
+
+/// What an earlier run has staged gets the permissions that this one would give it.
+void Staging::adopt(const UpdateWork &work)
+{
+    const QString path = staged(work);
+    const mode_t permissions = permissionsFor(work, source(work));
+    if (permissionsOf(path) != permissions
+        && ::chmod(QFile::encodeName(path).constData(), permissions) != 0)
+        m_crew->fail(aboutFile(path, QLatin1String("cannot be written: ") + lastSystemError()));
+}
+
+/// A file that is replaced keeps its permissions; a new one has those of @p source.
+mode_t Staging::permissionsFor(const UpdateWork &work, const QString &source) const
+{
+    const bool replaces = isRegularFile(installed(work)) && !work.comesLast;
+    return permissionsOf(replaces ? installed(work) : source);
+}
+
+void Staging::stage(UpdateWork &work)
+{
+    if (exists(staged(work)) && !QFile::remove(staged(work))) {
+        m_crew->fail(aboutFile(staged(work), QStringLiteral("cannot be removed")));
+        return;
+    }
+    noteMissingFolders(staged(work));
+    if (work.rule.kind == UpdateRule::Kind::Copy)
+        return stageCopy(work);
+    if (m_folders.patch.isEmpty()) {
+        stageFallback(work);
+        return;
+    }
+    if (stagePatched(work) || m_crew->isStopped())
+        return;
+    if (m_folders.fallback.isEmpty())
+        add(installed(work), QStringLiteral("is not the file that the patch is for"));
+    else
+        stageFallback(work);
+}
+
+/// Remembers the folders that will be made above @p path, so that they can be removed again.
+void Staging::noteMissingFolders(const QString &path)
+{
+    QStringList missing;
+    for (QString folder = QFileInfo(path).path(); !exists(folder);
+         folder = QFileInfo(folder).path())
+        missing.prepend(folder);
+    const std::lock_guard lock(m_madeFoldersMutex);
+    m_madeFolders += missing;
+}
+
+/// False when the installed file is not the one that the delta is for.
+bool Staging::stagePatched(UpdateWork &work)
+{
+    PatchedContent content;
+    if (!exists(installed(work)))
+        return false;
+    if (!content.open(installed(work), payload(work), work.size)) {
+        m_crew->fail(content.error());
+        return false;
+    }
+    if (!content.fits())
+        return false;
+    const auto sha512 = write(work, content, content.oldPermissions());
+    work.isStaged = sha512 == work.rule.sha512;
+    if (sha512 && !work.isStaged) {
+        QFile::remove(staged(work));
+        m_done -= work.size;
+    }
+    return work.isStaged;
+}
+
+bool Staging::stageFallback(UpdateWork &work)
+{
+    const QString path = fallback(work);
+    InputFile source;
+    if (!source.open(path)) {
+        m_problems.add(source.error());
+        return false;
+    }
+    const bool sizeFits = source.size() == work.size;
+    const auto sha512 = sizeFits ? write(work, source, permissionsFor(work, path)) : std::nullopt;
+    work.isStaged = sha512 == work.rule.sha512;
+    if (!work.isStaged && !m_crew->isStopped()) {
+        QFile::remove(staged(work));
+        add(path, QStringLiteral("is not the file that the patch leads to"));
+    }
+    return work.isStaged;
+}
+
+void Staging::stageCopy(UpdateWork &work)
+{
+    InputFile source;
+    if (!source.open(payload(work)))
+        return m_crew->fail(source.error());
+    if (source.size() != work.size)
+        return m_crew->fail(aboutFile(source.path(), QStringLiteral("changed while it was read")));
+    work.isStaged = write(work, source, permissionsFor(work, source.path())).has_value();
+}
+
+/// Writes @p content where the work is staged. Its SHA-512; nothing when the crew was stopped.
+std::optional<Sha512> Staging::write(UpdateWork &work, Content &content, mode_t permissions)
+{
+    OutputFile output;
+    FilePass::Targets targets;
+    targets.digest = true;
+    targets.copy = &output;
+    const auto fail = [&] {
+        m_crew->fail(output.error());
+        return std::nullopt;
+    };
+    if (!output.open(staged(work)))
+        return fail();
+    FilePass writing(*m_crew, content, targets, m_done);
+    if (!pass(writing, content.size()))
+        return {};
+    output.setPermissions(permissions);
+    if (!output.close())
+        return fail();
+    return writing.sha512();
+}
+
+bool Staging::pass(FilePass &pass, qint64 size)
+{
+    const bool done = isLarge(size) ? m_crew->share(pass) : m_crew->doAlone(pass);
+    if (done && !pass.error().isEmpty())
+        m_crew->fail(pass.error());
+    return done && pass.error().isEmpty();
+}
+
+void Staging::remove()
+{
+    for (UpdateWork &work : m_works) {
+        if (!work.staged.isEmpty() && work.isNeeded)
+            QFile::remove(staged(work));
+        work.isStaged = false;
+    }
+    for (auto folder = m_madeFolders.crbegin(); folder != m_madeFolders.crend(); ++folder)
+        QDir().rmdir(*folder);
+}
+
+void Staging::add(const QString &path, const QString &reason)
+{
+    m_problems.add(aboutFile(path, reason));
+}
+
+} // namespace Pellox

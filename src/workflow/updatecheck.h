@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "updatework.h"
+
+#include <QHash>
+#include <QSet>
+
+#include <vector>
+
+namespace Pellox {
+
+/**
+ * The check of a patch against a build before anything is touched: whether its rules are well
+ * formed and stay inside of both folders, and whether all that they need is there.
+ */
+class UpdateCheck
+{
+public:
+    UpdateCheck(const UpdateFolders &folders, Problems &problems);
+
+    /// The works of the patch's rules, in their order; complete only when no problem was added.
+    std::vector<UpdateWork> carryOut();
+    /// The same for rules that come from elsewhere than a patch, and are known to be well formed.
+    std::vector<UpdateWork> worksFor(const std::vector<UpdateRule> &rules);
+    bool checkFolders();
+
+private:
+    UpdateWork workFor(const UpdateRule &rule, std::size_t number);
+    NameSense nameSense(const std::vector<UpdateRule> &rules) const;
+    void checkTarget(UpdateWork &work);
+    bool checkAbove(UpdateWork &work);
+    void checkPayload(UpdateWork &work);
+    bool isEmptied(const QString &folder);
+    void add(const QString &path, const QString &reason);
+
+    const UpdateFolders m_folders;
+    Problems &m_problems;
+    QSet<QString> m_deleted;      ///< relative paths
+    QSet<QString> m_plainFolders; ///< absolute paths that are known to be folders, no links
+};
+
+} // namespace Pellox

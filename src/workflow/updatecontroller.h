@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "pellox_export.h"
+
+#include <QObject>
+#include <QStringList>
+
+#include <memory>
+
+namespace Pellox {
+
+/// What an update would do, see UpdateController::plan().
+struct UpdatePlan
+{
+    QStringList refusals;   ///< why it would be refused; then the rest is not complete
+    int filesToPatch = 0;   ///< that are not new already
+    int filesToCopy = 0;    ///< that are not new already
+    QStringList deletions;  ///< files that would go, as paths relative to the build
+    qint64 bytesToRead = 0; ///< of the patch and of the old files, about
+    qint64 bytesToWrite = 0;
+    qint64 peakExtraDisk = 0; ///< what the build's file system must have free, in bytes
+};
+
+/**
+ * Brings an installed build to the build that a patch leads to, or leaves it as it is.
+ *
+ * Everything is checked before anything is touched; new content is written beside the installed
+ * files, its SHA-512 computed meanwhile; only when all is there is each file replaced by one
+ * rename. Killed at any instant, by a power cut too, every file has its old or its new content,
+ * and the next update() or recover() finishes what was begun.
+ *
+ * Files that no rule names are never touched, and neither are those that have their new content
+ * already. While it works the build holds ".temp" files and a hidden folder ".pellox".
+ *
+ * One run at a time, begun from the thread that the object lives in; it works on the global thread
+ * pool and on threads of its own. Signals come on a pool thread, so connections from other threads
+ * are queued. A build is worked on by one object at a time, whatever its process: others are
+ * refused.
+ */
+class PELLOX_EXPORT UpdateController : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// How a run ended.
+    enum class UpdateResult {
+        Updated,         ///< the build is the new one, for each file that a rule names
+        AlreadyUpToDate, ///< it was; nothing was done
+        Refused,         ///< something is wrong with the patch or the build; nothing was touched
+        Failed,          ///< the build is the old one, what was written beside it is gone
+        Interrupted,     ///< the commit could not be finished; update() or recover() will
+        Cancelled,       ///< by cancel(), as Failed
+    };
+    Q_ENUM(UpdateResult)
+
+    explicit UpdateController(QObject *parent = nullptr);
+    /// Cancels a run and waits for its end. Not to be reached from a slot that is connected
+    /// directly, since that is part of the run.
+    ~UpdateController() override;
+
+    // Settings count from the next run.
+
+    /// How many threads work; 0, the default, means one for each core.
+    void setThreadCount(int count);
+    /// A folder with the files of the new build: where an installed file is missing or not the one
+    /// that the patch is for, it is taken whole from there. Empty, the default, is none.
+    void setFallbackSource(const QString &folder);
+    /// Whether what an update replaces and deletes is set aside in the build's hidden folder,
+    /// so that rollback() can bring it back. Off by default.
+    void setKeepPrevious(bool keep);
+    /// Whether all is synced to the disk at the points where a power cut needs it. On by default;
+    /// off for measurements alone.
+    void setSynced(bool synced);
+
+    /**
+     * Starts to bring the installed build in folder @p build to where @p patch leads. True means
+     * started: finished() follows exactly once. False when a run is under way.
+     */
+    bool update(const QString &build, const QString &patch);
+    /// Starts to finish what a crash has interrupted; needs no patch. AlreadyUpToDate when there
+    /// was nothing to finish.
+    bool recover(const QString &build);
+    /// Starts to bring back the build from before the last update, which must have kept it.
+    bool rollback(const QString &build);
+    /// Frees the space of what the last update has kept, after it has finished what a crash has
+    /// interrupted. Blocks. False after updateError(), and
+    /// when a run is under way.
+    bool discardPrevious(const QString &build);
+
+    /// What update() would do. Blocks; reads what is needed and touches nothing. While a run is
+    /// under way it refuses.
+    UpdatePlan plan(const QString &build, const QString &patch);
+
+    /// Ends a run soon: as Cancelled before the commit has begun, else when it is finished. Any
+    /// thread.
+    void cancel();
+    bool isRunning() const;
+
+Q_SIGNALS:
+    /// Bytes of new content that are written and checked, of all that is to be written. Never
+    /// falls; comes several times a second.
+    void updateProgress(qlonglong done, qlonglong total);
+    /// One for each thing that is wrong; begins with the path of the file in question.
+    void updateError(const QString &message);
+    /// The end of a run.
+    void finished(Pellox::UpdateController::UpdateResult result);
+
+private:
+    class Private;
+    const std::unique_ptr<Private> d;
+};
+
+} // namespace Pellox

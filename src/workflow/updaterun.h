@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "transaction.h"
+#include "updatecontroller.h"
+
+#include <atomic>
+#include <functional>
+#include <vector>
+
+namespace Pellox {
+
+/// One run of UpdateController from beginning to end.
+class UpdateRun
+{
+public:
+    using UpdateResult = UpdateController::UpdateResult;
+    using Settings = Transaction::Settings;
+
+    struct Reports
+    {
+        Transaction::Progress progress;
+        std::function<void(const QString &message)> error;
+    };
+
+    UpdateRun(Settings settings, Reports reports, const std::atomic<bool> &cancelled);
+
+    UpdateResult update();
+    UpdateResult recover();
+    UpdateResult rollback();
+    bool discardPrevious();
+    UpdatePlan plan();
+
+private:
+    UpdateResult carryOutUpdate(bool resumed);
+    UpdateResult carryOutRollback();
+    std::vector<UpdateWork> worksBack(const Journal &record);
+    UpdateResult end(UpdateResult result);
+    UpdateResult end(Transaction::Outcome outcome);
+
+    const Settings m_settings;
+    const Reports m_reports;
+    const std::atomic<bool> &m_cancelled;
+    Problems m_problems;
+    Transaction m_transaction;
+};
+
+} // namespace Pellox

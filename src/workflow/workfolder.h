@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "diskfile.h"
+
+namespace Pellox {
+
+/**
+ * The hidden folder ".pellox" at the top of an installed build, and what an update keeps there:
+ *
+ *   journal    what a commit does, there from the moment it is certain until it is done
+ *   staged/    new files whose folder is a file of the old build still
+ *   keeping/   what the commit under way sets aside, and its record, keeping.json
+ *   previous/  what the last update has set aside, and its record, previous.json
+ *
+ * Everything is on the build's file system, so that renames are atomic.
+ */
+class WorkFolder
+{
+public:
+    /// Of staged files, beside their targets.
+    static const QString TemporarySuffix;
+
+    // Paths relative to the build, as those of rules.
+    static const QString Name; ///< of the folder itself
+    static const QString Journal;
+    static const QString NewJournal; ///< on the way to be one
+    static const QString Staged;
+    static const QString Keeping;
+    static const QString KeepingRecord;
+    static const QString Previous;
+    static const QString PreviousRecord;
+
+    /// Whether @p relativePath leads into such a folder.
+    static bool isInside(const QString &relativePath);
+
+    explicit WorkFolder(const QString &build)
+        : m_build(build)
+    {
+    }
+
+    QString build() const { return m_build; }
+    /// Of a path relative to the build.
+    QString absolute(const QString &path) const { return m_build + path; }
+
+    /**
+     * Takes the build's lock, which lasts until this object ends or the process does: one on the
+     * build's folder itself, so that a crash leaves nothing. False with error() when somebody
+     * else holds it.
+     */
+    bool lock();
+    /// Makes the folder. False with error().
+    bool make();
+    /// Removes the folder and that of staged files when nothing is left in them.
+    void removeIfEmpty();
+
+    QString error() const { return m_error; }
+
+private:
+    bool fail(const QString &path, const QString &reason);
+
+    const QString m_build;
+    FileHandle m_lock;
+    QString m_error;
+};
+
+} // namespace Pellox

@@ -1,0 +1,744 @@
+// SPDX-License-Identifier: MIT
+#include "faultrun.h"
+#include "leftovers.h"
+#include "logcapture.h"
+#include "updatescenario.h"
+
+#include <Pellox/integritycontroller.h>
+
+#include <QCryptographicHash>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QThread>
+#include <QThreadPool>
+#include <QTimer>
+#include <QtTest>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <optional>
+
+#include <sys/stat.h>
+
+using Pellox::IntegrityController;
+using Pellox::IntegrityReport;
+using Result = Pellox::UpdateController::UpdateResult;
+
+namespace {
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
+const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");
+
+/// What a run has told until finished() came.
+struct Outcome
+{
+    bool success = false;
+    QStringList errors;
+    QVector<QPair<qlonglong, qlonglong>> progress;
+    IntegrityReport report;
+};
+
+Outcome outcomeOf(const std::function<bool(IntegrityController &)> &start)
+{
+    Outcome outcome;
+    IntegrityController controller;
+    QEventLoop loop;
+    int finished = 0;
+    QObject::connect(&controller, &IntegrityController::integrityError, &loop,
+        [&](const QString &error) { outcome.errors.append(error); });
+    QObject::connect(
+        &controller, &IntegrityController::progress, &loop, [&](qlonglong done, qlonglong total) {
+            outcome.progress.append({done, total});
+        });
+    QObject::connect(&controller, &IntegrityController::finished, &loop, [&](bool success) {
+        outcome.success = success;
+        ++finished;
+        loop.quit();
+    });
+    QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+    if (!start(controller))
+        qFatal("a run does not start");
+    loop.exec();
+    if (finished != 1)
+        qFatal("a run does not end once");
+    outcome.report = controller.report();
+    return outcome;
+}
+
+} // namespace
+
+/// On the new build of the scenario.
+class tst_IntegrityController : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase() { m_scenario.reset(); }
+    void init();
+    void cleanup();
+
+    void intactBuild_data();
+    void intactBuild();
+    void tellsWhatDiffers();
+    void linksAreFollowed();
+    void checkChangesNothing();
+    void manifestsThatWillNotDo_data();
+    void manifestsThatWillNotDo();
+    void foldersThatWillNotDo_data();
+    void foldersThatWillNotDo();
+
+    void repairsWhatDiffers();
+    void repairOfAnIntactBuild();
+    void repairKeepsPermissions();
+    void repairNeedsTheRightFiles();
+    void repairWithAFolderInTheWay_data();
+    void repairWithAFolderInTheWay();
+    void repairFollowsNoLinkOut();
+    void repairTellsWhyItCannotBegin();
+    void repairStaysInside_data();
+    void repairStaysInside();
+
+    void cancelledCheck();
+    void cancelledRepairChangesNothing();
+    void cancelCountsForOneRun();
+    void destroyedInMidRun();
+    void onlyOneRunAtATime();
+    void repairIsRefusedDuringAnUpdate();
+    void progressNeverFalls();
+
+    void repairKilledAtAnyCall();
+    void anyCallOfARepairMayFail_data();
+    void anyCallOfARepairMayFail();
+
+private:
+    Outcome check() const;
+    Outcome repair() const;
+    void damage() const;
+    FaultRun run(Faults faults) const;
+    QString brokenPromise() const;
+    QString file(const QString &path) const { return m_scenario->tree().path("build/"_s + path); }
+
+    std::optional<LogCapture> m_log;
+    std::optional<UpdateScenario> m_scenario;
+    Leftovers m_leftovers;
+};
+
+void tst_IntegrityController::initTestCase()
+{
+    m_leftovers.begin();
+    QThreadPool::globalInstance()->setExpiryTimeout(50);
+    // In memory where the system has a folder for that: repairs wait for the disk.
+    const QString memory = "/dev/shm"_s;
+    if (QFileInfo(memory).isWritable())
+        qputenv("TMPDIR", memory.toLocal8Bit());
+    m_scenario.emplace();
+}
+
+void tst_IntegrityController::init()
+{
+    m_log.emplace();
+    m_scenario->layNew();
+}
+
+void tst_IntegrityController::cleanup()
+{
+    QCOMPARE(m_log->troubleLeft(), QStringList());
+    QCOMPARE(m_leftovers.found(), QByteArray());
+    m_log.reset();
+}
+
+Outcome tst_IntegrityController::check() const
+{
+    return outcomeOf([&](IntegrityController &controller) {
+        return controller.check(m_scenario->build(), m_scenario->signatures());
+    });
+}
+
+Outcome tst_IntegrityController::repair() const
+{
+    return outcomeOf([&](IntegrityController &controller) {
+        return controller.repair(
+            m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild());
+    });
+}
+
+/// Changes and removes files, and lays extra ones.
+void tst_IntegrityController::damage() const
+{
+    const TestTree &tree = m_scenario->tree();
+    tree.write("build/game.exe"_s, "damaged");
+    QByteArray large = m_scenario->newFiles().value("data/large.pak"_s).content;
+    large[100000] = static_cast<char>(~large.at(100000)); // of the same size
+    tree.write("build/data/large.pak"_s, large);
+    tree.write("build/data/emptied"_s, "x");
+    tree.remove("build/moved to here"_s);
+    tree.remove("build/added"_s); // a folder
+}
+
+void tst_IntegrityController::intactBuild_data()
+{
+    QTest::addColumn<int>("threads");
+    QTest::newRow("as many threads as cores") << 0;
+    QTest::newRow("one thread") << 1;
+    QTest::newRow("eight threads") << 8;
+}
+
+void tst_IntegrityController::intactBuild()
+{
+    QFETCH(int, threads);
+    for (const auto &[path, file] : m_scenario->playersFiles().toStdMap()) {
+        if (!isHidden(path))
+            m_scenario->tree().remove("build/"_s + path);
+    }
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        controller.setThreadCount(threads);
+        return controller.check(
+            m_scenario->build() + "//"_s, m_scenario->signatures() + QLatin1Char('/'));
+    });
+    QVERIFY(outcome.success);
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(outcome.report.isIntact());
+    QCOMPARE(outcome.report.intactFiles, m_scenario->newFiles().size());
+    QCOMPARE(outcome.report.extra, QStringList());
+}
+
+void tst_IntegrityController::tellsWhatDiffers()
+{
+    damage();
+    m_scenario->tree().remove("build/data/filled"_s);
+    m_scenario->tree().makeFolder("build/data/filled"_s);
+    const Outcome outcome = check();
+    QVERIFY(outcome.success);
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(!outcome.report.isIntact());
+    const auto sorted = [](QStringList list) {
+        list.sort();
+        return list;
+    };
+    QCOMPARE(sorted(outcome.report.changed),
+        (QStringList{"/data/emptied"_s, "/data/large.pak"_s, "/game.exe"_s}));
+    QCOMPARE(sorted(outcome.report.missing),
+        (QStringList{"/added/deep/program"_s, "/added/large.pak"_s, "/moved to here"_s}));
+    QCOMPARE(outcome.report.unreadable, QStringList("/data/filled"_s));
+    QStringList extra;
+    for (const QString &path : m_scenario->playersFiles().keys()) {
+        if (!isHidden(path))
+            extra.append(QLatin1Char('/') + path);
+    }
+    QCOMPARE(sorted(outcome.report.extra), sorted(extra));
+    QCOMPARE(outcome.report.intactFiles, m_scenario->newFiles().size() - 7);
+}
+
+/// A player may have moved a large file to another disk.
+void tst_IntegrityController::linksAreFollowed()
+{
+    const TestTree &tree = m_scenario->tree();
+    tree.remove("build/game.exe"_s);
+    tree.link("build/game.exe"_s, tree.path("new/game.exe"_s));
+    tree.remove("build/moved to here"_s);
+    tree.link("build/moved to here"_s, tree.path("nowhere"_s));
+    const Outcome outcome = check();
+    QVERIFY(outcome.success);
+    QCOMPARE(outcome.report.changed, QStringList());
+    QCOMPARE(outcome.report.missing, QStringList("/moved to here"_s));
+}
+
+void tst_IntegrityController::checkChangesNothing()
+{
+    damage();
+    const FaultRun run = runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"2"_s, "check"_s, m_scenario->build(), m_scenario->signatures()},
+        {m_scenario->tree().path(), Changes});
+    QCOMPARE(run.status, 0);
+    QCOMPARE(run.calls, QStringList());
+}
+
+void tst_IntegrityController::manifestsThatWillNotDo_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::newRow("empty") << QByteArray("");
+    QTest::newRow("an object") << QByteArray("{}");
+    QTest::newRow("a record that is none") << QByteArray("[1]");
+    QTest::newRow("no path") << QByteArray("[{\"sha512\":\"00\"}]");
+    QTest::newRow("climbs out") << QByteArray("[{\"relative_path\":\"/../x\"}]");
+    QTest::newRow("climbs out later") << QByteArray("[{\"relative_path\":\"/a/../../x\"}]");
+    QTest::newRow("no separator") << QByteArray("[{\"relative_path\":\"x\"}]");
+    QTest::newRow("twice") << QByteArray("[{\"relative_path\":\"/x\"},{\"relative_path\":\"/x\"}]");
+}
+
+void tst_IntegrityController::manifestsThatWillNotDo()
+{
+    QFETCH(QByteArray, json);
+    const TestTree signatures;
+    signatures.write("signatures.json"_s, json);
+    damage();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    for (const bool repairs : {false, true}) {
+        const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+            return repairs
+                ? controller.repair(m_scenario->build(), signatures.path(), m_scenario->newBuild())
+                : controller.check(m_scenario->build(), signatures.path());
+        });
+        QVERIFY(!outcome.success);
+        QCOMPARE(outcome.errors.size(), 1);
+        QVERIFY2(outcome.errors.at(0).startsWith(signatures.path("signatures.json: "_s)),
+            qPrintable(outcome.errors.at(0)));
+    }
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_IntegrityController::foldersThatWillNotDo_data()
+{
+    QTest::addColumn<QString>("build");
+    QTest::addColumn<QString>("signatures");
+    QTest::addColumn<QString>("source");
+    QTest::newRow("no build") << "nowhere"_s
+                              << "signatures"_s
+                              << "new"_s;
+    QTest::newRow("no signatures") << "build"_s
+                                   << "nowhere"_s
+                                   << "new"_s;
+    QTest::newRow("no manifest") << "build"_s
+                                 << "patch"_s
+                                 << "new"_s;
+    QTest::newRow("no source") << "build"_s
+                               << "signatures"_s
+                               << "nowhere"_s;
+    QTest::newRow("empty source") << "build"_s
+                                  << "signatures"_s << QString();
+    QTest::newRow("source is the build") << "build"_s
+                                         << "signatures"_s
+                                         << "build"_s;
+    QTest::newRow("source lies in the build") << "build"_s
+                                              << "signatures"_s
+                                              << "build/data"_s;
+}
+
+void tst_IntegrityController::foldersThatWillNotDo()
+{
+    QFETCH(QString, build);
+    QFETCH(QString, signatures);
+    QFETCH(QString, source);
+    damage();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const TestTree &tree = m_scenario->tree();
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        return controller.repair(tree.path(build), tree.path(signatures),
+            source.isEmpty() ? QString() : tree.path(source));
+    });
+    QVERIFY(!outcome.success);
+    QVERIFY(!outcome.errors.isEmpty());
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_IntegrityController::repairsWhatDiffers()
+{
+    damage();
+    struct stat before = {};
+    QCOMPARE(::stat(file("data/changed"_s).toLocal8Bit().constData(), &before), 0);
+    const Outcome outcome = repair();
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(outcome.success);
+    QCOMPARE(outcome.report.changed.size(), 3); // what was found
+    QCOMPARE(outcome.report.missing.size(), 3);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+    QCOMPARE(m_scenario->touchedFile(), QString());
+    struct stat after = {};
+    QCOMPARE(::stat(file("data/changed"_s).toLocal8Bit().constData(), &after), 0);
+    QCOMPARE(after.st_ino, before.st_ino);
+    QCOMPARE(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+    const Outcome again = check();
+    QVERIFY(again.success);
+    QVERIFY(again.report.isIntact());
+}
+
+void tst_IntegrityController::repairOfAnIntactBuild()
+{
+    const FaultRun run = this->run({m_scenario->build(), Changes});
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.status, 0);
+    QCOMPARE(run.calls, QStringList());
+}
+
+/// Those of the installed file; of a missing one those of the source.
+void tst_IntegrityController::repairKeepsPermissions()
+{
+    damage();
+    QVERIFY(QFile::setPermissions(file("game.exe"_s), QFile::ReadOwner | QFile::ExeOwner));
+    QVERIFY(repair().success);
+    struct stat status = {};
+    QCOMPARE(::stat(file("game.exe"_s).toLocal8Bit().constData(), &status), 0);
+    QCOMPARE(status.st_mode & 0777U, 0500U);
+    QCOMPARE(::stat(file("added/deep/program"_s).toLocal8Bit().constData(), &status), 0);
+    QCOMPARE(status.st_mode & 0777U, 0755U);
+}
+
+/// All or none, and every wrong one is named.
+void tst_IntegrityController::repairNeedsTheRightFiles()
+{
+    damage();
+    const TestTree source;
+    layBuild(m_scenario->newFiles(), source.path());
+    source.write("game.exe"_s, "wrong as well");
+    source.write("data/large.pak"_s, QByteArray((1 << 20) + 106, 'x'));
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const auto repairFromThere = [&] {
+        return outcomeOf([&](IntegrityController &controller) {
+            return controller.repair(m_scenario->build(), m_scenario->signatures(), source.path());
+        });
+    };
+    Outcome outcome = repairFromThere();
+    QVERIFY(!outcome.success);
+    outcome.errors.sort();
+    QCOMPARE(outcome.errors.size(), 2);
+    QVERIFY(outcome.errors.at(0).startsWith(source.path("data/large.pak: "_s)));
+    QVERIFY(outcome.errors.at(1).startsWith(source.path("game.exe: "_s)));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+
+    source.remove("moved to here"_s);
+    outcome = repairFromThere();
+    QVERIFY(!outcome.success);
+    QVERIFY(!outcome.errors.filter(source.path("moved to here: "_s)).isEmpty());
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_IntegrityController::repairWithAFolderInTheWay_data()
+{
+    QTest::addColumn<QString>("content");
+    QTest::addColumn<bool>("repaired");
+    QTest::newRow("an empty one") << QString() << true;
+    QTest::newRow("one of empty ones") << "a/b"_s << true;
+    QTest::newRow("one with a file of the player") << "a/save"_s << false;
+}
+
+/// Either it is repaired or nothing is changed; it is never stuck.
+void tst_IntegrityController::repairWithAFolderInTheWay()
+{
+    QFETCH(QString, content);
+    QFETCH(bool, repaired);
+    damage();
+    m_scenario->tree().makeFolder("build/moved to here/"_s + content);
+    if (!repaired) {
+        m_scenario->tree().remove("build/moved to here/"_s + content);
+        m_scenario->tree().write("build/moved to here/"_s + content, "a save");
+    }
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const Outcome outcome = repair();
+    QVERIFY(!m_scenario->hasJournal());
+    QCOMPARE(outcome.success, outcome.errors.isEmpty());
+    if (outcome.success)
+        QCOMPARE(m_scenario->differenceToNew(), QString());
+    else
+        QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    QCOMPARE(outcome.success, repaired);
+}
+
+void tst_IntegrityController::repairFollowsNoLinkOut()
+{
+    damage();
+    const TestTree outside;
+    outside.write("deep/canary"_s, "unharmed");
+    const TestTree &tree = m_scenario->tree();
+    tree.link("build/added"_s, outside.path());
+    tree.link("build/moved to here"_s, outside.path("deep/canary"_s));
+    const auto before = TestTree::snapshot(outside.path());
+    const Outcome outcome = repair();
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors.filter("symbolic link"_s).isEmpty(), false);
+    QCOMPARE(TestTree::snapshot(outside.path()), before);
+    QCOMPARE(tree.read("build/game.exe"_s), QByteArray("damaged"));
+}
+
+/// The player has a file where its own folder would be.
+void tst_IntegrityController::repairTellsWhyItCannotBegin()
+{
+    damage();
+    m_scenario->tree().write("build/.pellox"_s, "a file");
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const Outcome outcome = repair();
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors.size(), 1);
+    QVERIFY(outcome.errors.at(0).startsWith(file(".pellox"_s)));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_IntegrityController::repairStaysInside_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::newRow("own folder") << "/.pellox/journal"_s;
+    QTest::newRow("own folder in capitals") << "/.PELLOX/journal"_s;
+    QTest::newRow("backslashes") << "/..\\..\\canary"_s;
+    QTest::newRow("drive letter") << "/C:/canary"_s;
+    QTest::newRow("control character") << "/a\nb"_s;
+    QTest::newRow("device") << "/nul"_s;
+}
+
+void tst_IntegrityController::repairStaysInside()
+{
+    QFETCH(QString, path);
+    const TestTree other;
+    other.write("source"_s + path, "hostile");
+    other.write("signatures/signatures.json"_s,
+        QJsonDocument(
+            QJsonArray{QJsonObject{{"relative_path"_s, path},
+                {"sha512"_s,
+                    QString::fromLatin1(
+                        QCryptographicHash::hash("hostile", QCryptographicHash::Sha512).toHex())}}})
+            .toJson());
+    const auto before = TestTree::snapshot(m_scenario->tree().path());
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        return controller.repair(
+            m_scenario->build(), other.path("signatures"_s), other.path("source"_s));
+    });
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors.size(), 1);
+    QCOMPARE(TestTree::snapshot(m_scenario->tree().path()), before);
+}
+
+void tst_IntegrityController::cancelledCheck()
+{
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        controller.setThreadCount(1);
+        QObject::connect(
+            &controller, &IntegrityController::progress, &controller,
+            [&controller] { controller.cancel(); }, Qt::DirectConnection);
+        // So large that it is under way when progress is first told.
+        QFile large(file("game.exe"_s));
+        return large.resize(4LL << 30)
+            && controller.check(m_scenario->build(), m_scenario->signatures());
+    });
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors, QStringList());
+}
+
+void tst_IntegrityController::cancelledRepairChangesNothing()
+{
+    int cancelled = 0;
+    for (int i = 0; i < 40; ++i) {
+        m_scenario->layNew();
+        damage();
+        const auto before = TestTree::snapshot(m_scenario->build());
+        const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+            const bool started = controller.repair(
+                m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild());
+            QThread::usleep(static_cast<unsigned long>(i * 300));
+            controller.cancel();
+            return started;
+        });
+        QCOMPARE(outcome.errors, QStringList());
+        cancelled += outcome.success ? 0 : 1;
+        if (outcome.success)
+            QCOMPARE(m_scenario->differenceToNew(), QString());
+        else
+            QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+        QCOMPARE(m_scenario->touchedFile(), QString());
+    }
+    QVERIFY(cancelled > 0);
+}
+
+void tst_IntegrityController::cancelCountsForOneRun()
+{
+    IntegrityController controller;
+    QSignalSpy finished(&controller, &IntegrityController::finished);
+    controller.cancel(); // of nothing
+    QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+    QTRY_COMPARE(finished.size(), 1);
+    QVERIFY(finished.at(0).at(0).toBool());
+    QVERIFY(!controller.isRunning());
+}
+
+void tst_IntegrityController::destroyedInMidRun()
+{
+    damage();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    for (int i = 0; i < 20; ++i) {
+        IntegrityController controller;
+        QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+        QThread::usleep(static_cast<unsigned long>(i * 200));
+    }
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_IntegrityController::onlyOneRunAtATime()
+{
+    IntegrityController controller;
+    QSignalSpy finished(&controller, &IntegrityController::finished);
+    std::atomic<bool> goOn{false};
+    std::atomic<bool> reached{false};
+    connect(
+        &controller, &IntegrityController::progress, &controller,
+        [&] {
+            reached = true;
+            while (!goOn)
+                QThread::msleep(1);
+        },
+        Qt::DirectConnection);
+    QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+    QTRY_VERIFY(reached);
+    QVERIFY(controller.isRunning());
+    QVERIFY(!controller.check(m_scenario->build(), m_scenario->signatures()));
+    QVERIFY(
+        !controller.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild()));
+    goOn = true;
+    QTRY_COMPARE(finished.size(), 1);
+    QTest::qWait(50);
+    QCOMPARE(finished.size(), 1);
+}
+
+void tst_IntegrityController::repairIsRefusedDuringAnUpdate()
+{
+    m_scenario->lay();
+    Pellox::UpdateController updater;
+    updater.setSynced(false);
+    QSignalSpy finished(&updater, &Pellox::UpdateController::finished);
+    std::atomic<bool> goOn{false};
+    std::atomic<bool> reached{false};
+    connect(
+        &updater, &Pellox::UpdateController::updateProgress, &updater,
+        [&] {
+            reached = true;
+            while (!goOn)
+                QThread::msleep(1);
+        },
+        Qt::DirectConnection);
+    QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
+    QTRY_VERIFY(reached);
+    const Outcome outcome = repair();
+    goOn = true;
+    QTRY_COMPARE(finished.size(), 1);
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors.size(), 1);
+    QCOMPARE(finished.at(0).at(0).value<Result>(), Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_IntegrityController::progressNeverFalls()
+{
+    const Outcome outcome = check();
+    qint64 total = 0;
+    for (const RandomFile &file : m_scenario->newFiles())
+        total += file.content.size();
+    QVERIFY(!outcome.progress.isEmpty());
+    qlonglong last = 0;
+    for (const auto &[done, of] : outcome.progress) {
+        QVERIFY(done >= last && done <= of);
+        QCOMPARE(of, total);
+        last = done;
+    }
+    QCOMPARE(last, total);
+}
+
+FaultRun tst_IntegrityController::run(Faults faults) const
+{
+    faults.unsynced = true;
+    return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, "repair"_s, m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild()},
+        faults);
+}
+
+/// Every file that was intact still is, and every other one is as damaged as before or repaired.
+QString tst_IntegrityController::brokenPromise() const
+{
+    const QStringList missing{"moved to here"_s, "added/deep/program"_s, "added/large.pak"_s};
+    const QStringList changed{"game.exe"_s, "data/large.pak"_s, "data/emptied"_s};
+    bool anyRepaired = false;
+    bool anyDamaged = false;
+    for (const auto &[path, newFile] : m_scenario->newFiles().toStdMap()) {
+        const bool exists = m_scenario->tree().exists("build/"_s + path);
+        const bool isRight
+            = exists && m_scenario->tree().read("build/"_s + path) == newFile.content;
+        const bool mayDiffer = missing.contains(path) || changed.contains(path);
+        (isRight ? anyRepaired : anyDamaged) |= mayDiffer;
+        if ((!isRight && !mayDiffer) || (!exists && !missing.contains(path)))
+            return path + ": was harmed"_s;
+        if (exists && !isRight && missing.contains(path))
+            return path + ": is there in part"_s;
+    }
+    if (!m_scenario->hasJournal() && anyRepaired && anyDamaged)
+        return "nothing to finish, and only some are repaired"_s;
+    return m_scenario->touchedFile();
+}
+
+void tst_IntegrityController::repairKilledAtAnyCall()
+{
+    const int step = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS") ? 1 : 3;
+    bool died = true;
+    int at = 1;
+    for (; died; at += step) {
+        m_scenario->layNew();
+        damage();
+        const FaultRun run = this->run({m_scenario->build(), Changes, at, "kill"});
+        died = run.crashed;
+        const QByteArray where = "%1 (%2): "_s.arg(run.calls.value(at - 1)).arg(at).toLocal8Bit();
+        QVERIFY2(brokenPromise().isEmpty(), where + qPrintable(brokenPromise()));
+        if (m_scenario->hasJournal() && at % 2 == 0) {
+            QCOMPARE(m_scenario->recover().result, Result::Updated);
+        } else {
+            const Outcome outcome = repair();
+            QVERIFY2(outcome.success, where + qPrintable(outcome.errors.join(QLatin1Char(';'))));
+        }
+        m_scenario->removeEmptyWorkFolder();
+        const QString difference = m_scenario->differenceToNew();
+        QVERIFY2(difference.isEmpty(), where + qPrintable(difference));
+    }
+    QVERIFY(at > 20);
+}
+
+void tst_IntegrityController::anyCallOfARepairMayFail_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::addColumn<QByteArray>("calls");
+    QTest::newRow("ENOSPC") << ENOSPC << Changes;
+    QTest::newRow("EIO") << EIO << Changes;
+    QTest::newRow("EACCES") << EACCES << Changes;
+    QTest::newRow("EPERM") << EPERM << Changes;
+    QTest::newRow("EIO, reading") << EIO << QByteArray("open,read,list");
+}
+
+void tst_IntegrityController::anyCallOfARepairMayFail()
+{
+    QFETCH(int, error);
+    QFETCH(QByteArray, calls);
+    const int step = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS") ? 1 : 5;
+    int at = 1 + error % step;
+    QStringList problems;
+    for (bool met = true; met; at += step) {
+        m_scenario->layNew();
+        damage();
+        const FaultRun run = this->run({m_scenario->build(), calls, at, QByteArray::number(error)});
+        met = run.calls.size() >= at;
+        const QString call = run.calls.value(at - 1);
+        const QString where = "%1 (%2): "_s.arg(call).arg(at);
+        if (run.crashed || run.status > 1)
+            problems.append(where + "no result"_s);
+        if ((run.status == 0) != run.output.isEmpty())
+            problems.append(
+                where + "status %1: "_s.arg(run.status) + QString::fromLocal8Bit(run.output));
+        const QString promise = brokenPromise();
+        if (!promise.isEmpty())
+            problems.append(where + promise);
+        const Outcome outcome = repair();
+        if (!outcome.success)
+            problems.append(where + outcome.errors.join(QLatin1Char(';')));
+        m_scenario->removeEmptyWorkFolder();
+        const QString difference = m_scenario->differenceToNew();
+        if (!difference.isEmpty())
+            problems.append(where + difference);
+    }
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.join("\n    "_s)));
+}
+
+QTEST_GUILESS_MAIN(tst_IntegrityController)
+
+#include "tst_integritycontroller.moc"

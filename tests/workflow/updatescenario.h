@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "randombuild.h"
+#include "testtree.h"
+
+#include <Pellox/updatecontroller.h>
+
+#include <QMap>
+#include <QPair>
+#include <QStringList>
+#include <QVector>
+
+#include <functional>
+
+/// What a run of UpdateController has told until finished() came.
+struct UpdateOutcome
+{
+    using Result = Pellox::UpdateController::UpdateResult;
+
+    Result result = Result::Failed;
+    QStringList errors;
+    QVector<QPair<qlonglong, qlonglong>> progress;
+};
+
+using UpdateStart = std::function<bool(Pellox::UpdateController &)>;
+
+/// Starts a run with @p start and waits for its end. Ends the test program when it does not start
+/// or does not end.
+UpdateOutcome outcomeOf(const UpdateStart &start);
+
+/**
+ * An installed build with a player's files in it, the build after it and the patch between them,
+ * with every kind of rule. Ends the test program on an error.
+ */
+class UpdateScenario
+{
+public:
+    UpdateScenario();
+
+    /// The installed build becomes the old one.
+    void lay();
+    /// The installed build becomes the new one.
+    void layNew();
+
+    QString build() const { return m_tree.path(QStringLiteral("build")); }
+    QString patch() const { return m_tree.path(QStringLiteral("patch")); }
+    /// All files of the new build.
+    QString newBuild() const { return m_tree.path(QStringLiteral("new")); }
+    /// Of the new build.
+    QString signatures() const { return m_tree.path(QStringLiteral("signatures")); }
+    const TestTree &tree() const { return m_tree; }
+
+    /// By relative path, without the player's files.
+    const RandomBuild &oldFiles() const { return m_old; }
+    const RandomBuild &newFiles() const { return m_new; }
+    /// That no rule names.
+    const RandomBuild &playersFiles() const { return m_players; }
+
+    /// A run that was killed at its very end may leave the folder, but nothing in it.
+    void removeEmptyWorkFolder() const;
+    /// Where a call that removes a folder has failed, the empty folder may stay.
+    void removeEmptyFolders() const;
+    /// Whether all files of the old build are there with their content, and none of the new alone.
+    bool isOld() const { return isAll(m_old, m_new); }
+
+    // Each is empty when all is well. Permissions count, and so does everything that is left.
+    QString differenceToOld() const;
+    QString differenceToNew() const;
+    /// What of the player's files has been written, renamed or only touched since it was laid.
+    QString touchedFile() const;
+    /**
+     * What breaks the promise for any moment: a file of both builds that has neither its old nor
+     * its new content, a changed file of the player, a build that is neither old nor new although
+     * nothing is to be finished.
+     */
+    QString brokenPromise() const;
+    bool hasJournal() const { return m_tree.exists(QStringLiteral("build/.pellox/journal")); }
+
+    // Runs in this process that wait for no disk.
+    UpdateOutcome update(bool keepsPrevious = false) const;
+    UpdateOutcome recover() const;
+    UpdateOutcome rollback() const;
+    bool discardPrevious() const;
+
+private:
+    void lay(const RandomBuild &files);
+    RandomBuild expectedNew() const;
+    bool isAll(const RandomBuild &files, const RandomBuild &others) const;
+
+    TestTree m_tree;
+    RandomBuild m_old;
+    RandomBuild m_new;
+    RandomBuild m_players;
+    QMap<QString, QString> m_traces; ///< of the player's files: what any touch changes
+};
