@@ -117,13 +117,14 @@ bool Commit::deleteOne(const QString &path)
     return removeFile(absolute(path)) || failBySystem(absolute(path), "cannot be removed: ");
 }
 
-/// Removes the folders that the deletions have left empty, and those above them.
+/// Removes the folders that the deletions have left empty, and those above them. An earlier try may
+/// have removed some of them.
 void Commit::removeEmptiedFolders()
 {
     for (const QString &path : qAsConst(m_journal.deletions)) {
         QString folder = QFileInfo(path).path();
         while (folder != QLatin1String("/")
-            && ::rmdir(QFile::encodeName(absolute(folder)).constData()) == 0)
+            && (::rmdir(QFile::encodeName(absolute(folder)).constData()) == 0 || errno == ENOENT))
             folder = QFileInfo(folder).path();
     }
 }
