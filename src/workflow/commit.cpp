@@ -165,13 +165,14 @@ bool Commit::sync()
 
 bool Commit::fail(const QString &path, const QString &reason)
 {
-    m_error = aboutFile(path, reason);
+    m_error = {path, reason};
     return false;
 }
 
 bool Commit::failBySystem(const QString &path, const char *what)
 {
-    return fail(path, QLatin1String(what) + lastSystemError());
+    m_error = FileError::ofSystem(path, what);
+    return false;
 }
 
 bool Commit::failAs(const SetAside &setAside)

@@ -39,7 +39,7 @@ public:
     /// Makes sure that no journal comes back after a crash. False with error().
     bool forget();
 
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 private:
     using Identity = std::pair<dev_t, ino_t>;
@@ -62,7 +62,7 @@ private:
     const bool m_syncs;
     Journal m_journal;
     std::set<Identity> m_placed; ///< what stands where this commit has put it
-    QString m_error;
+    FileError m_error;
 };
 
 } // namespace Pellox

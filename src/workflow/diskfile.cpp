@@ -36,6 +36,12 @@ QString lastSystemError()
     return QString::fromStdString(std::generic_category().message(errno));
 }
 
+FileError FileError::ofSystem(const QString &path, const char *what)
+{
+    const int system = errno;
+    return {path, QLatin1String(what) + lastSystemError(), system};
+}
+
 bool FileHandle::open(const QString &path, int flags)
 {
     constexpr mode_t ReadableAndWritable = 0666; // less what the user's mask takes away
@@ -53,13 +59,14 @@ bool FileHandle::close()
 
 bool Content::fail(const QString &reason)
 {
-    m_error = aboutFile(m_path, reason);
+    m_error = {m_path, reason};
     return false;
 }
 
 bool Content::failBySystem(const char *what)
 {
-    return fail(QLatin1String(what) + lastSystemError());
+    m_error = FileError::ofSystem(m_path, what);
+    return false;
 }
 
 bool Content::failAs(const Content &other)
@@ -186,7 +193,7 @@ void OutputFile::writeNow(const char *data, std::size_t size)
 bool OutputFile::fail()
 {
     if (m_error.isEmpty())
-        m_error = aboutFile(m_path, QLatin1String("cannot be written: ") + lastSystemError());
+        m_error = FileError::ofSystem(m_path, "cannot be written: ");
     return false;
 }
 

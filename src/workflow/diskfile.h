@@ -15,6 +15,21 @@ QString aboutFile(const QString &path, const QString &reason);
 /// What errno says.
 QString lastSystemError();
 
+/// What is wrong with which file; empty when nothing is.
+struct FileError
+{
+    QString path;
+    QString reason;
+    int system = 0; ///< errno where the system has refused something
+
+    /// From errno; @p what is put in front of what it says.
+    static FileError ofSystem(const QString &path, const char *what);
+
+    bool isEmpty() const { return reason.isEmpty(); }
+    QString text() const { return isEmpty() ? QString() : aboutFile(path, reason); }
+    operator QString() const { return text(); }
+};
+
 /// An open file of the operating system. Plain calls: where a build has very many small files,
 /// what is done around the reading and writing counts.
 class FileHandle
@@ -51,8 +66,7 @@ public:
     /// False with error() when what was read may not be the content of one moment.
     virtual bool isUnchanged() = 0;
 
-    /// Begins with the path.
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 protected:
     void setPath(const QString &path) { m_path = path; }
@@ -63,7 +77,7 @@ protected:
 
 private:
     QString m_path;
-    QString m_error;
+    FileError m_error;
 };
 
 /// A file on disk that is read and must not change meanwhile.
@@ -101,7 +115,7 @@ public:
     /// Writes what is held back. False with error() when anything was not written.
     bool close();
 
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 private:
     void flush();
@@ -111,7 +125,7 @@ private:
     QString m_path;
     FileHandle m_file;
     std::vector<char> m_held;
-    QString m_error;
+    FileError m_error;
 };
 
 } // namespace Pellox

@@ -195,8 +195,7 @@ void FilePass::read(Chunk &chunk, Chunk *previous)
 
 void FilePass::compute(Chunk &chunk)
 {
-    const auto failSums
-        = [&] { fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed"))); };
+    const auto failSums = [&] { fail({m_input.path(), QStringLiteral("cannot be signed")}); };
     if (m_targets.signature
         && !computeBlockSums(chunk.bytes.data(), static_cast<std::size_t>(chunk.size), &chunk.sums))
         return failSums();
@@ -236,7 +235,7 @@ void FilePass::write(Chunk &chunk)
 void FilePass::writeDelta(Chunk &chunk)
 {
     if (!joinMatches(chunk)) {
-        fail(aboutFile(m_input.path(), QStringLiteral("cannot be signed")));
+        fail({m_input.path(), QStringLiteral("cannot be signed")});
         return;
     }
     const auto literalUpTo = [&](qint64 end) {
@@ -289,8 +288,8 @@ bool FilePass::joinMatches(Chunk &chunk)
     return true;
 }
 
-/// Ends the pass; the first text is kept.
-void FilePass::fail(const QString &error)
+/// Ends the pass; the first error is kept.
+void FilePass::fail(const FileError &error)
 {
     const std::lock_guard lock(m_errorMutex);
     if (!m_failed)

@@ -47,7 +47,7 @@ public:
     bool isDone() const override { return m_failed || m_chunksDone == m_chunkCount; }
 
     /// Once done: why it was not done to the end; empty when it was.
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
     /// Once done without an error.
     Sha512 sha512();
@@ -79,7 +79,7 @@ private:
     void writeDelta(Chunk &chunk);
     bool joinMatches(Chunk &chunk);
     void releaseDone();
-    void fail(const QString &error);
+    void fail(const FileError &error);
 
     Crew &m_crew;
     Content &m_input;
@@ -97,7 +97,7 @@ private:
     bool m_writing = false;
 
     std::mutex m_errorMutex;
-    QString m_error;
+    FileError m_error;
     std::atomic<bool> m_failed{false};
 
     std::optional<Digest> m_digest;

@@ -120,7 +120,7 @@ bool IntegrityRun::repair()
 {
     Transaction transaction(
         {{m_settings.build, QString(), m_settings.source}, m_settings.threadCount, true, false},
-        m_cancelled, m_problems);
+        {{m_reports.progress, [](const QString &) {}}, [] {}}, m_cancelled, m_problems);
     const bool ready
         = transaction.lock() && transaction.finishUnfinished() != Transaction::Outcome::Interrupted;
     if (!ready)
@@ -130,8 +130,8 @@ bool IntegrityRun::repair()
     if (m_report.isIntact())
         return true;
     std::vector<UpdateWork> works = this->works();
-    const bool repaired = m_problems.isEmpty()
-        && transaction.carryOut(works, m_reports.progress) == Transaction::Outcome::Done;
+    const bool repaired
+        = m_problems.isEmpty() && transaction.carryOut(works) == Transaction::Outcome::Done;
     return repaired || tellProblems();
 }
 
@@ -157,11 +157,11 @@ void IntegrityRun::addRule(const SignedFile &file, std::vector<UpdateRule> *rule
     const QString problem = problemOfRelativePath(file.relativePath);
     const QFileInfo source(m_settings.source + file.relativePath);
     if (!problem.isEmpty()) {
-        m_problems.add(aboutFile(installed(file), problem));
+        m_problems.add(Code::BadManifest, installed(file), problem);
     } else if (!file.sha512) {
-        m_problems.add(aboutFile(installed(file), QStringLiteral("has no checksum")));
+        m_problems.add(Code::BadManifest, installed(file), QStringLiteral("has no checksum"));
     } else if (!source.isFile()) {
-        m_problems.add(aboutFile(source.filePath(), QStringLiteral("is not there")));
+        m_problems.add(Code::BadFallback, source.filePath(), QStringLiteral("is not there"));
     } else {
         UpdateRule rule;
         rule.kind = UpdateRule::Kind::Patch;
@@ -174,8 +174,8 @@ void IntegrityRun::addRule(const SignedFile &file, std::vector<UpdateRule> *rule
 
 bool IntegrityRun::tellProblems()
 {
-    for (const QString &text : m_problems.texts())
-        m_reports.error(text);
+    for (const UpdateProblem &problem : m_problems.all())
+        m_reports.error(problem.message());
     return false;
 }
 

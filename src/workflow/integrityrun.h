@@ -37,6 +37,7 @@ public:
     const IntegrityReport &report() const { return m_report; }
 
 private:
+    using Code = UpdateProblem::Code;
     enum class State { Intact, Changed, Missing, Unreadable };
 
     bool compare();

@@ -2,7 +2,6 @@
 #include "journal.h"
 
 #include "digest.h"
-#include "diskfile.h"
 #include "rulechecks.h"
 #include "workfolder.h"
 
@@ -92,7 +91,7 @@ std::optional<Journal> Journal::fromBytes(const QByteArray &bytes)
     return journal;
 }
 
-std::optional<Journal> Journal::read(const QString &path, QString *error)
+std::optional<Journal> Journal::read(const QString &path, FileError *error)
 {
     constexpr qint64 Largest = 1LL << 30;
     InputFile file;
@@ -106,7 +105,7 @@ std::optional<Journal> Journal::read(const QString &path, QString *error)
     if (!isRead)
         *error = file.error();
     else if (!journal)
-        *error = aboutFile(path, QStringLiteral("is damaged; if the build is whole, remove it"));
+        *error = {path, QStringLiteral("is damaged; if the build is whole, remove it")};
     return journal;
 }
 

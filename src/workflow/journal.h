@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -34,7 +36,7 @@ struct Journal
     /// Nothing when @p bytes is no whole journal, or one that leads out of the build.
     static std::optional<Journal> fromBytes(const QByteArray &bytes);
     /// The same for a file; nothing after @p error, which names it.
-    static std::optional<Journal> read(const QString &path, QString *error);
+    static std::optional<Journal> read(const QString &path, FileError *error);
 };
 
 } // namespace Pellox

@@ -12,6 +12,8 @@
 #include <QJsonObject>
 #include <QSet>
 
+#include <algorithm>
+
 namespace Pellox {
 
 namespace {
@@ -37,14 +39,21 @@ bool isRelativePath(const QString &path)
 bool readIndented(
     QFile &file, const std::function<void(const QJsonValue &record, int number)> &take)
 {
-    if (file.readLine(LongestLine) != ArrayBegin)
+    // One buffer for all lines: Qt would allocate the longest possible one for each.
+    QByteArray buffer(static_cast<int>(LongestLine), Qt::Uninitialized);
+    const auto readLine = [&] {
+        const qint64 size = file.readLine(buffer.data(), LongestLine);
+        return QByteArray::fromRawData(
+            buffer.constData(), static_cast<int>(std::max<qint64>(size, 0)));
+    };
+    if (readLine() != ArrayBegin)
         return false;
     QByteArray record;
     int number = 0;
     bool moreMayCome = true;
     bool moreMustCome = false;
     for (;;) {
-        const QByteArray line = file.readLine(LongestLine);
+        const QByteArray line = readLine();
         if (line == "]\n" && record.isEmpty())
             return !moreMustCome && file.atEnd();
         if (!moreMayCome)

@@ -152,13 +152,14 @@ bool SetAside::remove(const QString &record, const QString &folder)
 
 bool SetAside::fail(const QString &path, const QString &reason)
 {
-    m_error = aboutFile(path, reason);
+    m_error = {path, reason};
     return false;
 }
 
 bool SetAside::failBySystem(const QString &path, const char *what)
 {
-    return fail(path, QLatin1String(what) + lastSystemError());
+    m_error = FileError::ofSystem(path, what);
+    return false;
 }
 
 } // namespace Pellox

@@ -36,7 +36,7 @@ public:
     /// Removes what can be brought back.
     bool discard();
 
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 private:
     bool keep(const QString &path);
@@ -49,7 +49,7 @@ private:
     QString absolute(const QString &path) const { return m_build + path; }
 
     const QString m_build;
-    QString m_error;
+    FileError m_error;
 };
 
 } // namespace Pellox

@@ -64,8 +64,8 @@ bool Staging::runCrew(
         order.size(), static_cast<std::size_t>(smallOnes - order.begin()),
         [&](std::size_t i) { task(*order[i]); }, report);
     m_crew = nullptr;
-    if (!crew.error().isEmpty())
-        m_problems.add(crew.error());
+    if (m_problems.isEmpty() && !crew.error().isEmpty()) // of the crew itself: no memory, say
+        add(Code::ReadOrWrite, m_folders.build, crew.error());
     return m_problems.isEmpty() && !m_cancelled;
 }
 
@@ -96,12 +96,12 @@ void Staging::decidePatch(UpdateWork &work)
     }
     if (!exists(installed(work))) {
         if (m_folders.fallback.isEmpty())
-            add(installed(work), QStringLiteral("is missing"));
+            add(Code::DamagedInstall, installed(work), QStringLiteral("is missing"));
         return;
     }
     PatchedContent patched;
     if (!patched.open(installed(work), payload(work), rule.size))
-        m_problems.add(patched.error());
+        m_problems.add(codeOf(patched.error(), work), patched.error());
     else if (patched.mayBeNewAlready())
         work.isNeeded = !isContent(installed(work), rule.size, rule.sha512);
 }
@@ -137,7 +137,7 @@ std::optional<Sha512> Staging::sha512Of(const QString &path)
 {
     InputFile file;
     if (!file.open(path)) {
-        m_crew->fail(file.error());
+        fail(file.error());
         return {};
     }
     FilePass::Targets targets;
@@ -162,22 +162,43 @@ bool Staging::hasRoom()
     const qint64 available = QStorageInfo(m_folders.build).bytesAvailable();
     if (bytes == 0 || available < 0 || available >= bytes + Margin)
         return true;
-    add(m_folders.build,
+    add(Code::NoSpace, m_folders.build,
         QStringLiteral("has not enough room: %1 bytes are needed, %2 are free")
             .arg(QString::number(bytes + Margin), QString::number(available)));
     return false;
 }
 
-bool Staging::carryOut(const Report &report)
+bool Staging::carryOut(const Reports &reports)
 {
     const qint64 total = bytesToWrite();
     m_done = 0;
     return runCrew(
         [this](UpdateWork &work) {
             if (work.isNeeded && work.rule.kind != UpdateRule::Kind::Delete)
-                work.isStaged ? adopt(work) : stage(work);
+                stage(work);
         },
-        [&] { report(std::min<qint64>(m_done, total), total); });
+        [&] { report(reports, total); });
+}
+
+void Staging::report(const Reports &reports, qint64 total)
+{
+    QStringList staged;
+    {
+        const std::lock_guard lock(m_stagedMutex);
+        staged.swap(m_staged);
+    }
+    for (const QString &path : qAsConst(staged))
+        reports.staged(path);
+    reports.progress(std::min<qint64>(m_done, total), total);
+}
+
+void Staging::stage(UpdateWork &work)
+{
+    work.isStaged ? adopt(work) : stageAnew(work);
+    if (!work.isStaged || m_crew->isStopped())
+        return;
+    const std::lock_guard lock(m_stagedMutex);
+    m_staged.append(work.rule.relativePath);
 }
 
 /// What an earlier run has staged gets the permissions that this one would give it.
@@ -187,7 +208,7 @@ void Staging::adopt(const UpdateWork &work)
     const mode_t permissions = permissionsFor(work, source(work));
     if (permissionsOf(path) != permissions
         && ::chmod(QFile::encodeName(path).constData(), permissions) != 0)
-        m_crew->fail(aboutFile(path, QLatin1String("cannot be written: ") + lastSystemError()));
+        fail(FileError::ofSystem(path, "cannot be written: "));
 }
 
 /// A file that is replaced keeps its permissions; a new one has those of @p source.
@@ -197,12 +218,10 @@ mode_t Staging::permissionsFor(const UpdateWork &work, const QString &source) co
     return permissionsOf(replaces ? installed(work) : source);
 }
 
-void Staging::stage(UpdateWork &work)
+void Staging::stageAnew(UpdateWork &work)
 {
-    if (exists(staged(work)) && !QFile::remove(staged(work))) {
-        m_crew->fail(aboutFile(staged(work), QStringLiteral("cannot be removed")));
-        return;
-    }
+    if (!removeFile(staged(work)))
+        return fail(FileError::ofSystem(staged(work), "cannot be removed: "));
     noteMissingFolders(staged(work));
     if (work.rule.kind == UpdateRule::Kind::Copy)
         return stageCopy(work);
@@ -213,7 +232,8 @@ void Staging::stage(UpdateWork &work)
     if (stagePatched(work) || m_crew->isStopped())
         return;
     if (m_folders.fallback.isEmpty())
-        add(installed(work), QStringLiteral("is not the file that the patch is for"));
+        add(Code::DamagedInstall, installed(work),
+            QStringLiteral("is not the file that the patch is for"));
     else
         stageFallback(work);
 }
@@ -236,7 +256,7 @@ bool Staging::stagePatched(UpdateWork &work)
     if (!exists(installed(work)))
         return false;
     if (!content.open(installed(work), payload(work), work.size)) {
-        m_crew->fail(content.error());
+        fail(content.error(), codeOf(content.error(), work));
         return false;
     }
     if (!content.fits())
@@ -255,7 +275,7 @@ bool Staging::stageFallback(UpdateWork &work)
     const QString path = fallback(work);
     InputFile source;
     if (!source.open(path)) {
-        m_problems.add(source.error());
+        m_problems.add(Code::BadFallback, source.error());
         return false;
     }
     const bool sizeFits = source.size() == work.size;
@@ -263,7 +283,7 @@ bool Staging::stageFallback(UpdateWork &work)
     work.isStaged = sha512 == work.rule.sha512;
     if (!work.isStaged && !m_crew->isStopped()) {
         QFile::remove(staged(work));
-        add(path, QStringLiteral("is not the file that the patch leads to"));
+        add(Code::BadFallback, path, QStringLiteral("is not the file that the patch leads to"));
     }
     return work.isStaged;
 }
@@ -272,9 +292,9 @@ void Staging::stageCopy(UpdateWork &work)
 {
     InputFile source;
     if (!source.open(payload(work)))
-        return m_crew->fail(source.error());
+        return fail(source.error());
     if (source.size() != work.size)
-        return m_crew->fail(aboutFile(source.path(), QStringLiteral("changed while it was read")));
+        return fail({source.path(), QStringLiteral("changed while it was read")});
     work.isStaged = write(work, source, permissionsFor(work, source.path())).has_value();
 }
 
@@ -285,18 +305,18 @@ std::optional<Sha512> Staging::write(UpdateWork &work, Content &content, mode_t 
     FilePass::Targets targets;
     targets.digest = true;
     targets.copy = &output;
-    const auto fail = [&] {
-        m_crew->fail(output.error());
+    const auto failOutput = [&] {
+        fail(output.error());
         return std::nullopt;
     };
     if (!output.open(staged(work)))
-        return fail();
+        return failOutput();
     FilePass writing(*m_crew, content, targets, m_done);
     if (!pass(writing, content.size()))
         return {};
     output.setPermissions(permissions);
     if (!output.close())
-        return fail();
+        return failOutput();
     return writing.sha512();
 }
 
@@ -304,7 +324,7 @@ bool Staging::pass(FilePass &pass, qint64 size)
 {
     const bool done = isLarge(size) ? m_crew->share(pass) : m_crew->doAlone(pass);
     if (done && !pass.error().isEmpty())
-        m_crew->fail(pass.error());
+        fail(pass.error());
     return done && pass.error().isEmpty();
 }
 
@@ -319,9 +339,22 @@ void Staging::remove()
         QDir().rmdir(*folder);
 }
 
-void Staging::add(const QString &path, const QString &reason)
+/// A delta that is broken is told as what the patch brings.
+Staging::Code Staging::codeOf(const FileError &error, const UpdateWork &work) const
 {
-    m_problems.add(aboutFile(path, reason));
+    return error.path == payload(work) && error.system == 0 ? Code::BadPatch : Code::ReadOrWrite;
+}
+
+void Staging::add(Code code, const QString &path, const QString &reason)
+{
+    m_problems.add(code, path, reason);
+}
+
+/// Stops the others.
+void Staging::fail(const FileError &error, Code code)
+{
+    m_problems.add(code, error);
+    m_crew->fail(error);
 }
 
 } // namespace Pellox

@@ -20,7 +20,12 @@ public:
     Staging(const UpdateFolders &folders, std::vector<UpdateWork> &works, int threadCount,
         const std::atomic<bool> &cancelled, Problems &problems);
 
-    using Report = std::function<void(qint64 done, qint64 total)>;
+    /// Called on the thread that stages.
+    struct Reports
+    {
+        std::function<void(qint64 done, qint64 total)> progress;
+        std::function<void(const QString &relativePath)> staged;
+    };
 
     /// Finds out which works are needed, and which an earlier run has staged already. False when
     /// cancelled or with a problem.
@@ -30,11 +35,13 @@ public:
     /// Whether the build's file system has room for that. False with a problem.
     bool hasRoom();
     /// Stages what is needed. False when cancelled or with a problem.
-    bool carryOut(const Report &report);
+    bool carryOut(const Reports &reports);
     /// Removes what is staged.
     void remove();
 
 private:
+    using Code = UpdateProblem::Code;
+
     bool runCrew(
         const std::function<void(UpdateWork &)> &task, const std::function<void()> &report);
 
@@ -46,13 +53,17 @@ private:
     void adopt(const UpdateWork &work);
     mode_t permissionsFor(const UpdateWork &work, const QString &source) const;
     void stage(UpdateWork &work);
+    void stageAnew(UpdateWork &work);
+    void report(const Reports &reports, qint64 total);
     void noteMissingFolders(const QString &path);
     bool stagePatched(UpdateWork &work);
     bool stageFallback(UpdateWork &work);
     void stageCopy(UpdateWork &work);
     std::optional<Sha512> write(UpdateWork &work, Content &content, mode_t permissions);
     bool pass(FilePass &pass, qint64 size);
-    void add(const QString &path, const QString &reason);
+    Code codeOf(const FileError &error, const UpdateWork &work) const;
+    void add(Code code, const QString &path, const QString &reason);
+    void fail(const FileError &error, Code code = Code::ReadOrWrite);
 
     QString installed(const UpdateWork &work) const
     {
@@ -80,6 +91,8 @@ private:
     Problems &m_problems;
     Crew *m_crew = nullptr; ///< at work
     std::atomic<qint64> m_done{0};
+    std::mutex m_stagedMutex;
+    QStringList m_staged; ///< relative paths that are to be reported
     std::mutex m_madeFoldersMutex;
     QStringList m_madeFolders; ///< for staged files, each above those that were made in it
 };

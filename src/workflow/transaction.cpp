@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "transaction.h"
 
-#include "staging.h"
+#include "filesystem.h"
 
 #include <algorithm>
 
 namespace Pellox {
 
-Transaction::Transaction(
-    const Settings &settings, const std::atomic<bool> &cancelled, Problems &problems)
+Transaction::Transaction(const Settings &settings, Reports reports,
+    const std::atomic<bool> &cancelled, Problems &problems)
     : m_settings(settings)
+    , m_reports(std::move(reports))
     , m_cancelled(cancelled)
     , m_problems(problems)
     , m_folder(settings.folders.build)
@@ -21,8 +22,14 @@ bool Transaction::lock()
 {
     if (m_folder.lock())
         return true;
-    m_problems.add(m_folder.error());
+    m_problems.add(m_folder.isBusy() ? UpdateProblem::Code::Busy : UpdateProblem::Code::BadFolder,
+        m_folder.error());
     return false;
+}
+
+bool Transaction::hasUnfinished() const
+{
+    return statusOf(m_folder.absolute(WorkFolder::Journal)).has_value();
 }
 
 Transaction::Outcome Transaction::finishUnfinished()
@@ -31,14 +38,17 @@ Transaction::Outcome Transaction::finishUnfinished()
     case Commit::Found::Nothing:
         return Outcome::NothingToDo;
     case Commit::Found::Error:
-        return fail(m_commit.error(), Outcome::Interrupted);
+        m_problems.add(m_commit.error().system == 0 ? UpdateProblem::Code::DamagedJournal
+                                                    : UpdateProblem::Code::ReadOrWrite,
+            m_commit.error());
+        return Outcome::Interrupted;
     case Commit::Found::Journal:
         break;
     }
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
 }
 
-Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const Progress &progress)
+Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works)
 {
     Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
     // An old journal that came back would take what is staged now for its own.
@@ -47,7 +57,7 @@ Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const
     if (!m_folder.make())
         return fail(m_folder.error());
     Outcome outcome = Outcome::Cancelled;
-    if (staging.carryOut(progress))
+    if (staging.carryOut(m_reports.staging))
         outcome = commit(journalOf(works));
     else if (!m_problems.isEmpty())
         outcome = Outcome::Failed;
@@ -60,7 +70,8 @@ Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const
 
 Transaction::Outcome Transaction::commit(Journal journal)
 {
-    journal.keepsPrevious = m_settings.keepsPrevious;
+    journal.keepsPrevious = m_settings.keepsPrevious && !journal.isRollback;
+    m_reports.committing();
     switch (m_commit.begin(std::move(journal))) {
     case Commit::Begun::No:
         return fail(m_commit.error());
@@ -72,9 +83,9 @@ Transaction::Outcome Transaction::commit(Journal journal)
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
 }
 
-Transaction::Outcome Transaction::fail(const QString &error, Outcome outcome)
+Transaction::Outcome Transaction::fail(const FileError &error, Outcome outcome)
 {
-    m_problems.add(error);
+    m_problems.add(UpdateProblem::Code::ReadOrWrite, error);
     return outcome;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "commit.h"
+#include "staging.h"
 #include "updatework.h"
 
 #include <atomic>
@@ -31,25 +32,33 @@ public:
         Cancelled,   ///< and nothing is changed
     };
 
-    using Progress = std::function<void(qint64 done, qint64 total)>;
+    struct Reports
+    {
+        Staging::Reports staging;
+        std::function<void()> committing; ///< from now on it cannot be cancelled
+    };
 
-    Transaction(const Settings &settings, const std::atomic<bool> &cancelled, Problems &problems);
+    Transaction(const Settings &settings, Reports reports, const std::atomic<bool> &cancelled,
+        Problems &problems);
 
     // Whatever ends as Failed or Interrupted has added a problem.
 
     /// To be called first. False, with a problem, when somebody else works on the build.
     bool lock();
-    /// Finishes the commit that an earlier run has begun.
+    /// Whether an earlier run has left an unfinished commit, or something that may be one.
+    bool hasUnfinished() const;
+    /// Finishes it.
     Outcome finishUnfinished();
     /// Stages what is needed and not staged yet, and commits all that is needed.
-    Outcome carryOut(std::vector<UpdateWork> &works, const Progress &progress);
+    Outcome carryOut(std::vector<UpdateWork> &works);
     /// Commits steps that need no staging.
     Outcome commit(Journal journal);
 
 private:
-    Outcome fail(const QString &error, Outcome outcome = Outcome::Failed);
+    Outcome fail(const FileError &error, Outcome outcome = Outcome::Failed);
 
     const Settings m_settings;
+    const Reports m_reports;
     const std::atomic<bool> &m_cancelled;
     Problems &m_problems;
     WorkFolder m_folder;

@@ -54,11 +54,13 @@ std::vector<UpdateWork> UpdateCheck::carryOut()
     if (!checkFolders())
         return {};
     QStringList errors;
-    const std::vector<UpdateRule> rules
-        = readRules(Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE), &errors);
+    const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
+    const std::vector<UpdateRule> rules = readRules(manifest, &errors);
     checkTogether(rules, nameSense(rules), &errors);
-    for (const QString &error : qAsConst(errors))
-        m_problems.add(error);
+    for (const QString &error : qAsConst(errors)) {
+        const QString begin = manifest + QLatin1String(": ");
+        add(Code::BadManifest, manifest, error.startsWith(begin) ? error.mid(begin.size()) : error);
+    }
     return errors.isEmpty() ? worksFor(rules) : std::vector<UpdateWork>();
 }
 
@@ -81,20 +83,22 @@ bool UpdateCheck::checkFolders()
     folders.removeAll(QString());
     for (const QString &folder : qAsConst(folders)) {
         if (!QFileInfo(folder).isDir()) {
-            add(folder, QStringLiteral("there is no such folder"));
+            add(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
             return false;
         }
         const bool isBuild = &folder == &folders.first();
         if (!isBuild && overlap(folder, m_folders.build)) {
-            add(folder, QLatin1String("must not be, hold or lie inside of ") + m_folders.build);
+            add(Code::BadFolder, folder,
+                QLatin1String("must not be, hold or lie inside of ") + m_folders.build);
             return false;
         }
     }
     const QString own = m_folders.build + WorkFolder::Name;
     if (statusOf(own) && !isFolder(own))
-        add(own, QStringLiteral("is no folder, but where an update keeps its own files"));
+        add(Code::Obstructed, own,
+            QStringLiteral("is no folder, but where an update keeps its own files"));
     if (::access(QFile::encodeName(m_folders.build).constData(), W_OK | X_OK) != 0)
-        add(m_folders.build, QStringLiteral("cannot be written"));
+        add(Code::NotWritable, m_folders.build, QStringLiteral("cannot be written"));
     return true;
 }
 
@@ -156,15 +160,16 @@ void UpdateCheck::checkTarget(UpdateWork &work)
     if (!status || S_ISREG(status->st_mode))
         return;
     if (S_ISLNK(status->st_mode))
-        add(path, QStringLiteral("is a symbolic link"));
+        add(Code::Obstructed, path, QStringLiteral("is a symbolic link"));
     else if (!S_ISDIR(status->st_mode))
-        add(path, QStringLiteral("is no regular file"));
+        add(Code::Obstructed, path, QStringLiteral("is no regular file"));
     else if (work.rule.kind == UpdateRule::Kind::Delete)
         return; // the file is gone already
     else if (isEmptied(work.rule.relativePath))
         work.comesLast = true;
     else
-        add(path, QStringLiteral("is a folder, and holds files that no rule deletes"));
+        add(Code::Obstructed, path,
+            QStringLiteral("is a folder, and holds files that no rule deletes"));
 }
 
 /// False when the work's file cannot be there, for what stands above it.
@@ -184,13 +189,13 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
             return true;
         }
         if (!S_ISDIR(status->st_mode)) {
-            add(path,
+            add(Code::Obstructed, path,
                 S_ISLNK(status->st_mode) ? QStringLiteral("is a symbolic link")
                                          : QStringLiteral("is no folder"));
             return false;
         }
         if (::access(QFile::encodeName(path).constData(), W_OK | X_OK) != 0)
-            add(path, QStringLiteral("cannot be written"));
+            add(Code::NotWritable, path, QStringLiteral("cannot be written"));
         m_plainFolders.insert(path);
     }
     return true;
@@ -228,18 +233,18 @@ void UpdateCheck::checkPayload(UpdateWork &work)
     const QString path = m_folders.patch + work.rule.relativePath;
     const auto status = statusOf(path);
     if (!status)
-        add(path, QStringLiteral("is missing from the patch"));
+        add(Code::BadPatch, path, QStringLiteral("is missing from the patch"));
     else if (!S_ISREG(status->st_mode))
-        add(path, QStringLiteral("is no regular file"));
+        add(Code::BadPatch, path, QStringLiteral("is no regular file"));
     else if (lastSeparator > 0 && !m_plainFolders.contains(folder))
-        add(path, QStringLiteral("is reached through a symbolic link"));
+        add(Code::BadPatch, path, QStringLiteral("is reached through a symbolic link"));
     else if (work.rule.kind == UpdateRule::Kind::Copy)
         work.size = status->st_size;
 }
 
-void UpdateCheck::add(const QString &path, const QString &reason)
+void UpdateCheck::add(Code code, const QString &path, const QString &reason)
 {
-    m_problems.add(aboutFile(path, reason));
+    m_problems.add(code, path, reason);
 }
 
 } // namespace Pellox

@@ -26,13 +26,15 @@ public:
     bool checkFolders();
 
 private:
+    using Code = UpdateProblem::Code;
+
     UpdateWork workFor(const UpdateRule &rule, std::size_t number);
     NameSense nameSense(const std::vector<UpdateRule> &rules) const;
     void checkTarget(UpdateWork &work);
     bool checkAbove(UpdateWork &work);
     void checkPayload(UpdateWork &work);
     bool isEmptied(const QString &folder);
-    void add(const QString &path, const QString &reason);
+    void add(Code code, const QString &path, const QString &reason);
 
     const UpdateFolders m_folders;
     Problems &m_problems;

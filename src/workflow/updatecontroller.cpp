@@ -37,11 +37,17 @@ public:
 
     UpdateRun::Reports reports()
     {
+        using UpdatePhase = UpdateController::UpdatePhase;
         return {[this](qint64 done, qint64 total) {
                     reported = std::max(reported, done);
                     Q_EMIT q.updateProgress(reported, total);
                 },
-            [this](const QString &message) { Q_EMIT q.updateError(message); }};
+            [this](UpdatePhase phase) { Q_EMIT q.phaseChanged(phase); },
+            [this](const QString &path) { Q_EMIT q.fileStaged(path); },
+            [this](const UpdateProblem &problem) {
+                Q_EMIT q.problemFound(problem);
+                Q_EMIT q.updateError(problem.message());
+            }};
     }
 
     bool start(const UpdateRun::Settings &settings, UpdateResult (UpdateRun::*job)())
@@ -90,6 +96,8 @@ UpdateController::UpdateController(QObject *parent)
     , d(std::make_unique<Private>(*this))
 {
     qRegisterMetaType<Pellox::UpdateController::UpdateResult>();
+    qRegisterMetaType<Pellox::UpdateController::UpdatePhase>();
+    qRegisterMetaType<Pellox::UpdateProblem>();
 }
 
 UpdateController::~UpdateController()
@@ -144,7 +152,8 @@ UpdatePlan UpdateController::plan(const QString &build, const QString &patch)
 {
     UpdatePlan plan;
     if (!d->block(d->settings(build, patch), [&](UpdateRun &run) { plan = run.plan(); }))
-        plan.refusals.append(build + QStringLiteral(": a run of this object is under way"));
+        plan.refusals.append({UpdateProblem::Code::Busy, build,
+            QStringLiteral("is being worked on by this object")});
     return plan;
 }
 

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "pellox_export.h"
+#include "updateproblem.h"
 
 #include <QObject>
 #include <QStringList>
+#include <QVector>
 
 #include <memory>
 
@@ -13,7 +15,8 @@ namespace Pellox {
 /// What an update would do, see UpdateController::plan().
 struct UpdatePlan
 {
-    QStringList refusals;   ///< why it would be refused; then the rest is not complete
+    /// Why it would be refused; then the rest is not complete.
+    QVector<UpdateProblem> refusals;
     int filesToPatch = 0;   ///< that are not new already
     int filesToCopy = 0;    ///< that are not new already
     QStringList deletions;  ///< files that would go, as paths relative to the build
@@ -53,6 +56,15 @@ public:
         Cancelled,       ///< by cancel(), as Failed
     };
     Q_ENUM(UpdateResult)
+
+    /// What a run does. Each comes once at most, in this order.
+    enum class UpdatePhase {
+        Finishing,  ///< does the rest of a commit that a crash has interrupted
+        Checking,   ///< touches nothing
+        Staging,    ///< writes new content beside the installed files
+        Committing, ///< puts it into place; can no longer be cancelled
+    };
+    Q_ENUM(UpdatePhase)
 
     explicit UpdateController(QObject *parent = nullptr);
     /// Cancels a run and waits for its end. Not to be reached from a slot that is connected
@@ -103,6 +115,12 @@ Q_SIGNALS:
     void updateProgress(qlonglong done, qlonglong total);
     /// One for each thing that is wrong; begins with the path of the file in question.
     void updateError(const QString &message);
+    /// The same for programs; comes just before.
+    void problemFound(const Pellox::UpdateProblem &problem);
+    /// What the run does from now on.
+    void phaseChanged(Pellox::UpdateController::UpdatePhase phase);
+    /// The new content of a file is complete and checked.
+    void fileStaged(const QString &relativePath);
     /// The end of a run.
     void finished(Pellox::UpdateController::UpdateResult result);
 

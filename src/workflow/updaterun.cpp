@@ -17,7 +17,10 @@ UpdateRun::UpdateRun(Settings settings, Reports reports, const std::atomic<bool>
     : m_settings(std::move(settings))
     , m_reports(std::move(reports))
     , m_cancelled(cancelled)
-    , m_transaction(m_settings, m_cancelled, m_problems)
+    , m_transaction(m_settings,
+          {{m_reports.progress, m_reports.staged},
+              [this] { m_reports.phase(UpdateController::UpdatePhase::Committing); }},
+          m_cancelled, m_problems)
 {
 }
 
@@ -25,7 +28,7 @@ UpdateRun::UpdateResult UpdateRun::update()
 {
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
-    const auto unfinished = m_transaction.finishUnfinished();
+    const auto unfinished = finishUnfinished();
     return unfinished == Transaction::Outcome::Interrupted
         ? end(unfinished)
         : carryOutUpdate(unfinished == Transaction::Outcome::Done);
@@ -34,6 +37,7 @@ UpdateRun::UpdateResult UpdateRun::update()
 /// @p resumed: whether a commit that was under way has been finished just now.
 UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
 {
+    m_reports.phase(UpdateController::UpdatePhase::Checking);
     std::vector<UpdateWork> works = UpdateCheck(m_settings.folders, m_problems).carryOut();
     if (!m_problems.isEmpty())
         return end(UpdateResult::Refused);
@@ -46,21 +50,29 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
         return resumed ? UpdateResult::Updated : UpdateResult::AlreadyUpToDate;
     if (!staging.hasRoom())
         return end(UpdateResult::Refused);
-    return end(m_transaction.carryOut(works, m_reports.progress));
+    m_reports.phase(UpdateController::UpdatePhase::Staging);
+    return end(m_transaction.carryOut(works));
+}
+
+Transaction::Outcome UpdateRun::finishUnfinished()
+{
+    if (m_transaction.hasUnfinished())
+        m_reports.phase(UpdateController::UpdatePhase::Finishing);
+    return m_transaction.finishUnfinished();
 }
 
 UpdateRun::UpdateResult UpdateRun::recover()
 {
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
-    return end(m_transaction.finishUnfinished());
+    return end(finishUnfinished());
 }
 
 UpdateRun::UpdateResult UpdateRun::rollback()
 {
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
-    const auto unfinished = m_transaction.finishUnfinished();
+    const auto unfinished = finishUnfinished();
     return unfinished == Transaction::Outcome::Interrupted ? end(unfinished) : carryOutRollback();
 }
 
@@ -69,7 +81,8 @@ UpdateRun::UpdateResult UpdateRun::carryOutRollback()
     SetAside previous(m_settings.folders.build);
     const auto record = previous.wayBack();
     if (!record)
-        m_problems.add(previous.error());
+        m_problems.add(
+            previous.isEmpty() ? Code::NothingKept : Code::DamagedJournal, previous.error());
     const std::vector<UpdateWork> works = record ? worksBack(*record) : std::vector<UpdateWork>();
     if (!m_problems.isEmpty())
         return end(UpdateResult::Refused);
@@ -91,7 +104,7 @@ std::vector<UpdateWork> UpdateRun::worksBack(const Journal &record)
     for (const Journal::Placement &placement : record.first) {
         const QString kept = m_settings.folders.build + placement.from;
         if (!isRegularFile(kept))
-            m_problems.add(aboutFile(kept, QStringLiteral("is missing")));
+            m_problems.add(Code::NothingKept, kept, QStringLiteral("is missing"));
         add(UpdateRule::Kind::Copy, placement.to);
     }
     for (const QString &path : record.deletions)
@@ -109,13 +122,13 @@ std::vector<UpdateWork> UpdateRun::worksBack(const Journal &record)
 bool UpdateRun::discardPrevious()
 {
     bool discarded = false;
-    const bool ready = m_transaction.lock()
-        && m_transaction.finishUnfinished() != Transaction::Outcome::Interrupted;
+    const bool ready
+        = m_transaction.lock() && finishUnfinished() != Transaction::Outcome::Interrupted;
     if (ready) {
         SetAside previous(m_settings.folders.build);
         discarded = previous.discard();
         if (!discarded)
-            m_problems.add(previous.error());
+            m_problems.add(Code::ReadOrWrite, previous.error());
         WorkFolder(m_settings.folders.build).removeIfEmpty();
     }
     end(UpdateResult::Failed);
@@ -129,7 +142,8 @@ UpdatePlan UpdateRun::plan()
     Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
     if (m_problems.isEmpty() && staging.decide())
         staging.hasRoom();
-    plan.refusals = m_problems.texts();
+    for (const UpdateProblem &problem : m_problems.all())
+        plan.refusals.append(problem);
     for (const UpdateWork &work : works) {
         if (!work.isNeeded)
             continue;
@@ -151,8 +165,8 @@ UpdatePlan UpdateRun::plan()
 /// Tells what went wrong.
 UpdateRun::UpdateResult UpdateRun::end(UpdateResult result)
 {
-    for (const QString &text : m_problems.texts())
-        m_reports.error(text);
+    for (const UpdateProblem &problem : m_problems.all())
+        m_reports.problem(problem);
     return result;
 }
 

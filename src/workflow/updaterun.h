@@ -19,8 +19,10 @@ public:
 
     struct Reports
     {
-        Transaction::Progress progress;
-        std::function<void(const QString &message)> error;
+        std::function<void(qint64 done, qint64 total)> progress;
+        std::function<void(UpdateController::UpdatePhase phase)> phase;
+        std::function<void(const QString &relativePath)> staged;
+        std::function<void(const UpdateProblem &problem)> problem;
     };
 
     UpdateRun(Settings settings, Reports reports, const std::atomic<bool> &cancelled);
@@ -32,6 +34,9 @@ public:
     UpdatePlan plan();
 
 private:
+    using Code = UpdateProblem::Code;
+
+    Transaction::Outcome finishUnfinished();
     UpdateResult carryOutUpdate(bool resumed);
     UpdateResult carryOutRollback();
     std::vector<UpdateWork> worksBack(const Journal &record);

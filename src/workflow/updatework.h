@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "rulechecks.h"
-
-#include <QStringList>
+#include "updateproblem.h"
 
 #include <mutex>
+#include <vector>
 
 namespace Pellox {
 
@@ -32,17 +33,15 @@ struct UpdateWork
 class Problems
 {
 public:
-    void add(const QString &text)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_texts.append(text);
-    }
-    bool isEmpty() const { return m_texts.isEmpty(); }
-    const QStringList &texts() const { return m_texts; }
+    void add(UpdateProblem::Code code, const QString &file, const QString &reason);
+    /// A full disk has a code of its own, whatever @p code says.
+    void add(UpdateProblem::Code code, const FileError &error);
+    bool isEmpty() const { return m_problems.empty(); }
+    const std::vector<UpdateProblem> &all() const { return m_problems; }
 
 private:
     std::mutex m_mutex;
-    QStringList m_texts;
+    std::vector<UpdateProblem> m_problems;
 };
 
 } // namespace Pellox

@@ -33,6 +33,7 @@ bool WorkFolder::lock()
     if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) == 0)
         return true;
     m_lock.close();
+    m_isBusy = true;
     return fail(m_build, QStringLiteral("is being updated by another process"));
 }
 
@@ -52,7 +53,7 @@ void WorkFolder::removeIfEmpty()
 
 bool WorkFolder::fail(const QString &path, const QString &reason)
 {
-    m_error = aboutFile(path, reason);
+    m_error = {path, reason};
     return false;
 }
 

@@ -39,6 +39,9 @@ public:
     {
     }
 
+    /// Whether somebody else holds the lock.
+    bool isBusy() const { return m_isBusy; }
+
     QString build() const { return m_build; }
     /// Of a path relative to the build.
     QString absolute(const QString &path) const { return m_build + path; }
@@ -54,14 +57,15 @@ public:
     /// Removes the folder and that of staged files when nothing is left in them.
     void removeIfEmpty();
 
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 private:
     bool fail(const QString &path, const QString &reason);
 
     const QString m_build;
     FileHandle m_lock;
-    QString m_error;
+    bool m_isBusy = false;
+    FileError m_error;
 };
 
 } // namespace Pellox

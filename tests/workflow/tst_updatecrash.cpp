@@ -191,7 +191,9 @@ QString tst_UpdateCrash::problemOfRestart(const QString &command, bool byRecover
         return problemOfEnd(command, m_scenario->rollback(), true);
     // What was kept is of no use any more, but may still be there.
     m_scenario->discardPrevious();
-    return problemOfEnd(command, {Result::Updated, {}, {}}, true);
+    UpdateOutcome back;
+    back.result = Result::Updated;
+    return problemOfEnd(command, back, true);
 }
 
 void tst_UpdateCrash::withoutAFaultAllIsWell_data()

@@ -99,6 +99,12 @@ UpdateOutcome outcomeOf(const UpdateStart &start)
     bool finished = false;
     QObject::connect(&updater, &UpdateController::updateError, &loop,
         [&](const QString &error) { outcome.errors.append(error); });
+    QObject::connect(&updater, &UpdateController::problemFound, &loop,
+        [&](const Pellox::UpdateProblem &problem) { outcome.problems.append(problem); });
+    QObject::connect(&updater, &UpdateController::phaseChanged, &loop,
+        [&](UpdateController::UpdatePhase phase) { outcome.phases.append(phase); });
+    QObject::connect(&updater, &UpdateController::fileStaged, &loop,
+        [&](const QString &path) { outcome.staged.append(path); });
     QObject::connect(
         &updater, &UpdateController::updateProgress, &loop, [&](qlonglong done, qlonglong total) {
             outcome.progress.append({done, total});

@@ -20,7 +20,10 @@ struct UpdateOutcome
 
     Result result = Result::Failed;
     QStringList errors;
+    QVector<Pellox::UpdateProblem> problems;
     QVector<QPair<qlonglong, qlonglong>> progress;
+    QVector<Pellox::UpdateController::UpdatePhase> phases;
+    QStringList staged;
 };
 
 using UpdateStart = std::function<bool(Pellox::UpdateController &)>;
