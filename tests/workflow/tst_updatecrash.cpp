@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "logcapture.h"
+#include "updaterestart.h"
 #include "updatescenario.h"
 
 #include <QFileInfo>
@@ -28,11 +29,6 @@ constexpr int FirstResult = 10; ///< status of updatecall
 int stepOf(int everyday)
 {
     return qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS") ? 1 : everyday;
-}
-
-bool isGood(Result result)
-{
-    return result == Result::Updated || result == Result::AlreadyUpToDate;
 }
 
 /// What goes wrong in a row, as far as it is worth printing.
@@ -82,8 +78,10 @@ private Q_SLOTS:
 private:
     void prepare(const QString &command);
     FaultRun run(const QString &command, Faults faults, int threads = 1) const;
-    QString problemOfRestart(const QString &command, bool byRecovery);
-    QString problemOfEnd(const QString &command, const UpdateOutcome &outcome, bool isBack) const;
+    QString problemOfRestart(const QString &command, bool byRecovery) const
+    {
+        return ::problemOfRestart(*m_scenario, command, byRecovery, m_foldersMayStay);
+    }
     QString problemOfFailure(const QString &command, const FaultRun &run, const QString &call);
 
     std::optional<LogCapture> m_log;
@@ -148,52 +146,6 @@ FaultRun tst_UpdateCrash::run(const QString &command, Faults faults, int threads
     if (command.startsWith("update"_s))
         arguments.append(m_scenario->patch());
     return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM), arguments, faults);
-}
-
-/// What is wrong with the build after a run has ended well. @p isBack: as the old one.
-QString tst_UpdateCrash::problemOfEnd(
-    const QString &command, const UpdateOutcome &outcome, bool isBack) const
-{
-    if (!isGood(outcome.result) || !outcome.errors.isEmpty())
-        return "ends with %1: %2"_s.arg(static_cast<int>(outcome.result))
-            .arg(outcome.errors.join("; "_s));
-    if (command == "update-keeping"_s && !isBack && !m_scenario->discardPrevious())
-        return "cannot discard what was kept"_s;
-    m_scenario->removeEmptyWorkFolder();
-    if (m_foldersMayStay)
-        m_scenario->removeEmptyFolders();
-    const QString difference
-        = isBack ? m_scenario->differenceToOld() : m_scenario->differenceToNew();
-    return difference.isEmpty() ? m_scenario->touchedFile() : difference;
-}
-
-/// Finishes in this process what a killed one has left, by another call of the same or, where the
-/// commit had begun, by recovery alone.
-QString tst_UpdateCrash::problemOfRestart(const QString &command, bool byRecovery)
-{
-    const bool isBack = command == "rollback"_s;
-    if (byRecovery && m_scenario->hasJournal()) {
-        const UpdateOutcome outcome = m_scenario->recover();
-        if (outcome.result != Result::Updated)
-            return "recovery ends with %1: %2"_s.arg(static_cast<int>(outcome.result))
-                .arg(outcome.errors.join("; "_s));
-        if (command == "update-keeping"_s) {
-            const UpdateOutcome back = m_scenario->rollback();
-            return problemOfEnd(command, back, true);
-        }
-        return problemOfEnd(command, outcome, isBack);
-    }
-    if (!isBack)
-        return problemOfEnd(command, m_scenario->update(command == "update-keeping"_s), false);
-    if (m_scenario->hasJournal() && !isGood(m_scenario->recover().result))
-        return "recovery does not end well"_s;
-    if (!m_scenario->isOld())
-        return problemOfEnd(command, m_scenario->rollback(), true);
-    // What was kept is of no use any more, but may still be there.
-    m_scenario->discardPrevious();
-    UpdateOutcome back;
-    back.result = Result::Updated;
-    return problemOfEnd(command, back, true);
 }
 
 void tst_UpdateCrash::withoutAFaultAllIsWell_data()

@@ -210,6 +210,11 @@ void UpdateScenario::lay(const RandomBuild &files)
     layBuild(files, build());
     layBuild(m_players, build());
     m_tree.makeFolder("build/screenshots"_s);
+    noteTraces();
+}
+
+void UpdateScenario::noteTraces()
+{
     m_traces.clear();
     for (auto file = m_players.cbegin(); file != m_players.cend(); ++file)
         m_traces.insert(file.key(), traceOf(build() + QLatin1Char('/') + file.key()));

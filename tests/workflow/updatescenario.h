@@ -45,6 +45,8 @@ public:
     void lay();
     /// The installed build becomes the new one.
     void layNew();
+    /// Takes the player's files as they are now for untouched.
+    void noteTraces();
 
     QString build() const { return m_tree.path(QStringLiteral("build")); }
     QString patch() const { return m_tree.path(QStringLiteral("patch")); }

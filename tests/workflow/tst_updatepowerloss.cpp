@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: MIT
+#include "diskrecord.h"
+#include "faultrun.h"
+#include "logcapture.h"
+#include "updaterestart.h"
+
+#include <QFileInfo>
+#include <QtTest>
+
+#include <optional>
+#include <random>
+
+using Result = Pellox::UpdateController::UpdateResult;
+
+namespace {
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
+constexpr int FirstResult = 10; ///< status of updatecall
+
+/// Of what is not synced.
+struct Loss
+{
+    const char *name;
+    DiskRecord::Chance chance;
+};
+
+/// Each with some probability, and of writes a part.
+DiskRecord::Chance randomly(unsigned seed)
+{
+    return [random = std::mt19937(seed)](DiskRecord::Kind kind) mutable {
+        std::uniform_real_distribution<double> share(0, 1);
+        const double kept = share(random);
+        const double part = share(random);
+        return DiskRecord::Fate{
+            kept < 0.5, kind == DiskRecord::Kind::Data && part < 0.5 ? part : 1};
+    };
+}
+
+std::vector<Loss> losses(unsigned seeds, unsigned firstSeed)
+{
+    using Kind = DiskRecord::Kind;
+    std::vector<Loss> all{
+        {"all is lost", [](Kind) { return DiskRecord::Fate{false}; }},
+        {"nothing is lost", [](Kind) { return DiskRecord::Fate{true}; }},
+        {"data is lost", [](Kind kind) { return DiskRecord::Fate{kind == Kind::Name}; }},
+        {"names are lost", [](Kind kind) { return DiskRecord::Fate{kind == Kind::Data}; }},
+    };
+    for (unsigned seed = firstSeed; seed < firstSeed + seeds; ++seed)
+        all.push_back({"some is lost", randomly(seed)});
+    return all;
+}
+
+} // namespace
+
+/**
+ * The power fails at any instant of a run: what was not synced is lost, kept, or kept in part. The
+ * next run must find every file old or new, and finish. PELLOX_ALL_CRASH_POINTS takes all instants
+ * and more ways to lose something.
+ */
+class tst_UpdatePowerLoss : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void init() { m_log.emplace(); }
+    void cleanup();
+
+    void modelKnowsWhatIsLost();
+    void nothingIsLost_data();
+    void nothingIsLost();
+    void withoutSyncingMuchIsLost();
+
+private:
+    void prepare(const QString &command);
+    DiskRecord record(const QString &command) const;
+    QStringList problemsAt(
+        const DiskRecord &record, int at, const QString &command, const std::vector<Loss> &losses);
+
+    std::optional<LogCapture> m_log;
+    std::optional<UpdateScenario> m_scenario;
+    int m_powerCuts = 0;
+};
+
+void tst_UpdatePowerLoss::initTestCase()
+{
+    const QString memory = "/dev/shm"_s;
+    if (QFileInfo(memory).isWritable())
+        qputenv("TMPDIR", memory.toLocal8Bit());
+    m_scenario.emplace();
+}
+
+void tst_UpdatePowerLoss::cleanupTestCase()
+{
+    qInfo("%d power cuts", m_powerCuts);
+    m_scenario.reset();
+}
+
+void tst_UpdatePowerLoss::cleanup()
+{
+    QCOMPARE(m_log->troubleLeft(), QStringList());
+    m_log.reset();
+}
+
+/// Lays the build that @p command starts from.
+void tst_UpdatePowerLoss::prepare(const QString &command)
+{
+    m_scenario->lay();
+    if (command == "rollback"_s)
+        QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    if (command == "recover"_s) { // of an update that was killed at its first rename of a file
+        const Faults killed{m_scenario->build() + "/game.exe"_s, "rename", 1, "kill", false, true};
+        QVERIFY(runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+            {"1"_s, "update"_s, m_scenario->build(), m_scenario->patch()}, killed)
+                    .crashed);
+        QVERIFY(m_scenario->hasJournal());
+    }
+}
+
+DiskRecord tst_UpdatePowerLoss::record(const QString &command) const
+{
+    QStringList arguments{"1"_s, command, m_scenario->build()};
+    if (command.startsWith("update"_s))
+        arguments.append(m_scenario->patch());
+    return DiskRecord(m_scenario->build(), QStringLiteral(UPDATECALL_PROGRAM), arguments);
+}
+
+QStringList tst_UpdatePowerLoss::problemsAt(
+    const DiskRecord &record, int at, const QString &command, const std::vector<Loss> &losses)
+{
+    QStringList problems;
+    for (const Loss &loss : losses) {
+        record.lay(at, loss.chance);
+        m_scenario->noteTraces();
+        ++m_powerCuts;
+        const QString where
+            = "%1 (%2), %3: "_s.arg(record.name(at)).arg(at).arg(QLatin1String(loss.name));
+        for (const QString &problem :
+            {m_scenario->brokenPromise(), problemOfRestart(*m_scenario, command, at % 2 == 0)}) {
+            if (!problem.isEmpty())
+                problems.append(where + problem);
+        }
+    }
+    return problems;
+}
+
+/// The model itself: of a run that has ended all is there, and of one that was never synced
+/// nothing is for certain.
+void tst_UpdatePowerLoss::modelKnowsWhatIsLost()
+{
+    prepare("update"_s);
+    const DiskRecord update = record("update"_s);
+    QCOMPARE(update.status(), FirstResult + static_cast<int>(Result::Updated));
+    const auto all = losses(0, 0);
+    update.lay(0, all[1].chance);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    update.lay(update.size(), all[1].chance);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+    update.lay(update.size(), all[0].chance);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+    update.lay(update.size() - 1, all[0].chance); // before the last sync
+    QVERIFY(m_scenario->hasJournal());
+}
+
+void tst_UpdatePowerLoss::nothingIsLost_data()
+{
+    QTest::addColumn<QString>("command");
+    for (const char *command : {"update", "update-keeping", "rollback", "recover"})
+        QTest::newRow(command) << QString::fromLatin1(command);
+}
+
+void tst_UpdatePowerLoss::nothingIsLost()
+{
+    QFETCH(QString, command);
+    const bool all = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
+    prepare(command);
+    const DiskRecord record = this->record(command);
+    QCOMPARE(record.status(), FirstResult + static_cast<int>(Result::Updated));
+    QVERIFY2(record.size() > 15, "too few points");
+    const QString restarted = command == "recover"_s ? "update"_s : command;
+    QStringList problems;
+    for (int at = 0; at <= record.size(); at += all ? 1 : 7)
+        problems += problemsAt(
+            record, at, restarted, losses(all ? 16 : 2, static_cast<unsigned>(at) * 16));
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
+}
+
+/// Otherwise the tests above would be of little worth.
+void tst_UpdatePowerLoss::withoutSyncingMuchIsLost()
+{
+    prepare("update"_s);
+    const DiskRecord whole = record("update"_s);
+    const DiskRecord unsynced = whole.withoutSyncs();
+    QStringList problems;
+    for (int at = 0; at <= unsynced.size(); ++at)
+        problems += problemsAt(unsynced, at, "update"_s, {losses(0, 0)[2]});
+    QVERIFY(!problems.isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_UpdatePowerLoss)
+
+#include "tst_updatepowerloss.moc"

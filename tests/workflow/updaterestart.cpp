@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#include "updaterestart.h"
+
+using Result = Pellox::UpdateController::UpdateResult;
+
+namespace {
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
+/// What is wrong with the build after a run has ended well. @p isBack: as the old one.
+QString problemOfEnd(const UpdateScenario &scenario, const QString &command,
+    const UpdateOutcome &outcome, bool isBack, bool foldersMayStay)
+{
+    if (!isGood(outcome.result) || !outcome.errors.isEmpty())
+        return "ends with %1: %2"_s.arg(static_cast<int>(outcome.result))
+            .arg(outcome.errors.join("; "_s));
+    if (command == "update-keeping"_s && !isBack && !scenario.discardPrevious())
+        return "cannot discard what was kept"_s;
+    scenario.removeEmptyWorkFolder();
+    if (foldersMayStay)
+        scenario.removeEmptyFolders();
+    const QString difference = isBack ? scenario.differenceToOld() : scenario.differenceToNew();
+    return difference.isEmpty() ? scenario.touchedFile() : difference;
+}
+
+} // namespace
+
+bool isGood(Result result)
+{
+    return result == Result::Updated || result == Result::AlreadyUpToDate;
+}
+
+QString problemOfRestart(
+    const UpdateScenario &scenario, const QString &command, bool byRecovery, bool foldersMayStay)
+{
+    const auto problemOfEnd = [&](const UpdateOutcome &outcome, bool isBack) {
+        return ::problemOfEnd(scenario, command, outcome, isBack, foldersMayStay);
+    };
+    const bool isBack = command == "rollback"_s;
+    if (byRecovery && scenario.hasJournal()) {
+        const UpdateOutcome outcome = scenario.recover();
+        if (outcome.result != Result::Updated)
+            return "recovery ends with %1: %2"_s.arg(static_cast<int>(outcome.result))
+                .arg(outcome.errors.join("; "_s));
+        if (command == "update-keeping"_s) {
+            const UpdateOutcome back = scenario.rollback();
+            return problemOfEnd(back, true);
+        }
+        return problemOfEnd(outcome, isBack);
+    }
+    if (!isBack)
+        return problemOfEnd(scenario.update(command == "update-keeping"_s), false);
+    if (scenario.hasJournal() && !isGood(scenario.recover().result))
+        return "recovery does not end well"_s;
+    if (!scenario.isOld())
+        return problemOfEnd(scenario.rollback(), true);
+    // What was kept is of no use any more, but may still be there.
+    scenario.discardPrevious();
+    UpdateOutcome back;
+    back.result = Result::Updated;
+    return problemOfEnd(back, true);
+}

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "updatescenario.h"
+
+bool isGood(Pellox::UpdateController::UpdateResult result);
+
+/**
+ * Finishes in this process what a crash has left of @p command: "update", "update-keeping" or
+ * "rollback"; by another call of the same or, where the commit had begun, by recovery alone. What
+ * is wrong then; empty when nothing is. @p foldersMayStay: empty ones, as one could not be removed.
+ */
+QString problemOfRestart(const UpdateScenario &scenario, const QString &command, bool byRecovery,
+    bool foldersMayStay = false);
