@@ -96,21 +96,24 @@ bool SetAside::take(const QString &path)
         || failBySystem(from, "cannot be set aside: ");
 }
 
+/// An earlier try may have been cut off anywhere, and of its last two renames either may be lost.
 bool SetAside::complete()
 {
     const QString record = absolute(WorkFolder::KeepingRecord);
     const QString folder = absolute(WorkFolder::Keeping);
-    if (!statusOf(record))
-        return true; // an earlier try has done it
+    const QString previousRecord = absolute(WorkFolder::PreviousRecord);
+    const QString previous = absolute(WorkFolder::Previous);
+    const bool hasRecord = statusOf(record).has_value();
+    if (hasRecord && !removeFile(previousRecord))
+        return failBySystem(previousRecord, "cannot be removed: ");
     if (statusOf(folder)) {
-        const QString previous = absolute(WorkFolder::Previous);
-        if (!discard())
+        if (!removeFolder(previous))
             return false;
         if (!renameFile(folder, previous))
             return failBySystem(previous, "cannot be made: ");
     }
-    const QString previousRecord = absolute(WorkFolder::PreviousRecord);
-    return renameFile(record, previousRecord) || failBySystem(previousRecord, "cannot be made: ");
+    return !hasRecord || renameFile(record, previousRecord)
+        || failBySystem(previousRecord, "cannot be made: ");
 }
 
 bool SetAside::isEmpty() const
@@ -142,12 +145,14 @@ bool SetAside::abandon()
 /// The record first: what has one is whole.
 bool SetAside::remove(const QString &record, const QString &folder)
 {
-    const QString recordPath = absolute(record);
-    QDir files(absolute(folder));
-    if (!removeFile(recordPath))
-        return failBySystem(recordPath, "cannot be removed: ");
-    return !statusOf(files.path()) || files.removeRecursively()
-        || fail(files.path(), QStringLiteral("cannot be removed"));
+    return (removeFile(absolute(record)) || failBySystem(absolute(record), "cannot be removed: "))
+        && removeFolder(absolute(folder));
+}
+
+bool SetAside::removeFolder(const QString &path)
+{
+    return !statusOf(path) || QDir(path).removeRecursively()
+        || fail(path, QStringLiteral("cannot be removed"));
 }
 
 bool SetAside::fail(const QString &path, const QString &reason)

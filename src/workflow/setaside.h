@@ -43,6 +43,7 @@ private:
     bool copy(const QString &from, const QString &to);
     bool writeRecord(const Journal &wayBack);
     bool remove(const QString &record, const QString &folder);
+    bool removeFolder(const QString &path);
     bool fail(const QString &path, const QString &reason);
     bool failBySystem(const QString &path, const char *what);
 
