@@ -52,6 +52,8 @@ bool computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockReco
     const Job job(rs_sig_begin(
         SignatureFormat::BlockLength, SignatureFormat::StrongSumLength, RS_BLAKE2_SIG_MAGIC));
 
+    if (!job)
+        return false;
     rs_buffers_t buffers{};
     std::array<uchar, SignatureFormat::HeaderLength> header{};
     provide(buffers, header);

@@ -35,7 +35,8 @@ bool isFile(const fs::directory_entry &entry)
 
 } // namespace
 
-std::optional<std::vector<BuildFile>> walkBuild(const QString &build, QString *error)
+std::optional<std::vector<BuildFile>> walkBuild(
+    const QString &build, QString *error, const GoOn &goOn)
 {
     std::vector<BuildFile> files;
     const auto fail = [&](const fs::path &path, const QString &reason) {
@@ -54,6 +55,10 @@ std::optional<std::vector<BuildFile>> walkBuild(const QString &build, QString *e
     for (; !code && walk != fs::end(walk); walk.increment(code)) {
         const fs::directory_entry &entry = *walk;
         last = entry.path();
+        if (!mayGoOn(goOn)) {
+            error->clear();
+            return std::nullopt;
+        }
         if (isHidden(last)) {
             walk.disable_recursion_pending();
             continue;

@@ -20,7 +20,30 @@ QString canonical(const QString &path)
         : QDir(canonical(parent)).filePath(info.fileName()); // "/" needs no second separator
 }
 
+/// The length of @p path up to its last part ".." and with that; 0 when there is none.
+int lengthToLastClimb(const QString &path)
+{
+    const QString climb = QStringLiteral("/..");
+    const QString withEnd = path + QLatin1Char('/');
+    const int at = withEnd.lastIndexOf(climb + QLatin1Char('/'));
+    return at < 0 ? 0 : at + climb.size();
+}
+
 } // namespace
+
+QString absoluteFolder(const QString &path)
+{
+    const QLatin1Char separator('/');
+    if (path.isEmpty())
+        return path;
+    const QString absolute
+        = path.startsWith(separator) ? path : QDir::currentPath() + separator + path;
+    const int climbs = lengthToLastClimb(absolute);
+    // Nothing where a part is missing, and so no link.
+    const QString resolved = QFileInfo(absolute.left(climbs)).canonicalFilePath();
+    return QDir::cleanPath(
+        climbs == 0 || resolved.isEmpty() ? absolute : resolved + absolute.mid(climbs));
+}
 
 bool overlap(const QString &folder, const QString &other)
 {

@@ -77,7 +77,7 @@ bool Commit::carryOut()
             return false;
     }
     removeEmptiedFolders();
-    return place(m_journal.last) && sync() && settlePrevious() && clearUp();
+    return place(m_journal.last) && sync() && settleRecords() && clearUp();
 }
 
 bool Commit::place(const std::vector<Journal::Placement> &placements)
@@ -129,13 +129,29 @@ void Commit::removeEmptiedFolders()
     }
 }
 
-/// What an earlier update has kept does not fit this build any more.
-bool Commit::settlePrevious()
+/// What the build's own folder says of it: what can be brought back, and which release it is.
+bool Commit::settleRecords()
 {
-    if (!m_journal.keepsPrevious && m_setAside.isEmpty())
-        return true;
-    const bool settled = m_journal.keepsPrevious ? m_setAside.complete() : m_setAside.discard();
-    return (settled || failAs(m_setAside)) && sync();
+    const bool forgets = !m_journal.keepsPrevious && !m_setAside.isEmpty();
+    const bool changesRelease = m_journal.changesRelease
+        && (m_journal.release || statusOf(absolute(WorkFolder::Release)));
+    if (m_journal.keepsPrevious && !m_setAside.complete())
+        return failAs(m_setAside);
+    if (forgets && !m_setAside.discard()) // it does not fit this build any more
+        return failAs(m_setAside);
+    if (changesRelease && !settleRelease())
+        return false;
+    return !(m_journal.keepsPrevious || forgets || changesRelease) || sync();
+}
+
+bool Commit::settleRelease()
+{
+    FileError error;
+    const bool settled = m_journal.release ? m_journal.release->write(m_folder.build(), &error)
+                                           : InstalledRelease::remove(m_folder.build(), &error);
+    if (!settled)
+        m_error = error;
+    return settled;
 }
 
 bool Commit::clearUp()

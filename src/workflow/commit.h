@@ -49,7 +49,8 @@ private:
     bool placeOne(const Journal::Placement &placement);
     bool deleteOne(const QString &path);
     void removeEmptiedFolders();
-    bool settlePrevious();
+    bool settleRecords();
+    bool settleRelease();
     bool clearUp();
     bool sync();
     bool fail(const QString &path, const QString &reason);

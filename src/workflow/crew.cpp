@@ -3,17 +3,12 @@
 
 #include <chrono>
 #include <exception>
-#include <thread>
-#include <vector>
 
 namespace Pellox {
 
 namespace {
 
-QString outOfMemory()
-{
-    return QStringLiteral("out of memory");
-}
+constexpr char OutOfMemory[] = "out of memory";
 
 } // namespace
 
@@ -33,8 +28,35 @@ bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
     m_nextSmall = largeCount;
     m_count = count;
 
+    std::vector<std::thread> threads = startThreads();
+    std::exception_ptr thrown;
+    constexpr std::chrono::milliseconds ReportEvery(50);
+    while (m_threads > 0) {
+        m_ended.wait_for(lock, ReportEvery);
+        lock.unlock();
+        try {
+            if (!thrown)
+                report();
+        } catch (...) {
+            thrown = std::current_exception();
+            stop();
+        }
+        lock.lock();
+    }
+    lock.unlock();
+    for (std::thread &thread : threads)
+        thread.join();
+    if (thrown)
+        std::rethrow_exception(thrown);
+    return !isStopped();
+}
+
+/// Called with the lock held, so that none begins before all are there.
+std::vector<std::thread> Crew::startThreads()
+{
     std::vector<std::thread> threads;
     try {
+        threads.reserve(static_cast<std::size_t>(m_threadCount));
         for (int i = 0; i < m_threadCount; ++i) {
             threads.emplace_back([this] { work(); });
             ++m_threads;
@@ -43,21 +65,12 @@ bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
         // The system gives no more: those that are there do it all.
         if (threads.empty()) {
             m_error = QStringLiteral("the system gives no thread");
+            m_failedItself = true;
             m_failed = true;
         }
     }
-
-    constexpr std::chrono::milliseconds ReportEvery(50);
-    while (m_threads > 0) {
-        m_ended.wait_for(lock, ReportEvery);
-        lock.unlock();
-        report();
-        lock.lock();
-    }
-    lock.unlock();
-    for (std::thread &thread : threads)
-        thread.join();
-    return !isStopped();
+    m_threadCount = m_threads;
+    return threads;
 }
 
 /// What each thread does.
@@ -84,7 +97,7 @@ void Crew::carryOut(std::size_t task)
     try {
         (*m_task)(task);
     } catch (const std::exception &) {
-        fail(outOfMemory());
+        failItself(OutOfMemory);
     }
     if (task < m_largeCount) {
         const std::lock_guard lock(m_mutex);
@@ -124,7 +137,7 @@ bool Crew::takeStep(Entry &entry, std::unique_lock<std::mutex> &lock)
     } catch (const std::exception &) {
         if (lock.owns_lock())
             lock.unlock();
-        fail(outOfMemory());
+        failItself(OutOfMemory);
         lock.lock();
     }
     --entry.inStep;
@@ -166,6 +179,25 @@ bool Crew::doAlone(SharedWork &work)
             break;
     }
     return work.isDone();
+}
+
+/// For what no task can be blamed for.
+void Crew::failItself(const char *error)
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_failed) {
+        m_error = QLatin1String(error);
+        m_failedItself = true;
+    }
+    m_failed = true;
+    m_changed.notify_all();
+}
+
+void Crew::stop()
+{
+    const std::lock_guard lock(m_mutex);
+    m_failed = true;
+    m_changed.notify_all();
 }
 
 void Crew::fail(const QString &error)

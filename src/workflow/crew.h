@@ -9,6 +9,8 @@
 #include <list>
 #include <mutex>
 #include <optional>
+#include <thread>
+#include <vector>
 
 namespace Pellox {
 
@@ -44,7 +46,8 @@ public:
      * Calls @p task on the crew's threads for each number from 0 up to @p count. The first
      * @p largeCount of them come first and may share work; any other one may be taken up while a
      * large one waits. Meanwhile calls @p report on the calling thread now and then. True when
-     * all has been done, once the threads have ended.
+     * all has been done, once the threads have ended. What @p report throws stops the crew and is
+     * thrown on then.
      */
     bool run(std::size_t count, std::size_t largeCount, const Task &task,
         const std::function<void()> &report);
@@ -60,7 +63,10 @@ public:
     bool isStopped() const { return m_failed || m_cancelled; }
     /// Why the run failed; empty when it did not.
     QString error() const { return m_error; }
+    /// Whether that is no task's own error and names no file: no thread, say, or no memory.
+    bool hasFailedItself() const { return m_failedItself; }
 
+    /// How many there are, which may be less than were wanted.
     int threadCount() const { return m_threadCount; }
     /// How many works are being shared.
     int sharedWorks() const { return m_sharedWorks; }
@@ -72,16 +78,20 @@ private:
         int inStep = 0; ///< threads that are in one of its steps
     };
 
+    std::vector<std::thread> startThreads();
     void work();
     void carryOut(std::size_t task);
     std::optional<std::size_t> nextTask();
     std::optional<std::size_t> nextSmallTask();
     bool help(std::unique_lock<std::mutex> &lock);
     bool takeStep(Entry &entry, std::unique_lock<std::mutex> &lock);
+    void failItself(const char *error);
+    void stop();
 
-    const int m_threadCount;
+    std::atomic<int> m_threadCount;
     const std::atomic<bool> &m_cancelled;
     std::atomic<bool> m_failed{false};
+    bool m_failedItself = false;
     QString m_error;
 
     std::mutex m_mutex; ///< guards all below

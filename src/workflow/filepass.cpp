@@ -44,95 +44,75 @@ FilePass::FilePass(Crew &crew, Content &input, const Targets &targets, std::atom
     if (targets.signature)
         targets.signature->write(signatureHeader().data(), signatureHeader().size());
     if (targets.delta)
-        m_deltaWriter.emplace(*targets.delta, !targets.oldBlocks->isEmpty());
+        m_deltaMaker.emplace(*targets.delta, *targets.oldBlocks);
 }
 
 FilePass::~FilePass() = default;
 
-Sha512 FilePass::sha512()
-{
-    return Sha512::fromDigest(m_digest->finish());
-}
-
 bool FilePass::step(std::unique_lock<std::mutex> &lock)
 {
-    const auto chunkWithout = [this](bool Chunk::*mark) -> Chunk & {
-        return **std::find_if(m_chunks.begin(), m_chunks.end(),
-            [mark](const auto &chunk) { return !((*chunk).*mark); });
-    };
-    switch (nextStep()) {
+    const Next next = this->next();
+    Chunk *chunk = next.chunk;
+    switch (next.step) {
     case Step::None:
         return false;
-    case Step::Digest: {
-        Chunk &chunk = chunkWithout(&Chunk::isDigested);
-        m_digesting = true;
-        lock.unlock();
-        m_digest->add(reinterpret_cast<const char *>(chunk.bytes.data()), chunk.size);
-        lock.lock();
-        m_digesting = false;
-        chunk.isDigested = true;
+    case Step::Digest:
+        workUnlocked(lock, m_digesting, [&] { digest(*chunk); });
+        chunk->isDigested = true;
         break;
-    }
-    case Step::Write: {
-        Chunk &chunk = chunkWithout(&Chunk::isWritten);
-        m_writing = true;
-        lock.unlock();
-        write(chunk);
-        lock.lock();
-        m_writing = false;
-        chunk.isWritten = true;
+    case Step::Write:
+        workUnlocked(lock, m_writing, [&] { write(*chunk); });
+        chunk->isWritten = true;
         break;
-    }
-    case Step::Compute: {
-        Chunk &chunk = *firstToCompute();
-        chunk.isBeingComputed = true;
-        lock.unlock();
-        compute(chunk);
-        lock.lock();
-        chunk.isComputed = true;
+    case Step::Compute:
+        workUnlocked(lock, chunk->isBeingComputed, [&] { compute(*chunk); });
+        chunk->isComputed = true;
         break;
-    }
-    case Step::Read: {
-        Chunk *previous = m_chunks.empty() ? nullptr : m_chunks.back().get();
-        Chunk &chunk = addChunk();
-        m_reading = true;
-        lock.unlock();
-        read(chunk, previous);
-        lock.lock();
-        m_reading = false;
-        chunk.isRead = true;
+    case Step::Read:
+        readNext(lock);
         break;
-    }
     }
     releaseDone();
     return true;
 }
 
+template <typename Work>
+void FilePass::workUnlocked(std::unique_lock<std::mutex> &lock, bool &isBusy, const Work &work)
+{
+    isBusy = true;
+    lock.unlock();
+    work();
+    lock.lock();
+    isBusy = false;
+}
+
 /// What can be done now. First what must go in order, as all the rest waits for it in the end.
-FilePass::Step FilePass::nextStep() const
+FilePass::Next FilePass::next() const
 {
     if (m_failed)
-        return Step::None;
-    const auto firstWithout = [this](bool Chunk::*mark) -> const Chunk * {
-        const auto found = std::find_if(m_chunks.begin(), m_chunks.end(),
-            [mark](const auto &chunk) { return !((*chunk).*mark); });
-        return found == m_chunks.end() ? nullptr : found->get();
-    };
+        return {};
     if (!m_digesting) {
-        const Chunk *chunk = firstWithout(&Chunk::isDigested);
+        Chunk *chunk = firstWithout(&Chunk::isDigested);
         if (chunk && chunk->isRead)
-            return Step::Digest;
+            return {Step::Digest, chunk};
     }
     if (!m_writing) {
-        const Chunk *chunk = firstWithout(&Chunk::isWritten);
+        Chunk *chunk = firstWithout(&Chunk::isWritten);
         if (chunk && chunk->isRead && chunk->isComputed)
-            return Step::Write;
+            return {Step::Write, chunk};
     }
-    if (firstToCompute())
-        return Step::Compute;
+    if (Chunk *chunk = firstToCompute())
+        return {Step::Compute, chunk};
     if (!m_reading && m_chunksRead < m_chunkCount && m_chunks.size() < window())
-        return Step::Read;
-    return Step::None;
+        return {Step::Read, nullptr};
+    return {};
+}
+
+FilePass::Chunk *FilePass::firstWithout(bool Chunk::*mark) const
+{
+    const auto found = std::find_if(
+        m_chunks.begin(), m_chunks.end(), [mark](const auto &chunk) { return !((*chunk).*mark); });
+    return found == m_chunks.end() ? nullptr : found->get();
 }
 
 /// The first chunk whose sums and matches nobody has begun with and whose data is all there.
@@ -152,10 +132,10 @@ FilePass::Chunk *FilePass::firstToCompute() const
 /// How many chunks may be in memory: enough for all threads, but no more for many files at once.
 std::size_t FilePass::window() const
 {
-    constexpr int ChunksPerThread = 6;
-    constexpr int Least = 3;
-    return static_cast<std::size_t>(std::max(
-        Least, ChunksPerThread * m_crew.threadCount() / std::max(1, m_crew.sharedWorks())));
+    constexpr qint64 ChunksPerThread = 6;
+    constexpr qint64 Least = 3;
+    const qint64 all = ChunksPerThread * m_crew.threadCount();
+    return static_cast<std::size_t>(std::max(Least, all / std::max(1, m_crew.sharedWorks())));
 }
 
 FilePass::Chunk &FilePass::addChunk()
@@ -173,6 +153,14 @@ FilePass::Chunk &FilePass::addChunk()
     m_chunks.push_back(std::move(chunk));
     ++m_chunksRead;
     return *m_chunks.back();
+}
+
+void FilePass::readNext(std::unique_lock<std::mutex> &lock)
+{
+    Chunk *previous = m_chunks.empty() ? nullptr : m_chunks.back().get();
+    Chunk &chunk = addChunk();
+    workUnlocked(lock, m_reading, [&] { read(chunk, previous); });
+    chunk.isRead = true;
 }
 
 void FilePass::read(Chunk &chunk, Chunk *previous)
@@ -193,18 +181,26 @@ void FilePass::read(Chunk &chunk, Chunk *previous)
     }
 }
 
+/// The file's digest is ready once that of the last chunk is.
+void FilePass::digest(const Chunk &chunk)
+{
+    m_digest->add(reinterpret_cast<const char *>(chunk.bytes.data()), chunk.size);
+    if (chunk.end() < m_input.size())
+        return;
+    const QByteArray digest = m_digest->finish();
+    if (digest.isEmpty())
+        fail({m_input.path(), QStringLiteral("cannot be hashed")});
+    else
+        m_sha512 = Sha512::fromDigest(digest);
+}
+
 void FilePass::compute(Chunk &chunk)
 {
-    const auto failSums = [&] { fail({m_input.path(), QStringLiteral("cannot be signed")}); };
-    if (m_targets.signature
-        && !computeBlockSums(chunk.bytes.data(), static_cast<std::size_t>(chunk.size), &chunk.sums))
+    const auto size = static_cast<std::size_t>(chunk.size);
+    if (m_targets.signature && !computeBlockSums(chunk.bytes.data(), size, &chunk.sums))
         return failSums();
-    if (m_targets.delta && !m_targets.oldBlocks->isEmpty()) {
-        const Stretch stretch = stretchOf(chunk);
-        BlockMatcher matcher(*m_targets.oldBlocks, stretch, chunk.sums);
-        if (!matcher.find(chunk.begin, chunk.end(), &chunk.matches))
-            return failSums();
-    }
+    if (m_targets.delta && !m_deltaMaker->find(stretchOf(chunk), chunk.sums, &chunk.matches))
+        failSums();
 }
 
 Stretch FilePass::stretchOf(const Chunk &chunk) const
@@ -213,7 +209,7 @@ Stretch FilePass::stretchOf(const Chunk &chunk) const
     return {chunk.bytes.data(), chunk.begin, chunk.end(), available, available == m_input.size()};
 }
 
-void FilePass::write(Chunk &chunk)
+void FilePass::write(const Chunk &chunk)
 {
     const auto check = [this](const OutputFile *file) {
         if (file && !file->error().isEmpty())
@@ -225,67 +221,11 @@ void FilePass::write(Chunk &chunk)
     }
     if (m_targets.copy)
         m_targets.copy->write(chunk.bytes.data(), static_cast<std::size_t>(chunk.size));
-    if (m_targets.delta)
-        writeDelta(chunk);
+    if (m_targets.delta && !m_deltaMaker->write(stretchOf(chunk), chunk.sums, chunk.matches))
+        failSums();
     check(m_targets.signature);
     check(m_targets.copy);
     check(m_targets.delta);
-}
-
-void FilePass::writeDelta(Chunk &chunk)
-{
-    if (!joinMatches(chunk)) {
-        fail({m_input.path(), QStringLiteral("cannot be signed")});
-        return;
-    }
-    const auto literalUpTo = [&](qint64 end) {
-        if (end > m_deltaEnd)
-            m_deltaWriter->literal(
-                chunk.bytes.data() + (m_deltaEnd - chunk.begin), end - m_deltaEnd);
-    };
-    for (const Match &match : chunk.matches) {
-        literalUpTo(match.position);
-        m_deltaWriter->copy(match.block * BlockLength, match.length);
-        m_deltaEnd = match.end();
-    }
-    if (m_deltaEnd < chunk.end()) {
-        literalUpTo(chunk.end());
-        m_deltaEnd = chunk.end();
-    }
-    if (chunk.end() == m_input.size())
-        m_deltaWriter->finish();
-}
-
-/**
- * Makes the matches of @p chunk those that a search from the file's beginning would find. The
- * chunk was searched from its first byte, but where the last match of the chunk before reaches
- * into it, that search would have gone on behind that match. From a position that lies in no
- * match of either search, both find the same.
- */
-bool FilePass::joinMatches(Chunk &chunk)
-{
-    std::vector<Match> joined;
-    qint64 position = std::max(chunk.begin, m_deltaEnd);
-    auto match = chunk.matches.cbegin();
-    const auto last = chunk.matches.cend();
-    const Stretch stretch = stretchOf(chunk);
-    BlockMatcher matcher(*m_targets.oldBlocks, stretch, chunk.sums);
-    while (position < chunk.end()) {
-        while (match != last && match->end() <= position)
-            ++match;
-        if (match == last || match->position >= position) {
-            joined.insert(joined.end(), match, last);
-            break;
-        }
-        // Inside a match that the search from here has not made.
-        const std::size_t before = joined.size();
-        const qint64 to = std::min(match->end(), chunk.end());
-        if (!matcher.find(position, to, &joined, 1))
-            return false;
-        position = joined.size() > before ? joined.back().end() : to;
-    }
-    chunk.matches = std::move(joined);
-    return true;
 }
 
 /// Ends the pass; the first error is kept.
@@ -295,6 +235,11 @@ void FilePass::fail(const FileError &error)
     if (!m_failed)
         m_error = error;
     m_failed = true;
+}
+
+void FilePass::failSums()
+{
+    fail({m_input.path(), QStringLiteral("cannot be signed")});
 }
 
 /// Lets go of the chunks at the front that nobody needs any more.

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "blockmatcher.h"
 #include "crew.h"
-#include "deltawriter.h"
+#include "deltamaker.h"
 #include "digest.h"
 #include "diskfile.h"
 #include "sha512.h"
@@ -49,8 +48,8 @@ public:
     /// Once done: why it was not done to the end; empty when it was.
     const FileError &error() const { return m_error; }
 
-    /// Once done without an error.
-    Sha512 sha512();
+    /// Once done without an error, where the digest was wanted.
+    const Sha512 &sha512() const { return m_sha512; }
 
     /// Once done, of a file of one chunk: takes the content, for another pass.
     Bytes takeContent() { return std::move(m_spare.back()); }
@@ -64,22 +63,31 @@ public:
 private:
     enum class Step { None, Read, Digest, Compute, Write };
     struct Chunk;
+    struct Next
+    {
+        Step step = Step::None;
+        Chunk *chunk = nullptr; ///< none yet where one is to be read
+    };
 
-    Step nextStep() const;
+    Next next() const;
     bool wantsSums() const { return m_targets.signature || m_targets.delta; }
     bool wantsOutput() const { return wantsSums() || m_targets.copy; }
+    Chunk *firstWithout(bool Chunk::*mark) const;
     Chunk *firstToCompute() const;
     std::size_t window() const;
+    template <typename Work>
+    void workUnlocked(std::unique_lock<std::mutex> &lock, bool &isBusy, const Work &work);
 
     Chunk &addChunk();
+    void readNext(std::unique_lock<std::mutex> &lock);
     void read(Chunk &chunk, Chunk *previous);
+    void digest(const Chunk &chunk);
     void compute(Chunk &chunk);
-    void write(Chunk &chunk);
+    void write(const Chunk &chunk);
     Stretch stretchOf(const Chunk &chunk) const;
-    void writeDelta(Chunk &chunk);
-    bool joinMatches(Chunk &chunk);
     void releaseDone();
     void fail(const FileError &error);
+    void failSums();
 
     Crew &m_crew;
     Content &m_input;
@@ -101,8 +109,8 @@ private:
     std::atomic<bool> m_failed{false};
 
     std::optional<Digest> m_digest;
-    std::optional<DeltaWriter> m_deltaWriter;
-    qint64 m_deltaEnd = 0; ///< of the new file, what the delta's commands yield
+    Sha512 m_sha512;
+    std::optional<DeltaMaker> m_deltaMaker;
 };
 
 } // namespace Pellox

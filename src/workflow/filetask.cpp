@@ -161,10 +161,10 @@ void FileTask::takeOverSignature()
     OutputFile output;
     if (!open(output, m_folders.newSignatures))
         return;
-    if (!old.copyTo(output))
-        fail(old.error());
-    else
+    if (old.copyTo(output, goOn()))
         close(output);
+    else if (!old.error().isEmpty())
+        fail(old.error());
 }
 
 /// The files that describe a change, and what they are made from.
@@ -207,12 +207,19 @@ bool FileTask::openDelta(Outputs &outputs, FilePass::Targets &targets)
     SignatureFile signature;
     std::vector<BlockRecord> records;
     if (!signature.open(m_folders.oldSignatures + m_file.relativePath)
-        || !signature.readAll(&records))
-        return fail(signature.error());
-    outputs.oldBlocks.emplace(std::move(records));
+        || !signature.readAll(&records, goOn()))
+        return !signature.error().isEmpty() && fail(signature.error());
+    outputs.oldBlocks.emplace(std::move(records), goOn());
+    if (m_crew.isStopped())
+        return false;
     targets.oldBlocks = &*outputs.oldBlocks;
     targets.delta = &outputs.delta;
     return open(outputs.delta, m_folders.patch);
+}
+
+GoOn FileTask::goOn() const
+{
+    return [this] { return !m_crew.isStopped(); };
 }
 
 bool FileTask::open(OutputFile &output, const QString &folder)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "filepass.h"
+#include "goon.h"
 
 #include <QString>
 
@@ -61,6 +62,7 @@ private:
 
     struct Outputs;
     bool openDelta(Outputs &outputs, FilePass::Targets &targets);
+    GoOn goOn() const;
     bool open(OutputFile &output, const QString &folder);
     bool close(OutputFile &output);
     bool pass(FilePass &pass);

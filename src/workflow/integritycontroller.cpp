@@ -40,6 +40,7 @@ public:
                 IntegrityRun run(settings, reports(), isCancelled); // may hold the build's lock
                 success = (run.*job)();
                 report = run.report();
+                result = run.result();
             }
             isRunning = false;
             Q_EMIT q.finished(success);
@@ -50,7 +51,11 @@ public:
     IntegrityRun::Reports reports()
     {
         return {[this](qint64 done, qint64 total) { Q_EMIT q.progress(done, total); },
-            [this](const QString &message) { Q_EMIT q.integrityError(message); }};
+            [this](UpdateController::UpdatePhase phase) { Q_EMIT q.phaseChanged(phase); },
+            [this](const UpdateProblem &problem) {
+                Q_EMIT q.problemFound(problem);
+                Q_EMIT q.integrityError(problem.message());
+            }};
     }
 
     IntegrityController &q;
@@ -58,6 +63,7 @@ public:
     std::atomic<bool> isCancelled{false};
     std::atomic<bool> isRunning{false};
     IntegrityReport report;
+    UpdateController::UpdateResult result = UpdateController::UpdateResult::Failed;
     QFuture<void> future;
 };
 
@@ -65,6 +71,8 @@ IntegrityController::IntegrityController(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<Private>(*this))
 {
+    qRegisterMetaType<Pellox::UpdateController::UpdatePhase>();
+    qRegisterMetaType<Pellox::UpdateProblem>();
 }
 
 IntegrityController::~IntegrityController()
@@ -105,6 +113,11 @@ bool IntegrityController::isRunning() const
 IntegrityReport IntegrityController::report() const
 {
     return d->report;
+}
+
+UpdateController::UpdateResult IntegrityController::repairResult() const
+{
+    return d->result;
 }
 
 } // namespace Pellox

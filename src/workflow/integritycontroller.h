@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pellox_export.h"
+#include "updatecontroller.h"
 
 #include <QObject>
 #include <QStringList>
@@ -65,12 +66,19 @@ public:
 
     /// What the last run found, before it repaired anything. Valid after finished().
     IntegrityReport report() const;
+    /// How the last repair() ended: AlreadyUpToDate when there was nothing to repair. Valid after
+    /// finished().
+    UpdateController::UpdateResult repairResult() const;
 
 Q_SIGNALS:
     /// Bytes read, or written by a repair, of all; never falls within either.
     void progress(qlonglong done, qlonglong total);
     /// Why a run failed; begins with the path of the file in question.
     void integrityError(const QString &message);
+    /// The same for programs; comes just before.
+    void problemFound(const Pellox::UpdateProblem &problem);
+    /// What a run does from now on. A check is nothing but Checking.
+    void phaseChanged(Pellox::UpdateController::UpdatePhase phase);
     /**
      * The end of a run. Of check(): true when it was carried out, whatever the report says; of
      * repair(): true when the build is intact now.

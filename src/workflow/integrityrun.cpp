@@ -3,7 +3,7 @@
 
 #include "buildwalk.h"
 #include "filepass.h"
-#include "transaction.h"
+#include "rules.h"
 #include "updatecheck.h"
 
 #include <QDir>
@@ -23,14 +23,24 @@ IntegrityRun::IntegrityRun(Settings settings, Reports reports, const std::atomic
 
 bool IntegrityRun::check()
 {
+    const bool done = carryOutCheck();
+    if (!done)
+        end(m_problems.isEmpty() ? Result::Cancelled : Result::Refused);
+    return done;
+}
+
+bool IntegrityRun::carryOutCheck()
+{
+    m_reports.phase(Phase::Checking);
     for (const QString &folder : {m_settings.build, m_settings.signatures}) {
         if (!QFileInfo(folder).isDir())
-            return fail(aboutFile(folder, QStringLiteral("there is no such folder")));
+            return fail(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
     }
     QString error;
     auto files = readSignedFiles(m_settings.signatures, &error);
     if (!files)
-        return fail(error);
+        return fail(
+            Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE, error);
     m_files = std::move(*files);
     return compare() && findExtra();
 }
@@ -42,7 +52,8 @@ bool IntegrityRun::compare()
     qint64 total = 0;
     for (std::size_t i = 0; i < m_files.size(); ++i) {
         order[i] = i;
-        sizes[i] = QFileInfo(installed(m_files[i])).size();
+        const QFileInfo info(installed(m_files[i]));
+        sizes[i] = info.isFile() ? info.size() : 0;
         total += sizes[i];
     }
     const auto smallOnes = std::stable_partition(
@@ -58,7 +69,7 @@ bool IntegrityRun::compare()
         [&](std::size_t i) { m_states[order[i]] = stateOf(crew, m_files[order[i]], done); },
         [&] { m_reports.progress(std::min<qint64>(done, total), total); });
     if (!compared)
-        return crew.error().isEmpty() ? false : fail(crew.error());
+        return fail(Code::ReadOrWrite, m_settings.build, crew.error());
 
     for (std::size_t i = 0; i < m_files.size(); ++i) {
         const QString &path = m_files[i].relativePath;
@@ -108,7 +119,7 @@ bool IntegrityRun::findExtra()
     QString error;
     const auto files = walkBuild(m_settings.build, &error);
     if (!files)
-        return fail(error);
+        return fail(Code::ReadOrWrite, m_settings.build, error);
     for (const BuildFile &file : *files) {
         if (!known.contains(file.relativePath))
             m_report.extra.append(file.relativePath);
@@ -120,19 +131,24 @@ bool IntegrityRun::repair()
 {
     Transaction transaction(
         {{m_settings.build, QString(), m_settings.source}, m_settings.threadCount, true, false},
-        {{m_reports.progress, [](const QString &) {}}, [] {}}, m_cancelled, m_problems);
-    const bool ready
-        = transaction.lock() && transaction.finishUnfinished() != Transaction::Outcome::Interrupted;
-    if (!ready)
-        return tellProblems();
+        {{m_reports.progress, [](const QString &) {}},
+            [this] { m_reports.phase(Phase::Committing); }},
+        m_cancelled, m_problems);
+    if (!transaction.lock())
+        return end(Result::Refused);
+    if (transaction.hasUnfinished())
+        m_reports.phase(Phase::Finishing);
+    if (transaction.finishUnfinished() == Transaction::Outcome::Interrupted)
+        return end(Result::Interrupted);
     if (!check())
         return false;
     if (m_report.isIntact())
-        return true;
+        return end(Result::AlreadyUpToDate);
     std::vector<UpdateWork> works = this->works();
-    const bool repaired
-        = m_problems.isEmpty() && transaction.carryOut(works) == Transaction::Outcome::Done;
-    return repaired || tellProblems();
+    if (!m_problems.isEmpty())
+        return end(Result::Refused);
+    m_reports.phase(Phase::Staging);
+    return end(transaction.carryOut(works, {}));
 }
 
 /// What brings back the files that are not intact.
@@ -172,16 +188,40 @@ void IntegrityRun::addRule(const SignedFile &file, std::vector<UpdateRule> *rule
     }
 }
 
-bool IntegrityRun::tellProblems()
+bool IntegrityRun::end(Transaction::Outcome outcome)
 {
-    for (const UpdateProblem &problem : m_problems.all())
-        m_reports.error(problem.message());
-    return false;
+    switch (outcome) {
+    case Transaction::Outcome::Done:
+    case Transaction::Outcome::NothingToDo:
+        return end(Result::Updated);
+    case Transaction::Outcome::Failed:
+        return end(Result::Failed);
+    case Transaction::Outcome::Interrupted:
+        return end(Result::Interrupted);
+    case Transaction::Outcome::Cancelled:
+        break;
+    }
+    return end(Result::Cancelled);
 }
 
-bool IntegrityRun::fail(const QString &error)
+/// Tells what went wrong.
+bool IntegrityRun::end(Result result)
 {
-    m_reports.error(error);
+    for (const UpdateProblem &problem : m_problems.all())
+        m_reports.problem(problem);
+    m_result = result;
+    return result == Result::Updated || result == Result::AlreadyUpToDate;
+}
+
+/// @p error may begin with a path, that of @p file or of something in it; empty when cancelled.
+bool IntegrityRun::fail(Code code, const QString &file, const QString &error)
+{
+    if (error.isEmpty())
+        return false;
+    const QLatin1String separator(": ");
+    const int pathEnd = error.startsWith(file) ? error.indexOf(separator, file.size()) : -1;
+    m_problems.add(code, pathEnd < 0 ? file : error.left(pathEnd),
+        pathEnd < 0 ? error : error.mid(pathEnd + separator.size()));
     return false;
 }
 

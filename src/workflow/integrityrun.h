@@ -3,6 +3,7 @@
 
 #include "integritycontroller.h"
 #include "manifestfile.h"
+#include "transaction.h"
 #include "updatework.h"
 
 #include <atomic>
@@ -26,7 +27,8 @@ public:
     struct Reports
     {
         std::function<void(qint64 done, qint64 total)> progress;
-        std::function<void(const QString &message)> error;
+        std::function<void(UpdateController::UpdatePhase phase)> phase;
+        std::function<void(const UpdateProblem &problem)> problem;
     };
 
     IntegrityRun(Settings settings, Reports reports, const std::atomic<bool> &cancelled);
@@ -35,18 +37,23 @@ public:
     bool repair();
 
     const IntegrityReport &report() const { return m_report; }
+    UpdateController::UpdateResult result() const { return m_result; }
 
 private:
     using Code = UpdateProblem::Code;
+    using Phase = UpdateController::UpdatePhase;
+    using Result = UpdateController::UpdateResult;
     enum class State { Intact, Changed, Missing, Unreadable };
 
+    bool carryOutCheck();
     bool compare();
     State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
     bool findExtra();
     std::vector<UpdateWork> works();
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
-    bool fail(const QString &error);
-    bool tellProblems();
+    bool fail(Code code, const QString &file, const QString &error);
+    bool end(Result result);
+    bool end(Transaction::Outcome outcome);
     QString installed(const SignedFile &file) const { return m_settings.build + file.relativePath; }
 
     const Settings m_settings;
@@ -56,6 +63,7 @@ private:
     std::vector<SignedFile> m_files;
     std::vector<State> m_states; ///< of the files
     IntegrityReport m_report;
+    Result m_result = Result::Failed; ///< of a repair
 };
 
 } // namespace Pellox

@@ -23,6 +23,8 @@ const QString FirstMember = QStringLiteral("first");
 const QString DeletionsMember = QStringLiteral("delete");
 const QString LastMember = QStringLiteral("last");
 const QString KeepsMember = QStringLiteral("keep_previous");
+const QString ChangesMember = QStringLiteral("changes_release");
+const QString ReleaseMember = QStringLiteral("release");
 const QString RollbackMember = QStringLiteral("rollback");
 
 QByteArray checksum(const QByteArray &line)
@@ -63,6 +65,8 @@ QByteArray Journal::toBytes() const
         {LastMember, toJson(last)},
         {KeepsMember, keepsPrevious},
         {RollbackMember, isRollback},
+        {ChangesMember, changesRelease},
+        {ReleaseMember, release ? QJsonValue(release->toJson()) : QJsonValue()},
     };
     const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
     return line + checksum(line) + '\n';
@@ -80,6 +84,8 @@ std::optional<Journal> Journal::fromBytes(const QByteArray &bytes)
     Journal journal;
     journal.keepsPrevious = object.value(KeepsMember).toBool();
     journal.isRollback = object.value(RollbackMember).toBool();
+    journal.changesRelease = object.value(ChangesMember).toBool();
+    journal.release = InstalledRelease::fromJson(object.value(ReleaseMember).toObject());
     for (const QJsonValue &path : object.value(DeletionsMember).toArray()) {
         if (!problemOfRelativePath(path.toString()).isEmpty())
             return {};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "diskfile.h"
+#include "installedrelease.h"
 
 #include <QString>
 #include <QStringList>
@@ -31,6 +32,9 @@ struct Journal
     bool keepsPrevious = false;
     /// Whether these are the steps back, which use up what was set aside.
     bool isRollback = false;
+    /// Whether the build becomes another one; then release says which, where that is known.
+    bool changesRelease = false;
+    std::optional<InstalledRelease> release;
 
     QByteArray toBytes() const;
     /// Nothing when @p bytes is no whole journal, or one that leads out of the build.

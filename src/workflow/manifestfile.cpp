@@ -5,7 +5,6 @@
 #include "manifest.h"
 #include "rules.h"
 
-#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -19,25 +18,20 @@ namespace Pellox {
 namespace {
 
 constexpr qint64 LargestManifest = 1LL << 30;
+constexpr qint64 LargestAtOnce = 64LL << 20; // in a form that is not read record by record
 constexpr qint64 LongestLine = 1 << 20;
 
 // What Qt writes around the records of an array, indented.
 constexpr char ArrayBegin[] = "[\n";
 constexpr char ArrayEnd[] = "\n]\n";
 
-/// Whether @p path, from a manifest, names a file below a folder that it is appended to.
-bool isRelativePath(const QString &path)
-{
-    return path.startsWith(QLatin1Char('/')) && path.size() > 1 && QDir::cleanPath(path) == path
-        && !path.startsWith(QLatin1String("/.."));
-}
-
 /**
  * Reads the form in which Qt writes an array of objects: each ends with a brace on a line of its
- * own, which cannot be part of a text. False when the file has another form.
+ * own, which cannot be part of a text. False when the file has another form, or when @p goOn
+ * says no.
  */
-bool readIndented(
-    QFile &file, const std::function<void(const QJsonValue &record, int number)> &take)
+bool readIndented(QFile &file,
+    const std::function<void(const QJsonValue &record, int number)> &take, const GoOn &goOn)
 {
     // One buffer for all lines: Qt would allocate the longest possible one for each.
     QByteArray buffer(static_cast<int>(LongestLine), Qt::Uninitialized);
@@ -64,7 +58,7 @@ bool readIndented(
             moreMayCome = moreMustCome;
             record.truncate(record.lastIndexOf('}') + 1);
             const QJsonDocument document = QJsonDocument::fromJson(record);
-            if (!document.isObject())
+            if (!document.isObject() || !mayGoOn(goOn))
                 return false;
             take(document.object(), ++number);
             record.clear();
@@ -72,6 +66,35 @@ bool readIndented(
             return false;
         }
     }
+}
+
+/// Reads an array in any form. False after @p error.
+bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, int number)> &take,
+    QString *error)
+{
+    const auto fail = [&](const QString &reason) {
+        *error = aboutFile(file.fileName(), reason);
+        return false;
+    };
+    if (file.size() > LargestAtOnce)
+        return fail(QStringLiteral(
+            "is too large for a manifest that is not in the form that the library writes"));
+    file.seek(0);
+    QJsonParseError parsing{};
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parsing);
+    if (file.error() != QFileDevice::NoError)
+        return fail(QLatin1String("cannot be read: ") + file.errorString());
+    if (parsing.error != QJsonParseError::NoError) {
+        return fail(QStringLiteral("is not JSON: %1 at byte %2")
+                        .arg(parsing.errorString(), QString::number(parsing.offset)));
+    }
+    if (!document.isArray())
+        return fail(QStringLiteral("is not a JSON array"));
+    const QJsonArray records = document.array();
+    int number = 0;
+    for (const QJsonValue &record : records)
+        take(record, ++number);
+    return true;
 }
 
 } // namespace
@@ -107,7 +130,8 @@ bool ManifestWriter::flush()
 }
 
 bool readManifest(const QString &path, const std::function<void()> &begin,
-    const std::function<void(const QJsonValue &record, int number)> &take, QString *error)
+    const std::function<void(const QJsonValue &record, int number)> &take, QString *error,
+    const GoOn &goOn)
 {
     const auto fail = [&](const QString &text) {
         *error = text;
@@ -123,25 +147,39 @@ bool readManifest(const QString &path, const std::function<void()> &begin,
         return fail(aboutFile(path, QLatin1String("cannot be opened: ") + file.errorString()));
 
     begin();
-    const bool taken = readIndented(file, take);
+    bool stopped = false;
+    const bool taken = readIndented(file, take, [&] {
+        stopped = !mayGoOn(goOn);
+        return !stopped;
+    });
     if (file.error() != QFileDevice::NoError)
         return fail(aboutFile(path, QLatin1String("cannot be read: ") + file.errorString()));
+    if (stopped)
+        return fail(QString());
     if (taken)
         return true;
-    file.seek(0);
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
-    if (file.error() != QFileDevice::NoError)
-        return fail(aboutFile(path, QLatin1String("cannot be read: ") + file.errorString()));
-    if (!document.isArray())
-        return fail(aboutFile(path, QStringLiteral("is no manifest: it is not a JSON array")));
     begin();
-    int number = 0;
-    for (const QJsonValue &record : document.array())
-        take(record, ++number);
-    return true;
+    return readAtOnce(file, take, error);
 }
 
-std::optional<std::vector<SignedFile>> readSignedFiles(const QString &signatures, QString *error)
+QString problemOfManifestPath(const QString &path)
+{
+    const QLatin1Char separator('/');
+    if (!path.startsWith(separator))
+        return QStringLiteral("has a relative path that does not begin with a separator");
+    if (path.contains(QChar::Null))
+        return QStringLiteral("has a path with a zero character in it");
+    for (const QStringRef &part : path.midRef(1).split(separator)) {
+        if (part == QLatin1String(".."))
+            return QStringLiteral("leads out of the folder");
+        if (part.isEmpty() || part == QLatin1String("."))
+            return QStringLiteral("has a path with an empty part or a dot for a part");
+    }
+    return {};
+}
+
+std::optional<std::vector<SignedFile>> readSignedFiles(
+    const QString &signatures, QString *error, const GoOn &goOn)
 {
     const QString path = Manifest::pathIn(signatures, SIGNATURES_FILE);
     std::vector<SignedFile> files;
@@ -156,16 +194,15 @@ std::optional<std::vector<SignedFile>> readSignedFiles(const QString &signatures
         const QJsonObject record = value.toObject();
         const SignedFile file{record.value(Manifest::RelativePath).toString(),
             Sha512::fromText(record.value(Manifest::Sha512).toString())};
-        const QString wrong = !isRelativePath(file.relativePath)
-            ? QStringLiteral("names no path that begins with a separator")
-            : paths.contains(file.relativePath) ? QLatin1String("repeats ") + file.relativePath
-                                                : QString();
+        QString wrong = problemOfManifestPath(file.relativePath);
+        if (wrong.isEmpty() && paths.contains(file.relativePath))
+            wrong = QLatin1String("repeats ") + file.relativePath;
         if (problem.isEmpty() && !wrong.isEmpty())
             problem = QStringLiteral("record %1 %2").arg(QString::number(number), wrong);
         paths.insert(file.relativePath);
         files.push_back(file);
     };
-    if (!readManifest(path, begin, take, error))
+    if (!readManifest(path, begin, take, error, goOn))
         return {};
     if (problem.isEmpty())
         return files;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "goon.h"
 #include "sha512.h"
 
 #include <QJsonValue>
@@ -44,10 +45,17 @@ private:
 /**
  * Reads the manifest at @p path and calls @p take for each record, with its number counted from 1.
  * Before that, and before it begins anew, it calls @p begin. False with @p error when the file
- * cannot be read or is no JSON array.
+ * cannot be read or is no JSON array, or is larger than manifests are, which have 1 GiB at most in
+ * the form that the library writes, and 64 MiB in any other, as that takes many times its size in
+ * memory. False without an error when @p goOn says no.
  */
 bool readManifest(const QString &path, const std::function<void()> &begin,
-    const std::function<void(const QJsonValue &record, int number)> &take, QString *error);
+    const std::function<void(const QJsonValue &record, int number)> &take, QString *error,
+    const GoOn &goOn = GoOn());
+
+/// Why @p path, from a manifest, names no file below a folder that it is appended to; empty when it
+/// does.
+QString problemOfManifestPath(const QString &path);
 
 /// A file of a build, as its signatures.json has it.
 struct SignedFile
@@ -58,8 +66,10 @@ struct SignedFile
 
 /**
  * The files that signatures.json in folder @p signatures names, in its order. Nothing, after
- * @p error, when it is missing, no manifest, or names a path that is none or one twice.
+ * @p error, when it is missing, no manifest, or names a path that is none or one twice. Nothing
+ * without an error when @p goOn says no.
  */
-std::optional<std::vector<SignedFile>> readSignedFiles(const QString &signatures, QString *error);
+std::optional<std::vector<SignedFile>> readSignedFiles(
+    const QString &signatures, QString *error, const GoOn &goOn = GoOn());
 
 } // namespace Pellox

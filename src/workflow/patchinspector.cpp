@@ -1,21 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "patchinspector.h"
 
+#include "canonicalpath.h"
 #include "deltareader.h"
+#include "diskfile.h"
 #include "manifest.h"
+#include "manifestfile.h"
 #include "rules.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QSet>
 
 #include <cmath>
+#include <new>
 #include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace Pellox {
 
@@ -28,52 +32,11 @@ struct Problem
     QString reason;
 };
 
-constexpr double LargestExactNumber = 1LL << 53; // in JSON
-
-/// Why no file of a build can have @p relativePath; empty when one can.
-QString problemOfPath(const QString &relativePath)
-{
-    const QLatin1Char separator('/');
-    if (!relativePath.startsWith(separator))
-        return QStringLiteral("has a relative path that does not begin with a separator");
-    if (relativePath.contains(QChar::Null))
-        return QStringLiteral("has a path with a zero character in it");
-    for (const QStringRef &part : relativePath.midRef(1).split(separator)) {
-        if (part == QLatin1String(".."))
-            return QStringLiteral("leads out of the patch folder");
-        if (part.isEmpty() || part == QLatin1String("."))
-            return QStringLiteral("has a path with an empty part or a dot for a part");
-    }
-    return {};
-}
+constexpr qint64 LargestExactNumber = 1LL << 53; // in JSON, and in the page that shows the sums
 
 bool isWithin(const QString &path, const QString &folder)
 {
     return path.startsWith(folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/'));
-}
-
-QJsonArray readManifest(const QString &path)
-{
-    QFile file(path);
-    if (!QFileInfo::exists(path))
-        throw Problem{path, QStringLiteral("is missing")};
-    if (!QFileInfo(path).isFile())
-        throw Problem{path, QStringLiteral("is no regular file")};
-    if (!file.open(QIODevice::ReadOnly))
-        throw Problem{path, QStringLiteral("cannot be read: ") + file.errorString()};
-    const QByteArray json = file.readAll();
-    if (file.error() != QFileDevice::NoError)
-        throw Problem{path, QStringLiteral("cannot be read: ") + file.errorString()};
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
-        throw Problem{path,
-            QStringLiteral("is not JSON: %1 at byte %2")
-                .arg(parseError.errorString(), QString::number(parseError.offset))};
-    }
-    if (!document.isArray())
-        throw Problem{path, QStringLiteral("is not a JSON array")};
-    return document.array();
 }
 
 } // namespace
@@ -92,13 +55,24 @@ public:
     QVector<InspectedFile> files;
 
 private:
-    QJsonArray readRules();
-    void inspectRule(const QJsonValue &rule, int number);
-    InspectedFile checkedRule(const QJsonValue &rule, int number);
+    /// A rule of the manifest, by itself.
+    struct Rule
+    {
+        InspectedFile file; ///< without what its payload tells
+        Problem problem;    ///< of the rule; without a reason when there is none
+    };
+
+    void inspectFolder(const PROGRESS_CALLBACK &progress);
+    void readRules(std::vector<Rule> *rules);
+    Rule checkedRule(const QJsonValue &rule, int number);
+    InspectedFile fileOf(const QJsonValue &rule, int number);
+    void inspectRule(const Rule &rule);
+    void inspectPayload(InspectedFile &file);
     QString text(const QJsonObject &rule, const QString &member, int number) const;
     qint64 sizeOf(const QJsonObject &rule, const QString &path) const;
     void checkPayload(const QString &path) const;
     void readDelta(const QString &path, InspectedFile &file) const;
+    void addUp(const QString &path, const InspectedFile &file);
     void tell(const Problem &problem);
 
     PatchInspector *const q;
@@ -106,6 +80,8 @@ private:
     QString m_realFolder; ///< links resolved
     QString m_manifest;
     QSet<QString> m_paths;
+    qint64 m_newBytes = 0;
+    qint64 m_patchBytes = 0;
 };
 
 PatchInspector::PatchInspector(QObject *parent)
@@ -130,47 +106,70 @@ QVector<InspectedFile> PatchInspector::files() const
 
 void PatchInspector::Private::inspect(const QString &patch, const PROGRESS_CALLBACK &progress)
 {
-    m_folder = QDir(patch).absolutePath();
-    m_realFolder = QFileInfo(m_folder).canonicalFilePath();
-    m_manifest = Manifest::pathIn(m_folder, PATCH_RULES_FILE);
-    m_paths.clear();
-    files.clear();
+    m_folder = absoluteFolder(patch);
     failed = false;
-
-    progress(0);
-    const QJsonArray rules = readRules();
-    files.reserve(rules.size());
-    for (int i = 0; i < rules.size(); ++i) {
-        inspectRule(rules.at(i), i + 1);
-        progress(static_cast<double>(i + 1) / rules.size() * 100);
+    files.clear();
+    const auto tellOutOfMemory = [this] { tell({m_folder, QStringLiteral("out of memory")}); };
+    try {
+        inspectFolder(progress);
+    } catch (const std::bad_alloc &) {
+        tellOutOfMemory();
+    } catch (const std::length_error &) { // of a container that became too large
+        tellOutOfMemory();
     }
-    if (rules.isEmpty())
-        progress(100);
+    m_paths.clear();
     if (failed)
         files.clear();
 }
 
-QJsonArray PatchInspector::Private::readRules()
+void PatchInspector::Private::inspectFolder(const PROGRESS_CALLBACK &progress)
+{
+    m_realFolder = QFileInfo(m_folder).canonicalFilePath();
+    m_manifest = Manifest::pathIn(m_folder, PATCH_RULES_FILE);
+    m_newBytes = 0;
+    m_patchBytes = 0;
+
+    progress(0);
+    std::vector<Rule> rules;
+    readRules(&rules);
+    files.reserve(static_cast<int>(rules.size()));
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        inspectRule(rules[i]);
+        progress(static_cast<double>(i + 1) / static_cast<double>(rules.size()) * 100);
+    }
+    if (rules.empty())
+        progress(100);
+}
+
+void PatchInspector::Private::readRules(std::vector<Rule> *rules)
+{
+    const auto begin = [&] {
+        rules->clear();
+        m_paths.clear();
+    };
+    const auto take
+        = [&](const QJsonValue &rule, int number) { rules->push_back(checkedRule(rule, number)); };
+    QString error;
+    if (!QFileInfo::exists(m_manifest))
+        tell({m_manifest, QStringLiteral("is missing")});
+    else if (!readManifest(m_manifest, begin, take, &error))
+        tell({m_manifest, error.mid(aboutFile(m_manifest, QString()).size())});
+    if (failed)
+        rules->clear();
+}
+
+PatchInspector::Private::Rule PatchInspector::Private::checkedRule(
+    const QJsonValue &rule, int number)
 {
     try {
-        return readManifest(m_manifest);
+        return {fileOf(rule, number), {}};
     } catch (const Problem &problem) {
-        tell(problem);
-        return {};
+        return {{}, problem};
     }
 }
 
-void PatchInspector::Private::inspectRule(const QJsonValue &rule, int number)
-{
-    try {
-        files.append(checkedRule(rule, number));
-    } catch (const Problem &problem) {
-        tell(problem);
-    }
-}
-
-/// The record of @p rule, which is number @p number, counted from 1, in the manifest.
-InspectedFile PatchInspector::Private::checkedRule(const QJsonValue &rule, int number)
+/// What @p rule, which is number @p number, counted from 1, in the manifest, tells by itself.
+InspectedFile PatchInspector::Private::fileOf(const QJsonValue &rule, int number)
 {
     if (!rule.isObject())
         throw Problem{m_manifest, QStringLiteral("has no object as rule %1").arg(number)};
@@ -181,24 +180,47 @@ InspectedFile PatchInspector::Private::checkedRule(const QJsonValue &rule, int n
 
     const bool hasSeparator = file.relativePath.startsWith(QLatin1Char('/'));
     const QString path = m_folder + QLatin1String(hasSeparator ? "" : "/") + file.relativePath;
-    const QString problem = problemOfPath(file.relativePath);
+    const QString problem = problemOfManifestPath(file.relativePath);
     if (!problem.isEmpty())
         throw Problem{path, problem};
     if (m_paths.contains(file.relativePath))
         throw Problem{path, QStringLiteral("has more than one rule")};
     m_paths.insert(file.relativePath);
 
-    if (file.rule == PATCH_RULE) {
-        file.newSize = sizeOf(members, path);
-        checkPayload(path);
-        readDelta(path, file);
-    } else if (file.rule == COPY_RULE) {
-        checkPayload(path);
-        file.newSize = file.patchBytes = file.literalBytes = QFileInfo(path).size();
-    } else if (file.rule != DELETE_RULE) {
-        throw Problem{path, QStringLiteral("has the unknown rule \"%1\"").arg(file.rule)};
+    for (const QString &known : {PATCH_RULE, COPY_RULE, DELETE_RULE}) {
+        if (file.rule == known) {
+            file.rule = known; // one text for all
+            if (known == PATCH_RULE)
+                file.newSize = sizeOf(members, path);
+            return file;
+        }
     }
-    return file;
+    throw Problem{path, QStringLiteral("has the unknown rule \"%1\"").arg(file.rule)};
+}
+
+void PatchInspector::Private::inspectRule(const Rule &rule)
+{
+    try {
+        if (!rule.problem.reason.isEmpty())
+            throw Problem(rule.problem);
+        files.append(rule.file);
+        inspectPayload(files.last());
+    } catch (const Problem &problem) {
+        tell(problem);
+    }
+}
+
+void PatchInspector::Private::inspectPayload(InspectedFile &file)
+{
+    const QString path = m_folder + file.relativePath;
+    if (file.rule == DELETE_RULE)
+        return;
+    checkPayload(path);
+    if (file.rule == PATCH_RULE)
+        readDelta(path, file);
+    else
+        file.newSize = file.patchBytes = file.literalBytes = QFileInfo(path).size();
+    addUp(path, file);
 }
 
 QString PatchInspector::Private::text(
@@ -220,7 +242,7 @@ qint64 PatchInspector::Private::sizeOf(const QJsonObject &rule, const QString &p
     if (!Checksum.match(rule.value(Manifest::Sha512).toString()).hasMatch())
         throw Problem{path, QStringLiteral("has a rule without a SHA-512")};
     const double size = rule.value(Manifest::FileSize).toDouble(-1);
-    if (size < 0 || size > LargestExactNumber || std::floor(size) < size)
+    if (size < 0 || size > static_cast<double>(LargestExactNumber) || std::floor(size) < size)
         throw Problem{path, QStringLiteral("has a rule without a file size")};
     return static_cast<qint64>(size);
 }
@@ -259,10 +281,22 @@ void PatchInspector::Private::readDelta(const QString &path, InspectedFile &file
     file.commands = sums->commands;
 }
 
+/// Who looks at a patch wants sums, and all of them are smaller than one of these two.
+void PatchInspector::Private::addUp(const QString &path, const InspectedFile &file)
+{
+    for (const auto &[sum, size] :
+        {std::pair(&m_newBytes, file.newSize), std::pair(&m_patchBytes, file.patchBytes)}) {
+        if (size > LargestExactNumber - *sum)
+            throw Problem{
+                path, QStringLiteral("has a size that makes all together more than 8 PiB")};
+        *sum += size;
+    }
+}
+
 void PatchInspector::Private::tell(const Problem &problem)
 {
     failed = true;
-    Q_EMIT q->inspectError(problem.path + QLatin1String(": ") + problem.reason, problem.path);
+    Q_EMIT q->inspectError(aboutFile(problem.path, problem.reason), problem.path);
 }
 
 } // namespace Pellox

@@ -36,11 +36,12 @@ struct InspectedFile
  *
  * Strict: a manifest that is not as docs/formats.md has it, a rule that is unknown, a path that
  * occurs twice or leads out of the patch folder, also by a link, a file that is missing, a delta
- * that is broken or makes a file of another size than the manifest says. Whether the deltas fit
- * an old build, and the checksums, it cannot tell.
+ * that is broken or makes a file of another size than the manifest says, new files or a patch of
+ * more than 8 PiB (2^53 bytes), a manifest that is larger than such files are or than there is
+ * memory for. Whether the deltas fit an old build, and the checksums, it cannot tell.
  *
  * The call blocks and may be made on any thread, one at a time; signal and progress come on that
- * thread. Nothing is thrown.
+ * thread. Nothing is thrown but what the progress callback throws.
  */
 class PELLOX_EXPORT PatchInspector : public QObject
 {

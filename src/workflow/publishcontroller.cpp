@@ -1,21 +1,28 @@
 // SPDX-License-Identifier: MIT
 #include "publishcontroller.h"
 
+#include "canonicalpath.h"
 #include "publishrun.h"
+#include "releasefolder.h"
+#include "rules.h"
+#include "signatureformat.h"
 
-#include <QDir>
 #include <QThread>
 
 #include <algorithm>
+#include <new>
+#include <stdexcept>
 
 namespace Pellox {
 
 namespace {
 
-/// @p path absolute and without a separator at its end. Empty stays empty, not the current folder.
-QString folder(const QString &path)
+constexpr int MostThreads = 1024;
+
+QString problemOf(const QString &folder, const QString &manifestName)
 {
-    return path.isEmpty() ? path : QDir::cleanPath(QDir(path).absolutePath());
+    ReleaseFolder release(absoluteFolder(folder), manifestName);
+    return release.check() ? QString() : release.error();
 }
 
 } // namespace
@@ -28,12 +35,6 @@ public:
     {
     }
 
-    PublishRun run(const PublishFolders &folders, const QStringList &ignoreFiles) const
-    {
-        return {folders, ignoreFiles, threadCount > 0 ? threadCount : QThread::idealThreadCount(),
-            isCancelled};
-    }
-
     /// False after publishError() when one of @p folders is empty.
     bool areGiven(const QStringList &folders)
     {
@@ -44,25 +45,51 @@ public:
         return given;
     }
 
-    bool carryOut(PublishRun &run, const PROGRESS_CALLBACK &progress)
+    /// The rules where they are @p wanted. Nothing after publishError(), or when it was cancelled.
+    std::optional<QVariantList> carryOut(const PublishFolders &folders,
+        const QStringList &ignoreFiles, const PROGRESS_CALLBACK &progress, bool wantsRules = false)
     {
         isCancelled = false;
         wasCancelled = false;
-        if (run.carryOut(progress)) {
-            if (progress)
-                progress(100);
-            return true;
+        QString error;
+        try {
+            PublishRun run(absolute(folders), ignoreFiles,
+                threadCount > 0 ? threadCount : QThread::idealThreadCount(), isCancelled);
+            if (run.carryOut(progress)) {
+                auto rules = wantsRules ? run.rulesWithSizes() : QVariantList();
+                if (progress)
+                    progress(Percent);
+                return rules;
+            }
+            error = run.error();
+            wasCancelled = error.isEmpty();
+        } catch (const std::bad_alloc &) {
+            error = outOfMemory(folders);
+        } catch (const std::length_error &) { // of a container that became too large
+            error = outOfMemory(folders);
         }
-        wasCancelled = run.error().isEmpty();
         if (!wasCancelled)
-            Q_EMIT q.publishError(run.error());
-        return false;
+            Q_EMIT q.publishError(error);
+        return {};
     }
 
     PublishController &q;
     int threadCount = 0;
     std::atomic<bool> isCancelled{false};
     std::atomic<bool> wasCancelled{false};
+
+private:
+    static constexpr double Percent = 100;
+
+    static PublishFolders absolute(const PublishFolders &folders)
+    {
+        return {absoluteFolder(folders.newBuild), absoluteFolder(folders.oldSignatures),
+            absoluteFolder(folders.patch), absoluteFolder(folders.newSignatures)};
+    }
+    static QString outOfMemory(const PublishFolders &folders)
+    {
+        return aboutFile(absoluteFolder(folders.newBuild), QStringLiteral("out of memory"));
+    }
 };
 
 PublishController::PublishController(QObject *parent)
@@ -75,7 +102,7 @@ PublishController::~PublishController() = default;
 
 void PublishController::setThreadCount(int count)
 {
-    d->threadCount = std::max(0, count);
+    d->threadCount = std::clamp(count, 0, MostThreads);
 }
 
 int PublishController::threadCount() const
@@ -86,42 +113,46 @@ int PublishController::threadCount() const
 bool PublishController::createSignatures(
     const QString &build, const QString &signatures, const PROGRESS_CALLBACK &progress)
 {
-    if (!d->areGiven({build, signatures}))
-        return false;
-    PublishRun run = d->run({folder(build), QString(), QString(), folder(signatures)}, {});
-    return d->carryOut(run, progress);
+    return d->areGiven({build, signatures})
+        && d->carryOut({build, QString(), QString(), signatures}, {}, progress);
 }
 
 bool PublishController::createPatch(const QString &newBuild, const QString &signatures,
     const QString &patch, const QStringList &ignoreFiles, const PROGRESS_CALLBACK &progress)
 {
-    if (!d->areGiven({newBuild, signatures, patch}))
-        return false;
-    PublishRun run
-        = d->run({folder(newBuild), folder(signatures), folder(patch), QString()}, ignoreFiles);
-    return d->carryOut(run, progress);
+    return d->areGiven({newBuild, signatures, patch})
+        && d->carryOut({newBuild, signatures, patch, QString()}, ignoreFiles, progress);
 }
 
 bool PublishController::publish(const QString &newBuild, const QString &oldSignatures,
     const QString &patch, const QString &newSignatures, const QStringList &ignoreFiles,
     const PROGRESS_CALLBACK &progress)
 {
-    if (!d->areGiven({newBuild, oldSignatures, patch, newSignatures}))
-        return false;
-    PublishRun run
-        = d->run({folder(newBuild), folder(oldSignatures), folder(patch), folder(newSignatures)},
-            ignoreFiles);
-    return d->carryOut(run, progress);
+    return d->areGiven({newBuild, oldSignatures, patch, newSignatures})
+        && d->carryOut({newBuild, oldSignatures, patch, newSignatures}, ignoreFiles, progress);
 }
 
-QVariantList PublishController::plan(const QString &newBuild, const QString &signatures,
-    const QStringList &ignoreFiles, const PROGRESS_CALLBACK &progress)
+std::optional<QVariantList> PublishController::plan(const QString &newBuild,
+    const QString &signatures, const QStringList &ignoreFiles, const PROGRESS_CALLBACK &progress)
 {
     if (!d->areGiven({newBuild, signatures}))
         return {};
-    PublishRun run
-        = d->run({folder(newBuild), folder(signatures), QString(), QString()}, ignoreFiles);
-    return d->carryOut(run, progress) ? run.rulesWithSizes() : QVariantList();
+    return d->carryOut({newBuild, signatures, QString(), QString()}, ignoreFiles, progress, true);
+}
+
+QString PublishController::problemOfPatchFolder(const QString &folder)
+{
+    return problemOf(folder, PATCH_RULES_FILE);
+}
+
+QString PublishController::problemOfSignaturesFolder(const QString &folder)
+{
+    return problemOf(folder, SIGNATURES_FILE);
+}
+
+qint64 PublishController::signatureSize(qint64 fileSize)
+{
+    return SignatureFormat::sizeFor(fileSize);
 }
 
 void PublishController::cancel()

@@ -6,8 +6,10 @@
 
 #include <QObject>
 #include <QStringList>
+#include <QVariant>
 
 #include <memory>
+#include <optional>
 
 namespace Pellox {
 
@@ -19,22 +21,29 @@ namespace Pellox {
  * showing it at once is read once more for its delta. A large file is worked on by all threads.
  *
  * Strict where those two are lenient: a file that cannot be read, that disappears or changes
- * during the run, a signature that is missing or broken where it is needed, a full disk, all end
- * the run with false after publishError(). Manifests are written last and atomically, so a folder
- * with a manifest is a complete one.
+ * during the run, a signature that is missing or broken where it is needed, a full disk, too little
+ * memory, all end the run with false after publishError(). Manifests are written last and
+ * atomically, once all else is on the disk, so a folder with a manifest is a complete one, after a
+ * power failure too.
  *
  * Folders to write are made where they are missing. One that holds an older release is
- * replaced: what the new release does not name is removed. A folder that holds anything else is
- * refused, so that a mistyped path costs nobody his files; folders that overlap are refused too.
+ * replaced: what the new release does not name is removed. A folder that holds anything else, a
+ * file beside an older release too, is refused, so that a mistyped path costs nobody his files;
+ * folders that overlap are refused too, and one that another run is writing to. An older release is
+ * untouched until all that can be checked before the work has been.
  *
- * Paths may be relative and may end with a separator; a manifest's relative paths begin with a
- * separator in any case. Hidden files are no part of a build.
+ * Paths may be relative and may end with a separator; ".." behind a link counts from where the link
+ * leads. A manifest's relative paths begin with a separator in any case. Hidden files are no part
+ * of a build.
  *
  * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
  * 2,048 bytes of the old file), whatever the number and size of files.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that
- * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none.
+ * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none. It is
+ * called at least a few times a second, with the same value where there is none to tell, but for
+ * while the disk is waited for at the end and while a run that failed cleans up. What it throws
+ * ends the call like cancel() and is then thrown on; nothing else is thrown.
  */
 class PELLOX_EXPORT PublishController : public QObject
 {
@@ -44,7 +53,8 @@ public:
     explicit PublishController(QObject *parent = nullptr);
     ~PublishController() override;
 
-    /// How many threads work; 0, the default, means one for each core. Counts from the next call.
+    /// How many threads work, 1,024 at most; 0, the default, means one for each core. Counts from
+    /// the next call. Where the system gives fewer, those do it all.
     void setThreadCount(int count);
     int threadCount() const;
 
@@ -73,15 +83,30 @@ public:
 
     /**
      * What createPatch() would write as patchRules.json, with a member "file_size" also for "copy"
-     * rules. Hashes the new build and writes nothing. Empty after publishError().
+     * rules; an empty list when there is nothing to do. Hashes the new build and writes nothing.
+     * Nothing after publishError(), or when it was cancelled.
      */
-    [[nodiscard]] QVariantList plan(const QString &newBuild, const QString &signatures,
-        const QStringList &ignoreFiles = QStringList(),
+    [[nodiscard]] std::optional<QVariantList> plan(const QString &newBuild,
+        const QString &signatures, const QStringList &ignoreFiles = QStringList(),
         const PROGRESS_CALLBACK &progress = PROGRESS_CALLBACK());
 
     /**
+     * Why createPatch() and publish() would refuse to write a patch into @p folder, as
+     * publishError() would tell it; empty when they would take it. Touches nothing.
+     */
+    static QString problemOfPatchFolder(const QString &folder);
+    /// The same for the signatures that createSignatures() and publish() write.
+    static QString problemOfSignaturesFolder(const QString &folder);
+
+    /// How large the signature of a file of @p fileSize bytes is.
+    static qint64 signatureSize(qint64 fileSize);
+
+    /**
      * Ends a call that is running, within one block of each thread: it returns false, without an
-     * error, and leaves no manifest. Does nothing when none runs. Any thread.
+     * error, and leaves no manifest. What it has written is cleaned up first, which takes its time
+     * where that is many files. An older release is left as it was when its folder was not yet
+     * being emptied; the rest of one that was is left, marked, and emptied by the next call. Does
+     * nothing when none runs. Any thread.
      */
     void cancel();
     /// Whether the last call ended because of cancel(). Any thread.

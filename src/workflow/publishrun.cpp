@@ -6,13 +6,14 @@
 #include "manifest.h"
 #include "releasefolder.h"
 #include "rules.h"
+#include "signaturefile.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSet>
 
 #include <algorithm>
-#include <numeric>
+#include <utility>
 
 namespace Pellox {
 
@@ -22,10 +23,10 @@ constexpr double Percent = 100;
 
 } // namespace
 
-PublishRun::PublishRun(const PublishFolders &folders, const QStringList &ignoreFiles,
-    int threadCount, const std::atomic<bool> &cancelled)
-    : m_folders(folders)
-    , m_ignoreFiles(ignoreFiles)
+PublishRun::PublishRun(PublishFolders folders, QStringList ignoreFiles, int threadCount,
+    const std::atomic<bool> &cancelled)
+    : m_folders(std::move(folders))
+    , m_ignoreFiles(std::move(ignoreFiles))
     , m_threadCount(threadCount)
     , m_cancelled(cancelled)
 {
@@ -33,46 +34,92 @@ PublishRun::PublishRun(const PublishFolders &folders, const QStringList &ignoreF
 
 bool PublishRun::carryOut(const PROGRESS_CALLBACK &progress)
 {
-    if (!checkFolders() || !readOldFiles() || !findNewFiles())
+    m_progress = progress;
+    report();
+    if (m_cancelled || !checkFolders() || !readOldFiles() || !findNewFiles() || !checkSignatures())
         return false;
 
-    std::vector<std::unique_ptr<ReleaseFolder>> outputs;
-    if (!m_folders.newSignatures.isEmpty())
-        outputs.push_back(
-            std::make_unique<ReleaseFolder>(m_folders.newSignatures, SIGNATURES_FILE));
-    if (!m_folders.patch.isEmpty())
-        outputs.push_back(std::make_unique<ReleaseFolder>(m_folders.patch, PATCH_RULES_FILE));
-    return forAll(outputs, [](ReleaseFolder &folder) { return folder.check(); })
-        && forAll(outputs, [](ReleaseFolder &folder) { return folder.begin(); })
-        && workOnFiles(progress)
+    const Outputs outputs = makeOutputs();
+    const GoOn goOn = [this] { return this->goOn(); };
+    return forAll(outputs, [&](ReleaseFolder &folder) { return folder.check(goOn); })
+        && forAll(outputs, [this](ReleaseFolder &folder) { return begin(folder); }) && workOnFiles()
         && forAll(outputs,
             [this](ReleaseFolder &folder) {
                 return folder.prepare(
                     [&](QIODevice &device) { return writeManifest(folder.path(), device); });
             })
+        && forAll(outputs, [](ReleaseFolder &folder) { return folder.sync(); })
         && complete(outputs);
 }
 
-/// Takes @p step with each folder until one fails.
+/// Called in all that may take long on the calling thread; what works on others reports by itself.
+bool PublishRun::goOn()
+{
+    constexpr std::chrono::milliseconds ReportEvery(50);
+    if (std::chrono::steady_clock::now() - m_lastReport >= ReportEvery)
+        report();
+    return !m_cancelled;
+}
+
+void PublishRun::report()
+{
+    if (m_progress) {
+        const auto total = static_cast<double>(std::max<qint64>(m_bytes.total, 1));
+        const double percent = static_cast<double>(m_bytes.done) / total * Percent;
+        m_reported = std::max(m_reported, std::min(Percent, percent));
+        m_progress(m_reported);
+    }
+    m_lastReport = std::chrono::steady_clock::now();
+}
+
+PublishRun::Outputs PublishRun::makeOutputs() const
+{
+    Outputs outputs;
+    if (!m_folders.newSignatures.isEmpty())
+        outputs.push_back(
+            std::make_unique<ReleaseFolder>(m_folders.newSignatures, SIGNATURES_FILE));
+    if (!m_folders.patch.isEmpty())
+        outputs.push_back(std::make_unique<ReleaseFolder>(m_folders.patch, PATCH_RULES_FILE));
+    return outputs;
+}
+
+bool PublishRun::begin(ReleaseFolder &folder)
+{
+    const bool isPatch = folder.path() == m_folders.patch;
+    return folder.begin(
+        [&](const std::function<void(const QString &)> &take) {
+            for (const NewFile &file : m_newFiles) {
+                if (!isPatch || !file.isIgnored)
+                    take(file.relativePath);
+            }
+        },
+        [this] { return goOn(); });
+}
+
+/// Takes @p step with each folder until one fails or the run is cancelled.
 bool PublishRun::forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step)
 {
     return std::all_of(folders.cbegin(), folders.cend(), [&](const auto &folder) {
-        if (!step(*folder))
+        const bool taken = step(*folder);
+        if (!taken)
             m_error = folder->error();
-        return m_error.isEmpty();
+        return taken && goOn();
     });
 }
 
 /// Completes all folders or none.
 bool PublishRun::complete(const Outputs &folders)
 {
-    for (auto folder = folders.cbegin(); folder != folders.cend(); ++folder) {
-        if ((*folder)->complete())
+    for (const auto &folder : folders) {
+        if (folder->commit())
             continue;
-        m_error = (*folder)->error();
-        std::for_each(folders.cbegin(), folder, [](const auto &earlier) { earlier->revoke(); });
+        m_error = folder->error();
+        for (const auto &one : folders)
+            one->revoke();
         return false;
     }
+    for (const auto &folder : folders)
+        folder->finish();
     return true;
 }
 
@@ -100,7 +147,7 @@ bool PublishRun::readOldFiles()
     if (m_folders.oldSignatures.isEmpty())
         return true;
     QString error;
-    const auto files = readSignedFiles(m_folders.oldSignatures, &error);
+    const auto files = readSignedFiles(m_folders.oldSignatures, &error, [this] { return goOn(); });
     if (!files)
         return fail(error);
     m_oldFiles.reserve(files->size());
@@ -119,29 +166,36 @@ bool PublishRun::findNewFiles()
         ignored.insert(QDir::cleanPath(build.absoluteFilePath(path)));
 
     QString error;
-    const auto found = walkBuild(m_folders.newBuild, &error);
+    const auto found = walkBuild(m_folders.newBuild, &error, [this] { return goOn(); });
     if (!found)
         return fail(error);
     m_newFiles.reserve(found->size());
     for (const BuildFile &foundFile : *found) {
-        const QString path = m_folders.newBuild + foundFile.relativePath;
         NewFile file;
         file.relativePath = foundFile.relativePath;
         file.size = foundFile.size;
-        file.isIgnored = ignored.contains(path);
-        const auto old = m_oldByPath.constFind(file.relativePath);
-        if (old != m_oldByPath.constEnd()) {
-            file.relativePath = old.key(); // one text for both
-            file.oldSha512 = m_oldFiles[*old].file.sha512;
-            m_oldFiles[*old].isKept = true;
-            if (!file.oldSha512)
-                return fail(Manifest::pathIn(m_folders.oldSignatures, SIGNATURES_FILE),
-                    QLatin1String("holds no checksum of ") + file.relativePath);
-        }
-        if (isNamedLikeManifest(file))
-            return fail(path, QStringLiteral("has the name of a manifest"));
-        m_newFiles.push_back(file);
+        file.isIgnored = ignored.contains(m_folders.newBuild + file.relativePath);
+        if (!addNewFile(file))
+            return false;
     }
+    return true;
+}
+
+bool PublishRun::addNewFile(NewFile file)
+{
+    const auto old = m_oldByPath.constFind(file.relativePath);
+    if (old != m_oldByPath.constEnd()) {
+        file.relativePath = old.key(); // one text for both
+        file.oldSha512 = m_oldFiles[*old].file.sha512;
+        m_oldFiles[*old].isKept = true;
+        if (!file.oldSha512 && !file.isIgnored)
+            return fail(Manifest::pathIn(m_folders.oldSignatures, SIGNATURES_FILE),
+                QLatin1String("holds no checksum of ") + file.relativePath);
+    }
+    if (isNamedLikeManifest(file))
+        return fail(
+            m_folders.newBuild + file.relativePath, QStringLiteral("has the name of a manifest"));
+    m_newFiles.push_back(file);
     return true;
 }
 
@@ -155,45 +209,85 @@ bool PublishRun::isNamedLikeManifest(const NewFile &file) const
         || (!file.isIgnored && takes(m_folders.patch, PATCH_RULES_FILE));
 }
 
-bool PublishRun::workOnFiles(const PROGRESS_CALLBACK &progress)
+/**
+ * Whether each old signature that is needed is there, before a folder is emptied for a release that
+ * could not be made. Where it depends on the content of a file, that is looked at beforehand.
+ */
+bool PublishRun::checkSignatures()
 {
-    // Large files first, the largest at the front: the end of the last one is what all wait for.
-    std::vector<std::size_t> order(m_newFiles.size());
-    std::iota(order.begin(), order.end(), 0);
-    const auto smallOnes = std::stable_partition(order.begin(), order.end(),
-        [this](std::size_t i) { return FileTask::isLarge(m_newFiles[i].size); });
-    std::stable_sort(order.begin(), smallOnes,
-        [this](std::size_t i, std::size_t j) { return m_newFiles[i].size > m_newFiles[j].size; });
+    if (m_folders.patch.isEmpty())
+        return true;
+    std::vector<NewFile *> doubtful;
+    for (NewFile &file : m_newFiles) {
+        if (!goOn())
+            return false;
+        if (!file.oldSha512 || file.isIgnored)
+            continue;
+        const QString path = m_folders.oldSignatures + file.relativePath;
+        SignatureFile signature;
+        if (SignatureFile::looksWhole(path) || signature.open(path))
+            continue;
+        if (!m_folders.newSignatures.isEmpty())
+            return fail(signature.error());
+        doubtful.push_back(&file);
+    }
+    return doubtful.empty() || decideBeforehand(doubtful);
+}
 
-    FileTask::Progress bytes;
-    for (const NewFile &file : m_newFiles)
-        bytes.total += file.size;
-    double reported = 0;
-    const auto report = [&] {
-        if (!progress)
-            return;
-        const auto total = static_cast<double>(std::max<qint64>(bytes.total, 1));
-        const double percent = std::min(Percent, static_cast<double>(bytes.done) / total * Percent);
-        reported = std::max(reported, percent);
-        progress(reported);
-    };
-
-    Crew crew(m_threadCount, m_cancelled);
-    const auto task
-        = [&](std::size_t i) { FileTask(crew, m_folders, m_newFiles[order[i]], bytes).carryOut(); };
-    report();
-    const bool done
-        = crew.run(order.size(), static_cast<std::size_t>(smallOnes - order.begin()), task, report);
-    if (!done)
-        return fail(crew.error());
+/// @p files have no signature, and may have none as long as they have not changed.
+bool PublishRun::decideBeforehand(const std::vector<NewFile *> &files)
+{
+    FileTask::Progress aside;
+    if (!work({m_folders.newBuild, m_folders.oldSignatures, QString(), QString()}, files, aside))
+        return false;
+    for (NewFile *file : files) {
+        SignatureFile signature;
+        if (file->rule == NewFile::Rule::Patch
+            && !signature.open(m_folders.oldSignatures + file->relativePath))
+            return fail(signature.error());
+    }
     return true;
 }
 
-bool PublishRun::writeManifest(const QString &folder, QIODevice &device) const
+bool PublishRun::workOnFiles()
+{
+    std::vector<NewFile *> files;
+    files.reserve(m_newFiles.size());
+    for (NewFile &file : m_newFiles) {
+        files.push_back(&file);
+        m_bytes.total += file.size;
+    }
+    return work(m_folders, std::move(files), m_bytes);
+}
+
+/// Does for @p files what @p folders ask for.
+bool PublishRun::work(
+    const PublishFolders &folders, std::vector<NewFile *> files, FileTask::Progress &bytes)
+{
+    // Large files first, the largest at the front: the end of the last one is what all wait for.
+    const auto smallOnes = std::stable_partition(files.begin(), files.end(),
+        [](const NewFile *file) { return FileTask::isLarge(file->size); });
+    std::stable_sort(files.begin(), smallOnes,
+        [](const NewFile *one, const NewFile *other) { return one->size > other->size; });
+
+    Crew crew(m_threadCount, m_cancelled);
+    const bool done = crew.run(
+        files.size(), static_cast<std::size_t>(smallOnes - files.begin()),
+        [&](std::size_t i) { FileTask(crew, folders, *files[i], bytes).carryOut(); },
+        [this] { report(); });
+    if (done)
+        return true;
+    return crew.hasFailedItself() ? fail(m_folders.newBuild, crew.error()) : fail(crew.error());
+}
+
+bool PublishRun::writeManifest(const QString &folder, QIODevice &device)
 {
     ManifestWriter writer(device);
     bool written = true;
-    const auto add = [&](const QVariantMap &record) { written = written && writer.add(record); };
+    const auto add = [&](const QVariantMap &record) {
+        written = written && writer.add(record);
+        goOn();
+    };
     if (folder == m_folders.patch)
         forEachRule(add);
     else

@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QVariant>
 
+#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -21,10 +22,11 @@ class PublishRun
 {
 public:
     /// All folders absolute, without a separator at the end. @p cancelled may change at any time.
-    PublishRun(const PublishFolders &folders, const QStringList &ignoreFiles, int threadCount,
+    PublishRun(PublishFolders folders, QStringList ignoreFiles, int threadCount,
         const std::atomic<bool> &cancelled);
 
-    /// False with error(), which is empty when the run was cancelled.
+    /// False with error(), which is empty when the run was cancelled. What @p progress throws is
+    /// thrown on, once all has been cleaned up.
     bool carryOut(const PROGRESS_CALLBACK &progress);
 
     /// Once carried out: the rules, "copy" ones with the size of the file.
@@ -35,15 +37,26 @@ public:
 private:
     using Outputs = std::vector<std::unique_ptr<ReleaseFolder>>;
 
+    bool goOn();
+    void report();
+
     bool checkFolders();
     bool readOldFiles();
     bool findNewFiles();
+    bool addNewFile(NewFile file);
     bool isNamedLikeManifest(const NewFile &file) const;
+    bool checkSignatures();
+    bool decideBeforehand(const std::vector<NewFile *> &files);
+
+    Outputs makeOutputs() const;
     bool forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step);
-    bool workOnFiles(const PROGRESS_CALLBACK &progress);
+    bool begin(ReleaseFolder &folder);
+    bool workOnFiles();
+    bool work(
+        const PublishFolders &folders, std::vector<NewFile *> files, FileTask::Progress &bytes);
     bool complete(const Outputs &folders);
 
-    bool writeManifest(const QString &folder, QIODevice &device) const;
+    bool writeManifest(const QString &folder, QIODevice &device);
     void forEachRule(const std::function<void(const QVariantMap &)> &take) const;
     void forEachSignature(const std::function<void(const QVariantMap &)> &take) const;
     bool fail(const QString &error);
@@ -54,6 +67,11 @@ private:
     const int m_threadCount;
     const std::atomic<bool> &m_cancelled;
     QString m_error;
+
+    PROGRESS_CALLBACK m_progress;
+    std::chrono::steady_clock::time_point m_lastReport;
+    FileTask::Progress m_bytes;
+    double m_reported = 0; ///< percent
 
     struct OldFile
     {

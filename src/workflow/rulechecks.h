@@ -18,8 +18,10 @@ struct UpdateRule
 
     Kind kind = Kind::Delete;
     QString relativePath; ///< begins with a separator
-    Sha512 sha512;        ///< of a patched file
-    qint64 size = 0;      ///< of a patched file
+    Sha512 sha512;   ///< of the new content of a patched file; under a seal of a copied one too
+    qint64 size = 0; ///< likewise
+    bool isSealed = false;
+    Sha512 oldSha512; ///< of what a patch is for; under a seal
 };
 
 /// Why @p path is no path below a folder that it is appended to, on any file system; empty when it

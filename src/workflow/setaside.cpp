@@ -23,6 +23,9 @@ bool SetAside::begin(const Journal &journal)
         return failBySystem(folder, "cannot be made: ");
     Journal wayBack;
     wayBack.isRollback = true;
+    wayBack.changesRelease = journal.changesRelease;
+    FileError unknown; // what cannot be read is not worth keeping
+    wayBack.release = InstalledRelease::read(m_build, &unknown);
     for (const auto *placements : {&journal.first, &journal.last}) {
         for (const Journal::Placement &placement : *placements) {
             if (!isRegularFile(absolute(placement.to)))

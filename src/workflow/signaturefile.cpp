@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "signaturefile.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <limits>
 
@@ -10,15 +12,28 @@ namespace {
 
 constexpr auto HeaderLength = static_cast<qint64>(SignatureFormat::HeaderLength);
 constexpr auto RecordLength = static_cast<qint64>(SignatureFormat::RecordLength);
+constexpr qint64 AtOnce = 1 << 18; // bytes, also between two looks at whether to go on
+
+bool isSizeOfSignature(qint64 size)
+{
+    return size >= HeaderLength && (size - HeaderLength) % RecordLength == 0;
+}
 
 } // namespace
+
+bool SignatureFile::looksWhole(const QString &path)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 && S_ISREG(status.st_mode)
+        && isSizeOfSignature(status.st_size);
+}
 
 bool SignatureFile::open(const QString &path)
 {
     if (!m_file.open(path))
         return fail(m_file.error());
     const QString broken = aboutFile(path, QStringLiteral("is no signature, or broken"));
-    if (m_file.size() < HeaderLength || (m_file.size() - HeaderLength) % RecordLength != 0)
+    if (!isSizeOfSignature(m_file.size()))
         return fail(broken);
     std::array<uchar, SignatureFormat::HeaderLength> header{};
     if (!m_file.readAt(0, header.data(), HeaderLength))
@@ -34,24 +49,30 @@ bool SignatureFile::readBlock(qint64 index, BlockRecord *record)
         || fail(m_file.error());
 }
 
-bool SignatureFile::readAll(std::vector<BlockRecord> *records)
+bool SignatureFile::readAll(std::vector<BlockRecord> *records, const GoOn &goOn)
 {
     records->resize(static_cast<std::size_t>(m_blockCount));
-    return m_file.readAt(HeaderLength, reinterpret_cast<uchar *>(records->data()),
-               m_blockCount * RecordLength)
-        || fail(m_file.error());
+    auto *bytes = reinterpret_cast<uchar *>(records->data());
+    for (qint64 position = HeaderLength; position < m_file.size(); position += AtOnce) {
+        const qint64 size = std::min(AtOnce, m_file.size() - position);
+        if (!mayGoOn(goOn))
+            return fail(QString());
+        if (!m_file.readAt(position, bytes + (position - HeaderLength), size))
+            return fail(m_file.error());
+    }
+    return true;
 }
 
-bool SignatureFile::copyTo(OutputFile &output)
+bool SignatureFile::copyTo(OutputFile &output, const GoOn &goOn)
 {
-    constexpr qint64 AtOnce = 1 << 18;
     std::vector<uchar> bytes(static_cast<std::size_t>(std::min(AtOnce, m_file.size())));
-    for (qint64 position = 0; position < m_file.size();) {
+    for (qint64 position = 0; position < m_file.size(); position += AtOnce) {
         const qint64 size = std::min(AtOnce, m_file.size() - position);
+        if (!mayGoOn(goOn))
+            return fail(QString());
         if (!m_file.readAt(position, bytes.data(), size))
             return fail(m_file.error());
         output.write(bytes.data(), static_cast<std::size_t>(size));
-        position += size;
     }
     return true;
 }

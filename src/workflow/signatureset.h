@@ -2,6 +2,7 @@
 #pragma once
 
 #include "blocksums.h"
+#include "goon.h"
 
 #include <vector>
 
@@ -10,12 +11,15 @@ namespace Pellox {
 /**
  * The blocks of an old file by their sums, for a search at every position of a new one. Reading
  * is safe on any number of threads.
+ *
+ * The sums may have been chosen to be slow to find: where each goes depends on random numbers, so
+ * that nobody can choose them.
  */
 class SignatureSet
 {
 public:
-    /// @p records are those of the signature file, in its order.
-    explicit SignatureSet(std::vector<BlockRecord> records);
+    /// @p records are those of the signature file, in its order. Of no use after @p goOn says no.
+    explicit SignatureSet(std::vector<BlockRecord> records, const GoOn &goOn = GoOn());
 
     bool isEmpty() const { return m_records.empty(); }
 
@@ -45,14 +49,22 @@ private:
     };
 
     /// The sums of similar blocks are similar; their products differ in the upper bits.
-    static quint64 scattered(quint32 weakSum) { return weakSum * Q_UINT64_C(0x9e3779b97f4a7c15); }
+    quint64 scattered(quint32 weakSum) const { return weakSum * m_factor; }
+    quint64 slotOf(quint32 weakSum) const;
+    std::size_t placeAmongOthers(const BlockRecord &sums) const;
     void insert(quint32 block);
+    void insertOther(quint32 block);
+    void growOthers();
 
     const std::vector<BlockRecord> m_records;
+    const quint64 m_factor;
     int m_filterShift;
     std::vector<quint64> m_filter;
     int m_slotShift;
-    std::vector<Slot> m_slots; ///< by weak sum, the next free slot where one is taken
+    std::vector<Slot> m_slots; ///< one a weak sum: its first block, in the next free slot
+    /// Further blocks that have the weak sum of one in a slot, but another strong sum, by both.
+    std::vector<quint32> m_others;
+    std::size_t m_otherCount = 0;
 };
 
 } // namespace Pellox

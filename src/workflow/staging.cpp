@@ -90,10 +90,36 @@ void Staging::decidePatch(UpdateWork &work)
 {
     const UpdateRule &rule = work.rule;
     work.isNeeded = true;
-    if (isContent(staged(work), rule.size, rule.sha512)) {
+    if (isContent(staged(work), rule.size, rule.sha512))
         work.isStaged = true;
+    else if (rule.isSealed)
+        decideSealedPatch(work);
+    else
+        decideUnsealedPatch(work);
+}
+
+/// The seal tells what the installed file must be.
+void Staging::decideSealedPatch(UpdateWork &work)
+{
+    const auto sha512 = isRegularFile(installed(work)) ? sha512Of(installed(work)) : std::nullopt;
+    if (m_crew->isStopped())
         return;
-    }
+    work.isNeeded = sha512 != work.rule.sha512;
+    if (!work.isNeeded || sha512 == work.rule.oldSha512)
+        return;
+    work.isTakenWhole = true;
+    if (m_folders.fallback.isEmpty())
+        add(Code::DamagedInstall, installed(work),
+            sha512 ? QStringLiteral("is not the file that the patch is for")
+                   : QStringLiteral("is missing"));
+    else if (QFileInfo(fallback(work)).size() != work.size || !isRegularFile(fallback(work)))
+        add(Code::BadFallback, fallback(work),
+            QStringLiteral("is not the file that the patch leads to"));
+}
+
+void Staging::decideUnsealedPatch(UpdateWork &work)
+{
+    const UpdateRule &rule = work.rule;
     if (!exists(installed(work))) {
         if (m_folders.fallback.isEmpty())
             add(Code::DamagedInstall, installed(work), QStringLiteral("is missing"));
@@ -106,7 +132,7 @@ void Staging::decidePatch(UpdateWork &work)
         work.isNeeded = !isContent(installed(work), rule.size, rule.sha512);
 }
 
-/// A copied file has no checksum in the rules: the patch's own file tells what is right.
+/// Without a seal a copied file has no checksum in the rules: the patch's own file tells it.
 void Staging::decideCopy(UpdateWork &work)
 {
     work.isNeeded = true;
@@ -118,7 +144,8 @@ void Staging::decideCopy(UpdateWork &work)
     const bool maybeStaged = sameSize(staged(work));
     if (!maybeInstalled && !maybeStaged)
         return;
-    const auto sha512 = sha512Of(payload(work));
+    const auto sha512
+        = work.rule.isSealed ? std::optional(work.rule.sha512) : sha512Of(payload(work));
     if (!sha512)
         return;
     work.isNeeded = !maybeInstalled || !isContent(installed(work), work.size, *sha512);
@@ -225,7 +252,7 @@ void Staging::stageAnew(UpdateWork &work)
     noteMissingFolders(staged(work));
     if (work.rule.kind == UpdateRule::Kind::Copy)
         return stageCopy(work);
-    if (m_folders.patch.isEmpty()) {
+    if (m_folders.patch.isEmpty() || work.isTakenWhole) {
         stageFallback(work);
         return;
     }
@@ -295,7 +322,10 @@ void Staging::stageCopy(UpdateWork &work)
         return fail(source.error());
     if (source.size() != work.size)
         return fail({source.path(), QStringLiteral("changed while it was read")});
-    work.isStaged = write(work, source, permissionsFor(work, source.path())).has_value();
+    const auto sha512 = write(work, source, permissionsFor(work, source.path()));
+    if (sha512 && work.rule.isSealed && sha512 != work.rule.sha512)
+        return fail({source.path(), QStringLiteral("changed since it was checked")});
+    work.isStaged = sha512.has_value();
 }
 
 /// Writes @p content where the work is staged. Its SHA-512; nothing when the crew was stopped.

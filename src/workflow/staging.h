@@ -46,6 +46,8 @@ private:
         const std::function<void(UpdateWork &)> &task, const std::function<void()> &report);
 
     void decidePatch(UpdateWork &work);
+    void decideSealedPatch(UpdateWork &work);
+    void decideUnsealedPatch(UpdateWork &work);
     void decideCopy(UpdateWork &work);
     bool isContent(const QString &path, qint64 size, const Sha512 &sha512);
     std::optional<Sha512> sha512Of(const QString &path);

@@ -48,7 +48,7 @@ Transaction::Outcome Transaction::finishUnfinished()
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
 }
 
-Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works)
+Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const Aim &aim)
 {
     Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
     // An old journal that came back would take what is staged now for its own.
@@ -57,9 +57,12 @@ Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works)
     if (!m_folder.make())
         return fail(m_folder.error());
     Outcome outcome = Outcome::Cancelled;
-    if (staging.carryOut(m_reports.staging))
-        outcome = commit(journalOf(works));
-    else if (!m_problems.isEmpty())
+    if (staging.carryOut(m_reports.staging)) {
+        Journal journal = journalOf(works);
+        journal.changesRelease = aim.changesRelease;
+        journal.release = aim.release;
+        outcome = commit(std::move(journal));
+    } else if (!m_problems.isEmpty())
         outcome = Outcome::Failed;
     if (outcome == Outcome::Failed || outcome == Outcome::Cancelled) {
         staging.remove();

@@ -24,6 +24,13 @@ public:
         bool keepsPrevious = false;
     };
 
+    /// What the build becomes.
+    struct Aim
+    {
+        bool changesRelease = false;
+        std::optional<InstalledRelease> release; ///< where that is known
+    };
+
     enum class Outcome {
         Done,
         NothingToDo,
@@ -50,7 +57,7 @@ public:
     /// Finishes it.
     Outcome finishUnfinished();
     /// Stages what is needed and not staged yet, and commits all that is needed.
-    Outcome carryOut(std::vector<UpdateWork> &works);
+    Outcome carryOut(std::vector<UpdateWork> &works, const Aim &aim);
     /// Commits steps that need no staging.
     Outcome commit(Journal journal);
 

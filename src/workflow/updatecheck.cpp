@@ -49,19 +49,19 @@ UpdateCheck::UpdateCheck(const UpdateFolders &folders, Problems &problems)
 {
 }
 
-std::vector<UpdateWork> UpdateCheck::carryOut()
+std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend)
 {
     if (!checkFolders())
         return {};
     QStringList errors;
     const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
-    const std::vector<UpdateRule> rules = readRules(manifest, &errors);
+    std::vector<UpdateRule> rules = readRules(manifest, &errors);
     checkTogether(rules, nameSense(rules), &errors);
     for (const QString &error : qAsConst(errors)) {
         const QString begin = manifest + QLatin1String(": ");
         add(Code::BadManifest, manifest, error.startsWith(begin) ? error.mid(begin.size()) : error);
     }
-    return errors.isEmpty() ? worksFor(rules) : std::vector<UpdateWork>();
+    return errors.isEmpty() && amend(&rules) ? worksFor(rules) : std::vector<UpdateWork>();
 }
 
 std::vector<UpdateWork> UpdateCheck::worksFor(const std::vector<UpdateRule> &rules)
@@ -238,7 +238,7 @@ void UpdateCheck::checkPayload(UpdateWork &work)
         add(Code::BadPatch, path, QStringLiteral("is no regular file"));
     else if (lastSeparator > 0 && !m_plainFolders.contains(folder))
         add(Code::BadPatch, path, QStringLiteral("is reached through a symbolic link"));
-    else if (work.rule.kind == UpdateRule::Kind::Copy)
+    else if (work.rule.kind == UpdateRule::Kind::Copy && !work.rule.isSealed)
         work.size = status->st_size;
 }
 

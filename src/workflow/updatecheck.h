@@ -6,6 +6,7 @@
 #include <QHash>
 #include <QSet>
 
+#include <functional>
 #include <vector>
 
 namespace Pellox {
@@ -19,8 +20,11 @@ class UpdateCheck
 public:
     UpdateCheck(const UpdateFolders &folders, Problems &problems);
 
+    /// May change the rules of a manifest. False with a problem.
+    using Amend = std::function<bool(std::vector<UpdateRule> *rules)>;
+
     /// The works of the patch's rules, in their order; complete only when no problem was added.
-    std::vector<UpdateWork> carryOut();
+    std::vector<UpdateWork> carryOut(const Amend &amend);
     /// The same for rules that come from elsewhere than a patch, and are known to be well formed.
     std::vector<UpdateWork> worksFor(const std::vector<UpdateRule> &rules);
     bool checkFolders();

@@ -31,8 +31,10 @@ public:
 
     UpdateRun::Settings settings(const QString &build, const QString &patch = QString()) const
     {
-        return {{folder(build), folder(patch), folder(fallback)},
-            threadCount > 0 ? threadCount : QThread::idealThreadCount(), syncs, keepsPrevious};
+        return {
+            {{folder(build), folder(patch), folder(fallback)},
+                threadCount > 0 ? threadCount : QThread::idealThreadCount(), syncs, keepsPrevious},
+            trust};
     }
 
     UpdateRun::Reports reports()
@@ -84,6 +86,7 @@ public:
     int threadCount = 0;
     QString fallback;
     bool keepsPrevious = false;
+    Trust trust;
     bool syncs = true;
     std::atomic<bool> isCancelled{false};
     std::atomic<bool> isRunning{false};
@@ -114,6 +117,16 @@ void UpdateController::setThreadCount(int count)
 void UpdateController::setFallbackSource(const QString &folder)
 {
     d->fallback = folder;
+}
+
+void UpdateController::setTrustedKeys(const QStringList &publicKeys)
+{
+    d->trust.keys = publicKeys;
+}
+
+void UpdateController::setOlderAllowed(bool allowed)
+{
+    d->trust.allowsOlder = allowed;
 }
 
 void UpdateController::setKeepPrevious(bool keep)

@@ -78,6 +78,15 @@ public:
     /// A folder with the files of the new build: where an installed file is missing or not the one
     /// that the patch is for, it is taken whole from there. Empty, the default, is none.
     void setFallbackSource(const QString &folder);
+    /**
+     * PEM files of the public keys whose seals are believed, see PatchSeal. With any, a patch that
+     * is not sealed by one of them, differs from its seal in any byte, leads on from another build
+     * or to an older release is refused; and every installed file is known as old, new or neither
+     * before anything is touched. Empty, the default: patches need no seal.
+     */
+    void setTrustedKeys(const QStringList &publicKeys);
+    /// Whether sealed patches may lead to an older release than the installed one. Off by default.
+    void setOlderAllowed(bool allowed);
     /// Whether what an update replaces and deletes is set aside in the build's hidden folder,
     /// so that rollback() can bring it back. Off by default.
     void setKeepPrevious(bool keep);

@@ -49,6 +49,8 @@ Words wordsOf(UpdateProblem::Code code)
         return {"not-trusted", "Get the patch from its publisher; do not use this one."};
     case Code::OlderRelease:
         return {"older-release", "Use a newer patch, or allow older releases."};
+    case Code::ForeignPatch:
+        return {"foreign-patch", "Get the patch that leads on from the installed release."};
     }
     return {"unknown", ""};
 }

@@ -28,6 +28,7 @@ struct PELLOX_EXPORT UpdateProblem
         NothingKept,    ///< there is no earlier build to bring back
         NotTrusted,     ///< the patch has no seal by a trusted key, or differs from it
         OlderRelease,   ///< the patch leads to an older release than the one that is installed
+        ForeignPatch,   ///< the patch leads on from another build than the one that is installed
     };
 
     Code code = Code::ReadOrWrite;

@@ -17,7 +17,7 @@ UpdateRun::UpdateRun(Settings settings, Reports reports, const std::atomic<bool>
     : m_settings(std::move(settings))
     , m_reports(std::move(reports))
     , m_cancelled(cancelled)
-    , m_transaction(m_settings,
+    , m_transaction(m_settings.transaction,
           {{m_reports.progress, m_reports.staged},
               [this] { m_reports.phase(UpdateController::UpdatePhase::Committing); }},
           m_cancelled, m_problems)
@@ -38,10 +38,13 @@ UpdateRun::UpdateResult UpdateRun::update()
 UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
 {
     m_reports.phase(UpdateController::UpdatePhase::Checking);
-    std::vector<UpdateWork> works = UpdateCheck(m_settings.folders, m_problems).carryOut();
+    Transaction::Aim aim;
+    std::vector<UpdateWork> works = check(&aim);
     if (!m_problems.isEmpty())
         return end(UpdateResult::Refused);
-    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
+    if (m_cancelled)
+        return end(UpdateResult::Cancelled);
+    Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
     if (!staging.decide())
         return end(m_problems.isEmpty() ? UpdateResult::Cancelled : UpdateResult::Refused);
     const bool anyNeeded = std::any_of(
@@ -51,7 +54,23 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
     if (!staging.hasRoom())
         return end(UpdateResult::Refused);
     m_reports.phase(UpdateController::UpdatePhase::Staging);
-    return end(m_transaction.carryOut(works));
+    return end(m_transaction.carryOut(works, aim));
+}
+
+/// The works that bring the build to @p aim; complete only without a problem and uncancelled.
+std::vector<UpdateWork> UpdateRun::check(Transaction::Aim *aim)
+{
+    aim->changesRelease = true;
+    UpdateCheck check(folders(), m_problems);
+    if (m_settings.trust.keys.isEmpty())
+        return check.carryOut([](std::vector<UpdateRule> *) { return true; });
+    TrustCheck trust(m_settings.transaction, m_settings.trust, m_cancelled, m_problems);
+    const auto sealed = trust.carryOut();
+    if (!sealed)
+        return {};
+    aim->release = InstalledRelease{sealed->release, sealed->to};
+    return check.carryOut(
+        [&](std::vector<UpdateRule> *rules) { return trust.seal(*sealed, rules); });
 }
 
 Transaction::Outcome UpdateRun::finishUnfinished()
@@ -78,7 +97,7 @@ UpdateRun::UpdateResult UpdateRun::rollback()
 
 UpdateRun::UpdateResult UpdateRun::carryOutRollback()
 {
-    SetAside previous(m_settings.folders.build);
+    SetAside previous(folders().build);
     const auto record = previous.wayBack();
     if (!record)
         m_problems.add(
@@ -88,6 +107,8 @@ UpdateRun::UpdateResult UpdateRun::carryOutRollback()
         return end(UpdateResult::Refused);
     Journal journal = journalOf(works);
     journal.isRollback = true;
+    journal.changesRelease = record->changesRelease;
+    journal.release = record->release;
     return end(m_transaction.commit(std::move(journal)));
 }
 
@@ -102,16 +123,16 @@ std::vector<UpdateWork> UpdateRun::worksBack(const Journal &record)
         rules.push_back(rule);
     };
     for (const Journal::Placement &placement : record.first) {
-        const QString kept = m_settings.folders.build + placement.from;
+        const QString kept = folders().build + placement.from;
         if (!isRegularFile(kept))
             m_problems.add(Code::NothingKept, kept, QStringLiteral("is missing"));
         add(UpdateRule::Kind::Copy, placement.to);
     }
     for (const QString &path : record.deletions)
         add(UpdateRule::Kind::Delete, path);
-    UpdateFolders folders;
-    folders.build = m_settings.folders.build;
-    std::vector<UpdateWork> works = UpdateCheck(folders, m_problems).worksFor(rules);
+    UpdateFolders build;
+    build.build = folders().build;
+    std::vector<UpdateWork> works = UpdateCheck(build, m_problems).worksFor(rules);
     for (UpdateWork &work : works) {
         work.isNeeded = true;
         work.staged = WorkFolder::Previous + work.rule.relativePath;
@@ -125,11 +146,11 @@ bool UpdateRun::discardPrevious()
     const bool ready
         = m_transaction.lock() && finishUnfinished() != Transaction::Outcome::Interrupted;
     if (ready) {
-        SetAside previous(m_settings.folders.build);
+        SetAside previous(folders().build);
         discarded = previous.discard();
         if (!discarded)
             m_problems.add(Code::ReadOrWrite, previous.error());
-        WorkFolder(m_settings.folders.build).removeIfEmpty();
+        WorkFolder(folders().build).removeIfEmpty();
     }
     end(UpdateResult::Failed);
     return discarded;
@@ -138,8 +159,9 @@ bool UpdateRun::discardPrevious()
 UpdatePlan UpdateRun::plan()
 {
     UpdatePlan plan;
-    std::vector<UpdateWork> works = UpdateCheck(m_settings.folders, m_problems).carryOut();
-    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
+    Transaction::Aim aim;
+    std::vector<UpdateWork> works = check(&aim);
+    Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
     if (m_problems.isEmpty() && staging.decide())
         staging.hasRoom();
     for (const UpdateProblem &problem : m_problems.all())
@@ -153,9 +175,9 @@ UpdatePlan UpdateRun::plan()
         }
         const bool isPatch = work.rule.kind == UpdateRule::Kind::Patch;
         ++(isPatch ? plan.filesToPatch : plan.filesToCopy);
-        plan.bytesToRead += QFileInfo(m_settings.folders.patch + work.rule.relativePath).size();
+        plan.bytesToRead += QFileInfo(folders().patch + work.rule.relativePath).size();
         if (isPatch)
-            plan.bytesToRead += QFileInfo(m_settings.folders.build + work.rule.relativePath).size();
+            plan.bytesToRead += QFileInfo(folders().build + work.rule.relativePath).size();
     }
     plan.bytesToWrite = staging.bytesToWrite();
     plan.peakExtraDisk = plan.bytesToWrite;

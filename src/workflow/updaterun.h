@@ -2,6 +2,7 @@
 #pragma once
 
 #include "transaction.h"
+#include "trustcheck.h"
 #include "updatecontroller.h"
 
 #include <atomic>
@@ -15,7 +16,12 @@ class UpdateRun
 {
 public:
     using UpdateResult = UpdateController::UpdateResult;
-    using Settings = Transaction::Settings;
+
+    struct Settings
+    {
+        Transaction::Settings transaction;
+        Trust trust;
+    };
 
     struct Reports
     {
@@ -39,6 +45,8 @@ private:
     Transaction::Outcome finishUnfinished();
     UpdateResult carryOutUpdate(bool resumed);
     UpdateResult carryOutRollback();
+    std::vector<UpdateWork> check(Transaction::Aim *aim);
+    const UpdateFolders &folders() const { return m_settings.transaction.folders; }
     std::vector<UpdateWork> worksBack(const Journal &record);
     UpdateResult end(UpdateResult result);
     UpdateResult end(Transaction::Outcome outcome);

@@ -25,8 +25,9 @@ struct UpdateWork
     bool comesLast = false; ///< something that is deleted stands in its place or above it
     bool isNeeded = false;  ///< the build does not have the outcome already
     bool isStaged = false;
-    QString staged;  ///< where the new content goes first; relative to the build
-    qint64 size = 0; ///< of the new content
+    bool isTakenWhole = false; ///< from the fallback, as the installed file is not the old one
+    QString staged;            ///< where the new content goes first; relative to the build
+    qint64 size = 0;           ///< of the new content
 };
 
 /// What is wrong, from any thread.

@@ -18,6 +18,8 @@ const QString WorkFolder::Keeping = QStringLiteral("/.pellox/keeping");
 const QString WorkFolder::KeepingRecord = QStringLiteral("/.pellox/keeping.json");
 const QString WorkFolder::Previous = QStringLiteral("/.pellox/previous");
 const QString WorkFolder::PreviousRecord = QStringLiteral("/.pellox/previous.json");
+const QString WorkFolder::Release = QStringLiteral("/.pellox/release");
+const QString WorkFolder::NewRelease = QStringLiteral("/.pellox/release.new");
 
 bool WorkFolder::isInside(const QString &relativePath)
 {

@@ -12,6 +12,7 @@ namespace Pellox {
  *   staged/    new files whose folder is a file of the old build still
  *   keeping/   what the commit under way sets aside, and its record, keeping.json
  *   previous/  what the last update has set aside, and its record, previous.json
+ *   release    which release is installed, where that is known
  *
  * Everything is on the build's file system, so that renames are atomic.
  */
@@ -30,6 +31,8 @@ public:
     static const QString KeepingRecord;
     static const QString Previous;
     static const QString PreviousRecord;
+    static const QString Release;
+    static const QString NewRelease; ///< on the way to be one
 
     /// Whether @p relativePath leads into such a folder.
     static bool isInside(const QString &relativePath);

@@ -138,6 +138,9 @@ void tst_IgnoreList::ignores_data()
     row("two stars in a name", "a**b", "ab|axb", "a/b|ax/yb");
     row("two stars in a name of a path", "x/a**b", "x/axb", "x/a/b");
     row("three stars", "x/***/a", "x/a|x/y/z/a", "xa");
+    row("two stars and an escaped separator", "**\\/a", "x/a|x/y/a", "a|xa");
+    row("the same between", "x/**\\/a", "x/y/a|x/y/z/a", "x/a|xa");
+    row("two stars and another escape", "x/**\\a", "x/a|x/ya", "x/y/a");
     // Brackets
     row("set", "[ab].c", "a.c|b.c", "c.c|ab.c");
     row("range", "v[0-3]", "v0|v3", "v4|v|v03");

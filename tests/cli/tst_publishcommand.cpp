@@ -230,7 +230,11 @@ void tst_PublishCommand::goesOnWhereARunWasKilled()
     QCOMPARE(run(PublishFirst).status, Done);
     const auto patch = content("patch");
     m_tree->remove(QStringLiteral("patch/patchRules.json"));
-    m_tree->write(QStringLiteral("patch/.pellox-incomplete"), QByteArray());
+    QByteArray marker = "|patchRules.json|/half a file|";
+    for (auto file = patch.cbegin(); file != patch.cend(); ++file)
+        marker += '/' + QFile::encodeName(file.key()) + '|';
+    marker += '|';
+    m_tree->write(QStringLiteral("patch/.pellox-incomplete"), marker.replace('|', '\0'));
     m_tree->write(QStringLiteral("patch/half a file"), "of another release");
     const Outcome outcome = run(PublishFirst);
     QVERIFY2(outcome.status == Done, qPrintable(outcome.err));

@@ -24,6 +24,12 @@ private Q_SLOTS:
     void goBackUnlessKept();
     void nothingIsReplaced_data();
     void nothingIsReplaced();
+    void replacedFilesGoBackUnlessKept_data();
+    void replacedFilesGoBackUnlessKept();
+    void replacedFilesGoBackWhereNothingIs();
+    void noFolderIsReplacedByAFile();
+    void failuresHaveAReason_data();
+    void failuresHaveAReason();
     void whatCannotGoBackIsKeptAndTold();
     void whatIsGoneNeedNotGoBack();
 
@@ -105,6 +111,87 @@ void tst_Renames::nothingIsReplaced()
     QVERIFY(QFileInfo(path("link")).isSymLink());
     QVERIFY(!m_tree->exists(QStringLiteral("nowhere")));
     QVERIFY(QFileInfo(path("empty")).isDir());
+}
+
+void tst_Renames::replacedFilesGoBackUnlessKept_data()
+{
+    QTest::addColumn<QString>("place");
+    QTest::addColumn<bool>("isKept");
+
+    for (const char *place : {"folder/file", "link"}) {
+        QTest::addRow("%s kept", place) << QString::fromLatin1(place) << true;
+        QTest::addRow("%s goes back", place) << QString::fromLatin1(place) << false;
+    }
+}
+
+void tst_Renames::replacedFilesGoBackUnlessKept()
+{
+    QFETCH(QString, place);
+    QFETCH(bool, isKept);
+    const QString aside = inWorkFolder("replaced/") + place;
+    const bool isLink = QFileInfo(m_tree->path(place)).isSymLink();
+    Console console({});
+    {
+        Renames renames(*m_workFolder, console);
+        QVERIFY(renames.replace(path("file"), m_tree->path(place), aside));
+        QCOMPARE(m_tree->read(place), QByteArray("mine"));
+        QCOMPARE(QFileInfo(aside).isSymLink(), isLink);
+        QVERIFY(isLink || QFileInfo::exists(aside));
+        QVERIFY(!m_tree->exists(QStringLiteral("file")));
+        if (isKept)
+            renames.keep();
+    }
+    QCOMPARE(m_tree->exists(QStringLiteral("file")), !isKept);
+    QCOMPARE(QFileInfo(m_tree->path(place)).isSymLink(), isLink && !isKept);
+    if (!isLink)
+        QCOMPARE(m_tree->read(place), QByteArray(isKept ? "mine" : "in it"));
+    QCOMPARE(console.errorCount(), 0);
+}
+
+/// Someone has taken the new one away.
+void tst_Renames::replacedFilesGoBackWhereNothingIs()
+{
+    Console console({});
+    {
+        Renames renames(*m_workFolder, console);
+        QVERIFY(renames.replace(path("file"), path("folder/file"), inWorkFolder("aside")));
+        m_tree->remove(QStringLiteral("folder/file"));
+    }
+    QCOMPARE(console.errorCount(), 0);
+    QCOMPARE(m_tree->read(QStringLiteral("folder/file")), QByteArray("in it"));
+}
+
+void tst_Renames::noFolderIsReplacedByAFile()
+{
+    Console console({});
+    {
+        Renames renames(*m_workFolder, console);
+        QVERIFY(!renames.replace(path("file"), path("folder"), inWorkFolder("aside")));
+        QCOMPARE(renames.reason(), QStringLiteral("is a folder, and a file belongs there"));
+    }
+    QCOMPARE(m_tree->read(QStringLiteral("file")), QByteArray("mine"));
+    QCOMPARE(m_tree->read(QStringLiteral("folder/file")), QByteArray("in it"));
+    QCOMPARE(console.errorCount(), 0);
+}
+
+void tst_Renames::failuresHaveAReason_data()
+{
+    QTest::addColumn<QString>("to");
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("something there") << QStringLiteral("link") << QStringLiteral("exists");
+    QTest::newRow("no folder") << QStringLiteral("none/file")
+                               << QStringLiteral("cannot be created (No such file or directory)");
+}
+
+void tst_Renames::failuresHaveAReason()
+{
+    QFETCH(QString, to);
+    QFETCH(QString, reason);
+    Console console({});
+    Renames renames(*m_workFolder, console);
+    QVERIFY(!renames.rename(path("file"), m_tree->path(to)));
+    QCOMPARE(renames.reason(), reason);
 }
 
 /// Someone else has taken the place meanwhile.

@@ -77,6 +77,7 @@ private Q_SLOTS:
     void manyFiles_data();
     void manyFiles();
     void hostileNamesAreText();
+    void brokenNamesHaveAddresses();
     void foreignScriptsAreNotRun();
 
     void legible_data();
@@ -806,6 +807,50 @@ void tst_Report::hostileNamesAreText()
         m_browser->evaluate(QStringLiteral("document.querySelectorAll('script').length")).toInt(),
         2);
     QCOMPARE(m_browser->requests().size(), 1);
+}
+
+/// Half of a pair of surrogates is no character, but JSON can hold it and so can a name.
+void tst_Report::brokenNamesHaveAddresses()
+{
+    const QChar half(0xd800);
+    const QChar otherHalf(0xdc0a);
+    const QStringList folders{QString(half) + QLatin1Char('a'), QString(otherHalf) + half,
+        QStringLiteral("~d800"), QStringLiteral("~~d800a"), QStringLiteral("whole \U0001f3ae")};
+    // The program that makes patches refuses such names, so the page is given its data as it is.
+    MadeUpPatch patch(m_tree->path(QStringLiteral("patch")));
+    for (int i = 0; i < folders.size(); ++i)
+        patch.copy(QStringLiteral("/%1%1%1%1/file").arg(i), 1000 * (i + 1));
+    const QString page = report(patch, QStringLiteral("patch"));
+    QFile file(page);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QByteArray html = file.readAll();
+    for (int i = 0; i < folders.size(); ++i) {
+        QByteArray name;
+        for (const QChar character : folders.at(i))
+            name += "\\u" + QByteArray::number(character.unicode(), 16).rightJustified(4, '0');
+        html.replace(QByteArray(4, static_cast<char>('0' + i)) + "/file", name + "/file");
+    }
+    QVERIFY(file.seek(0) && file.resize(0) && file.write(html) == html.size());
+    file.close();
+    m_browser->open(page);
+
+    QCOMPARE(texts(QStringLiteral("#rows tr")).size(), folders.size());
+    const QString count = QStringLiteral("document.querySelectorAll('#rows tr').length");
+    for (int i = 0; i < folders.size(); ++i) {
+        m_browser->evaluate(QStringLiteral("location.hash = '#/'"));
+        waitFor(count + QStringLiteral(" === %1").arg(folders.size()));
+        // The largest comes first.
+        m_browser->evaluate(QStringLiteral("document.querySelectorAll('#rows a')[%1].click()")
+                                .arg(folders.size() - 1 - i));
+        waitFor(count + QLatin1String(" === 1"));
+        QStringList codes;
+        for (const QChar character : folders.at(i))
+            codes.append(QString::number(character.unicode()));
+        waitFor(QStringLiteral("[...document.querySelector('#table-title').textContent.slice("
+                               "'Files in /'.length).split('')].map(c => c.charCodeAt(0)).join()"
+                               " === '%1'")
+                    .arg(codes.join(QLatin1Char(','))));
+    }
 }
 
 void tst_Report::foreignScriptsAreNotRun()

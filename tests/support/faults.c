@@ -13,6 +13,7 @@
  *                    a number  the call fails with that errno
  *                    half      the call reads or writes half of what it should
  *                    kill      the process dies before the call
+ *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried out
  *                    append, truncate, rewrite, disguise, replace, remove
  *                              happens to the file that the call is on; then the call is carried
  *                              out. "rewrite" changes bytes in place, "disguise" does and sets the
@@ -184,6 +185,8 @@ static enum verdict meet(const char *kind, const char *path)
     if (s_action && s_at > 0 && (call == s_at || (s_repeat && call > s_at))) {
         if (strcmp(s_action, "kill") == 0)
             kill(getpid(), SIGKILL);
+        else if (strcmp(s_action, "interrupt") == 0)
+            raise(SIGINT); /* on this thread, so that it comes before the call */
         else if (strcmp(s_action, "half") == 0)
             verdict = GO_HALF;
         else if (!change_file(path)) {

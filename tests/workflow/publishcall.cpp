@@ -26,7 +26,7 @@ std::optional<bool> runCommand(
     if (command == QLatin1String("diff") && paths.size() >= 3)
         return publisher.createPatch(paths[0], paths[1], paths[2], paths.mid(3));
     if (command == QLatin1String("plan") && paths.size() >= 2)
-        return !publisher.plan(paths[0], paths[1], paths.mid(2)).isEmpty();
+        return publisher.plan(paths[0], paths[1], paths.mid(2)).has_value();
     if (command == QLatin1String("publish") && paths.size() >= 4)
         return publisher.publish(paths[0], paths[1], paths[2], paths[3], paths.mid(4));
     return std::nullopt;

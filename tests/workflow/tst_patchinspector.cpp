@@ -116,6 +116,9 @@ private Q_SLOTS:
     void formOfTheFolder();
     void linkWithinTheFolder();
     void sizesBeyond32Bits();
+    void sumsThatNobodyCanCount_data();
+    void sumsThatNobodyCanCount();
+    void climbBehindALink();
     void unknownMembersArePassedOver();
     void changesNothing();
 
@@ -347,6 +350,47 @@ void tst_PatchInspector::sizesBeyond32Bits()
     QCOMPARE(file.patchBytes, huge.size());
 }
 
+void tst_PatchInspector::sumsThatNobodyCanCount_data()
+{
+    QTest::addColumn<int>("files");
+    QTest::addColumn<bool>("taken");
+    QTest::newRow("8 PiB") << 8 << true;
+    QTest::newRow("more") << 9 << false;
+    QTest::newRow("more than 64 bits") << 8200 << false;
+}
+
+/// Each of the files by itself is small enough.
+void tst_PatchInspector::sumsThatNobodyCanCount()
+{
+    QFETCH(int, files);
+    QFETCH(bool, taken);
+    constexpr qint64 PiB = qint64(1) << 50;
+    const QByteArray copy = QByteArray::fromHex("48 00 0004000000000000 00");
+    QJsonArray rules;
+    for (int i = 0; i < files; ++i) {
+        const QString path = QStringLiteral("/%1").arg(i);
+        writePayload(path, QByteArray::fromHex("72730236") + copy);
+        rules.append(patchRule(path, PiB));
+    }
+    writeManifest(rules);
+    PatchInspector inspector;
+    const Listener listener(inspector);
+    QCOMPARE(inspector.inspect(patch()), taken);
+    QCOMPARE(listener.messages.size(), taken ? 0 : files - 8);
+    QVERIFY(taken
+        || listener.messages.first()
+            == patch(QStringLiteral("/8: has a size that makes all together more than 8 PiB")));
+}
+
+void tst_PatchInspector::climbBehindALink()
+{
+    m_tree->makeFolder(QStringLiteral("elsewhere/deep"));
+    m_tree->write(QStringLiteral("elsewhere/patch/patchRules.json"), "[]");
+    m_tree->link(QStringLiteral("link"), m_tree->path(QStringLiteral("elsewhere/deep")));
+    PatchInspector inspector;
+    QVERIFY(inspector.inspect(m_tree->path(QStringLiteral("link/../patch"))));
+}
+
 void tst_PatchInspector::unknownMembersArePassedOver()
 {
     writeManifest({with(deleteRule(QStringLiteral("/x")), "colour", QStringLiteral("red"))});
@@ -444,7 +488,7 @@ void tst_PatchInspector::badRule_data()
     row("rule without a name", rule(QString(), there),
         QStringLiteral("/there: has the unknown rule \"\""));
 
-    const QString out = QStringLiteral("leads out of the patch folder");
+    const QString out = QStringLiteral("leads out of the folder");
     const QString oddPart = QStringLiteral("has a path with an empty part or a dot for a part");
     const QString noSeparator
         = QStringLiteral("has a relative path that does not begin with a separator");

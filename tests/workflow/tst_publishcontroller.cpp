@@ -83,6 +83,24 @@ QJsonArray recordsIn(const QByteArray &json)
     return QJsonDocument::fromJson(json).array();
 }
 
+/// A manifest of either kind, as far as it says which files there are.
+QByteArray manifestNaming(const QStringList &paths)
+{
+    QJsonArray records;
+    for (const QString &path : paths)
+        records.append(QJsonObject{{"relative_path"_s, QLatin1Char('/') + path}});
+    return QJsonDocument(records).toJson();
+}
+
+/// What stands in the hidden file of a run that was killed.
+QByteArray markerOf(const QByteArray &manifest, const QByteArrayList &paths)
+{
+    QByteArray marker = '\0' + manifest + '\0';
+    for (const QByteArray &path : paths)
+        marker += '/' + path + '\0';
+    return marker + '\0';
+}
+
 int openDescriptors()
 {
     return QDir("/proc/self/fd"_s).entryList(QDir::AllEntries | QDir::System).size();
@@ -232,6 +250,19 @@ private Q_SLOTS:
     void hiddenFilesOfOthersAreLeftAlone();
     void foreignFolderIsRefused_data();
     void foreignFolderIsRefused();
+    void foreignFileBesideARelease_data();
+    void foreignFileBesideARelease();
+    void sealIsPartOfAnOlderRelease();
+    void tellsBeforehandWhichFoldersItTakes();
+    void tellsTheSizeOfASignature();
+    void anotherRunWritesThere_data();
+    void anotherRunWritesThere();
+    void failureBeforehandLeavesTheOlderRelease_data();
+    void failureBeforehandLeavesTheOlderRelease();
+    void earlyCancelLeavesTheOlderRelease();
+    void callbackThatThrows_data();
+    void callbackThatThrows();
+    void climbsBehindALink();
     void folderOfACrashedRunIsTaken_data();
     void folderOfACrashedRunIsTaken();
     void emptyFolderIsTaken();
@@ -410,9 +441,9 @@ bool tst_PublishController::call(const QString &name, const PROGRESS_CALLBACK &p
         return m_publisher->publish(m_paths.build, m_paths.oldSignatures, m_paths.patch,
             m_paths.signatures, m_ignored, progress);
     }
-    const int errors = m_errors.size();
-    m_plan = m_publisher->plan(m_paths.build, m_paths.oldSignatures, m_ignored, progress);
-    return m_errors.size() == errors && !m_publisher->wasCancelled();
+    const auto plan = m_publisher->plan(m_paths.build, m_paths.oldSignatures, m_ignored, progress);
+    m_plan = plan.value_or(QVariantList());
+    return plan.has_value();
 }
 
 /// What is wrong with the failure of a call; takes its error.
@@ -463,6 +494,10 @@ void tst_PublishController::threadCountIsKept()
     QCOMPARE(m_publisher->threadCount(), 7);
     m_publisher->setThreadCount(0);
     QCOMPARE(m_publisher->threadCount(), 0);
+    m_publisher->setThreadCount(-1);
+    QCOMPARE(m_publisher->threadCount(), 0);
+    m_publisher->setThreadCount(std::numeric_limits<int>::max());
+    QCOMPARE(m_publisher->threadCount(), 1024);
 }
 
 void tst_PublishController::worksOnAsManyThreadsAsAreSet_data()
@@ -895,8 +930,8 @@ void tst_PublishController::olderReleaseIsReplaced()
         else
             m_tree->write(folder + left, QByteArray(100000, 'x'));
     }
-    m_tree->write("patch/patchRules.json"_s, "[]");
-    m_tree->write("signatures/signatures.json"_s, "[]");
+    m_tree->write("patch/patchRules.json"_s, manifestNaming({left}));
+    m_tree->write("signatures/signatures.json"_s, manifestNaming({left}));
     EXPECT_CALL("publish"_s);
     QCOMPARE(differenceToExpectation(), QString());
 }
@@ -914,8 +949,10 @@ void tst_PublishController::linksInAnOlderReleaseAreNotFollowed()
         m_tree->link(folder + "/stale link"_s, path("precious"_s));
         m_tree->link(folder + "/dangling"_s, path("nowhere"_s));
     }
-    m_tree->write("patch/patchRules.json"_s, "[]");
-    m_tree->write("signatures/signatures.json"_s, "[]");
+    const QByteArray manifest
+        = manifestNaming({"data"_s, "game.exe"_s, "stale link"_s, "dangling"_s});
+    m_tree->write("patch/patchRules.json"_s, manifest);
+    m_tree->write("signatures/signatures.json"_s, manifest);
     EXPECT_CALL("publish"_s);
     QCOMPARE(TestTree::snapshot(path("precious"_s)), precious);
     QCOMPARE(differenceToExpectation(), QString());
@@ -945,8 +982,8 @@ void tst_PublishController::hiddenFilesOfOthersAreLeftAlone()
         }
     }
     if (besideARelease) {
-        m_tree->write("patch/patchRules.json"_s, "[]");
-        m_tree->write("signatures/signatures.json"_s, "[]");
+        m_tree->write("patch/patchRules.json"_s, manifestNaming({"old/stale"_s}));
+        m_tree->write("signatures/signatures.json"_s, manifestNaming({"old/stale"_s}));
     }
     EXPECT_CALL("publish"_s);
     QCOMPARE(differenceToExpectation(), QString());
@@ -997,6 +1034,261 @@ void tst_PublishController::foreignFolderIsRefused()
     QCOMPARE(TestTree::snapshot(path(QString())), before);
 }
 
+void tst_PublishController::foreignFileBesideARelease_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("manifest");
+    QTest::addColumn<QByteArray>("marker");
+    const QByteArray rules = "patchRules.json";
+    const auto addRow
+        = [](const char *name, const QString &file, const QByteArray &manifest,
+              const QByteArray &marker) { QTest::newRow(name) << file << manifest << marker; };
+    const QByteArray release = manifestNaming({"game.exe"_s, "data/x"_s});
+    addRow("beside a manifest", "thesis"_s, release, QByteArray());
+    addRow("in a folder", "data/thesis"_s, release, QByteArray());
+    addRow("in a folder of its own", "other/thesis"_s, release, QByteArray());
+    addRow("other case", "Game.exe"_s, release, QByteArray());
+    addRow("other manifest", "signatures.json"_s, release, QByteArray());
+    addRow("empty manifest", "thesis"_s, "[]", QByteArray());
+    addRow("beside a marker", "thesis"_s, QByteArray(), markerOf(rules, {"game.exe"}));
+    addRow("beside both", "thesis"_s, release, markerOf(rules, {"half"}));
+    addRow("no manifest at all", "patchRules.json"_s, "my own notes", QByteArray());
+    addRow("object", "patchRules.json"_s, "{}", QByteArray());
+    // Of what a marker does not say, nothing is known.
+    addRow("marker of another kind", QString(), QByteArray(),
+        markerOf("signatures.json", {"game.exe", "thesis"}));
+    addRow("empty marker", QString(), QByteArray(), "");
+    addRow("marker that is cut off", QString(), QByteArray(),
+        markerOf(rules, {"game.exe", "data/x"}).chopped(1));
+}
+
+void tst_PublishController::foreignFileBesideARelease()
+{
+    QFETCH(QString, file);
+    QFETCH(QByteArray, manifest);
+    QFETCH(QByteArray, marker);
+    layRelease();
+    lay("patch"_s, {{"game.exe"_s, "delta"}, {"data/x"_s, "x"}});
+    if (marker.startsWith('\0') && !file.isEmpty())
+        marker += markerOf("patchRules.json", {"data/x", "game.exe"});
+    if (!manifest.isEmpty())
+        m_tree->write("patch/patchRules.json"_s, manifest);
+    if (!marker.isNull())
+        m_tree->write("patch/.pellox-incomplete"_s, marker);
+    if (!file.isEmpty() && file != "patchRules.json"_s)
+        m_tree->write("patch/"_s + file, "years of work");
+    const auto before = TestTree::snapshot(path(QString()));
+    const QString culprit = file.isEmpty() ? m_paths.patch : path("patch/"_s + file);
+    for (const QString &name : {"diff"_s, "publish"_s}) {
+        QVERIFY(!call(name));
+        QCOMPARE(m_errors.size(), 1);
+        const QString error = m_errors.takeFirst();
+        QVERIFY2(namesFirst(error, culprit), qPrintable(error));
+        QCOMPARE(TestTree::snapshot(path(QString())), before);
+        QCOMPARE(PublishController::problemOfPatchFolder(m_paths.patch), error);
+    }
+    m_tree->remove("patch"_s);
+    EXPECT_CALL("publish"_s);
+}
+
+/// A seal belongs to the patch that it was made for.
+void tst_PublishController::sealIsPartOfAnOlderRelease()
+{
+    layRelease();
+    makeExpectation();
+    lay("patch"_s, {{"patchRules.json"_s, "[]"}, {"patchSeal.json"_s, "{}"}});
+    EXPECT_CALL("publish"_s);
+    QCOMPARE(differenceToExpectation(), QString());
+    m_tree->write("signatures/patchSeal.json"_s, "{}");
+    QVERIFY(namesFirst(PublishController::problemOfSignaturesFolder(m_paths.signatures),
+        path("signatures/patchSeal.json"_s)));
+}
+
+void tst_PublishController::tellsBeforehandWhichFoldersItTakes()
+{
+    layRelease();
+    const auto problem = [&] {
+        return PublishController::problemOfPatchFolder(m_paths.patch)
+            + PublishController::problemOfSignaturesFolder(m_paths.signatures);
+    };
+    QCOMPARE(problem(), QString()); // neither is there
+    EXPECT_CALL("publish"_s);
+    const auto before = TestTree::snapshot(path(QString()));
+    QCOMPARE(problem(), QString());
+    QVERIFY(namesFirst(
+        PublishController::problemOfPatchFolder(m_paths.signatures), m_paths.signatures));
+    QVERIFY(namesFirst(PublishController::problemOfSignaturesFolder(m_paths.patch), m_paths.patch));
+    QVERIFY(namesFirst(
+        PublishController::problemOfPatchFolder(path("new/README"_s)), path("new/README"_s)));
+    QCOMPARE(TestTree::snapshot(path(QString())), before);
+}
+
+void tst_PublishController::tellsTheSizeOfASignature()
+{
+    for (const int size : {0, 1, Block - 1, Block, Block + 1, 7 * Block}) {
+        m_tree->write("new/x"_s, QByteArray(size, 'x'));
+        EXPECT_CALL("sign"_s);
+        QCOMPARE(PublishController::signatureSize(size), QFileInfo(path("signatures/x"_s)).size());
+    }
+}
+
+void tst_PublishController::anotherRunWritesThere_data()
+{
+    QTest::addColumn<QString>("other"); // folders that the second run shares with the first
+    QTest::newRow("both") << "patch signatures"_s;
+    QTest::newRow("patch") << "patch"_s;
+    QTest::newRow("signatures") << "signatures"_s;
+}
+
+/// The second run is refused, and the first does not notice.
+void tst_PublishController::anotherRunWritesThere()
+{
+    QFETCH(QString, other);
+    layRelease();
+    makeLargeFile(path("new/large"_s), 64 * MiB);
+    makeExpectation();
+    EXPECT_CALL("publish"_s); // so that there is a release that could be replaced
+    QStringList errors;
+    int calls = 0;
+    const auto publishAgain = [&] {
+        PublishController second;
+        connect(&second, &PublishController::publishError, this,
+            [&](const QString &message) { errors.append(message); });
+        const auto folder = [&](const QString &name) {
+            return other.contains(name) ? path(name) : path("other "_s + name);
+        };
+        ++calls;
+        if (second.publish(
+                path("new"_s), path("old signatures"_s), folder("patch"_s), folder("signatures"_s)))
+            errors.append("done"_s);
+    };
+    QVERIFY(call("publish"_s, [&](double percent) {
+        if (percent > 0 && percent < 100 && calls == 0)
+            publishAgain();
+    }));
+    QCOMPARE(calls, 1);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().endsWith("another run writes here"_s), qPrintable(errors.first()));
+    QVERIFY2(namesFirst(errors.first(), path(other.section(QLatin1Char(' '), -1)))
+            || namesFirst(errors.first(), path(other.section(QLatin1Char(' '), 0, 0))),
+        qPrintable(errors.first()));
+    QCOMPARE(differenceToExpectation(), QString());
+    QVERIFY(!m_tree->exists("patch/.pellox-incomplete"_s));
+    errors.clear();
+    publishAgain();
+    QCOMPARE(errors, QStringList("done"_s));
+}
+
+/// What can be known before the folders are emptied is told before that.
+void tst_PublishController::failureBeforehandLeavesTheOlderRelease_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("damage"); // of the old signature of a changed file
+    for (const char *name : {"diff", "publish"}) {
+        for (const char *damage : {"missing", "cut", "folder"})
+            QTest::addRow("%s, %s", name, damage)
+                << QString::fromLatin1(name) << QString::fromLatin1(damage);
+    }
+}
+
+void tst_PublishController::failureBeforehandLeavesTheOlderRelease()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, damage);
+    layRelease();
+    EXPECT_CALL("publish"_s);
+    const auto patch = TestTree::snapshot(m_paths.patch);
+    const auto signatures = TestTree::snapshot(m_paths.signatures);
+    const QString broken = "old signatures/data/world.pak"_s;
+    const QByteArray signature = m_tree->read(broken);
+    m_tree->remove(broken);
+    if (damage == "cut"_s)
+        m_tree->write(broken, signature.chopped(1));
+    else if (damage == "folder"_s)
+        m_tree->makeFolder(broken);
+    QVERIFY(!call(name));
+    QCOMPARE(m_errors.size(), 1);
+    QVERIFY2(namesFirst(m_errors.first(), path(broken)), qPrintable(m_errors.first()));
+    m_errors.clear();
+    QCOMPARE(TestTree::snapshot(m_paths.patch), patch);
+    QCOMPARE(TestTree::snapshot(m_paths.signatures), signatures);
+}
+
+void tst_PublishController::earlyCancelLeavesTheOlderRelease()
+{
+    layRelease();
+    EXPECT_CALL("publish"_s);
+    const auto patch = TestTree::snapshot(m_paths.patch);
+    const auto signatures = TestTree::snapshot(m_paths.signatures);
+    QVERIFY(!call("publish"_s, [this](double) { m_publisher->cancel(); }));
+    QVERIFY(m_publisher->wasCancelled());
+    QCOMPARE(TestTree::snapshot(m_paths.patch), patch);
+    QCOMPARE(TestTree::snapshot(m_paths.signatures), signatures);
+}
+
+void tst_PublishController::callbackThatThrows_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<double>("from"); // percent
+    for (const char *name : {"sign", "diff", "publish", "plan"}) {
+        QTest::addRow("%s, at once", name) << QString::fromLatin1(name) << 0.0;
+        QTest::addRow("%s, during the work", name) << QString::fromLatin1(name) << 0.001;
+        QTest::addRow("%s, at the end", name) << QString::fromLatin1(name) << 100.0;
+    }
+}
+
+/// That no thread is left is seen in cleanup().
+void tst_PublishController::callbackThatThrows()
+{
+    QFETCH(QString, name);
+    QFETCH(double, from);
+    struct Thrown
+    {
+    };
+    layRelease();
+    makeLargeFile(path("old/large"_s), 64 * MiB);
+    makeLargeFile(path("new/large"_s), 64 * MiB);
+    signOld();
+    bool isThrown = false;
+    try {
+        call(name, [&](double percent) {
+            if (percent >= from)
+                throw Thrown();
+        });
+    } catch (const Thrown &) {
+        isThrown = true;
+    }
+    QVERIFY(isThrown);
+    QVERIFY(!m_publisher->wasCancelled());
+    if (from < 100) {
+        QCOMPARE(m_tree->exists("patch"_s), false);
+        QCOMPARE(m_tree->exists("signatures"_s), false);
+    }
+    makeExpectation();
+    EXPECT_CALL("publish"_s);
+    QCOMPARE(differenceToExpectation(), QString());
+}
+
+/// As the system counts it: from where the link leads.
+void tst_PublishController::climbsBehindALink()
+{
+    layRelease();
+    makeExpectation();
+    m_tree->makeFolder("elsewhere/deep"_s);
+    m_tree->link("link"_s, path("elsewhere/deep"_s));
+    const Build precious{{"mine"_s, "mine"}};
+    lay("patch"_s, precious);
+    lay("signatures"_s, precious);
+    m_paths.patch = path("link/../patch"_s);
+    m_paths.signatures = path("link/.."_s) + "/signatures/"_s;
+    EXPECT_CALL("publish"_s);
+    QCOMPARE(differenceBetween(path("expected/patch"_s), path("elsewhere/patch"_s)), QString());
+    QCOMPARE(differenceBetween(path("expected/signatures"_s), path("elsewhere/signatures"_s)),
+        QString());
+    QCOMPARE(TestTree::snapshot(path("patch"_s)).keys(), QStringList("mine"_s));
+    QCOMPARE(TestTree::snapshot(path("signatures"_s)).keys(), QStringList("mine"_s));
+}
+
 void tst_PublishController::folderOfACrashedRunIsTaken_data()
 {
     QTest::addColumn<bool>("withManifest");
@@ -1010,7 +1302,10 @@ void tst_PublishController::folderOfACrashedRunIsTaken()
     layRelease();
     makeExpectation();
     for (const QString &folder : {"patch/"_s, "signatures/"_s}) {
-        m_tree->write(folder + ".pellox-incomplete"_s, "");
+        const QByteArray manifest = folder == "patch/"_s ? "patchRules.json" : "signatures.json";
+        m_tree->write(folder + ".pellox-incomplete"_s,
+            markerOf(manifest, {"not yet made", "game.exe", "data/stale"})
+                + markerOf(manifest, {"a/b/stale"}));
         m_tree->write(folder + "game.exe"_s, "half");
         m_tree->write(folder + "data/stale"_s, "x");
         m_tree->write(folder + "a/b/stale"_s, "x");
@@ -1167,6 +1462,15 @@ void tst_PublishController::recordWithoutAChecksum()
     EXPECT_FAILURE(
         "publish"_s, path("old signatures/y"_s), path("old signatures/signatures.json"_s));
 
+    // Nobody asks for the rule of an ignored file, and its signature can be made anew.
+    m_ignored = QStringList("y"_s);
+    for (const QString &name : {"plan"_s, "diff"_s, "publish"_s})
+        EXPECT_CALL(name);
+    QCOMPARE(ruleLines(), QStringList({"delete /gone"_s, "patch /x"_s}));
+    SignaturesController().createSignatures(path("new"_s), path("expected"_s));
+    QCOMPARE(differenceBetween(path("expected"_s), path("signatures"_s)), QString());
+
+    m_ignored.clear();
     m_tree->remove("new/y"_s);
     EXPECT_CALL("diff"_s);
     QCOMPARE(ruleLines(), QStringList({"delete /gone"_s, "delete /y"_s, "patch /x"_s}));
@@ -1464,7 +1768,7 @@ void tst_PublishController::fileThatCannotBeWrittenWhole()
     QFETCH(QString, file);
     QFETCH(QString, name);
     QFETCH(int, threads);
-    constexpr int Room = 16 * 1024 + 100; // no multiple of what is written at once
+    constexpr int Room = 24 * 1024 + 100; // no multiple of what is written at once
     const QString which = file.section(QLatin1Char('/'), 1);
     lay("old"_s, {{"changed"_s, "1"}, {"large"_s, "1"}});
     lay("new"_s, {{"changed"_s, "1"}, {"large"_s, "1"}});
@@ -1571,11 +1875,13 @@ void tst_PublishController::cancelAtAnyInstant()
         QCOMPARE(m_publisher->wasCancelled(), !done);
         QCOMPARE(m_leftovers.found(), QByteArray());
         cancelled += done ? 0 : 1;
-        if (done) {
+        if (done)
             QCOMPARE(differenceToExpectation(), QString());
-        } else {
-            QVERIFY(!m_tree->exists("patch/patchRules.json"_s));
-            QVERIFY(!m_tree->exists("signatures/signatures.json"_s));
+        // Of what was there before, a folder is left as it was or has no manifest any more.
+        for (const QString &folder : {"patch"_s, "signatures"_s}) {
+            if (m_tree->exists(folder + "/patchRules.json"_s)
+                || m_tree->exists(folder + "/signatures.json"_s))
+                QCOMPARE(differenceBetween(path("expected/"_s + folder), path(folder)), QString());
         }
     }
     if (count > 0 || !isSet)

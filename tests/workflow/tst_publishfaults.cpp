@@ -79,6 +79,8 @@ private Q_SLOTS:
 
     void withoutAFaultAllIsWell_data();
     void withoutAFaultAllIsWell();
+    void dataIsOnTheDiskBeforeItsManifest_data();
+    void dataIsOnTheDiskBeforeItsManifest();
     void anyCallMayFail_data();
     void anyCallMayFail();
     void closingAnOutputMayFail_data();
@@ -142,10 +144,11 @@ void tst_PublishFaults::initTestCase()
     QVERIFY(DeltaController().createPatch(path("new"_s), path("old signatures"_s),
         path("expected/patch"_s), QStringList(), PROGRESS_CALLBACK()));
     makeOlder(path("new"_s));
-    m_tree->write("older/patch/patchRules.json"_s, "[]");
+    m_tree->write("older/patch/patchRules.json"_s,
+        "[{\"relative_path\": \"/data\"}, {\"relative_path\": \"/stale/x\"}]");
     m_tree->write("older/patch/data"_s, "a file now, a folder then");
     m_tree->write("older/patch/stale/x"_s, "stale");
-    m_tree->write("older/signatures/signatures.json"_s, "[]");
+    m_tree->write("older/signatures/signatures.json"_s, "[{\"relative_path\": \"/same/x\"}]");
     m_tree->write("older/signatures/same/x"_s, "a folder now, a file then");
 }
 
@@ -191,7 +194,42 @@ QStringList tst_PublishFaults::arguments(const QString &name) const
 
 FaultRun tst_PublishFaults::run(const QString &name, const Faults &faults) const
 {
-    return runWithFaults(QStringLiteral(PUBLISHCALL_PROGRAM), arguments(name), faults);
+    Faults quick = faults;
+    quick.unsynced = true; // the disk of a test may lose what it has
+    return runWithFaults(QStringLiteral(PUBLISHCALL_PROGRAM), arguments(name), quick);
+}
+
+/// Where the data of a release is on the disk before it has a manifest.
+void tst_PublishFaults::dataIsOnTheDiskBeforeItsManifest_data()
+{
+    addCalls();
+}
+
+void tst_PublishFaults::dataIsOnTheDiskBeforeItsManifest()
+{
+    QFETCH(QString, name);
+    layOlderRelease();
+    Faults faults{path()};
+    faults.unsynced = true;
+    const QStringList calls = run(name, faults).calls;
+    int manifests = 0;
+    for (const auto &[folder, manifest] : {std::pair("patch"_s, "/patchRules.json"_s),
+             std::pair("signatures"_s, "/signatures.json"_s)}) {
+        const int link = calls.indexOf("link "_s + path(folder + manifest));
+        if (link < 0)
+            continue;
+        ++manifests;
+        const QString sync = "sync "_s + path(folder);
+        int lastWrite = 0;
+        for (int i = 0; i < link; ++i) {
+            if (calls[i].startsWith("write "_s + path(folder + QLatin1Char('/'))))
+                lastWrite = i;
+        }
+        const int synced = calls.lastIndexOf(sync, link);
+        QVERIFY2(synced > lastWrite && lastWrite > 0, qPrintable(calls.join(QLatin1Char('\n'))));
+        QVERIFY(calls.indexOf(sync, link) > link); // the entry of the manifest itself
+    }
+    QCOMPARE(manifests, name == "publish"_s ? 2 : 1);
 }
 
 /// How many calls count; there is one thread, so that they are the same each time.
@@ -301,11 +339,11 @@ void tst_PublishFaults::withoutAFaultAllIsWell()
         QVERIFY(has("mkdir"_s, "patch/data"_s));
         QVERIFY(has("write"_s, "patch/data/changed"_s));
         QVERIFY(has("close"_s, "patch/added/small"_s));
-        QVERIFY(has("rename"_s, "patch/patchRules.json"_s));
+        QVERIFY(has("link"_s, "patch/patchRules.json"_s));
     }
     if (name != "diff"_s) {
         QVERIFY(has("write"_s, "signatures/large"_s));
-        QVERIFY(has("rename"_s, "signatures/signatures.json"_s));
+        QVERIFY(has("link"_s, "signatures/signatures.json"_s));
         QVERIFY(has("remove"_s, "signatures/same/x"_s));
     }
 }
@@ -334,8 +372,8 @@ void tst_PublishFaults::anyCallMayFail_data()
     addRow("publish", "write", "EINTR", EINTR, false);
     addRow("publish", "close", "EIO", EIO, false);
     addRow("publish", "sync", "EIO", EIO, false);
-    addRow("publish", "rename", "EIO", EIO, false);
-    addRow("publish", "rename", "ENOSPC", ENOSPC, true);
+    addRow("publish", "link", "EIO", EIO, false);
+    addRow("publish", "link", "ENOSPC", ENOSPC, true);
     addRow("publish", "remove", "EACCES", EACCES, false);
     addRow("publish", "remove", "EACCES", EACCES, true);
     addRow("publish", "mkdir", "ENOSPC", ENOSPC, true);
@@ -387,6 +425,8 @@ void tst_PublishFaults::closingAnOutputMayFail()
                 continue; // hold nothing that could get lost
             if (QFileInfo(call).fileName().startsWith(QLatin1Char('#')))
                 continue; // a manifest, which has been synced
+            if (call.endsWith(".json"_s))
+                continue; // that of the older release, which is only read
             QCOMPARE(problemOf(name, run), QString());
             QVERIFY2(run.status == 1, qPrintable(call));
         }
@@ -421,7 +461,7 @@ void tst_PublishFaults::mayDieAtAnyCall()
 {
     QFETCH(bool, overAnOlderRelease);
     const QString name = "publish"_s;
-    const QByteArray changes("open,write,close,rename,remove,mkdir,truncate");
+    const QByteArray changes("open,write,close,rename,link,remove,mkdir,truncate");
     int at = 0;
     bool died = true;
     while (died) {

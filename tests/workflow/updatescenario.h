@@ -54,6 +54,7 @@ public:
     QString newBuild() const { return m_tree.path(QStringLiteral("new")); }
     /// Of the new build.
     QString signatures() const { return m_tree.path(QStringLiteral("signatures")); }
+    QString oldSignatures() const { return m_tree.path(QStringLiteral("old signatures")); }
     const TestTree &tree() const { return m_tree; }
 
     /// By relative path, without the player's files.

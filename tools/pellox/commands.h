@@ -2,6 +2,7 @@
 #pragma once
 
 #include "console.h"
+#include "endings.h"
 
 #include <CLI/App.hpp>
 
@@ -11,16 +12,13 @@
  * The commands of the program, one source file each.
  */
 
-/// Exit statuses, promised by --help; Interrupt::Stopped has the others.
-enum ExitStatus : int { Done = 0, Failed = 1, WrongUsage = 2 };
-
 /// What a command line asks for: the way to talk, and the command to carry out.
 struct Invocation
 {
     Console::Options console;
-    /// Returns true when the work is done; false after Console::error(). May throw Refusal
-    /// and Interrupt::Stopped.
-    std::function<bool(Console &)> run;
+    /// Returns true when the work is done; false after Console::error(); or more about its end.
+    /// May throw Refusal and Interrupt::Stopped.
+    std::function<Ending(Console &)> run;
 };
 
 void addSignCommand(CLI::App &app, Invocation &invocation);
@@ -29,6 +27,12 @@ void addPublishCommand(CLI::App &app, Invocation &invocation);
 void addInspectCommand(CLI::App &app, Invocation &invocation);
 void addApplyCommand(CLI::App &app, Invocation &invocation);
 void addVerifyCommand(CLI::App &app, Invocation &invocation);
+void addUpdateCommand(CLI::App &app, Invocation &invocation);
+void addRecoverCommand(CLI::App &app, Invocation &invocation);
+void addRollbackCommand(CLI::App &app, Invocation &invocation);
+void addDiscardCommand(CLI::App &app, Invocation &invocation);
+void addCheckCommand(CLI::App &app, Invocation &invocation);
+void addRepairCommand(CLI::App &app, Invocation &invocation);
 void addPackCommand(CLI::App &app, Invocation &invocation);
 void addUnpackCommand(CLI::App &app, Invocation &invocation);
 void addCopyCommand(CLI::App &app, Invocation &invocation);

@@ -41,6 +41,15 @@ QString onOneLine(QString text)
     return text.replace(QLatin1Char('\n'), QLatin1Char(' '));
 }
 
+/// Whether @p text names @p file itself; something in that folder is not enough.
+bool isNamedIn(const QString &text, const QString &file)
+{
+    int at = text.indexOf(file);
+    while (at >= 0 && text.midRef(at + file.size()).startsWith(QLatin1Char('/')))
+        at = text.indexOf(file, at + 1);
+    return at >= 0;
+}
+
 } // namespace
 
 Console::Console(Options options)
@@ -114,16 +123,22 @@ void Console::showProgress()
 
 void Console::error(const QString &file, const QString &text)
 {
+    error(file, text, QJsonObject());
+}
+
+void Console::error(const QString &file, const QString &text, const QJsonObject &details)
+{
     const QMutexLocker lock(&m_mutex);
     ++m_errors;
     if (m_options.json) {
-        QJsonObject object{
-            {QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("error"), text}};
+        QJsonObject object = details;
+        object.insert(QStringLiteral("event"), QStringLiteral("error"));
+        object.insert(QStringLiteral("error"), text);
         if (!file.isEmpty())
             object.insert(QStringLiteral("file"), file);
         writeJson(object);
     }
-    const bool named = file.isEmpty() || text.contains(file);
+    const bool named = file.isEmpty() || isNamedIn(text, file);
     writeError(QLatin1String("pellox: error: ") + (named ? QString() : file + QLatin1String(": "))
         + onOneLine(text));
 }

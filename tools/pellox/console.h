@@ -39,6 +39,8 @@ public:
 
     /// @p file may be empty; where @p text does not name it, it is put in front.
     void error(const QString &file, const QString &text);
+    /// The same with @p details, members that only JSON shows.
+    void error(const QString &file, const QString &text, const QJsonObject &details);
     void note(const QString &text);
     void logLine(const QString &text); ///< shown with --verbose
     void result(const QString &text);
@@ -47,6 +49,8 @@ public:
     /// The last thing said: "done", "failed" or "refused". Only JSON shows it.
     void outcome(const QString &outcome);
 
+    /// Whether standard output holds JSON.
+    bool tellsJson() const { return m_options.json; }
     int errorCount() const;
     /// True when something that belongs on standard output could not be written there.
     bool outputLost() const;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 #include "copyfolder.h"
+#include "diskroom.h"
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
@@ -9,9 +10,7 @@
 #include <Pellox/FileCopier>
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QEventLoop>
-#include <QFile>
 #include <QFileInfo>
 #include <QTimer>
 
@@ -32,7 +31,8 @@ struct Arguments
     bool force = false;
 };
 
-QString reasonOf(FileCopier::CopyError error)
+/// @p size is that of the file.
+QString reasonOf(FileCopier::CopyError error, qint64 size, const QString &target)
 {
     switch (error) {
     case FileCopier::NoError:
@@ -42,7 +42,7 @@ QString reasonOf(FileCopier::CopyError error)
     case FileCopier::OpenDestinationFileForWriteError:
         return QStringLiteral("cannot be created");
     case FileCopier::WriteError:
-        return QStringLiteral("cannot be written (is the disk full?)");
+        return reasonNotWritten(size, target);
     case FileCopier::DestinationFileExistsError:
         return QStringLiteral("exists already");
     default:
@@ -79,7 +79,8 @@ bool copyFile(
         stopAgain.start(StopInterval);
     });
 
-    console.startProgress(QStringLiteral("copy"), Progress::Unit::Bytes, QFileInfo(source).size());
+    const qint64 size = QFileInfo(source).size();
+    console.startProgress(QStringLiteral("copy"), Progress::Unit::Bytes, size);
     copier.copyAsync();
     loop.exec();
     console.stopProgress();
@@ -88,7 +89,7 @@ bool copyFile(
         throw Interrupt::Stopped();
     if (outcome != FileCopier::NoError) {
         const bool isSourcesFault = outcome == FileCopier::OpenSourceFileForReadError;
-        console.error(isSourcesFault ? source : target, reasonOf(outcome));
+        console.error(isSourcesFault ? source : target, reasonOf(outcome, size, target));
         return false;
     }
     console.result(
@@ -96,16 +97,19 @@ bool copyFile(
     return true;
 }
 
+bool isWrittenAsFolder(const std::string &argument)
+{
+    const std::string lastPart = argument.substr(argument.rfind('/') + 1);
+    return lastPart.empty() || lastPart == "." || lastPart == "..";
+}
+
 /// Where file @p name goes: into DESTINATION where that is a folder, or is written as one.
 QString targetOfFile(const std::string &destination, const QString &name)
 {
     const QString target = absoluteFile(destination);
-    const QString lastPart = QFileInfo(QFile::decodeName(destination.c_str())).fileName();
-    const bool isFolder = QFileInfo(target).isDir() || lastPart.isEmpty()
-        || lastPart == QLatin1String(".") || lastPart == QLatin1String("..");
-    const QString folder = isFolder ? target : QFileInfo(target).path();
-    return QDir(existingFolder(QFile::encodeName(folder).toStdString()))
-        .filePath(isFolder ? name : QFileInfo(target).fileName());
+    const bool isFolder = QFileInfo(target).isDir() || isWrittenAsFolder(destination);
+    requireFolder(isFolder ? target : QFileInfo(target).path());
+    return isFolder ? pathIn(target, name) : target;
 }
 
 bool copy(Console &console, const Arguments &arguments)
@@ -115,12 +119,14 @@ bool copy(Console &console, const Arguments &arguments)
     if (!info.exists())
         throw Refusal(source, QStringLiteral("there is no such file or folder"));
     if (info.isDir())
-        return copyFolder(console, source, folderToFill(arguments.destination), arguments.force);
+        return copyFolder(console,
+            {source, folderToFill(arguments.destination), arguments.blockSize, arguments.force});
     if (!info.isFile())
         throw Refusal(source, QStringLiteral("is neither a file nor a folder"));
     const QString target = targetOfFile(arguments.destination, info.fileName());
     if (isThere(target))
         throw Refusal(target, QStringLiteral("exists already; nothing is overwritten"));
+    requireRoom(info.size(), target);
     return copyFile(console, source, target, arguments);
 }
 
@@ -144,10 +150,11 @@ void addCopyCommand(CLI::App &app, Invocation &invocation)
         "Keep what there is of the file when Ctrl-C stops the copy");
     command->add_flag(
         "--force", arguments->force, "Let the files of a build replace those that exist");
-    command->footer("A single file never replaces one that exists. Of a folder, hidden files and\n"
-                    "empty folders, which are no part of a build, are left out, and every copy is\n"
-                    "compared with its source.\n\n"
-                    "Example:\n  pellox copy downloads/data.pak installed/game/data.pak");
+    command->footer(
+        "A single file never replaces one that exists. Of a folder, hidden files and\n"
+        "empty folders, which are no part of a build, are left out, and all copies are\n"
+        "compared with their sources before any of them gets its place.\n\n"
+        "Example:\n  pellox copy downloads/data.pak installed/game/data.pak");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return copy(console, *arguments); };
     });

@@ -7,20 +7,29 @@
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
-#include "newfolders.h"
+#include "mergefolder.h"
+#include "renames.h"
+#include "stagefolder.h"
 
-#include <Pellox/BinariesController>
+#include <Pellox/FileCopier>
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSet>
+#include <QStringList>
 
+#include <filesystem>
+#include <functional>
+#include <system_error>
 #include <utility>
 
 namespace {
 
-bool haveSameContent(const QString &path, const QString &otherPath)
+using Pellox::FileCopier;
+
+/// Calls @p advance with the size of each part that is the same. Throws Interrupt::Stopped.
+bool haveSameContent(
+    const QString &path, const QString &otherPath, const std::function<void(qint64)> &advance)
 {
     constexpr qint64 ReadSize = 1 << 20;
     QFile file(path);
@@ -29,156 +38,174 @@ bool haveSameContent(const QString &path, const QString &otherPath)
         || file.size() != other.size())
         return false;
     while (!file.atEnd()) {
+        Interrupt::throwIfStopped();
         const QByteArray part = file.read(ReadSize);
         if (part.isEmpty() || part != other.read(ReadSize))
             return false;
+        advance(part.size());
     }
     return true;
 }
 
-/// A copy replaces what stands in its place, which must not be the source by way of a link.
-void requireOutsideSource(const QStringList &copies, const QString &source)
+/// Where the file system has them. Not those to run as another user.
+void copyPermissions(const QString &file, const QString &copy)
 {
-    QSet<QString> checked;
-    for (const QString &copy : copies) {
-        const QString folder = QFileInfo(copy).path();
-        if (!checked.contains(folder))
-            requireOutside(folder, source);
-        checked.insert(folder);
+    namespace fs = std::filesystem;
+    std::error_code problem;
+    const fs::file_status status = fs::status(QFile::encodeName(file).toStdString(), problem);
+    if (!problem) {
+        fs::permissions(
+            QFile::encodeName(copy).toStdString(), status.permissions() & fs::perms::all, problem);
     }
 }
 
-QStringList copiesOf(const QStringList &files, const QString &source, const QString &target)
-{
-    QStringList copies;
-    for (const QString &file : files)
-        copies.append(target + file.mid(source.size()));
-    return copies;
-}
-
-/// Tells of each file that did not arrive, and why: for those that the disk did not take, once.
-class Arrival
+/// The files of a build on their way into the stage folder.
+class Transfer
 {
 public:
-    Arrival(Console &console, QString target)
+    Transfer(Console &console, const FolderCopy &copy, const QStringList &files, QString stage)
         : m_console(console)
-        , m_target(std::move(target))
+        , m_copy(copy)
+        , m_files(files)
+        , m_stage(std::move(stage))
+        , m_size(totalSize(files))
     {
     }
 
-    void check(const QString &file, const QString &copy)
-    {
-        if (haveSameContent(file, copy))
-            return;
-        if (!QFile(file).open(QIODevice::ReadOnly)) {
-            m_console.error(file, QStringLiteral("cannot be read"));
-        } else {
-            m_console.error(file, QStringLiteral("did not arrive in ") + m_target);
-            m_lacking += QFileInfo(file).size();
-        }
-    }
+    qint64 size() const { return m_size; }
 
-    void tellReason()
-    {
-        if (m_lacking > 0)
-            m_console.error(m_target, reasonNotWritten(m_lacking, m_target));
-    }
+    /// Returns false after Console::error(), for each file that cannot be read.
+    bool copyAll();
+    /// Returns false after Console::error(), for each file that did not arrive.
+    bool compareAll();
 
 private:
+    /// Relative to the build, beginning with a separator.
+    QString relativePath(const QString &file) const { return file.mid(m_copy.source.size()); }
+    bool copyOne(FileCopier &copier, const QString &file);
+    void compareOne(const QString &file);
+    void advance(qint64 size) { m_console.advanceTo(m_done += size); }
+
     Console &m_console;
-    QString m_target;
-    qint64 m_lacking = 0;
+    const FolderCopy &m_copy;
+    const QStringList &m_files;
+    const QString m_stage;
+    const qint64 m_size;
+    qint64 m_done = 0;
 };
 
-void requireFree(const QString &copy, bool force)
+/// File by file: the library's copy of a whole build cannot be stopped and reports nothing.
+bool Transfer::copyAll()
 {
-    const QString folder = existingAncestor(QFileInfo(copy).path());
-    if (!QFileInfo(folder).isDir())
-        throw Refusal(folder, QStringLiteral("is a file, and a folder belongs there"));
-    if (QFileInfo(copy).isDir())
-        throw Refusal(copy, QStringLiteral("is a folder, and a copy belongs there"));
-    if (!force && isThere(copy))
-        throw Refusal(copy, QStringLiteral("exists; --force replaces it"));
+    FileCopier copier;
+    copier.setBlockSize(m_copy.blockSize);
+    QObject::connect(&copier, &FileCopier::progress, [&](qint64, qint64 copied, float) {
+        if (Interrupt::isStopped())
+            copier.stop();
+        m_console.advanceTo(m_done + copied);
+    });
+    m_console.startProgress(QStringLiteral("copy"), Progress::Unit::Bytes, m_size);
+    for (const QString &file : m_files) {
+        Interrupt::throwIfStopped();
+        if (!copyOne(copier, file))
+            break;
+        advance(QFileInfo(file).size());
+    }
+    m_console.stopProgress();
+    return m_console.errorCount() == 0;
 }
 
-/// Takes the copies that were not there before away again, unless told to keep them.
-class NewCopies
+/// Returns false when there is no use to go on.
+bool Transfer::copyOne(FileCopier &copier, const QString &file)
 {
-public:
-    explicit NewCopies(const QString &target) { m_newFolders.expect(target); }
-    ~NewCopies()
-    {
-        for (const QString &path : qAsConst(m_paths))
-            QFile::remove(path);
-    }
-    NewCopies(const NewCopies &) = delete;
-    NewCopies &operator=(const NewCopies &) = delete;
-
-    /// Call it before @p copy is made.
-    void expect(const QString &copy)
-    {
-        m_newFolders.expect(QFileInfo(copy).path());
-        if (!isThere(copy))
-            m_paths.append(copy);
-    }
-    void keep()
-    {
-        m_paths.clear();
-        m_newFolders.keep();
-    }
-
-private:
-    NewFolders m_newFolders; // goes after the files have
-    QStringList m_paths;
-};
-
-/// File by file, as the library's copy of a whole build cannot be stopped.
-void copyAll(const QStringList &files, const QStringList &copies, NewCopies &newCopies)
-{
-    for (int i = 0; i < files.size(); ++i) {
-        Interrupt::throwIfStopped();
-        newCopies.expect(copies.at(i));
-        Pellox::BinariesController::copyRecursively(files.at(i), copies.at(i)); // looked at below
+    const QString copy = m_stage + relativePath(file);
+    QDir().mkpath(QFileInfo(copy).path()); // without it the copy cannot be created
+    switch (copier.copy(file, copy)) {
+    case FileCopier::NoError:
+        return true;
+    case FileCopier::StoppedManuallyError:
+        throw Interrupt::Stopped();
+    case FileCopier::SourceFileDoesNotExistError:
+    case FileCopier::OpenSourceFileForReadError:
+        m_console.error(file, QStringLiteral("cannot be read"));
+        return true;
+    case FileCopier::WriteError:
+        m_console.error(m_copy.target, reasonNotWritten(m_size - m_done, m_copy.target));
+        return false;
+    default:
+        m_console.error(m_copy.target + relativePath(file), QStringLiteral("cannot be created"));
+        return false;
     }
 }
 
-void compareAll(
-    Console &console, const QStringList &files, const QStringList &copies, const QString &target)
+bool Transfer::compareAll()
 {
-    console.startProgress(QStringLiteral("compare"), Progress::Unit::Files, files.size());
-    Arrival arrival(console, target);
-    for (int i = 0; i < files.size(); ++i) {
-        Interrupt::throwIfStopped();
-        arrival.check(files.at(i), copies.at(i));
-        console.advanceTo(i + 1);
-    }
-    console.stopProgress();
-    arrival.tellReason();
+    m_done = 0;
+    m_console.startProgress(QStringLiteral("compare"), Progress::Unit::Bytes, m_size);
+    for (const QString &file : m_files)
+        compareOne(file);
+    m_console.stopProgress();
+    return m_console.errorCount() == 0;
+}
+
+void Transfer::compareOne(const QString &file)
+{
+    const QString copy = m_stage + relativePath(file);
+    if (!haveSameContent(file, copy, [this](qint64 size) { advance(size); }))
+        m_console.error(file, QStringLiteral("did not arrive in ") + m_copy.target);
+    copyPermissions(file, copy); // only now: not even its owner may be allowed to read it then
+}
+
+void requirePlace(const QString &place, const FolderCopy &copy)
+{
+    requireOwnFolders(copy.target, place);
+    if (QFileInfo(place).isDir())
+        throw Refusal(place, QStringLiteral("is a folder, and a copy belongs there"));
+    if (!copy.force && isThere(place))
+        throw Refusal(place, QStringLiteral("exists; --force replaces it"));
+}
+
+/// The files to copy.
+QStringList checkedFiles(const FolderCopy &copy)
+{
+    requireApart(copy.target, copy.source);
+    const QString ancestor = existingAncestor(copy.target);
+    if (!QFileInfo(ancestor).isDir())
+        throw Refusal(ancestor, QStringLiteral("is a file, and a folder belongs there"));
+    requireListable(copy.source);
+    QStringList files = filesOfBuild(copy.source);
+    for (const QString &file : qAsConst(files))
+        requirePlace(copy.target + file.mid(copy.source.size()), copy);
+    requireRoom(totalSize(files), copy.target);
+    return files;
+}
+
+/// All or none. Files that are replaced stay in the stage folder until all is done.
+bool putInPlace(Console &console, StageFolder &stage, const QString &copies, const FolderCopy &copy)
+{
+    const QString replaced
+        = copy.force ? pathIn(stage.path(), QStringLiteral("replaced")) : QString();
+    Renames renames(stage.dir(), console);
+    if (!mergeFolder(copies, copy.target, renames, console, replaced))
+        return false;
+    Interrupt::throwIfStopped();
+    renames.keep();
+    return true;
 }
 
 } // namespace
 
-bool copyFolder(Console &console, const QString &source, const QString &target, bool force)
+bool copyFolder(Console &console, const FolderCopy &copy)
 {
-    requireApart(target, source);
-    requireListable(source);
-    const QStringList files = filesOfBuild(source);
-    const QStringList copies = copiesOf(files, source, target);
-    requireOutsideSource(copies, source);
-    for (const QString &copy : copies)
-        requireFree(copy, force);
+    const QStringList files = checkedFiles(copy);
     const Interrupt::Watch watch([] {});
-    NewCopies newCopies(target);
-    if (!QDir().mkpath(target)) // an empty build leaves an empty folder
-        throw Refusal(target, QStringLiteral("cannot be created"));
-    console.note(QStringLiteral("copying %1 (%2)")
-                     .arg(fileCount(files.size()), byteCount(totalSize(files))));
-    copyAll(files, copies, newCopies);
-    compareAll(console, files, copies, target);
-    newCopies.keep();
-    if (console.errorCount() > 0)
+    StageFolder stage(copy.target);
+    const QString copies = pathIn(stage.path(), QStringLiteral("new"));
+    Transfer transfer(console, copy, files, copies);
+    if (!transfer.copyAll() || !transfer.compareAll() || !putInPlace(console, stage, copies, copy))
         return false;
+    stage.finish();
     console.result(QStringLiteral("Copied %1 (%2): %3")
-                       .arg(fileCount(files.size()), byteCount(totalSize(files)), target));
+                       .arg(fileCount(files.size()), byteCount(transfer.size()), copy.target));
     return true;
 }

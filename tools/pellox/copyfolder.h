@@ -5,9 +5,17 @@
 
 class Console;
 
+struct FolderCopy
+{
+    QString source;
+    QString target;
+    qint64 blockSize; ///< bytes of a file that are copied at a time
+    bool force;       ///< files that are there are replaced, else refused
+};
+
 /**
- * Copies the build @p source into @p target and compares each copy with its source. A file that is
- * there is replaced if @p force says so, else refused. Returns false after Console::error(), with
- * what did arrive in place; throws Refusal, and Interrupt::Stopped with the new files gone.
+ * Copies the build @p copy.source into @p copy.target, compares each copy with its source, and
+ * only then puts them in place: all or none. Returns false after Console::error(); throws Refusal
+ * and Interrupt::Stopped.
  */
-bool copyFolder(Console &console, const QString &source, const QString &target, bool force);
+bool copyFolder(Console &console, const FolderCopy &copy);

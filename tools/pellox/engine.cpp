@@ -4,8 +4,9 @@
 #include "console.h"
 #include "folders.h"
 
+#include <Pellox/rules.h>
+
 #include <QCoreApplication>
-#include <QDir>
 #include <QFileInfo>
 
 namespace {
@@ -81,15 +82,12 @@ void addFastOptions(CLI::App &command, bool &fast, int &threads)
 
 void requireReplaceable(const QString &folder, const QString &manifest)
 {
-    // Left by a run that was killed; hidden entries are in nobody's way.
-    const QString marker = folder + QLatin1String("/.pellox-incomplete");
-    const bool isEmpty
-        = QDir(folder).isEmpty(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-    const bool isRelease = QFileInfo(folder + QLatin1Char('/') + manifest).isFile();
-    if (!isEmpty && !isRelease && !QFileInfo::exists(marker)) {
-        throw Refusal(folder,
-            QStringLiteral("is not empty and holds no %1: only the folder of an earlier release is "
-                           "replaced")
-                .arg(manifest));
-    }
+    using Pellox::PublishController;
+    const QString problem = manifest == Pellox::PATCH_RULES_FILE
+        ? PublishController::problemOfPatchFolder(folder)
+        : PublishController::problemOfSignaturesFolder(folder);
+    if (problem.isEmpty())
+        return;
+    const QString path = culpritOf(problem);
+    throw Refusal(path, problem.mid(path.size() + 2)); // behind the colon
 }

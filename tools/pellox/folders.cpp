@@ -21,8 +21,10 @@ QString absolutePath(const std::string &argument)
 {
     if (argument.empty())
         throw Refusal(QStringLiteral("\"\""), QStringLiteral("is no name of a file or folder"));
-    return QDir::cleanPath(
-        withoutClimbs(QDir::current().absoluteFilePath(QFile::decodeName(argument.c_str()))));
+    QString path = QFile::decodeName(argument.c_str());
+    if (path.startsWith(QLatin1Char(':'))) // to Qt the path of a resource
+        path.prepend(QLatin1String("./"));
+    return QDir::cleanPath(withoutClimbs(QDir::current().absoluteFilePath(path)));
 }
 
 /// The path with all links resolved; its last parts need not exist yet.
@@ -44,12 +46,17 @@ bool isWithin(const QString &path, const QString &folder)
 QString existingFolder(const std::string &argument)
 {
     QString folder = absolutePath(argument);
+    requireFolder(folder);
+    return folder;
+}
+
+void requireFolder(const QString &folder)
+{
     const QFileInfo info(folder);
     if (!info.exists())
         throw Refusal(folder, QStringLiteral("there is no such folder"));
     if (!info.isDir())
         throw Refusal(folder, QStringLiteral("is not a folder"));
-    return folder;
 }
 
 QString folderToFill(const std::string &argument)
@@ -93,6 +100,12 @@ bool isRealFolder(const QString &path)
 {
     const QFileInfo info(path);
     return info.isDir() && !info.isSymLink();
+}
+
+QString pathIn(const QString &folder, const QString &name)
+{
+    const QLatin1Char separator('/');
+    return folder.endsWith(separator) ? folder + name : folder + separator + name;
 }
 
 QString existingAncestor(const QString &path)

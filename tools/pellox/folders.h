@@ -31,6 +31,9 @@ private:
 /// The folder @p argument. Throws Refusal unless it is there.
 QString existingFolder(const std::string &argument);
 
+/// Throws Refusal unless the folder @p folder is there.
+void requireFolder(const QString &folder);
+
 /// The folder @p argument, which may be missing. Throws Refusal when something else stands there.
 QString folderToFill(const std::string &argument);
 
@@ -48,6 +51,9 @@ bool isThere(const QString &path);
 
 /// Whether @p path is a folder and no link to one.
 bool isRealFolder(const QString &path);
+
+/// The path of @p name in @p folder; QDir takes a name that begins with ":" for one of a resource.
+QString pathIn(const QString &folder, const QString &name);
 
 /// @p path, or the nearest folder above it that exists.
 QString existingAncestor(const QString &path);

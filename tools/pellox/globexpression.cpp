@@ -69,10 +69,12 @@ private:
         while (at(m_at) == '*')
             ++m_at;
         const bool beginsPart = first == 0 || at(first - 1) == '/';
-        const bool endsPart = m_at == m_glob.size() || at(m_at) == '/';
+        const bool isEscaped = at(m_at) == '\\' && at(m_at + 1) == '/';
+        const bool endsPart = m_at == m_glob.size() || at(m_at) == '/' || isEscaped;
         if (m_at - first == 1 || !beginsPart || !endsPart)
             return QStringLiteral("[^/]*");
-        if (m_at == m_glob.size())
+        if (m_at == m_glob.size()
+            || isEscaped) // Git takes that separator as one that must be there
             return QStringLiteral(".*");
         ++m_at; // no folder at all needs no separator either
         return QStringLiteral("(?:.*/)?");

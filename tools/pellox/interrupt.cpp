@@ -62,8 +62,10 @@ void Interrupt::install()
             sigaction(signal, &action, nullptr);
     }
     // A reader that goes, as at the end of a pipe, must not end the program before it has cleaned
-    // up; the Console finds out when it writes.
+    // up; the Console finds out when it writes. A file that may not grow any more is an error of
+    // the write that finds out, too.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void Interrupt::setLineOpen(bool open)

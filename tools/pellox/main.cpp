@@ -6,6 +6,7 @@
 #include "usage.h"
 
 #include <QCoreApplication>
+#include <QJsonObject>
 #include <QTextCodec>
 
 #include <CLI/CLI.hpp>
@@ -23,10 +24,13 @@ namespace {
 
 constexpr char Footer[]
     = "Exit status: 0 done, 1 failed, 2 wrong usage (nothing was touched), 130 Ctrl-C (128 and "
-      "the number of the signal).\n\n"
+      "the number of the signal). The commands on an installed build have more from 10 on: see "
+      "\"pellox update --help\".\n\n"
       "Example: from release 1.0 to 1.1\n"
       "  pellox sign releases/1.0 signatures/1.0\n"
       "  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1\n"
+      "  pellox update installed/game patches/1.0-1.1\n\n"
+      "Or the last in two steps, without the safety:\n"
       "  pellox apply installed/game patches/1.0-1.1\n"
       "  pellox verify installed/game patches/1.0-1.1";
 
@@ -37,17 +41,30 @@ void useUtf8InPlainLocale()
         QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
 }
 
+void tellEnding(Console &console, const Ending &ending)
+{
+    if (ending.message.isEmpty()) {
+        console.outcome(ending.outcome);
+        return;
+    }
+    console.event(QStringLiteral("finished"),
+        {{QStringLiteral("outcome"), ending.outcome}, {QStringLiteral("status"), ending.status},
+            {QStringLiteral("message"), ending.message}});
+}
+
 int run(const Invocation &invocation)
 {
     Console console(invocation.console);
     Log::showOn(console);
     try {
-        const bool done = invocation.run(console);
+        const Ending ending = invocation.run(console);
         console.stopProgress();
-        console.outcome(done ? QStringLiteral("done") : QStringLiteral("failed"));
-        return done && !console.outputLost() ? Done : Failed;
+        tellEnding(console, ending);
+        const bool isGood = ending.status == Done || ending.status == NothingToDo;
+        return isGood && console.outputLost() ? Failed : ending.status;
     } catch (const Refusal &refusal) {
-        console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason());
+        console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason(),
+            {{QStringLiteral("code"), QStringLiteral("refused")}});
         console.outcome(QStringLiteral("refused"));
         return WrongUsage;
     } catch (const std::exception &problem) { // out of memory, say
@@ -90,6 +107,12 @@ int parseAndRun(int argc, char **argv)
     addDiffCommand(app, invocation);
     addPublishCommand(app, invocation);
     addInspectCommand(app, invocation);
+    addUpdateCommand(app, invocation);
+    addRecoverCommand(app, invocation);
+    addRollbackCommand(app, invocation);
+    addDiscardCommand(app, invocation);
+    addCheckCommand(app, invocation);
+    addRepairCommand(app, invocation);
     addApplyCommand(app, invocation);
     addVerifyCommand(app, invocation);
     addPackCommand(app, invocation);

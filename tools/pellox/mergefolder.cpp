@@ -8,25 +8,37 @@
 
 #include <QDir>
 
-bool mergeFolder(const QString &from, const QString &to, Renames &renames, Console &console)
+namespace {
+
+/// @p aside is empty where nothing may be replaced.
+bool moveEntry(const QString &path, const QString &target, const QString &aside, Renames &renames,
+    Console &console)
 {
-    const QDir source(from);
-    const QStringList names
-        = source.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    if (renames.rename(path, target))
+        return true;
+    const bool isFolder = isRealFolder(path);
+    const bool isFolderThere = isRealFolder(target);
+    if (isFolder && isFolderThere)
+        return mergeFolder(path, target, renames, console, aside);
+    const bool mayReplace = !aside.isEmpty() && !isFolder && !isFolderThere && isThere(target);
+    if (mayReplace && renames.replace(path, target, aside))
+        return true;
+    console.error(target, renames.reason());
+    return false;
+}
+
+} // namespace
+
+bool mergeFolder(const QString &from, const QString &to, Renames &renames, Console &console,
+    const QString &replaced)
+{
+    const QStringList names = QDir(from).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
         Interrupt::throwIfStopped();
-        const QString path = source.filePath(name);
-        const QString target = QDir(to).filePath(name);
-        if (renames.rename(path, target))
-            continue;
-        if (isRealFolder(path) && isRealFolder(target)) {
-            if (!mergeFolder(path, target, renames, console))
-                return false;
-            continue;
-        }
-        console.error(target,
-            isThere(target) ? QStringLiteral("exists") : QStringLiteral("cannot be created"));
-        return false;
+        const QString aside = replaced.isEmpty() ? QString() : pathIn(replaced, name);
+        if (!moveEntry(pathIn(from, name), pathIn(to, name), aside, renames, console))
+            return false;
     }
     return true;
 }

@@ -20,10 +20,11 @@ struct Arguments
 
 bool pack(Console &console, const Arguments &arguments)
 {
+    // First, so that it still watches when the others clean up.
+    const Interrupt::Watch watch([] { QCoreApplication::exit(); });
     const QString folder = existingFolder(arguments.folder);
     Packing packing(folder, absoluteFile(arguments.archive), arguments.options);
     const PackedContent content = packing.content();
-    const Interrupt::Watch watch([] { QCoreApplication::exit(); });
     packing.begin();
     return packing.run(console, content);
 }

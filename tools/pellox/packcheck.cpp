@@ -2,16 +2,32 @@
 #include "packcheck.h"
 
 #include "folders.h"
+#include "interrupt.h"
 #include "listing.h"
 #include "sevenzip.h"
 
+#include <QFile>
+
 #include <algorithm>
+#include <string>
+#include <system_error>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-void requireUnpackableTarget(const fs::path &target, const QString &link)
+/// Whether one of the parts of @p target, or all of it, is a link in @p folder or below.
+bool meetsLink(const fs::path &target, const fs::path &folder)
+{
+    std::error_code ignored; // the target need not be there
+    fs::path way = folder;
+    return std::any_of(target.begin(), target.end(), [&](const fs::path &part) {
+        way /= part;
+        return fs::is_symlink(fs::symlink_status(way, ignored));
+    });
+}
+
+void requireUnpackableTarget(const fs::path &target, const fs::path &folder, const QString &link)
 {
     if (target.is_absolute())
         throw Refusal(
@@ -23,6 +39,29 @@ void requireUnpackableTarget(const fs::path &target, const QString &link)
             QStringLiteral("is a link that 7-Zip does not unpack: its target is \".\" or leads "
                            "through \"..\""));
     }
+    if (target.native().find("//") != std::string::npos)
+        throw Refusal(
+            link, QStringLiteral("is a link with \"//\" in its target, which 7-Zip alters"));
+    if (meetsLink(target, folder)) {
+        throw Refusal(link,
+            QStringLiteral("is a link that 7-Zip does not unpack: its target is another link, or "
+                           "leads through one; let it lead straight to the file or folder"));
+    }
+}
+
+qint64 sizeOfLink(const fs::path &link, const QString &path)
+{
+    const fs::path target = fs::read_symlink(link);
+    requireUnpackableTarget(target, link.parent_path(), path);
+    return static_cast<qint64>(target.native().size());
+}
+
+/// 7-Zip packs what it can read and calls the rest a warning.
+void requireReadable(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        throw Refusal(path, QStringLiteral("cannot be read (%1)").arg(file.errorString()));
 }
 
 } // namespace
@@ -48,14 +87,14 @@ PackedContent requirePackable(const QString &folder)
     PackedContent content;
     visitEntries(
         folder, Hidden::Visited, [&](const fs::directory_entry &entry, const QString &path) {
+            Interrupt::throwIfStopped();
             refuseNameForSevenZip(path, folder);
             if (entry.is_symlink()) {
-                const fs::path target = fs::read_symlink(entry.path());
-                requireUnpackableTarget(target, path);
-                content.size += static_cast<qint64>(target.native().size());
+                content.size += sizeOfLink(entry.path(), path);
             } else if (entry.is_directory()) {
                 return;
             } else if (entry.is_regular_file()) {
+                requireReadable(path);
                 content.size += static_cast<qint64>(entry.file_size());
             } else {
                 throw Refusal(path, QStringLiteral("is neither a file nor a folder nor a link"));

@@ -15,8 +15,9 @@ struct PackedContent
 void refuseNameForSevenZip(const QString &path, const QString &folder);
 
 /**
- * Measures what is in @p folder, hidden entries too. Throws Refusal for what 7-Zip would pack but
- * could not bring back: names as above, pipes, sockets and devices, links whose target is absolute,
- * "." or leads through "..".
+ * Measures what is in @p folder, hidden entries too. Throws Refusal for files that cannot be read
+ * and for what 7-Zip would pack but could not bring back: names as above, pipes, sockets and
+ * devices, links whose target is absolute, ".", leads through ".." or another link, or has "//".
+ * Throws Interrupt::Stopped.
  */
 PackedContent requirePackable(const QString &folder);

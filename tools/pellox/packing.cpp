@@ -2,21 +2,44 @@
 #include "packing.h"
 
 #include "console.h"
+#include "diskroom.h"
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
 #include "renames.h"
+#include "sevenzip.h"
 
 #include <Pellox/ArchiveController>
 
 #include <QDir>
 #include <QFileInfo>
+#include <QStorageInfo>
 
 #include <memory>
 
 namespace {
 
 const QString ArchiveName = QStringLiteral("archive.7z");
+constexpr qint64 SmallestArchive = 32; // its head alone
+
+qint64 roomIn(const QString &folder)
+{
+    return QStorageInfo(folder).bytesAvailable();
+}
+
+bool tellsOfFullDisk(const QString &problem)
+{
+    return problem.contains(QLatin1String("errno=28 "))
+        || problem.contains(QLatin1String("No space left on device"), Qt::CaseInsensitive);
+}
+
+/// In few words; what else 7-Zip has said would fill the screen.
+QString reasonIn(const QString &problem)
+{
+    const QString error = errorIn(problem);
+    return error.isEmpty() ? problem.section(QLatin1Char('\n'), 0, 0)
+                           : QLatin1String("7-Zip: ") + error;
+}
 
 } // namespace
 
@@ -59,6 +82,7 @@ void Packing::begin()
     m_newFolders.expect(targetFolder);
     if (!QDir().mkpath(targetFolder))
         throw Refusal(targetFolder, QStringLiteral("cannot be created"));
+    requireRoom(SmallestArchive, targetFolder);
     m_workFolder.emplace(targetFolder + QLatin1String("/.pellox-XXXXXX"));
     if (!m_workFolder->isValid())
         throw Refusal(targetFolder, QStringLiteral("cannot be written to"));
@@ -66,6 +90,7 @@ void Packing::begin()
 
 bool Packing::run(Console &console, const PackedContent &content)
 {
+    noteScarceRoom(console, content);
     if (!runSevenZip(console, content))
         return false;
     const Volumes made(m_workFolder->filePath(ArchiveName));
@@ -75,6 +100,7 @@ bool Packing::run(Console &console, const PackedContent &content)
     const qint64 archiveSize = made.size();
     if (console.errorCount() > 0 || !putInPlace(console, made))
         return false;
+    endWork(); // what was replaced is gone by the time that success is told
     console.result(
         QStringLiteral("Packed %1 (%2) into %3 (%4): %5")
             .arg(fileCount(content.files), byteCount(content.size),
@@ -82,7 +108,23 @@ bool Packing::run(Console &console, const PackedContent &content)
     return true;
 }
 
-bool Packing::runSevenZip(Console &console, const PackedContent &content) const
+/// How large the archive will be nobody knows.
+void Packing::noteScarceRoom(Console &console, const PackedContent &content) const
+{
+    const qint64 room = roomIn(m_workFolder->path());
+    if (room < 0 || room >= content.size) // below 0: nobody knows
+        return;
+    console.note(QStringLiteral("%1: the disk has only %2 free, and %3 are packed: there may be no "
+                                "room for the archive")
+                     .arg(m_target.name(), byteCount(room), byteCount(content.size)));
+}
+
+void Packing::endWork()
+{
+    m_workFolder.reset();
+}
+
+bool Packing::runSevenZip(Console &console, const PackedContent &content)
 {
     const qint64 size = content.size;
     QString problem;
@@ -105,8 +147,22 @@ bool Packing::runSevenZip(Console &console, const PackedContent &content) const
     if (packed)
         return true;
     Interrupt::throwIfStoppedLately();
-    console.error(m_target.name(), problem);
+    reportFailure(console, problem, content);
     return false;
+}
+
+void Packing::reportFailure(Console &console, const QString &problem, const PackedContent &content)
+{
+    if (!tellsOfFullDisk(problem)) {
+        console.error(
+            m_target.name(), QStringLiteral("cannot be made (%1)").arg(reasonIn(problem)));
+        return;
+    }
+    endWork(); // what was made does not count
+    console.error(m_target.name(),
+        QStringLiteral("has no room, the disk is full: %1 were to be packed, %2 are free")
+            .arg(byteCount(content.size),
+                byteCount(roomIn(existingAncestor(QFileInfo(m_target.name()).path())))));
 }
 
 /// Each volume but the last must be full, or one of them was not written to its end.
@@ -134,7 +190,8 @@ void Packing::reportMissingFiles(
                     .arg(fileCount(archived), fileCount(content.files)));
         }
     } catch (const Refusal &problem) {
-        console.error(m_target.name(), problem.reason());
+        QString path = problem.path();
+        console.error(path.replace(made.name(), m_target.name()), problem.reason());
     }
 }
 
@@ -156,9 +213,7 @@ bool Packing::putInPlace(Console &console, const Volumes &made)
     for (int number = 1; number <= count; ++number) {
         const QString path = m_target.path(number);
         if (!renames.rename(made.paths().at(number - 1), path)) {
-            console.error(path,
-                isThere(path) ? QStringLiteral("is in the way")
-                              : QStringLiteral("cannot be created"));
+            console.error(path, isThere(path) ? QStringLiteral("is in the way") : renames.reason());
             return false;
         }
     }

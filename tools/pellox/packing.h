@@ -3,7 +3,7 @@
 
 #include "newfolders.h"
 #include "packcheck.h"
-#include "sevenzip.h"
+#include "volumes.h"
 
 #include <QString>
 #include <QTemporaryDir>
@@ -23,10 +23,12 @@ struct PackOptions
 class Packing
 {
 public:
-    /// Checks what does not depend on the content of @p folder. Throws Refusal.
+    /// Checks what does not depend on the content of @p folder. Throws Refusal and
+    /// Interrupt::Stopped.
     Packing(const QString &folder, const QString &archive, PackOptions options);
 
-    /// What is in the folder. Throws Refusal when 7-Zip cannot pack that, or there is nothing.
+    /// What is in the folder. Throws Refusal when 7-Zip cannot pack that, or there is nothing, and
+    /// Interrupt::Stopped.
     PackedContent content() const;
 
     /**
@@ -36,17 +38,21 @@ public:
      */
     void begin();
 
-    /// Packs @p content after begin(). Returns false after Console::error(). Throws
-    /// Interrupt::Stopped, once the Interrupt::Watch that the caller has ends the event loop.
+    /// Packs @p content after begin(), once. Returns false after Console::error(). Throws
+    /// Interrupt::Stopped, once the Interrupt::Watch that the caller has ends the event loop. That
+    /// must live longer than this object, whose cleaning no signal is to end.
     bool run(Console &console, const PackedContent &content);
 
 private:
     void requireFree() const;
-    bool runSevenZip(Console &console, const PackedContent &content) const;
+    void noteScarceRoom(Console &console, const PackedContent &content) const;
+    bool runSevenZip(Console &console, const PackedContent &content);
+    void reportFailure(Console &console, const QString &problem, const PackedContent &content);
     void reportShortVolumes(Console &console, const QStringList &volumes) const;
     void reportMissingFiles(
         Console &console, const PackedContent &content, const Volumes &made) const;
     bool putInPlace(Console &console, const Volumes &made);
+    void endWork();
 
     const QString m_folder;
     const Volumes m_target;

@@ -149,9 +149,10 @@ bool tellPlan(Console &console, Engine &engine, const Job &job)
     QJsonArray rules;
     const bool planned = engine.run(QStringLiteral("plan"), newBuild.size,
         [&](PublishController &controller, const PROGRESS_CALLBACK &progress) {
-            rules = QJsonArray::fromVariantList(
-                controller.plan(newBuild.folder, job.oldSignatures, newBuild.ignored, progress));
-            return console.errorCount() == 0 && !controller.wasCancelled();
+            const auto plan
+                = controller.plan(newBuild.folder, job.oldSignatures, newBuild.ignored, progress);
+            rules = QJsonArray::fromVariantList(plan.value_or(QVariantList()));
+            return plan.has_value();
         });
     if (!planned)
         return false;
@@ -195,8 +196,9 @@ bool packPatch(Console &console, Packing &packing)
 bool publish(Console &console, const Arguments &arguments)
 {
     Job job = checkedJob(console, arguments);
-    std::optional<Packing> packing = checkedPacking(arguments, job);
+    // First, so that it still watches for signals when the others clean up.
     Engine engine(console, arguments.threads);
+    std::optional<Packing> packing = checkedPacking(arguments, job);
     if (packing && !arguments.dryRun)
         packing->begin();
     std::unique_ptr<QTemporaryDir> temporary;

@@ -4,21 +4,32 @@
 #include "folders.h"
 #include "interrupt.h"
 
+#include <Pellox/outputparsers.h>
+
 #include <QCoreApplication>
-#include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 
 #include <algorithm>
-#include <numeric>
-#include <utility>
+#include <limits>
 
 namespace {
+
+const QString WhatBelongsThere
+    = QStringLiteral("put the 7-Zip console program 7zr, or a link to it, beside the program "
+                     "(Debian has it in the package p7zip)");
 
 QString sevenZipPath()
 {
     return QCoreApplication::applicationDirPath() + QLatin1String("/7zr");
+}
+
+/// 7-Zip knows sizes that no file can have here.
+qint64 sizeOf(const QString &value)
+{
+    constexpr auto Largest = std::numeric_limits<qint64>::max();
+    return static_cast<qint64>(std::min(value.toULongLong(), quint64(Largest)));
 }
 
 void readField(ArchivedEntry &entry, const QString &name, const QString &value)
@@ -26,7 +37,7 @@ void readField(ArchivedEntry &entry, const QString &name, const QString &value)
     if (name == QLatin1String("Path")) {
         entry.path = value;
     } else if (name == QLatin1String("Size")) {
-        entry.size = value.toLongLong();
+        entry.size = sizeOf(value);
     } else if (name == QLatin1String("Encrypted")) {
         entry.isEncrypted = value == QLatin1String("+");
     } else if (name == QLatin1String("Attributes")) {
@@ -85,8 +96,8 @@ bool waitForEnd(QProcess &process)
     }
     Interrupt::throwIfStopped();
     if (process.error() == QProcess::FailedToStart) {
-        throw Refusal(
-            process.program(), QStringLiteral("cannot be run (%1)").arg(process.errorString()));
+        throw Refusal(process.program(),
+            QStringLiteral("cannot be run (%1): ").arg(process.errorString()) + WhatBelongsThere);
     }
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
@@ -109,11 +120,14 @@ void refuseUnreadable(const QString &firstVolume, QProcess &process)
 void requireSevenZip()
 {
     const QFileInfo program(sevenZipPath());
-    if (!program.isFile() || !program.isExecutable()) {
-        throw Refusal(sevenZipPath(),
-            QStringLiteral("is not there: put the 7-Zip console program 7zr, or a link to it, "
-                           "beside the program (Debian has it in the package p7zip)"));
-    }
+    if (!program.isFile() || !program.isExecutable())
+        throw Refusal(sevenZipPath(), QLatin1String("is not there: ") + WhatBelongsThere);
+
+    // One that cannot be run would be found out only when the work has begun.
+    QProcess process;
+    process.start(sevenZipPath(), QStringList()); // which prints its help
+    process.closeWriteChannel();
+    waitForEnd(process);
 }
 
 void refuseWildcards(const QString &path)
@@ -126,92 +140,8 @@ void refuseWildcards(const QString &path)
 
 bool readsAsVerdict(const QString &text)
 {
-    const QString lowered = text.toLower();
-    return lowered.contains(QLatin1String("error:"))
-        || QString(lowered).remove(QLatin1Char(' ')).contains(QLatin1String("everythingisok"));
-}
-
-Volumes::Volumes(QString archive)
-    : m_name(std::move(archive))
-{
-    const QLatin1String firstNumber(".001");
-    if (m_name.endsWith(firstNumber) && QFileInfo(m_name).fileName() != firstNumber)
-        m_name.chop(firstNumber.size());
-
-    int number = 1;
-    for (; isThere(path(number)); ++number)
-        m_paths.append(path(number));
-    const bool isAlone = m_paths.isEmpty() && QFileInfo(m_name).isFile();
-    if (isAlone)
-        m_paths.append(m_name);
-    else if (hasVolumeAfter(number))
-        m_firstGap = path(number);
-}
-
-/// Numbers of more than three digits have their own uses, so one ("game.2024") tells nothing
-/// unless all of three digits are there.
-bool Volumes::hasVolumeAfter(int number) const
-{
-    const QFileInfo info(m_name);
-    const QLatin1String digits(number < 999 ? "\\.(\\d{3})$" : "\\.(\\d{3,})$");
-    const QRegularExpression form(
-        QLatin1Char('^') + QRegularExpression::escape(info.fileName()) + digits);
-    const QStringList entries = info.dir().entryList(QDir::Files | QDir::Hidden);
-    return std::any_of(entries.cbegin(), entries.cend(),
-        [&](const QString &entry) { return form.match(entry).captured(1).toInt() > number; });
-}
-
-QString Volumes::path(int number) const
-{
-    return m_name + QStringLiteral(".%1").arg(number, 3, 10, QLatin1Char('0'));
-}
-
-QStringList Volumes::pathsToReplace() const
-{
-    QStringList paths = m_paths;
-    if (isThere(m_name) && !paths.contains(m_name))
-        paths.append(m_name);
-    return paths;
-}
-
-qint64 Volumes::size() const
-{
-    return std::accumulate(m_paths.cbegin(), m_paths.cend(), qint64(0),
-        [](qint64 sum, const QString &path) { return sum + QFileInfo(path).size(); });
-}
-
-void Volumes::requireComplete() const
-{
-    if (!m_firstGap.isEmpty())
-        throw Refusal(m_firstGap, QStringLiteral("is missing from the volumes of the archive"));
-    if (!isEmpty())
-        return;
-    QString reason
-        = QStringLiteral("there is no such archive, neither a file of this name nor ") + path(1);
-    const Volumes meant(m_name + QLatin1String(".7z"));
-    if (!meant.isEmpty())
-        reason += QStringLiteral("; did you mean %1?").arg(meant.paths().first());
-    throw Refusal(m_name, reason);
-}
-
-void refuseWrongArchive(const QString &archive)
-{
-    if (QFileInfo(archive).isDir()) {
-        throw Refusal(archive,
-            QStringLiteral("is a folder: the archive stands first, the folder to fill second"));
-    }
-    static const QRegularExpression Form(QStringLiteral("^(.+)\\.\\d{3}$"));
-    const QString name = Form.match(archive).captured(1);
-    const Volumes volumes(name);
-    const QString first = volumes.path(1);
-    const bool isNameItself
-        = name.isEmpty() || archive == first || isThere(Volumes(archive).path(1));
-    if (isNameItself)
-        return;
-    if (isThere(first))
-        throw Refusal(archive, QStringLiteral("is not the first volume; give ") + first);
-    if (name.endsWith(QLatin1String(".7z")))
-        volumes.requireComplete();
+    // Unpacking looks for errors in any case.
+    return !checkErrors(text.toUpper()).isEmpty() || isEverythingIsOk(text);
 }
 
 QString errorIn(const QString &output)

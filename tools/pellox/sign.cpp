@@ -15,6 +15,8 @@
 
 #include <memory>
 
+using Pellox::PublishController;
+
 namespace {
 
 struct Arguments
@@ -24,15 +26,6 @@ struct Arguments
     bool fast = false;
     int threads = 0;
 };
-
-/// How large the signature of a file is: a header, and a weak and a strong sum a block.
-qint64 signatureSize(qint64 fileSize)
-{
-    constexpr qint64 Header = 12;
-    constexpr qint64 BlockLength = 2048;
-    constexpr qint64 Sums = 4 + 32;
-    return Header + Sums * ((fileSize + BlockLength - 1) / BlockLength);
-}
 
 /// The library records a file that it could not sign like any other: look at what came out.
 void reportUnsigned(Console &console, const QString &build, const QString &signatures)
@@ -45,7 +38,8 @@ void reportUnsigned(Console &console, const QString &build, const QString &signa
         const QFileInfo signature(signatures + relativePath);
         if (record.toObject().value(QLatin1String("sha512")).toString().isEmpty())
             console.error(file, QStringLiteral("cannot be read"));
-        else if (!signature.isFile() || signature.size() != signatureSize(QFileInfo(file).size()))
+        else if (!signature.isFile()
+            || signature.size() != PublishController::signatureSize(QFileInfo(file).size()))
             console.error(file,
                 QStringLiteral("has no whole signature: cannot write ") + signature.filePath());
     }
@@ -119,7 +113,7 @@ void addSignCommand(CLI::App &app, Invocation &invocation)
     addFastOptions(*command, arguments->fast, arguments->threads);
     command->footer(
         "Files of the same name in SIGNATURES are replaced, others stay; with --fast the\n"
-        "folder is replaced as a whole.\n"
+        "folder is replaced as a whole, and refused when it holds more than a release.\n"
         "Hidden files are no part of a build.\n\n"
         "Example:\n  pellox sign releases/1.0 signatures/1.0");
     command->callback([arguments, &invocation] {

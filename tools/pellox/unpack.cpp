@@ -5,21 +5,20 @@
 #include "interrupt.h"
 #include "manifests.h"
 #include "mergefolder.h"
-#include "newfolders.h"
 #include "renames.h"
 #include "sevenzip.h"
+#include "stagefolder.h"
 #include "unpackcheck.h"
+#include "volumes.h"
 
 #include <Pellox/ArchiveController>
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace {
@@ -51,6 +50,13 @@ QString firstVolumeOf(const QString &archive)
     return volumes.paths().first();
 }
 
+/// An archive may lie about its sizes: the largest number rather than one beyond it.
+qint64 sumOf(qint64 size, qint64 other)
+{
+    return size > std::numeric_limits<qint64>::max() - other ? std::numeric_limits<qint64>::max()
+                                                             : size + other;
+}
+
 Job checkedJob(const Arguments &arguments)
 {
     Job job{firstVolumeOf(absoluteFile(arguments.archive)), folderToFill(arguments.folder), {}, 0};
@@ -63,34 +69,11 @@ Job checkedJob(const Arguments &arguments)
     job.entries = entriesOfArchive(job.firstVolume);
     for (const ArchivedEntry &entry : job.entries) {
         refuseEntry(entry, job.firstVolume, job.folder);
-        job.size += entry.size;
+        job.size = sumOf(job.size, entry.size);
     }
     requireRoom(job.size, job.folder);
     return job;
 }
-
-/// A hidden folder in the one to fill, so on the same disk. There the archive is unpacked and
-/// looked at before any of it gets its place.
-class WorkFolder
-{
-public:
-    explicit WorkFolder(const QString &folder)
-    {
-        m_newFolders.expect(folder);
-        if (!QDir().mkpath(folder))
-            throw Refusal(folder, QStringLiteral("cannot be created"));
-        m_dir.emplace(folder + QLatin1String("/.pellox-XXXXXX"));
-        if (!m_dir->isValid())
-            throw Refusal(folder, QStringLiteral("cannot be written to"));
-    }
-    QTemporaryDir &dir() { return *m_dir; }
-    QString path() const { return m_dir->path(); }
-    void keepNewFolders() { m_newFolders.keep(); }
-
-private:
-    NewFolders m_newFolders; // goes after what is in them has
-    std::optional<QTemporaryDir> m_dir;
-};
 
 /// The library tells 7-Zip's errors in capitals. An entry's name at the end gets its own form;
 /// other paths stay as they are.
@@ -114,6 +97,18 @@ bool tellsOfDamage(const QString &error)
         signs.cbegin(), signs.cend(), [&](const QString &sign) { return error.startsWith(sign); });
 }
 
+/// Which entry is the link that 7-Zip refused; as "entry : target" in capitals in its @p error.
+QString refusedLink(const QString &error, const Job &job)
+{
+    const auto entry
+        = std::find_if(job.entries.cbegin(), job.entries.cend(), [&](const ArchivedEntry &link) {
+              return link.isLink
+                  && error.contains(QStringLiteral(" : %1 : ").arg(link.path.toUpper()));
+          });
+    return entry == job.entries.cend() ? QStringLiteral("a link")
+                                       : entry->path + QLatin1String(", a link");
+}
+
 /// What 7-Zip did not manage lies with the archive or with the folder.
 void tellFailure(Console &console, const QString &problem, const Job &job)
 {
@@ -122,6 +117,13 @@ void tellFailure(Console &console, const QString &problem, const Job &job)
         console.error(job.firstVolume,
             QStringLiteral("is damaged (7-Zip: %1); download it again")
                 .arg(inPlainLetters(error, job)));
+        return;
+    }
+    if (error.startsWith(QLatin1String("DANGEROUS LINK"))) {
+        console.error(job.firstVolume,
+            QStringLiteral("holds %1 that 7-Zip does not unpack: it leads through \"..\" or "
+                           "another link")
+                .arg(refusedLink(error, job)));
         return;
     }
     const QString reason = error.isEmpty() ? problem.section(QLatin1Char('\n'), 0, 0)
@@ -154,14 +156,13 @@ bool runSevenZip(Console &console, const Job &job, const QString &workFolder)
 }
 
 /// All or nothing.
-bool putInPlace(Console &console, WorkFolder &workFolder, const QString &folder)
+bool putInPlace(Console &console, StageFolder &stage, const QString &folder)
 {
-    Renames renames(workFolder.dir(), console);
-    if (!mergeFolder(workFolder.path(), folder, renames, console))
+    Renames renames(stage.dir(), console);
+    if (!mergeFolder(stage.path(), folder, renames, console))
         return false;
     Interrupt::throwIfStopped();
     renames.keep();
-    workFolder.keepNewFolders();
     return true;
 }
 
@@ -170,13 +171,13 @@ bool unpack(Console &console, const Arguments &arguments)
     const Interrupt::Watch watch([] { QCoreApplication::exit(); });
     const Job job = checkedJob(arguments);
     Interrupt::throwIfStopped();
-    WorkFolder workFolder(job.folder);
-    if (!runSevenZip(console, job, workFolder.path()))
+    StageFolder stage(job.folder);
+    if (!runSevenZip(console, job, stage.path()))
         return false;
-    const UnpackedContent content
-        = checkUnpacked(console, job.entries, workFolder.path(), job.folder);
-    if (console.errorCount() > 0 || !putInPlace(console, workFolder, job.folder))
+    const UnpackedContent content = checkUnpacked(console, job.entries, stage.path(), job.folder);
+    if (console.errorCount() > 0 || !putInPlace(console, stage, job.folder))
         return false;
+    stage.finish();
     console.result(QStringLiteral("Unpacked %1 (%2): %3")
                        .arg(fileCount(content.files), byteCount(content.size), job.folder));
     return true;

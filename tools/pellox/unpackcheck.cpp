@@ -6,6 +6,7 @@
 #include "interrupt.h"
 #include "listing.h"
 #include "sevenzip.h"
+#include "stagefolder.h"
 
 #include <QDir>
 #include <QMap>
@@ -21,7 +22,7 @@ namespace fs = std::filesystem;
 void refuseName(const QString &path, const QString &firstVolume)
 {
     const QString clean = QDir::cleanPath(path);
-    if (QDir::isAbsolutePath(clean) || clean == QLatin1String("..")
+    if (clean.startsWith(QLatin1Char('/')) || clean == QLatin1String("..")
         || clean.startsWith(QLatin1String("../"))) {
         throw Refusal(firstVolume,
             QStringLiteral("holds %1, which lies outside of what is unpacked").arg(path));
@@ -38,15 +39,8 @@ void refuseName(const QString &path, const QString &firstVolume)
 /// from an empty file, the work folder will.
 void refuseTaken(const ArchivedEntry &entry, const QString &folder)
 {
-    for (int end = entry.path.indexOf(QLatin1Char('/')); end >= 0;
-         end = entry.path.indexOf(QLatin1Char('/'), end + 1)) {
-        const QString parent = folder + QLatin1Char('/') + entry.path.left(end);
-        if (!isThere(parent))
-            return;
-        if (!isRealFolder(parent))
-            throw Refusal(parent, QStringLiteral("is in the way of a folder of the archive"));
-    }
-    const QString target = folder + QLatin1Char('/') + entry.path;
+    const QString target = pathIn(folder, entry.path);
+    requireOwnFolders(folder, target);
     const bool mayBeFolder = entry.isFolder || (entry.size == 0 && !entry.hasAttributes);
     if (isThere(target) && !(mayBeFolder && isRealFolder(target)))
         throw Refusal(target, QStringLiteral("exists; unpack into a new folder"));
@@ -127,7 +121,7 @@ public:
 private:
     void error(const QString &path, const QString &text)
     {
-        const QString place = m_folder + QLatin1Char('/') + path;
+        const QString place = pathIn(m_folder, path);
         m_console.error(place, place + QLatin1String(": ") + text);
     }
 

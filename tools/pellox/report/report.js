@@ -101,13 +101,22 @@
   const isInside = (file, folder) => !folder.parent || file.path.startsWith(folder.path + '/');
   const sum = (list, member) => list.reduce((total, item) => total + item[member], 0);
 
+  /**
+   * A name in an address. One that is no text, with half of a pair in it, which no address holds, has
+   * "~" and four digits for that half, and "~~" for "~".
+   */
+  const encoded = name => encodeURIComponent(name.replace(/~|[\ud800-\udfff]/gu,
+    odd => odd === '~' ? '~~' : '~' + odd.charCodeAt(0).toString(16)));
+  const decoded = part => decodeURIComponent(part).replace(/~~|~(d[89a-f][0-9a-f]{2})/g,
+    (all, half) => half ? String.fromCharCode(parseInt(half, 16)) : '~');
+
   /** The folder that an address such as #/data/levels names, or the nearest above it. */
   function folderOf(hash) {
     let folder = root;
     for (const part of hash.replace(/^#/, '').split('/').filter(part => part !== '')) {
       let name;
       try {
-        name = decodeURIComponent(part);
+        name = decoded(part);
       } catch (error) {
         break;
       }
@@ -118,7 +127,7 @@
     return folder;
   }
 
-  const addressOf = folder => '#' + folder.path.split('/').map(encodeURIComponent).join('/');
+  const addressOf = folder => '#' + folder.path.split('/').map(encoded).join('/');
   let view = folderOf(location.hash);
 
   /* ---- The sums on top ---- */

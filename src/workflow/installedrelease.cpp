@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+#include "installedrelease.h"
+
+#include "filesystem.h"
+#include "workfolder.h"
+
+#include <QJsonDocument>
+
+namespace Pellox {
+
+namespace {
+
+const QString NumberMember = QStringLiteral("release");
+const QString BuildMember = QStringLiteral("build");
+
+} // namespace
+
+QJsonObject InstalledRelease::toJson() const
+{
+    return {{NumberMember, number}, {BuildMember, build.toText()}};
+}
+
+std::optional<InstalledRelease> InstalledRelease::fromJson(const QJsonObject &object)
+{
+    const double number = object.value(NumberMember).toDouble();
+    const auto build = Sha512::fromText(object.value(BuildMember).toString());
+    if (number < 1 || !build)
+        return {};
+    return InstalledRelease{static_cast<qint64>(number), *build};
+}
+
+std::optional<InstalledRelease> InstalledRelease::read(const QString &folder, FileError *error)
+{
+    constexpr qint64 Largest = 4096;
+    const QString path = folder + WorkFolder::Release;
+    if (!statusOf(path))
+        return {};
+    InputFile file;
+    QByteArray bytes;
+    bool isRead = file.open(path);
+    if (isRead && file.size() <= Largest) {
+        bytes.resize(static_cast<int>(file.size()));
+        isRead = file.readAt(0, reinterpret_cast<uchar *>(bytes.data()), bytes.size());
+    }
+    const auto release = isRead ? fromJson(QJsonDocument::fromJson(bytes).object()) : std::nullopt;
+    if (!isRead)
+        *error = file.error();
+    else if (!release)
+        *error = {path, QStringLiteral("is damaged")};
+    return release;
+}
+
+bool InstalledRelease::write(const QString &folder, FileError *error) const
+{
+    const QString path = folder + WorkFolder::Release;
+    const QString unfinished = folder + WorkFolder::NewRelease;
+    const QByteArray bytes = QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
+    OutputFile file;
+    removeFile(unfinished);
+    if (file.open(unfinished))
+        file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    const bool isWritten = file.close();
+    if (!isWritten)
+        *error = file.error();
+    else if (!renameFile(unfinished, path))
+        *error = FileError::ofSystem(path, "cannot be written: ");
+    return error->isEmpty();
+}
+
+bool InstalledRelease::remove(const QString &folder, FileError *error)
+{
+    const QString path = folder + WorkFolder::Release;
+    if (!removeFile(path))
+        *error = FileError::ofSystem(path, "cannot be removed: ");
+    return error->isEmpty();
+}
+
+} // namespace Pellox

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "diskfile.h"
+#include "sha512.h"
+
+#include <QJsonObject>
+
+#include <optional>
+
+namespace Pellox {
+
+/**
+ * Which release is installed, as the last sealed update says; in a file of the build's hidden
+ * folder. A build that was brought about in another way has none.
+ */
+struct InstalledRelease
+{
+    qint64 number = 0;
+    Sha512 build; ///< its identity
+
+    QJsonObject toJson() const;
+    static std::optional<InstalledRelease> fromJson(const QJsonObject &object);
+
+    /// Of the build in @p folder. Nothing when there is none; with @p error when the file cannot be
+    /// read or understood.
+    static std::optional<InstalledRelease> read(const QString &folder, FileError *error);
+    /// Writes it in one step. False with @p error.
+    bool write(const QString &folder, FileError *error) const;
+    /// True also when there was none.
+    static bool remove(const QString &folder, FileError *error);
+};
+
+} // namespace Pellox

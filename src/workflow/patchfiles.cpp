@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: MIT
+#include "patchfiles.h"
+
+#include "filepass.h"
+#include "manifest.h"
+
+#include <QFile>
+
+#include <algorithm>
+#include <filesystem>
+#include <numeric>
+
+namespace Pellox {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Whether @p relativePath or a folder above it is hidden.
+bool isHiddenPath(const QString &relativePath)
+{
+    return relativePath.contains(QLatin1String("/."));
+}
+
+QString textOf(const fs::path &path)
+{
+    return QFile::decodeName(path.c_str());
+}
+
+/// A file of @p patch for @p entry, which is no folder.
+PatchFile fileFor(const QString &patch, const fs::directory_entry &entry, fs::file_type type,
+    std::error_code &code)
+{
+    PatchFile file;
+    file.relativePath = textOf(entry.path()).mid(patch.size());
+    file.isRegular = type == fs::file_type::regular;
+    file.isHidden = isHiddenPath(file.relativePath);
+    if (file.isRegular)
+        file.size = static_cast<qint64>(entry.file_size(code));
+    return file;
+}
+
+/// Hashes files, each by one task of a crew.
+class Hashing
+{
+public:
+    Hashing(QString patch, const std::vector<PatchFile> &files, const HashSettings &settings);
+
+    bool carryOut(QString *error);
+    std::vector<HashedFile> takeOutcome() { return std::move(m_outcome); }
+
+private:
+    void hash(std::size_t file, bool isLarge);
+    void keepError(HashedFile &outcome, const QString &error);
+
+    const QString m_patch;
+    const std::vector<PatchFile> &m_files;
+    const HashSettings &m_settings;
+    Crew m_crew;
+    std::atomic<qint64> m_done{0};
+    std::vector<HashedFile> m_outcome;
+};
+
+Hashing::Hashing(QString patch, const std::vector<PatchFile> &files, const HashSettings &settings)
+    : m_patch(std::move(patch))
+    , m_files(files)
+    , m_settings(settings)
+    , m_crew(settings.threadCount, settings.cancelled)
+    , m_outcome(files.size())
+{
+}
+
+bool Hashing::carryOut(QString *error)
+{
+    // Large files first, the largest at the front: the end of the last one is what all wait for.
+    std::vector<std::size_t> order(m_files.size());
+    std::iota(order.begin(), order.end(), 0);
+    const auto smallOnes = std::stable_partition(order.begin(), order.end(),
+        [this](std::size_t i) { return m_files[i].size > FilePass::ChunkSize; });
+    std::stable_sort(order.begin(), smallOnes,
+        [this](std::size_t i, std::size_t j) { return m_files[i].size > m_files[j].size; });
+    const auto largeCount = static_cast<std::size_t>(smallOnes - order.begin());
+
+    const qint64 total = std::accumulate(m_files.cbegin(), m_files.cend(), qint64(0),
+        [](qint64 sum, const PatchFile &file) { return sum + file.size; });
+    const auto report = [&] {
+        if (m_settings.progress)
+            m_settings.progress(std::min<qint64>(m_done, total), total);
+    };
+    report();
+    const bool done = m_crew.run(
+        order.size(), largeCount, [&](std::size_t i) { hash(order[i], i < largeCount); }, report);
+    if (!done)
+        *error = m_crew.error();
+    return done;
+}
+
+void Hashing::hash(std::size_t file, bool isLarge)
+{
+    HashedFile &outcome = m_outcome[file];
+    InputFile input;
+    if (!input.open(m_patch + m_files[file].relativePath)) {
+        keepError(outcome, input.error());
+        return;
+    }
+    FilePass::Targets targets;
+    targets.digest = true;
+    FilePass reading(m_crew, input, targets, m_done);
+    const bool isDone = isLarge ? m_crew.share(reading) : m_crew.doAlone(reading);
+    if (!isDone)
+        return; // the crew was stopped
+    if (const QString error = reading.error(); !error.isEmpty())
+        keepError(outcome, error);
+    else
+        outcome.content = {input.size(), reading.sha512()};
+}
+
+void Hashing::keepError(HashedFile &outcome, const QString &error)
+{
+    outcome.error = error;
+    if (m_settings.stopsAtError)
+        m_crew.fail(error);
+}
+
+/// Those of @p found that the seal names and that may have its content; all others go to @p texts.
+std::vector<PatchFile> filesToCompare(const SealedPatch &sealed, const QString &patch,
+    const std::vector<PatchFile> &found, QStringList *texts)
+{
+    std::vector<PatchFile> files;
+    for (const PatchFile &file : found) {
+        const auto expected = sealed.files.find(file.relativePath);
+        const QString path = patch + file.relativePath;
+        if (path == Manifest::pathIn(patch, SealFileName))
+            continue;
+        if (expected == sealed.files.cend())
+            texts->append(aboutFile(path, QStringLiteral("is no part of the patch")));
+        else if (!file.isRegular)
+            texts->append(aboutFile(path, QStringLiteral("is no regular file")));
+        else if (file.size != expected->second.size)
+            texts->append(
+                aboutFile(path, QStringLiteral("has another size than it was sealed with")));
+        else
+            files.push_back(file);
+    }
+    return files;
+}
+
+/// Both are sorted by path.
+void addMissing(const SealedPatch &sealed, const QString &patch,
+    const std::vector<PatchFile> &found, QStringList *texts)
+{
+    auto file = found.cbegin();
+    for (const auto &[path, content] : sealed.files) {
+        while (file != found.cend() && InByteOrder()(file->relativePath, path))
+            ++file;
+        if (file == found.cend() || file->relativePath != path)
+            texts->append(aboutFile(patch + path, QStringLiteral("is missing")));
+    }
+}
+
+} // namespace
+
+std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, QString *error)
+{
+    const auto fail = [&](const fs::path &path, const QString &reason) {
+        *error = aboutFile(textOf(path), reason);
+        return std::nullopt;
+    };
+    std::vector<PatchFile> files;
+    std::error_code code;
+    fs::path last(QFile::encodeName(patch).constData());
+    fs::recursive_directory_iterator walk(last, code);
+    for (; !code && walk != fs::end(walk); walk.increment(code)) {
+        last = walk->path();
+        if (QFile::encodeName(textOf(last)).constData() != last.native())
+            return fail(last, QStringLiteral("has a name that the locale's encoding cannot tell"));
+        const fs::file_type type = walk->symlink_status(code).type();
+        if (!code && type != fs::file_type::directory)
+            files.push_back(fileFor(patch, *walk, type, code));
+        if (code)
+            break;
+    }
+    if (code)
+        return fail(
+            last, QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()));
+    std::sort(files.begin(), files.end(), [](const PatchFile &one, const PatchFile &other) {
+        return InByteOrder()(one.relativePath, other.relativePath);
+    });
+    return files;
+}
+
+std::optional<std::vector<HashedFile>> hashFiles(const QString &patch,
+    const std::vector<PatchFile> &files, const HashSettings &settings, QString *error)
+{
+    Hashing hashing(patch, files, settings);
+    if (!hashing.carryOut(error))
+        return {};
+    return hashing.takeOutcome();
+}
+
+QStringList differences(
+    const SealedPatch &sealed, const QString &patch, const HashSettings &settings)
+{
+    QString error;
+    const auto found = walkPatch(patch, &error);
+    if (!found)
+        return {error};
+    QStringList texts;
+    const std::vector<PatchFile> files = filesToCompare(sealed, patch, *found, &texts);
+    addMissing(sealed, patch, *found, &texts);
+    const auto hashed = hashFiles(patch, files, settings, &error);
+    for (std::size_t i = 0; hashed && i < files.size(); ++i) {
+        const QString path = patch + files[i].relativePath;
+        const SealedFile &expected = sealed.files.at(files[i].relativePath);
+        const SealedFile &content = hashed->at(i).content;
+        if (!hashed->at(i).error.isEmpty())
+            texts.append(hashed->at(i).error);
+        else if (content.size != expected.size || content.sha512 != expected.sha512)
+            texts.append(aboutFile(path, QStringLiteral("is not what was sealed")));
+    }
+    texts.sort();
+    if (!hashed)
+        texts.append(error.isEmpty()
+                ? aboutFile(patch, QStringLiteral("was not compared to its end"))
+                : error);
+    return texts;
+}
+
+} // namespace Pellox

@@ -1,0 +1,332 @@
+// SPDX-License-Identifier: MIT
+#include "events.h"
+#include "faultrun.h"
+#include "releasetree.h"
+
+#include <QFile>
+#include <QTest>
+
+#include <csignal>
+#include <memory>
+
+#include <sys/types.h>
+
+/// "pellox check" and "pellox repair".
+class tst_CheckCommand : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { useMemoryForFiles(); }
+    void init() { m_tree = std::make_unique<ReleaseTree>(); }
+
+    void says_data();
+    void says();
+    void checkTellsWhatDiffers();
+    void checkChangesNothing();
+    void checkThatCannotBeCarriedOut_data();
+    void checkThatCannotBeCarriedOut();
+    void quietTellsByTheStatusAlone();
+
+    void repairsWhatDiffers_data();
+    void repairsWhatDiffers();
+    void repairThatFailsChangesNothing_data();
+    void repairThatFailsChangesNothing();
+    void repairFinishesWhatWasBegun();
+
+    void wrongUsage_data();
+    void wrongUsage();
+    void helpTeaches_data();
+    void helpTeaches();
+    void signalsCancel_data();
+    void signalsCancel();
+
+private:
+    void damage() const;
+    Outcome run(const char *words) const { return m_tree->run(QLatin1String(words)); }
+
+    std::unique_ptr<ReleaseTree> m_tree;
+};
+
+/// One file of each kind.
+void tst_CheckCommand::damage() const
+{
+    m_tree->write(QStringLiteral("installed/game.exe"), "not the game");
+    m_tree->remove(QStringLiteral("installed/data/gone.txt"));
+    m_tree->remove(QStringLiteral("installed/data/same.txt"));
+    m_tree->makeFolder(QStringLiteral("installed/data/same.txt"));
+}
+
+void tst_CheckCommand::says_data()
+{
+    QTest::addColumn<bool>("damaged");
+    QTest::addColumn<QString>("words");
+
+    QTest::newRow("check") << true << QStringLiteral("check installed sigs-old");
+    QTest::newRow("check-json") << true << QStringLiteral("check installed sigs-old --json");
+    QTest::newRow("check-intact") << false << QStringLiteral("check installed sigs-old");
+    QTest::newRow("repair") << true << QStringLiteral("repair installed sigs-old --from old");
+    QTest::newRow("repair-json") << true
+                                 << QStringLiteral(
+                                        "repair installed sigs-old --from old --json --threads 1");
+    QTest::newRow("repair-intact")
+        << false << QStringLiteral("repair installed sigs-old --from old --json");
+    QTest::newRow("repair-bad-source")
+        << true << QStringLiteral("repair installed sigs-old --from sigs-new");
+}
+
+/// Golden outputs, and that those in JSON are what their schema says.
+void tst_CheckCommand::says()
+{
+    QFETCH(bool, damaged);
+    QFETCH(QString, words);
+    if (damaged)
+        damage();
+    const QStringList arguments = words.split(QLatin1Char(' '));
+    const Outcome outcome = m_tree->run(words);
+    const QString difference
+        = differenceToGolden(QLatin1String(QTest::currentDataTag()) + QLatin1String(".txt"),
+            transcript(arguments, outcome, m_tree->path()));
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
+
+    const QString python = pythonWithJsonSchema();
+    if (!arguments.contains(QLatin1String("--json")))
+        return;
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(schemaViolations(python, outcome.out), QStringList());
+}
+
+void tst_CheckCommand::checkTellsWhatDiffers()
+{
+    QCOMPARE(run("check installed sigs-old").status, Done);
+    QCOMPARE(run("check installed sigs-new").status, Failed);
+    QCOMPARE(run("check new sigs-new --threads 3").status, Done);
+    damage();
+    const Outcome outcome = run("check installed sigs-old --json");
+    QCOMPARE(outcome.status, Failed);
+    QMap<QString, QString> states;
+    for (const QJsonObject &event : jsonLines(outcome.out)) {
+        if (member(event, "event") == QLatin1String("file-state"))
+            states.insert(member(event, "file"), member(event, "state"));
+    }
+    QCOMPARE(states,
+        (QMap<QString, QString>{{QStringLiteral("game.exe"), QStringLiteral("changed")},
+            {QStringLiteral("data/gone.txt"), QStringLiteral("missing")},
+            {QStringLiteral("data/same.txt"), QStringLiteral("unreadable")},
+            {QStringLiteral("saves/one.sav"), QStringLiteral("extra")}}));
+}
+
+void tst_CheckCommand::checkChangesNothing()
+{
+    damage();
+    const auto before = TestTree::snapshot(m_tree->path());
+    QCOMPARE(run("check installed sigs-old").status, Failed);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_CheckCommand::checkThatCannotBeCarriedOut_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("outcome");
+
+    const QString manifest = QStringLiteral("sigs-old/signatures.json");
+    const QString check = QStringLiteral("check installed sigs-old");
+    const QString refused = QStringLiteral("refused-patch");
+    QTest::newRow("no JSON") << manifest << QByteArray("[") << check << RefusedPatch << refused;
+    QTest::newRow("climbs out") << manifest
+                                << QByteArray("[{\"relative_path\":\"/../x\",\"sha512\":\"00\"}]")
+                                << check << RefusedPatch << refused;
+    QTest::newRow("no manifest") << QString() << QByteArray()
+                                 << QStringLiteral("check installed patch") << RefusedPatch
+                                 << refused;
+    QTest::newRow("a repair") << manifest << QByteArray("{}")
+                              << QStringLiteral("repair installed sigs-old --from old")
+                              << RefusedPatch << refused;
+}
+
+void tst_CheckCommand::checkThatCannotBeCarriedOut()
+{
+    QFETCH(QString, file);
+    QFETCH(QByteArray, content);
+    QFETCH(QString, words);
+    QFETCH(int, status);
+    QFETCH(QString, outcome);
+    if (!file.isEmpty())
+        m_tree->write(file, content);
+    const Outcome found = m_tree->run(words + QStringLiteral(" --json"));
+    QCOMPARE(found.status, status);
+    const QList<QJsonObject> events = jsonLines(found.out);
+    QCOMPARE(member(events.last(), "outcome"), outcome);
+    QCOMPARE(events.last().value(QLatin1String("status")).toInt(), status);
+    const QJsonObject error = events.value(events.size() - 2);
+    QCOMPARE(member(error, "event"), QStringLiteral("error"));
+    QCOMPARE(member(error, "code"), QStringLiteral("bad-manifest"));
+    QVERIFY2(
+        member(error, "file").endsWith(QLatin1String("/signatures.json")), qPrintable(found.out));
+    QVERIFY2(
+        !member(error, "error").contains(QLatin1String("signatures.json")), qPrintable(found.out));
+    QVERIFY(!member(error, "advice").isEmpty());
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+void tst_CheckCommand::quietTellsByTheStatusAlone()
+{
+    damage();
+    const Outcome damaged = run("check installed sigs-old -q");
+    QCOMPARE(damaged.status, Failed);
+    QCOMPARE(damaged.out + damaged.err, QString());
+    const Outcome intact = run("check new sigs-new -q");
+    QCOMPARE(intact.status, Done);
+    QCOMPARE(intact.out + intact.err, QString());
+}
+
+void tst_CheckCommand::repairsWhatDiffers_data()
+{
+    QTest::addColumn<QString>("options");
+
+    QTest::newRow("all cores") << QString();
+    QTest::newRow("one thread") << QStringLiteral(" --threads 1");
+}
+
+void tst_CheckCommand::repairsWhatDiffers()
+{
+    QFETCH(QString, options);
+    damage();
+    const QString words = QStringLiteral("repair installed sigs-old --from old") + options;
+    const Outcome outcome = m_tree->run(words);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    QCOMPARE(m_tree->run(words).status, NothingToDo);
+}
+
+void tst_CheckCommand::repairThatFailsChangesNothing_data()
+{
+    QTest::addColumn<QString>("source");
+    QTest::addColumn<QString>("code");
+
+    QTest::newRow("lacks a file") << QStringLiteral("new") << QStringLiteral("bad-fallback");
+    QTest::newRow("has another file") << QStringLiteral("wrong") << QStringLiteral("bad-fallback");
+}
+
+void tst_CheckCommand::repairThatFailsChangesNothing()
+{
+    QFETCH(QString, source);
+    QFETCH(QString, code);
+    damage();
+    const auto before = m_tree->installed();
+    m_tree->write(QStringLiteral("wrong/game.exe"), randomBytes(100000, 9));
+    m_tree->write(QStringLiteral("wrong/data/gone.txt"), "goes away");
+    m_tree->write(QStringLiteral("wrong/data/same.txt"), "stays");
+    const Outcome outcome
+        = m_tree->run(QStringLiteral("repair installed sigs-old --json --from ") + source);
+    QCOMPARE(outcome.status, InTheWay);
+    QVERIFY2(outcome.out.contains(code), qPrintable(outcome.out));
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_CheckCommand::repairFinishesWhatWasBegun()
+{
+    const QString build = m_tree->path(QStringLiteral("installed"));
+    const FaultRun killed = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("update"), build, m_tree->path(QStringLiteral("patch"))},
+        {build, "rename", 2, "kill"});
+    QVERIFY(killed.crashed);
+    QVERIFY(m_tree->installed() != m_tree->newInstalled());
+    m_tree->write(QStringLiteral("installed/data/same.txt"), "damaged");
+    const Outcome outcome = run("repair installed sigs-new --from new --json");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(member(jsonLines(outcome.out).first(), "phase"), QStringLiteral("finishing"));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_CheckCommand::wrongUsage_data()
+{
+    QTest::addColumn<QString>("words");
+
+    QTest::newRow("no signatures") << QStringLiteral("check installed");
+    QTest::newRow("no source") << QStringLiteral("repair installed sigs-old");
+    QTest::newRow("no such build") << QStringLiteral("check nosuch sigs-old");
+    QTest::newRow("no such signatures") << QStringLiteral("check installed nosuch");
+    QTest::newRow("no such source") << QStringLiteral("repair installed sigs-old --from nosuch");
+    QTest::newRow("the build as source")
+        << QStringLiteral("repair installed sigs-old --from installed");
+    QTest::newRow("signatures in the build") << QStringLiteral("check installed installed/data");
+    QTest::newRow("no thread") << QStringLiteral("check installed sigs-old --threads 0");
+}
+
+void tst_CheckCommand::wrongUsage()
+{
+    QFETCH(QString, words);
+    const Outcome outcome = m_tree->run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(errorLines(outcome.err).size(), 1);
+}
+
+void tst_CheckCommand::helpTeaches_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("example");
+
+    QTest::newRow("check") << QStringLiteral("check")
+                           << QStringLiteral("pellox check installed/game signatures/1.1");
+    QTest::newRow("repair")
+        << QStringLiteral("repair")
+        << QStringLiteral("pellox repair installed/game signatures/1.1 --from releases/1.1");
+}
+
+void tst_CheckCommand::helpTeaches()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, example);
+    const Outcome outcome = m_tree->run(command + QStringLiteral(" --help"));
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(example), qPrintable(outcome.out));
+    QVERIFY(outcome.out.contains(QLatin1String("Exit status:")));
+}
+
+void tst_CheckCommand::signalsCancel_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<int>("status");
+
+    const QString check = QStringLiteral("check large sigs-large --json");
+    QTest::newRow("Ctrl-C") << check << SIGINT << Interrupted;
+    QTest::newRow("terminated") << check << SIGTERM << 143;
+    QTest::newRow("terminal closed") << check << SIGHUP << 129;
+    QTest::newRow("a repair") << QStringLiteral("repair large sigs-large --from new --json")
+                              << SIGINT << Interrupted;
+}
+
+void tst_CheckCommand::signalsCancel()
+{
+    QFETCH(QString, words);
+    QFETCH(int, signal);
+    QFETCH(int, status);
+    // Large enough to be under way for many seconds when the signal comes, small on the disk.
+    m_tree->write(QStringLiteral("large/file"), QByteArray());
+    QVERIFY(QFile::resize(m_tree->path(QStringLiteral("large/file")), qint64(64) << 30));
+    m_tree->write(QStringLiteral("sigs-large/signatures.json"),
+        "[{\"relative_path\":\"/file\",\"sha512\":\"" + QByteArray(128, '0') + "\"}]");
+
+    QProcess process;
+    startProgram(
+        process, QStringLiteral(PELLOX_PROGRAM), words.split(QLatin1Char(' ')), m_tree->path());
+    QVERIFY(process.waitForReadyRead()); // the phase
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, status);
+    const QJsonObject last = jsonLines(outcome.out).last();
+    QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
+    QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
+    QVERIFY2(outcome.err.endsWith(
+                 QLatin1String("pellox: interrupted: nothing was changed; run the same again\n")),
+        qPrintable(outcome.err));
+}
+
+QTEST_GUILESS_MAIN(tst_CheckCommand)
+#include "tst_checkcommand.moc"

@@ -1,0 +1,629 @@
+// SPDX-License-Identifier: MIT
+#include "events.h"
+#include "faultrun.h"
+#include "releasetree.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+/// "pellox update", "recover", "rollback" and "discard".
+class tst_UpdateCommands : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { useMemoryForFiles(); }
+    void init() { m_tree = std::make_unique<ReleaseTree>(); }
+
+    void updates_data();
+    void updates();
+    void updatesFromAnyState();
+    void goesBack();
+    void keepsNothingUnlessTold();
+    void discardsWhatIsKept();
+    void dryRunWritesNothing();
+
+    void says_data();
+    void says();
+    void theSchemaRefusesOtherEvents_data();
+    void theSchemaRefusesOtherEvents();
+    void progressTellsRateAndTimeLeft();
+    void terminalsSeeABar();
+    void quietSaysNothing();
+    void adviceComesOncePerKind();
+
+    void everyOutcomeHasItsStatus_data();
+    void everyOutcomeHasItsStatus();
+    void oneProgramAtATime();
+    void failedCommitIsFinished_data();
+    void failedCommitIsFinished();
+    void whereStandardOutputCannotBeWritten();
+
+    void signalsCancel_data();
+    void signalsCancel();
+    void aSignalDuringTheCommitIsTooLate();
+    void aSecondInterruptEndsAtOnce();
+
+    void wrongUsage_data();
+    void wrongUsage();
+    void helpTeaches_data();
+    void helpTeaches();
+    void helpAndDocumentsHaveTheSameStatuses();
+
+private:
+    Outcome run(const char *words) const { return m_tree->run(QLatin1String(words)); }
+    FaultRun runWith(const QString &command, Faults faults) const;
+    QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
+
+    std::unique_ptr<ReleaseTree> m_tree;
+};
+
+/// @p command on the installed build, and with the patch where it takes one.
+FaultRun tst_UpdateCommands::runWith(const QString &command, Faults faults) const
+{
+    QStringList arguments{command, path("installed"), QStringLiteral("--json")};
+    if (command == QLatin1String("update"))
+        arguments.insert(2, path("patch"));
+    faults.path = path("installed");
+    return runWithFaults(QStringLiteral(PELLOX_PROGRAM), arguments, faults);
+}
+
+void tst_UpdateCommands::updates_data()
+{
+    QTest::addColumn<QString>("words");
+
+    QTest::newRow("plain") << QStringLiteral("update installed patch");
+    QTest::newRow("one thread") << QStringLiteral("update installed patch --threads 1");
+    QTest::newRow("many threads") << QStringLiteral("update installed patch --threads 9");
+    QTest::newRow("without syncs") << QStringLiteral("update installed patch --no-sync");
+    QTest::newRow("other forms of the folders")
+        << QStringLiteral("update ./new/../installed/ patch//");
+}
+
+void tst_UpdateCommands::updates()
+{
+    QFETCH(QString, words);
+    const Outcome outcome = m_tree->run(words);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    QCOMPARE(m_tree->run(words).status, NothingToDo);
+    QCOMPARE(run("recover installed").status, NothingToDo);
+}
+
+void tst_UpdateCommands::updatesFromAnyState()
+{
+    m_tree->write(QStringLiteral("installed/game.exe"), "damaged");
+    const auto before = m_tree->installed();
+    QCOMPARE(run("update installed patch").status, DamagedInstall);
+    QCOMPARE(m_tree->installed(), before);
+    const Outcome outcome = run("update installed patch --fallback new");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::goesBack()
+{
+    QCOMPARE(run("update installed patch --keep-previous").status, Done);
+    const Outcome outcome = run("rollback installed");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    QCOMPARE(run("rollback installed").status, NothingKept);
+    QCOMPARE(run("update installed patch").status, Done);
+}
+
+void tst_UpdateCommands::keepsNothingUnlessTold()
+{
+    QCOMPARE(run("update installed patch").status, Done);
+    QCOMPARE(run("rollback installed").status, NothingKept);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::discardsWhatIsKept()
+{
+    QCOMPARE(run("update installed patch --keep-previous").status, Done);
+    QVERIFY(m_tree->installed() != m_tree->newInstalled());
+    const Outcome outcome = run("discard installed");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    QCOMPARE(run("rollback installed").status, NothingKept);
+    QCOMPARE(run("discard installed").status, Done);
+}
+
+void tst_UpdateCommands::dryRunWritesNothing()
+{
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run("update installed patch --dry-run --json");
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    const QList<QJsonObject> events = jsonLines(outcome.out);
+    QCOMPARE(member(events.first(), "file"), QStringLiteral("data/gone.txt"));
+    const QJsonObject plan = events.value(1);
+    QCOMPARE(plan.value(QLatin1String("patch")).toInt(), 1);
+    QCOMPARE(plan.value(QLatin1String("copy")).toInt(), 1);
+    QCOMPARE(plan.value(QLatin1String("delete")).toInt(), 1);
+    QCOMPARE(plan.value(QLatin1String("bytes_to_write")).toInt(), 100003 + 3000);
+    QVERIFY(plan.value(QLatin1String("peak_extra_disk")).toInt() >= 100003 + 3000);
+
+    m_tree->remove(QStringLiteral("installed/game.exe"));
+    QCOMPARE(run("update installed patch --dry-run").status, DamagedInstall);
+    QCOMPARE(run("update installed patch --dry-run --fallback new").status, Done);
+    QCOMPARE(run("update installed patch --fallback new").status, Done);
+    QCOMPARE(run("update installed patch --dry-run").status, NothingToDo);
+}
+
+void tst_UpdateCommands::says_data()
+{
+    QTest::addColumn<QString>("before"); // commands that come first, with "; " between them
+    QTest::addColumn<QString>("words");
+
+    const QString nothing;
+    const QString updated = QStringLiteral("update installed patch --no-sync --quiet");
+    const QString kept = QStringLiteral("update installed patch --keep-previous --quiet");
+    QTest::newRow("update") << nothing << QStringLiteral("update installed patch");
+    QTest::newRow("update-json") << nothing << QStringLiteral("update installed patch --json");
+    QTest::newRow("update-kept") << nothing
+                                 << QStringLiteral("update installed patch --keep-previous");
+    QTest::newRow("update-dry-run")
+        << nothing << QStringLiteral("update installed patch --dry-run");
+    QTest::newRow("update-dry-run-json")
+        << nothing << QStringLiteral("update installed patch --dry-run --json");
+    QTest::newRow("update-nothing") << updated << QStringLiteral("update installed patch");
+    QTest::newRow("update-nothing-json")
+        << updated << QStringLiteral("update installed patch --json");
+    QTest::newRow("update-damaged") << nothing << QStringLiteral("update saves patch");
+    QTest::newRow("update-damaged-json") << nothing << QStringLiteral("update saves patch --json");
+    QTest::newRow("update-refused") << nothing << QStringLiteral("update installed sigs-new");
+    QTest::newRow("update-no-folder") << nothing << QStringLiteral("update nosuch patch --json");
+    QTest::newRow("recover-nothing") << nothing << QStringLiteral("recover installed");
+    QTest::newRow("recover-nothing-json") << nothing << QStringLiteral("recover installed --json");
+    QTest::newRow("rollback") << kept << QStringLiteral("rollback installed");
+    QTest::newRow("rollback-json") << kept << QStringLiteral("rollback installed --json");
+    QTest::newRow("rollback-nothing-kept-json")
+        << nothing << QStringLiteral("rollback installed --json");
+    QTest::newRow("discard") << kept << QStringLiteral("discard installed");
+    QTest::newRow("discard-json") << kept << QStringLiteral("discard installed --json");
+}
+
+/// Golden outputs, and that those in JSON are what their schema says.
+void tst_UpdateCommands::says()
+{
+    QFETCH(QString, before);
+    QFETCH(QString, words);
+    m_tree->write(QStringLiteral("saves/one.sav"), "no game");
+    if (!before.isEmpty())
+        QCOMPARE(m_tree->run(before).status, Done);
+    const QStringList arguments = words.split(QLatin1Char(' '));
+    const Outcome outcome = m_tree->run(words);
+    const QString difference
+        = differenceToGolden(QLatin1String(QTest::currentDataTag()) + QLatin1String(".txt"),
+            transcript(arguments, outcome, m_tree->path()));
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
+
+    if (!arguments.contains(QLatin1String("--json")))
+        return;
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(schemaViolations(python, outcome.out), QStringList());
+}
+
+void tst_UpdateCommands::theSchemaRefusesOtherEvents_data()
+{
+    QTest::addColumn<QString>("line");
+
+    QTest::newRow("no event") << QStringLiteral("{\"stage\":\"update\"}");
+    QTest::newRow("unknown event") << QStringLiteral("{\"event\":\"begin\"}");
+    QTest::newRow("unknown phase")
+        << QStringLiteral("{\"event\":\"phase\",\"phase\":\"x\",\"stage\":\"update\"}");
+    QTest::newRow("one member too many") << QStringLiteral(
+        "{\"event\":\"phase\",\"phase\":\"staging\",\"stage\":\"update\",\"more\":1}");
+    QTest::newRow("one member too few")
+        << QStringLiteral("{\"event\":\"error\",\"code\":\"busy\"}");
+    QTest::newRow("unknown code") << QStringLiteral(
+        "{\"event\":\"error\",\"code\":\"x\",\"error\":\"y\"}");
+    QTest::newRow("negative") << QStringLiteral(
+        "{\"event\":\"progress\",\"stage\":\"update\",\"phase\":\"staging\",\"done\":-1,"
+        "\"total\":1,\"rate\":0}");
+    QTest::newRow("unknown outcome")
+        << QStringLiteral("{\"event\":\"finished\",\"outcome\":\"good\"}");
+}
+
+void tst_UpdateCommands::theSchemaRefusesOtherEvents()
+{
+    QFETCH(QString, line);
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    const QString good = QStringLiteral("{\"event\":\"finished\",\"outcome\":\"interrupted\"}");
+    QCOMPARE(schemaViolations(python, good + QLatin1Char('\n') + line), QStringList(line));
+}
+
+void tst_UpdateCommands::progressTellsRateAndTimeLeft()
+{
+    const Outcome outcome = run("update installed patch --json");
+    QCOMPARE(outcome.status, Done);
+    qint64 last = -1;
+    qint64 total = 0;
+    for (const QJsonObject &event : jsonLines(outcome.out)) {
+        if (member(event, "event") != QLatin1String("progress"))
+            continue;
+        const auto number
+            = [&](const char *name) { return event.value(QLatin1String(name)).toInt(-1); };
+        QVERIFY(number("done") > last);
+        QVERIFY(number("rate") >= 0);
+        last = number("done");
+        total = number("total");
+        if (last == total) {
+            QCOMPARE(number("left"), 0);
+            QVERIFY(number("rate") > 0);
+            QVERIFY2(member(event, "file") == QLatin1String("game.exe")
+                    || member(event, "file") == QLatin1String("levels/one.map"),
+                qPrintable(outcome.out));
+        }
+    }
+    QCOMPARE(last, total);
+    QCOMPARE(total, 103003);
+}
+
+void tst_UpdateCommands::terminalsSeeABar()
+{
+    QProcess process;
+    startProgram(process, QStringLiteral("script"),
+        {QStringLiteral("-qec"), QStringLiteral(PELLOX_PROGRAM " update installed patch"),
+            QStringLiteral("/dev/null")},
+        m_tree->path());
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(QLatin1String("\r\x1b[K100 % [=")), qPrintable(outcome.out));
+    QVERIFY2(
+        outcome.out.contains(QLatin1String("=] 100.6 KiB of 100.6 KiB")), qPrintable(outcome.out));
+}
+
+void tst_UpdateCommands::quietSaysNothing()
+{
+    const Outcome outcome = run("update installed patch --quiet");
+    QCOMPARE(outcome.status, Done);
+    QCOMPARE(outcome.out + outcome.err, QString());
+
+    const Outcome failing = run("update saves patch -q");
+    QCOMPARE(failing.status, WrongUsage);
+    QCOMPARE(failing.err.count(QLatin1Char('\n')), 1);
+}
+
+void tst_UpdateCommands::adviceComesOncePerKind()
+{
+    m_tree->remove(QStringLiteral("patch/game.exe"));
+    m_tree->remove(QStringLiteral("patch/levels/one.map"));
+    const Outcome outcome = run("update installed patch");
+    QCOMPARE(outcome.status, RefusedPatch);
+    QCOMPARE(errorLines(outcome.err).size(), 2);
+    QCOMPARE(outcome.err.count(QLatin1String("pellox: bad-patch: Get the patch anew")), 1);
+    QVERIFY2(outcome.err.endsWith(QLatin1String(
+                 "pellox: nothing was changed: get the patch or the signatures anew\n")),
+        qPrintable(outcome.err));
+}
+
+void tst_UpdateCommands::everyOutcomeHasItsStatus_data()
+{
+    QTest::addColumn<QString>("file"); // is changed first: a folder where there is no content
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QByteArray>("calls"); // that fail
+    QTest::addColumn<int>("error");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("outcome");
+    QTest::addColumn<QString>("code");
+
+    const QByteArray none;
+    const QString update = QStringLiteral("update");
+    const QString nothing;
+    QTest::newRow("an installed file is damaged")
+        << QStringLiteral("installed/game.exe") << QByteArray("x") << update << none << 0
+        << DamagedInstall << QStringLiteral("damaged-install") << QStringLiteral("damaged-install");
+    QTest::newRow("a manifest that is none")
+        << QStringLiteral("patch/patchRules.json") << QByteArray("{") << update << none << 0
+        << RefusedPatch << QStringLiteral("refused-patch") << QStringLiteral("bad-manifest");
+    QTest::newRow("a way out of the build")
+        << QStringLiteral("patch/patchRules.json")
+        << QByteArray("[{\"rule\":\"delete\",\"relative_path\":\"/../old/game.exe\"}]") << update
+        << none << 0 << RefusedPatch << QStringLiteral("refused-patch")
+        << QStringLiteral("bad-manifest");
+    QTest::newRow("a delta that is none")
+        << QStringLiteral("patch/game.exe") << QByteArray("no delta") << update << none << 0
+        << RefusedPatch << QStringLiteral("refused-patch") << QStringLiteral("bad-patch");
+    QTest::newRow("a folder in the way")
+        << QStringLiteral("installed/levels/one.map/players.map") << QByteArray("x") << update
+        << none << 0 << InTheWay << QStringLiteral("in-the-way") << QStringLiteral("obstructed");
+    QTest::newRow("a full disk") << nothing << none << update << QByteArray("write") << ENOSPC
+                                 << NoSpace << QStringLiteral("no-space")
+                                 << QStringLiteral("no-space");
+    QTest::newRow("a disk that fails")
+        << nothing << none << update << QByteArray("write") << EIO << Unchanged
+        << QStringLiteral("failed") << QStringLiteral("read-or-write");
+    QTest::newRow("a journal that is none")
+        << QStringLiteral("installed/.pellox/journal") << QByteArray("x") << update << none << 0
+        << DamagedJournal << QStringLiteral("damaged-journal") << QStringLiteral("damaged-journal");
+    QTest::newRow("a journal that is none, recover")
+        << QStringLiteral("installed/.pellox/journal") << QByteArray("x")
+        << QStringLiteral("recover") << none << 0 << DamagedJournal
+        << QStringLiteral("damaged-journal") << QStringLiteral("damaged-journal");
+    QTest::newRow("nothing kept") << nothing << none << QStringLiteral("rollback") << none << 0
+                                  << NothingKept << QStringLiteral("nothing-kept")
+                                  << QStringLiteral("nothing-kept");
+}
+
+void tst_UpdateCommands::everyOutcomeHasItsStatus()
+{
+    QFETCH(QString, file);
+    QFETCH(QByteArray, content);
+    QFETCH(QString, command);
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    QFETCH(int, status);
+    QFETCH(QString, outcome);
+    QFETCH(QString, code);
+    if (!file.isEmpty())
+        m_tree->write(file, content);
+    const auto before = m_tree->installed();
+    const FaultRun run = runWith(command,
+        {QString(), calls, calls.isEmpty() ? 0 : 1, QByteArray::number(error), true, true});
+    const QString out = QString::fromUtf8(run.output);
+    QVERIFY2(run.status == status, run.errors);
+    QCOMPARE(m_tree->installed(), before);
+    const QList<QJsonObject> events = jsonLines(out);
+    QCOMPARE(member(events.last(), "outcome"), outcome);
+    QCOMPARE(events.last().value(QLatin1String("status")).toInt(), status);
+    const QJsonObject problem = events.value(events.size() - 2);
+    QCOMPARE(member(problem, "event"), QStringLiteral("error"));
+    QCOMPARE(member(problem, "code"), code);
+    QVERIFY(member(problem, "file").startsWith(m_tree->path()));
+
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(schemaViolations(python, out), QStringList());
+}
+
+void tst_UpdateCommands::oneProgramAtATime()
+{
+    const int lock = ::open(
+        QFile::encodeName(path("installed")).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QCOMPARE(::flock(lock, LOCK_EX), 0);
+    const QStringList commands{QStringLiteral("update installed patch --json"),
+        QStringLiteral("recover installed --json"), QStringLiteral("rollback installed --json"),
+        QStringLiteral("discard installed --json"),
+        QStringLiteral("repair installed sigs-new --from new --json")};
+    QStringList failures;
+    for (const QString &command : commands) {
+        const Outcome outcome = m_tree->run(command);
+        const QList<QJsonObject> events = jsonLines(outcome.out);
+        if (outcome.status != Busy || member(events.last(), "outcome") != QLatin1String("busy")
+            || member(events.first(), "code") != QLatin1String("busy"))
+            failures.append(command + QLatin1String(": ") + outcome.out);
+    }
+    ::close(lock);
+    QCOMPARE(failures, QStringList());
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+void tst_UpdateCommands::failedCommitIsFinished_data()
+{
+    QTest::addColumn<QString>("next");
+
+    QTest::newRow("by recover") << QStringLiteral("recover installed --json");
+    QTest::newRow("by update") << QStringLiteral("update installed patch --json");
+}
+
+void tst_UpdateCommands::failedCommitIsFinished()
+{
+    QFETCH(QString, next);
+    // The first is that of the journal.
+    const FaultRun failed
+        = runWith(QStringLiteral("update"), {QString(), "rename", 2, "5", true, true});
+    QCOMPARE(failed.status, Unfinished);
+    const QJsonObject last = jsonLines(QString::fromUtf8(failed.output)).last();
+    QCOMPARE(member(last, "outcome"), QStringLiteral("unfinished"));
+    QVERIFY(member(last, "message").contains(QLatin1String("\"pellox recover\"")));
+
+    const Outcome finished = m_tree->run(next);
+    QVERIFY2(finished.status == Done, qPrintable(finished.err));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    const QList<QJsonObject> events = jsonLines(finished.out);
+    QCOMPARE(member(events.first(), "phase"), QStringLiteral("finishing"));
+    QVERIFY2(member(events.last(), "message").contains(QLatin1String("interrupted run had begun")),
+        qPrintable(finished.out));
+
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(
+        schemaViolations(python, finished.out + QString::fromUtf8(failed.output)), QStringList());
+}
+
+void tst_UpdateCommands::whereStandardOutputCannotBeWritten()
+{
+    QProcess process;
+    startProgram(process, QStringLiteral("sh"),
+        {QStringLiteral("-c"),
+            QStringLiteral("exec " PELLOX_PROGRAM " update installed patch > /dev/full")},
+        m_tree->path());
+    QCOMPARE(outcomeOf(process).status, Failed);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::signalsCancel_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<int>("status");
+
+    QTest::newRow("Ctrl-C") << SIGINT << Interrupted;
+    QTest::newRow("terminated") << SIGTERM << 143;
+    QTest::newRow("terminal closed") << SIGHUP << 129;
+}
+
+void tst_UpdateCommands::signalsCancel()
+{
+    QFETCH(int, signal);
+    QFETCH(int, status);
+    // Takes long to write, and no room in the patch.
+    const QString large = QStringLiteral("patch/large.pak");
+    m_tree->write(large, QByteArray());
+    QVERIFY(QFile::resize(m_tree->path(large), qint64(1) << 30));
+    QFile manifest(path("patch/patchRules.json"));
+    QVERIFY(manifest.open(QIODevice::ReadWrite));
+    QJsonArray rules = QJsonDocument::fromJson(manifest.readAll()).array();
+    rules.append(QJsonObject{{QStringLiteral("rule"), QStringLiteral("copy")},
+        {QStringLiteral("relative_path"), QStringLiteral("/large.pak")}});
+    manifest.seek(0);
+    manifest.write(QJsonDocument(rules).toJson());
+    manifest.close();
+
+    QProcess process;
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("update"), QStringLiteral("installed"), QStringLiteral("patch"),
+            QStringLiteral("--json"), QStringLiteral("--no-sync")},
+        m_tree->path());
+    QTRY_VERIFY(m_tree->exists(QStringLiteral("installed/large.pak.temp")));
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, status);
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    const QJsonObject last = jsonLines(outcome.out).last();
+    QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
+    QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
+    QVERIFY2(outcome.err.endsWith(
+                 QLatin1String("pellox: interrupted: nothing was changed; run the same again\n")),
+        qPrintable(outcome.err));
+}
+
+void tst_UpdateCommands::aSignalDuringTheCommitIsTooLate()
+{
+    // Comes just before the journal gets its name.
+    const FaultRun run
+        = runWith(QStringLiteral("update"), {QString(), "rename", 1, "interrupt", false, true});
+    QCOMPARE(run.status, Done);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    QVERIFY2(run.errors.endsWith("pellox: the signal came too late to stop it: it is finished\n"),
+        run.errors);
+    QCOMPARE(
+        member(jsonLines(QString::fromUtf8(run.output)).last(), "outcome"), QStringLiteral("done"));
+}
+
+void tst_UpdateCommands::aSecondInterruptEndsAtOnce()
+{
+    const FaultRun run
+        = runWith(QStringLiteral("update"), {QString(), "rename", 1, "interrupt", true, true});
+    QCOMPARE(run.status, Interrupted);
+    QVERIFY2(run.errors.endsWith("pellox: interrupted while files were put in place: run "
+                                 "\"pellox recover\", or the same again, to finish it\n"),
+        run.errors);
+    QCOMPARE(member(jsonLines(QString::fromUtf8(run.output)).last(), "outcome"),
+        QStringLiteral("interrupted"));
+    QVERIFY(m_tree->installed() != m_tree->newInstalled());
+    const Outcome outcome = this->run("recover installed");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::wrongUsage_data()
+{
+    QTest::addColumn<QString>("words");
+
+    QTest::newRow("no patch") << QStringLiteral("update installed");
+    QTest::newRow("no such build") << QStringLiteral("update nosuch patch");
+    QTest::newRow("no such patch") << QStringLiteral("update installed nosuch");
+    QTest::newRow("no such fallback") << QStringLiteral("update installed patch --fallback nosuch");
+    QTest::newRow("the build as fallback")
+        << QStringLiteral("update installed patch --fallback installed");
+    QTest::newRow("the build as patch") << QStringLiteral("update installed installed");
+    QTest::newRow("a patch in the build") << QStringLiteral("update installed installed/data");
+    QTest::newRow("no thread") << QStringLiteral("update installed patch --threads 0");
+    QTest::newRow("recover with a patch") << QStringLiteral("recover installed patch");
+    QTest::newRow("recover nothing") << QStringLiteral("recover");
+    QTest::newRow("rollback of no folder") << QStringLiteral("rollback new/game.exe");
+    QTest::newRow("discard of no folder") << QStringLiteral("discard nosuch");
+}
+
+void tst_UpdateCommands::wrongUsage()
+{
+    QFETCH(QString, words);
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = m_tree->run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(errorLines(outcome.err).size(), 1);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_UpdateCommands::helpTeaches_data()
+{
+    QTest::addColumn<QString>("example");
+
+    QTest::newRow("update") << QStringLiteral(
+        "pellox update installed/game patches/1.0-1.1 --keep-previous");
+    QTest::newRow("recover") << QStringLiteral("pellox recover installed/game");
+    QTest::newRow("rollback") << QStringLiteral("pellox rollback installed/game");
+    QTest::newRow("discard") << QStringLiteral("pellox discard installed/game");
+}
+
+void tst_UpdateCommands::helpTeaches()
+{
+    QFETCH(QString, example);
+    const Outcome outcome
+        = m_tree->run(QLatin1String(QTest::currentDataTag()) + QStringLiteral(" --help"));
+    QCOMPARE(outcome.status, Done);
+    QVERIFY2(outcome.out.contains(example), qPrintable(outcome.out));
+    QVERIFY2(!outcome.out.contains(QLatin1String("--no-sync")), qPrintable(outcome.out));
+}
+
+void tst_UpdateCommands::helpAndDocumentsHaveTheSameStatuses()
+{
+    const auto pairs = [](const QString &text, const char *pattern) {
+        QMap<int, QString> found;
+        auto matches
+            = QRegularExpression(QString::fromLatin1(pattern), QRegularExpression::MultilineOption)
+                  .globalMatch(text);
+        while (matches.hasNext()) {
+            const auto match = matches.next();
+            found.insert(match.captured(1).toInt(), match.captured(2));
+        }
+        return found;
+    };
+    const auto fileText = [](const char *name) {
+        QFile file(QStringLiteral(PELLOX_DOCS "/") + QLatin1String(name));
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    };
+    const QString docs = fileText("cli.md");
+    const auto meanings = pairs(run("update --help").out, "^  (\\d+) +(.*)$");
+    QVERIFY(meanings.size() > 12);
+    QCOMPARE(pairs(docs, "^\\| (\\d+) \\| `[a-z-]+` \\| (.*) \\|$"), meanings);
+
+    const QJsonObject schema
+        = QJsonDocument::fromJson(fileText("events.schema.json").toUtf8()).object();
+    QStringList outcomes;
+    for (const QJsonValue &outcome :
+        schema
+            .value(QLatin1String("$defs"))[QLatin1String("finished")][QLatin1String("properties")]
+                                          [QLatin1String("outcome")][QLatin1String("enum")]
+            .toArray())
+        outcomes.append(outcome.toString());
+    QStringList documented = pairs(docs, "^\\| (\\d+) \\| `([a-z-]+)` \\| .* \\|$").values();
+    outcomes.sort();
+    documented.sort();
+    QCOMPARE(outcomes, documented);
+}
+
+QTEST_GUILESS_MAIN(tst_UpdateCommands)
+#include "tst_updatecommands.moc"

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "buildrun.h"
+#include "commands.h"
+#include "engine.h"
+#include "folders.h"
+#include "integrity.h"
+
+#include <memory>
+
+namespace {
+
+struct Arguments
+{
+    std::string build;
+    std::string signatures;
+    int threads = 0;
+};
+
+Ending check(Console &console, const Arguments &arguments)
+{
+    const QString build = existingFolder(arguments.build);
+    const QString signatures = existingFolder(arguments.signatures);
+    requireApart(signatures, build);
+
+    Pellox::IntegrityController controller;
+    controller.setThreadCount(arguments.threads);
+    BuildRun run(console, "check");
+    const auto result = run.check(controller, [&] { return controller.check(build, signatures); });
+    if (result != BuildRun::Result::Updated)
+        return run.end(result, QString(), QString());
+
+    const Pellox::IntegrityReport report = controller.report();
+    tellDifferences(console, report);
+    tellExtraFiles(console, report);
+    const QString summary = integritySummary(report) + QLatin1String(": ") + build;
+    console.result(summary);
+    if (report.isIntact())
+        return {Done, summary};
+    console.note(QStringLiteral("to bring back what is not intact: pellox repair"));
+    return {Failed, summary};
+}
+
+} // namespace
+
+void addCheckCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command = addCommand(app, invocation, "check",
+        "Compare an installed build with its signatures; exit status 1 when it is not intact");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("BUILD", arguments->build, "The installed build, only read")
+        ->type_name("FOLDER")
+        ->required();
+    command
+        ->add_option("SIGNATURES", arguments->signatures,
+            "What \"pellox publish\" or \"pellox sign\" wrote for this build; its signatures.json "
+            "is enough")
+        ->type_name("FOLDER")
+        ->required();
+    addThreadsOption(*command, arguments->threads);
+    command->footer("Files that the signatures do not name, a player's saves say, are listed apart "
+                    "and do not\ncount; hidden ones are not listed.\n\n"
+        + exitStatusHelp() + "\nExample:\n  pellox check installed/game signatures/1.1");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return check(console, *arguments); };
+    });
+}

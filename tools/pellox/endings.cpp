@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+#include "endings.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+struct Meaning
+{
+    int status;
+    const char *outcome;
+    const char *meaning;   ///< for --help
+    const char *lastWords; ///< of a command that ends so
+};
+
+// In --help as here. The outcomes are promised to machines: none may change.
+constexpr Meaning Meanings[] = {
+    {Done, "done", "done; of \"check\": all is intact", ""},
+    {Failed, "not-intact",
+        "of \"check\": something is not intact; else: standard output cannot be written", ""},
+    {WrongUsage, "refused", "wrong usage, a folder that is not there; nothing was touched", ""},
+    {NothingToDo, "nothing-to-do", "there was nothing to do", ""},
+    {Unchanged, "failed", "failed; the build is as it was",
+        "nothing was changed: run the same again once the cause is gone"},
+    {Unfinished, "unfinished", "failed while files were put in place; the next run finishes it",
+        "not finished: once the cause is gone, run \"pellox recover\" or the same again"},
+    {DamagedInstall, "damaged-install", "an installed file is missing or not the expected one",
+        "nothing was changed: run \"pellox repair\" first, or give --fallback a folder with the "
+        "files of the new build"},
+    {NoSpace, "no-space", "the disk has no room",
+        "nothing was changed: run the same again once there is room"},
+    {RefusedPatch, "refused-patch", "the patch or signatures.json is missing, broken or refused",
+        "nothing was changed: get the patch or the signatures anew"},
+    {InTheWay, "in-the-way",
+        "something else of the build, or of --fallback or --from, is not as it must be",
+        "nothing was changed: run the same again once that is mended"},
+    {Busy, "busy", "another program works on the build",
+        "nothing was changed: run the same again once that is done"},
+    {DamagedJournal, "damaged-journal",
+        "what a crash has left cannot be read; only a person can go on",
+        "nothing was changed, and what had been begun is not finished"},
+    {NothingKept, "nothing-kept", "of \"rollback\": no earlier build is kept",
+        "nothing was changed"},
+};
+
+const Meaning *meaningOf(int status)
+{
+    const auto *const found = std::find_if(std::begin(Meanings), std::end(Meanings),
+        [status](const Meaning &meaning) { return meaning.status == status; });
+    return found == std::end(Meanings) ? nullptr : found;
+}
+
+} // namespace
+
+QString outcomeName(int status)
+{
+    const Meaning *meaning = meaningOf(status);
+    return QString::fromLatin1(meaning ? meaning->outcome : "interrupted");
+}
+
+QString lastWords(int status)
+{
+    const Meaning *meaning = meaningOf(status);
+    return QString::fromLatin1(meaning ? meaning->lastWords : "");
+}
+
+std::string exitStatusHelp()
+{
+    constexpr size_t Width = 4;
+    std::string text = "Exit status:\n";
+    for (const Meaning &meaning : Meanings) {
+        const std::string number = std::to_string(meaning.status);
+        text += "  " + number + std::string(Width - number.size(), ' ') + meaning.meaning + '\n';
+    }
+    return text
+        + "  130 Ctrl-C (128 and the signal's number); the last line of standard error tells what "
+          "to "
+          "do\n";
+}

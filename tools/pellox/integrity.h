@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <Pellox/IntegrityController>
+
+#include <QString>
+
+class Console;
+
+/// Tells each file that is not intact.
+void tellDifferences(Console &console, const Pellox::IntegrityReport &report);
+
+/// Tells the files that the signatures do not name, and as JSON how many of each kind there are.
+void tellExtraFiles(Console &console, const Pellox::IntegrityReport &report);
+
+/// "3 files intact, 1 changed, 2 missing; 1 extra file"; what there is none of is left out.
+QString integritySummary(const Pellox::IntegrityReport &report);

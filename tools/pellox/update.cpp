@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+#include "buildrun.h"
+#include "commands.h"
+#include "engine.h"
+#include "folders.h"
+#include "manifests.h"
+
+#include <Pellox/UpdateController>
+
+#include <QJsonObject>
+
+#include <memory>
+#include <optional>
+
+namespace {
+
+using Pellox::UpdateController;
+using Pellox::UpdatePlan;
+
+struct Arguments
+{
+    std::string build;
+    std::string patch;
+    std::optional<std::string> fallback;
+    int threads = 0;
+    bool keepsPrevious = false;
+    bool dryRun = false;
+    bool doesNotSync = false;
+};
+
+struct Folders
+{
+    QString build;
+    QString patch;
+    QString fallback; ///< may be empty
+};
+
+Folders checkedFolders(const Arguments &arguments)
+{
+    Folders folders{existingFolder(arguments.build), existingFolder(arguments.patch), QString()};
+    requireApart(folders.patch, folders.build);
+    if (arguments.fallback) {
+        folders.fallback = existingFolder(*arguments.fallback);
+        requireApart(folders.fallback, folders.build);
+    }
+    return folders;
+}
+
+QString upToDate(const QString &build)
+{
+    return QStringLiteral("Nothing to do, it is up to date already: ") + build;
+}
+
+void tellDeletions(Console &console, const UpdatePlan &plan)
+{
+    for (const QString &deletion : plan.deletions) {
+        const QString path = withoutSeparator(deletion);
+        console.event(QStringLiteral("rule"),
+            {{QStringLiteral("rule"), QStringLiteral("delete")}, {QStringLiteral("file"), path}});
+        console.result(QStringLiteral("delete  ") + path);
+    }
+}
+
+QString summaryOf(const UpdatePlan &plan)
+{
+    return QStringLiteral(
+        "%1 to patch, %2 to copy, %3 to delete; %4 to read, %5 to write; the disk "
+        "needs %6 free. Nothing was written.")
+        .arg(fileCount(plan.filesToPatch), fileCount(plan.filesToCopy),
+            fileCount(plan.deletions.size()), byteCount(plan.bytesToRead),
+            byteCount(plan.bytesToWrite), byteCount(plan.peakExtraDisk));
+}
+
+Ending tellPlan(Console &console, UpdateController &controller, const Folders &folders)
+{
+    // No signal is watched for: nothing needs to be cleaned up.
+    BuildRun run(console, "update");
+    console.note(QStringLiteral("checking"));
+    const UpdatePlan plan = controller.plan(folders.build, folders.patch);
+    for (const Pellox::UpdateProblem &problem : plan.refusals)
+        run.problem(problem);
+    if (!plan.refusals.isEmpty())
+        return run.end(BuildRun::Result::Refused, QString(), QString());
+
+    tellDeletions(console, plan);
+    console.event(QStringLiteral("plan"),
+        {{QStringLiteral("patch"), plan.filesToPatch}, {QStringLiteral("copy"), plan.filesToCopy},
+            {QStringLiteral("delete"), plan.deletions.size()},
+            {QStringLiteral("bytes_to_read"), plan.bytesToRead},
+            {QStringLiteral("bytes_to_write"), plan.bytesToWrite},
+            {QStringLiteral("peak_extra_disk"), plan.peakExtraDisk}});
+    const bool isNeeded = plan.filesToPatch + plan.filesToCopy + plan.deletions.size() > 0;
+    return run.end(isNeeded ? BuildRun::Result::Updated : BuildRun::Result::AlreadyUpToDate,
+        summaryOf(plan), upToDate(folders.build));
+}
+
+QString updated(const BuildRun &run, const Arguments &arguments, const QString &build)
+{
+    if (run.hasFinishedEarlier() && run.stagedFiles() == 0)
+        return QStringLiteral("Updated, what an interrupted run had begun is finished: ") + build;
+    const QString wayBack = arguments.keepsPrevious
+        ? QStringLiteral(" (to bring the build before back: pellox rollback)")
+        : QString();
+    return QStringLiteral("Updated, %1 written (%2): %3%4")
+        .arg(fileCount(run.stagedFiles()), byteCount(run.stagedBytes()), build, wayBack);
+}
+
+Ending update(Console &console, const Arguments &arguments)
+{
+    const Folders folders = checkedFolders(arguments);
+    UpdateController controller;
+    controller.setThreadCount(arguments.threads);
+    controller.setFallbackSource(folders.fallback);
+    controller.setKeepPrevious(arguments.keepsPrevious);
+    controller.setSynced(!arguments.doesNotSync);
+    if (arguments.dryRun)
+        return tellPlan(console, controller, folders);
+
+    BuildRun run(console, "update");
+    const auto result
+        = run.carryOut(controller, [&] { return controller.update(folders.build, folders.patch); });
+    return run.end(result, updated(run, arguments, folders.build), upToDate(folders.build));
+}
+
+void addOptions(CLI::App &command, Arguments &arguments)
+{
+    command
+        .add_option("--fallback", arguments.fallback,
+            "A folder with the files of the new build: what is missing or changed in BUILD is "
+            "taken whole from there")
+        ->type_name("FOLDER");
+    command.add_flag("--keep-previous", arguments.keepsPrevious,
+        "Keep what is replaced and deleted, for \"pellox rollback\"");
+    command.add_flag(
+        "--dry-run", arguments.dryRun, "Tell what would be done, with sizes, and write nothing");
+    addThreadsOption(command, arguments.threads);
+    command
+        .add_flag("--no-sync", arguments.doesNotSync,
+            "For measurements only: a power cut may then harm the build")
+        ->group(""); // hidden
+}
+
+} // namespace
+
+void addUpdateCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command = addCommand(app, invocation, "update",
+        "Bring an installed build up to date: checked first, all or nothing, safe at any instant");
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("BUILD", arguments->build, "The installed build, changed in place")
+        ->type_name("FOLDER")
+        ->required();
+    command->add_option("PATCH", arguments->patch, "What \"pellox publish\" wrote")
+        ->type_name("FOLDER")
+        ->required();
+    addOptions(*command, *arguments);
+    command->footer("Until all new content is written and checked the build stays as it is, and "
+                    "Ctrl-C takes back\nwhat was written. A run that was killed is finished by "
+                    "the next one, or by \"pellox recover\".\n\n"
+        + exitStatusHelp()
+        + "\nExample:\n  pellox update installed/game patches/1.0-1.1 --keep-previous");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return update(console, *arguments); };
+    });
+}
