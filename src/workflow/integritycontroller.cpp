@@ -1,25 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "integritycontroller.h"
 
+#include "canonicalpath.h"
 #include "integrityrun.h"
 
-#include <QDir>
 #include <QtConcurrent>
 #include <QThread>
 
 #include <algorithm>
 
 namespace Pellox {
-
-namespace {
-
-/// @p path absolute and without a separator at its end. Empty stays empty, not the current folder.
-QString folder(const QString &path)
-{
-    return path.isEmpty() ? path : QDir::cleanPath(QDir(path).absolutePath());
-}
-
-} // namespace
 
 class IntegrityController::Private
 {
@@ -89,7 +79,8 @@ void IntegrityController::setThreadCount(int count)
 bool IntegrityController::check(const QString &build, const QString &signatures)
 {
     const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
-    return d->start({folder(build), folder(signatures), QString(), threads}, &IntegrityRun::check);
+    return d->start({absoluteFolder(build), absoluteFolder(signatures), QString(), threads},
+        &IntegrityRun::check);
 }
 
 bool IntegrityController::repair(
@@ -97,7 +88,8 @@ bool IntegrityController::repair(
 {
     const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
     return d->start(
-        {folder(build), folder(signatures), folder(source), threads}, &IntegrityRun::repair);
+        {absoluteFolder(build), absoluteFolder(signatures), absoluteFolder(source), threads},
+        &IntegrityRun::repair);
 }
 
 void IntegrityController::cancel()

@@ -1,26 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "patchseal.h"
 
+#include "canonicalpath.h"
 #include "ed25519.h"
 #include "sealrun.h"
 
-#include <QDir>
 #include <QThread>
 
 #include <algorithm>
 #include <atomic>
 
 namespace Pellox {
-
-namespace {
-
-/// @p path absolute and without a separator at its end. Empty stays empty, not the current folder.
-QString folder(const QString &path)
-{
-    return path.isEmpty() ? path : QDir::cleanPath(QDir(path).absolutePath());
-}
-
-} // namespace
 
 class PatchSeal::Private
 {
@@ -61,7 +51,8 @@ bool PatchSeal::seal(const QString &patch, const QString &oldSignatures, qint64 
     }
     const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
     SealRun run(
-        {folder(patch), folder(oldSignatures), release, privateKeys, threads}, d->isCancelled);
+        {absoluteFolder(patch), absoluteFolder(oldSignatures), release, privateKeys, threads},
+        d->isCancelled);
     const bool sealed = run.carryOut(progress);
     d->error = run.error();
     d->wasCancelled = !sealed && d->error.isEmpty();

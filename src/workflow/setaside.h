@@ -14,8 +14,8 @@ namespace Pellox {
 class SetAside
 {
 public:
-    explicit SetAside(const QString &build)
-        : m_build(build)
+    explicit SetAside(QString build)
+        : m_build(std::move(build))
     {
     }
 

@@ -182,16 +182,22 @@ qint64 Staging::bytesToWrite() const
         });
 }
 
-bool Staging::hasRoom()
+qint64 Staging::roomNeeded() const
 {
     constexpr qint64 Margin = 16LL << 20; // journal, folders, and other programs at work
     const qint64 bytes = bytesToWrite();
+    return bytes > 0 ? bytes + Margin : 0;
+}
+
+bool Staging::hasRoom()
+{
+    const qint64 bytes = roomNeeded();
     const qint64 available = QStorageInfo(m_folders.build).bytesAvailable();
-    if (bytes == 0 || available < 0 || available >= bytes + Margin)
+    if (available < 0 || available >= bytes)
         return true;
     add(Code::NoSpace, m_folders.build,
         QStringLiteral("has not enough room: %1 bytes are needed, %2 are free")
-            .arg(QString::number(bytes + Margin), QString::number(available)));
+            .arg(QString::number(bytes), QString::number(available)));
     return false;
 }
 

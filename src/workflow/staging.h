@@ -32,7 +32,9 @@ public:
     bool decide();
     /// Of the works that are needed and not staged.
     qint64 bytesToWrite() const;
-    /// Whether the build's file system has room for that. False with a problem.
+    /// What the build's file system must have free for that, with a margin.
+    qint64 roomNeeded() const;
+    /// Whether it has. False with a problem.
     bool hasRoom();
     /// Stages what is needed. False when cancelled or with a problem.
     bool carryOut(const Reports &reports);

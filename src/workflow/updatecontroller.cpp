@@ -1,25 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "updatecontroller.h"
 
+#include "canonicalpath.h"
 #include "updaterun.h"
 
-#include <QDir>
 #include <QtConcurrent>
 #include <QThread>
 
 #include <algorithm>
 
 namespace Pellox {
-
-namespace {
-
-/// @p path absolute and without a separator at its end. Empty stays empty, not the current folder.
-QString folder(const QString &path)
-{
-    return path.isEmpty() ? path : QDir::cleanPath(QDir(path).absolutePath());
-}
-
-} // namespace
 
 class UpdateController::Private
 {
@@ -32,7 +22,7 @@ public:
     UpdateRun::Settings settings(const QString &build, const QString &patch = QString()) const
     {
         return {
-            {{folder(build), folder(patch), folder(fallback)},
+            {{absoluteFolder(build), absoluteFolder(patch), absoluteFolder(fallback)},
                 threadCount > 0 ? threadCount : QThread::idealThreadCount(), syncs, keepsPrevious},
             trust};
     }

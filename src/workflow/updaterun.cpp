@@ -180,7 +180,7 @@ UpdatePlan UpdateRun::plan()
             plan.bytesToRead += QFileInfo(folders().build + work.rule.relativePath).size();
     }
     plan.bytesToWrite = staging.bytesToWrite();
-    plan.peakExtraDisk = plan.bytesToWrite;
+    plan.peakExtraDisk = staging.roomNeeded();
     return plan;
 }
 

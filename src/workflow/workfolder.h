@@ -37,8 +37,8 @@ public:
     /// Whether @p relativePath leads into such a folder.
     static bool isInside(const QString &relativePath);
 
-    explicit WorkFolder(const QString &build)
-        : m_build(build)
+    explicit WorkFolder(QString build)
+        : m_build(std::move(build))
     {
     }
 
