@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What publishing a release cannot be quicker than, measured in parts on the machine at hand.
+// What publishing a release or updating to it cannot be quicker than, measured in parts on the
+// machine at hand.
 // Usage: bench_limits rates NEW SIGNATURES CHANGED SCRATCH
 //            Prints as CSV, for one core: bytes per second of the digest and of librsync's
 //            signature, and the seconds that its deltas of all files in the list CHANGED take.
@@ -7,6 +8,9 @@
 //            Hashes all files on all cores.
 //        bench_limits create NEW OUTPUTS SCRATCH
 //            The same, and writes the files of the list OUTPUTS: lines of size, tab and path.
+//        bench_limits patches OLD PATCH PATCHED COPIED SCRATCH
+//            Prints the seconds that one core takes for librsync's patches of the files in the list
+//            PATCHED, and for the digest of what they and those of the list COPIED become.
 #include <Pellox/patchhelp.h>
 #include <Pellox/SignaturesController>
 
@@ -111,6 +115,27 @@ int printRates(const QString &newBuild, const QString &signatures, const QString
     return 0;
 }
 
+int printPatches(const QString &oldBuild, const QString &patch, const QString &patched,
+    const QString &copied, const QString &scratch)
+{
+    const QString output = scratch + QLatin1String("/patched");
+    double seconds = 0;
+    for (const QString &file : linesOf(patched)) {
+        const QString path = QLatin1Char('/') + file;
+        QFile::remove(output);
+        seconds += secondsOf([&] {
+            require(Pellox::applyPatch(oldBuild + path, patch + path, output, 0, nullptr),
+                QLatin1String("patch ") + file);
+            hash(output);
+        });
+    }
+    QFile::remove(output);
+    for (const QString &file : linesOf(copied))
+        seconds += secondsOf([&] { hash(patch + QLatin1Char('/') + file); });
+    std::printf("%.4f\n", seconds);
+    return 0;
+}
+
 struct Job
 {
     qint64 size = 0;
@@ -166,6 +191,8 @@ int run(const QStringList &arguments)
     const QString job = arguments.value(1);
     if (job == QLatin1String("rates") && arguments.size() == 6)
         return printRates(arguments[2], arguments[3], arguments[4], arguments[5]);
+    if (job == QLatin1String("patches") && arguments.size() == 7)
+        return printPatches(arguments[2], arguments[3], arguments[4], arguments[5], arguments[6]);
     if (job == QLatin1String("hash") && arguments.size() == 3) {
         runOnAllCores(hashJobs(arguments[2]));
         return 0;
@@ -177,7 +204,7 @@ int run(const QStringList &arguments)
         return 0;
     }
     std::fputs("usage: bench_limits rates NEW SIGNATURES CHANGED SCRATCH | hash NEW | create NEW "
-               "OUTPUTS SCRATCH\n",
+               "OUTPUTS SCRATCH | patches OLD PATCH PATCHED COPIED SCRATCH\n",
         stderr);
     return 2;
 }
