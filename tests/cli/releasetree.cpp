@@ -1,22 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "releasetree.h"
 
-#include <QFileInfo>
-#include <QStorageInfo>
-
 namespace {
 
 const QString PlayersFile = QStringLiteral("saves/one.sav");
 
 } // namespace
-
-void useMemoryForFiles()
-{
-    const QString memory = QStringLiteral("/dev/shm");
-    constexpr qint64 Enough = 3LL << 30;
-    if (QFileInfo(memory).isWritable() && QStorageInfo(memory).bytesAvailable() > Enough)
-        qputenv("TMPDIR", memory.toLocal8Bit());
-}
 
 ReleaseTree::ReleaseTree()
 {

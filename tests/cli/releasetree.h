@@ -18,10 +18,6 @@ constexpr int Busy = 17;
 constexpr int DamagedJournal = 18;
 constexpr int NothingKept = 19;
 
-/// Lets temporary files be in memory where the system has a large folder for that: the program
-/// waits for the disk.
-void useMemoryForFiles();
-
 /**
  * A folder with builds "old" and "new", signatures of both, "sigs-old" and "sigs-new", the "patch"
  * between them, and an "installed" old build with a player's file in it. One file each is patched,

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
+#include <QStorageInfo>
 
 namespace {
 
@@ -16,6 +17,14 @@ void require(bool done, const char *what, const QString &path)
 }
 
 } // namespace
+
+void useMemoryForFiles()
+{
+    const QString memory = QStringLiteral("/dev/shm");
+    constexpr qint64 Enough = 3LL << 30;
+    if (QFileInfo(memory).isWritable() && QStorageInfo(memory).bytesAvailable() > Enough)
+        qputenv("TMPDIR", memory.toLocal8Bit());
+}
 
 TestTree::TestTree()
 {

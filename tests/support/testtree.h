@@ -6,6 +6,10 @@
 #include <QString>
 #include <QTemporaryDir>
 
+/// Temporary folders lie in memory from now on, where the system has enough of it for that: tests
+/// with very many files, or calls that wait for the disk, are quicker there.
+void useMemoryForFiles();
+
 /**
  * A temporary folder of files, removed on destruction. Paths given to it are relative
  * to it ("data/x.pak"); folders are made as needed. Ends the test program on an error.

@@ -2,6 +2,7 @@
 #include "faultrun.h"
 #include "leftovers.h"
 #include "logcapture.h"
+#include "testtree.h"
 #include "updatescenario.h"
 
 #include <Pellox/integritycontroller.h>
@@ -138,10 +139,7 @@ void tst_IntegrityController::initTestCase()
 {
     m_leftovers.begin();
     QThreadPool::globalInstance()->setExpiryTimeout(50);
-    // In memory where the system has a folder for that: repairs wait for the disk.
-    const QString memory = "/dev/shm"_s;
-    if (QFileInfo(memory).isWritable())
-        qputenv("TMPDIR", memory.toLocal8Bit());
+    useMemoryForFiles();
     m_scenario.emplace();
 }
 

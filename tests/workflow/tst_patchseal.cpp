@@ -341,10 +341,7 @@ void tst_PatchSeal::initTestCase()
     QCOMPARE(Pellox::Ed25519::problemOfLibrary("x"_s).isEmpty(), hasLibcrypto());
     m_leftovers.begin();
     QThreadPool::globalInstance()->setExpiryTimeout(50);
-    // In memory where the system has a folder for that: seals wait for the disk.
-    const QString memory = "/dev/shm"_s;
-    if (QFileInfo(memory).isWritable())
-        qputenv("TMPDIR", memory.toLocal8Bit());
+    useMemoryForFiles();
     m_tree.emplace();
     lay(*m_tree, "old"_s, oldFiles());
     lay(*m_tree, "new"_s, newFiles());

@@ -344,6 +344,7 @@ private:
 
 void tst_PublishController::initTestCase()
 {
+    useMemoryForFiles();
     m_leftovers.begin();
 }
 

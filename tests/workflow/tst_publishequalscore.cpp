@@ -206,7 +206,7 @@ QString compareRelease(int seed, RandomSizes sizes)
     return back.run(seed + 1, text("reused"));
 }
 
-constexpr int DefaultTrees = 100;
+constexpr int DefaultTrees = 300;
 
 } // namespace
 
@@ -263,6 +263,7 @@ int main(int argc, char **argv)
     if (!qEnvironmentVariableIsSet("QTEST_FUNCTION_TIMEOUT"))
         qputenv("QTEST_FUNCTION_TIMEOUT", QByteArray::number(24 * 60 * 60 * 1000));
     const QCoreApplication application(argc, argv);
+    useMemoryForFiles();
     tst_PublishEqualsCore test;
     return QTest::qExec(&test, argc, argv);
 }

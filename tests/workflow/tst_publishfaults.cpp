@@ -127,6 +127,7 @@ void addCalls()
 /// The builds "old" and "new" with one file of each kind, and what the core makes of them.
 void tst_PublishFaults::initTestCase()
 {
+    useMemoryForFiles();
     m_tree.emplace();
     const QByteArray large = randomBytes(2 * MiB + 100, 1);
     const QByteArray small = randomBytes(10 * Block, 2);

@@ -152,10 +152,7 @@ private:
 
 void tst_RuleChecks::initTestCase()
 {
-    // In memory where the system has a folder for that: there are very many files.
-    const QString memory = "/dev/shm"_s;
-    if (QFileInfo(memory).isWritable())
-        qputenv("TMPDIR", memory.toLocal8Bit());
+    useMemoryForFiles();
 }
 
 void tst_RuleChecks::init()

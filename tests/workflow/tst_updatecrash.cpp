@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "logcapture.h"
+#include "testtree.h"
 #include "updaterestart.h"
 #include "updatescenario.h"
 
@@ -94,9 +95,7 @@ private:
 /// leaves when it is killed is the same there.
 void tst_UpdateCrash::initTestCase()
 {
-    const QString memory = "/dev/shm"_s;
-    if (QFileInfo(memory).isWritable())
-        qputenv("TMPDIR", memory.toLocal8Bit());
+    useMemoryForFiles();
     m_scenario.emplace();
 }
 

@@ -2,6 +2,7 @@
 #include "diskrecord.h"
 #include "faultrun.h"
 #include "logcapture.h"
+#include "testtree.h"
 #include "updaterestart.h"
 
 #include <QFileInfo>
@@ -89,9 +90,7 @@ private:
 
 void tst_UpdatePowerLoss::initTestCase()
 {
-    const QString memory = "/dev/shm"_s;
-    if (QFileInfo(memory).isWritable())
-        qputenv("TMPDIR", memory.toLocal8Bit());
+    useMemoryForFiles();
     m_scenario.emplace();
 }
 
