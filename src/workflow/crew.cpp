@@ -31,8 +31,9 @@ bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
     std::vector<std::thread> threads = startThreads();
     std::exception_ptr thrown;
     constexpr std::chrono::milliseconds ReportEvery(50);
-    while (m_threads > 0) {
-        m_ended.wait_for(lock, ReportEvery);
+    bool ended = false;
+    while (!ended) { // so the last report tells of all that was done
+        ended = m_ended.wait_for(lock, ReportEvery, [this] { return m_threads == 0; });
         lock.unlock();
         try {
             if (!thrown)

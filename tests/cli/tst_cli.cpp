@@ -34,7 +34,7 @@ private Q_SLOTS:
     void bringsAnInstalledBuildUpToDate_data();
     void bringsAnInstalledBuildUpToDate();
     void namesAnyFileInThePlainLocale();
-    void emptyBuildsAreBuilds();
+    void emptyBuildsAreBuildsIfAllowed();
     void ignoredFilesAreLeftAlone_data();
     void ignoredFilesAreLeftAlone();
     void ignoringWhatIsNotThereIsNoted();
@@ -56,6 +56,8 @@ private Q_SLOTS:
     void applyDoesNotWaitForAPipe();
     void verifyFailsWhenAFileCannotBeReplaced();
     void diffFailsWhenADeltaCannotBeMade();
+    void diffTellsADeltaThatCannotBeWritten_data();
+    void diffTellsADeltaThatCannotBeWritten();
 
     void summariesGoToStandardOutput();
     void quietSaysNothing();
@@ -133,6 +135,10 @@ void tst_Cli::helpTeachesWithAnExample_data()
 
     QTest::newRow("program") << QStringList{QStringLiteral("--help")}
                              << QStringLiteral("pellox verify installed/game patches/1.0-1.1");
+    QTest::newRow("program, publishing")
+        << QStringList{QStringLiteral("--help")}
+        << QStringLiteral("pellox publish releases/1.1 --old-signatures signatures/1.0 --patch "
+                          "patches/1.0-1.1 --signatures signatures/1.1");
     QTest::newRow("sign") << QStringList{QStringLiteral("sign"), QStringLiteral("--help")}
                           << QStringLiteral("pellox sign releases/1.0 signatures/1.0");
     QTest::newRow("diff") << QStringList{QStringLiteral("diff"), QStringLiteral("--help")}
@@ -227,16 +233,26 @@ void tst_Cli::namesAnyFileInThePlainLocale()
     QCOMPARE(TestTree::snapshot(path("installed")), TestTree::snapshot(path("new")));
 }
 
-void tst_Cli::emptyBuildsAreBuilds()
+void tst_Cli::emptyBuildsAreBuildsIfAllowed()
 {
     m_tree->makeFolder(QStringLiteral("empty"));
-    QCOMPARE(run({QStringLiteral("sign"), QStringLiteral("empty"), QStringLiteral("sigs")}).status,
-        Done);
+    const QList<QStringList> commands{
+        {QStringLiteral("sign"), QStringLiteral("empty"), QStringLiteral("sigs")},
+        {QStringLiteral("diff"), QStringLiteral("empty"), QStringLiteral("sigs"),
+            QStringLiteral("patch")},
+    };
+    for (const QStringList &command : commands) {
+        const Outcome refused = run(command);
+        QCOMPARE(refused.status, WrongUsage);
+        QCOMPARE(refused.err,
+            QStringLiteral("pellox: error: %1: holds no files (hidden ones do not count): is it "
+                           "the right folder? --allow-empty takes it all the same\n")
+                .arg(path("empty")));
+        QVERIFY(!m_tree->exists(command.last()));
+        QCOMPARE(run(command + QStringList(QStringLiteral("--allow-empty"))).status, Done);
+    }
     QCOMPARE(m_tree->read(QStringLiteral("sigs/signatures.json")).simplified(), QByteArray("[ ]"));
-    QCOMPARE(run({QStringLiteral("diff"), QStringLiteral("empty"), QStringLiteral("sigs"),
-                     QStringLiteral("patch")})
-                 .status,
-        Done);
+    QCOMPARE(m_tree->read(QStringLiteral("patch/patchRules.json")).simplified(), QByteArray("[ ]"));
 }
 
 void tst_Cli::ignoredFilesAreLeftAlone_data()
@@ -313,8 +329,21 @@ void tst_Cli::refusesBeforeAnythingIsTouched_data()
                                     << QStringLiteral("~/nosuch: there is no such folder");
     QTest::newRow("diff: no signatures folder") << QStringLiteral(
         "diff new nosuch patch") << QStringLiteral("~/nosuch: there is no such folder");
-    QTest::newRow("diff: no signatures.json") << QStringLiteral("diff new old patch")
-                                              << QStringLiteral("~/old: holds no signatures.json");
+    QTest::newRow("diff: no signatures.json")
+        << QStringLiteral("diff new old patch")
+        << QStringLiteral("~/old: holds no signatures.json; make it from the old build with "
+                          "\"pellox sign\"");
+    QTest::newRow("diff: swapped")
+        << QStringLiteral("diff good new patch")
+        << QStringLiteral(
+               "~/new: holds no signatures.json; ~/good does: are the two folders swapped?");
+    for (const char *command : {"apply", "verify"}) {
+        QTest::addRow("%s: swapped", command)
+            << QLatin1String(command) + QLatin1String(" rules installed")
+            << QStringLiteral(
+                   "~/installed: holds no patchRules.json; ~/rules does: are the two folders "
+                   "swapped?");
+    }
     QTest::newRow("diff: signatures.json is no array") << QStringLiteral(
         "diff new object patch") << QStringLiteral("~/object/signatures.json: is not a JSON array");
     QTest::newRow("diff: signatures.json is cut off")
@@ -381,9 +410,6 @@ void tst_Cli::everyErrorNamesItsFileOnce_data()
 
     const QString apply = QStringLiteral("apply");
     const QString verify = QStringLiteral("verify");
-    QTest::newRow("installed file missing")
-        << apply << QStringLiteral("remove installed/game.exe")
-        << QStringList{QStringLiteral("Can't apply patch: ~/installed/game.exe - not found")};
     const auto damaged = [](const char *file) {
         return QStringLiteral("~/installed/%1: cannot be patched: ~/patch/%1 is damaged (download "
                               "the patch again) or was made for another build")
@@ -622,7 +648,49 @@ void tst_Cli::diffFailsWhenADeltaCannotBeMade()
                     .arg(path("new")),
                 QStringLiteral("pellox: error: Failed create patch rules file in folder %1")
                     .arg(path("patch"))}));
+    QVERIFY2(outcome.err.contains(QLatin1String("diff: 99 %")), qPrintable(outcome.err));
     QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+}
+
+void tst_Cli::diffTellsADeltaThatCannotBeWritten_data()
+{
+    QTest::addColumn<int>("cut"); // off the signature
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("no room") << 0
+                             << QStringLiteral(
+                                    "its delta %1 cannot be written (is the disk full or "
+                                    "write-protected?)");
+    QTest::newRow("signature cut off")
+        << 1 << QStringLiteral("the delta cannot be made (is its signature there and whole?)");
+    QTest::newRow("signature empty")
+        << -1 << QStringLiteral("the delta cannot be made (is its signature there and whole?)");
+}
+
+void tst_Cli::diffTellsADeltaThatCannotBeWritten()
+{
+    QFETCH(int, cut);
+    QFETCH(QString, reason);
+    m_tree->write(QStringLiteral("new/game.exe"), randomBytes(100000, 9));
+    QCOMPARE(
+        run({QStringLiteral("sign"), QStringLiteral("old"), QStringLiteral("sigs")}).status, Done);
+    const QString signature = QStringLiteral("sigs/game.exe");
+    const QByteArray whole = m_tree->read(signature);
+    m_tree->write(signature, cut < 0 ? QByteArray() : whole.chopped(cut));
+    QProcess process;
+    // A limit of the size of files stands for the disk.
+    startProgram(process, QStringLiteral("sh"),
+        {QStringLiteral("-c"),
+            QStringLiteral(
+                "trap '' XFSZ; ulimit -f 16; exec " PELLOX_PROGRAM " diff new sigs patch")},
+        m_tree->path());
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Failed);
+    const QString delta = path("patch/game.exe");
+    if (reason.contains(QLatin1String("%1")))
+        reason = reason.arg(delta);
+    QCOMPARE(errorLines(outcome.err).value(0),
+        QStringLiteral("pellox: error: %1: %2").arg(path("new/game.exe"), reason));
 }
 
 void tst_Cli::summariesGoToStandardOutput()

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string>
 
@@ -49,6 +50,9 @@ private Q_SLOTS:
     void linksThatStayInTheFolderArePacked();
     void sizesOutOfRangeAreRefused_data();
     void sizesOutOfRangeAreRefused();
+    void tooManyVolumesAreRefused_data();
+    void tooManyVolumesAreRefused();
+    void removalOfMuchIsTold();
     void anyNameOfAnArchiveIsTaken_data();
     void anyNameOfAnArchiveIsTaken();
     void aFileWithAnOtherNumberIsNoVolume();
@@ -330,6 +334,54 @@ void tst_PackCommand::sizesOutOfRangeAreRefused()
     QCOMPARE(filesBeside(QStringLiteral("a.7z*")), QStringList());
 }
 
+void tst_PackCommand::tooManyVolumesAreRefused_data()
+{
+    QTest::addColumn<QString>("size");
+    QTest::addColumn<QString>("reason"); // empty where it is none
+
+    QTest::newRow("without its unit")
+        << QStringLiteral("10")
+        << QStringLiteral("volumes of 10 bytes would be up to 104858 for 1.0 MiB: did you mean "
+                          "10M?");
+    QTest::newRow("too small") << QStringLiteral(
+        "1K") << QStringLiteral("volumes of 1.0 KiB would be up to 1025 for 1.0 MiB: 1M would do");
+    QTest::newRow("just large enough") << QStringLiteral("1051") << QString();
+}
+
+void tst_PackCommand::tooManyVolumesAreRefused()
+{
+    QFETCH(QString, size);
+    QFETCH(QString, reason);
+    m_tree->write(QStringLiteral("large/file"), QByteArray(1 << 20, 'x'));
+    const Outcome outcome = run(QStringLiteral("pack large a.7z --volume-size ") + size);
+    if (reason.isEmpty()) {
+        QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+        return;
+    }
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(
+        outcome.err, QStringLiteral("pellox: error: --volume-size: ") + reason + QLatin1Char('\n'));
+    QCOMPARE(filesBeside(QStringLiteral("a.7z*")), QStringList());
+}
+
+void tst_PackCommand::removalOfMuchIsTold()
+{
+    const QString program
+        = makeStandIn("a) for i in $(seq 100 249); do echo x > archive.7z.$i; done; "
+                      "touch ../made; exec sleep 30;;");
+    QProcess process;
+    startProgram(process, program,
+        {QStringLiteral("pack"), QStringLiteral("source"), QStringLiteral("a.7z")}, m_tree->path());
+    QTRY_VERIFY(m_tree->exists(QStringLiteral("made")));
+    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    const Outcome outcome = outcomeOf(process);
+    QCOMPARE(outcome.status, Interrupted);
+    QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: removing what was half made (150 files, "
+                                                "300 bytes)\npellox: interrupted\n")),
+        qPrintable(outcome.err));
+    QCOMPARE(entries(m_tree->path(), QStringLiteral(".pellox-*")), QStringList());
+}
+
 void tst_PackCommand::anyNameOfAnArchiveIsTaken_data()
 {
     QTest::addColumn<QString>("archive");
@@ -413,7 +465,7 @@ void tst_PackCommand::theOldArchiveSurvivesAFailure_data()
     QTest::newRow("7-Zip fails") << QByteArray("a) echo x > archive.7z.001.tmp; echo 'ERROR: no';;")
                                  << QStringLiteral("~/a.7z: cannot be made (7-Zip: no)");
     QTest::newRow("7-Zip ends without a word")
-        << QByteArray("a) echo 'WARNING: x'; echo 'and much more'; exit 1;;")
+        << QByteArray("a) printf 'WARNING: x\\nand much more\\n'; exit 1;;")
         << QStringLiteral("~/a.7z: cannot be made (7-Zip ended with exit code 1 and told neither "
                           "success nor failure. Its last output: WARNING: x)");
     QTest::newRow("a volume is missing")

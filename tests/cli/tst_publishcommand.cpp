@@ -64,6 +64,13 @@ private Q_SLOTS:
     void dryRunTellsAndWritesNothing();
     void leavesNoTemporarySignatures();
     void packsThePatch();
+    void packsAgainByForce();
+    void anEmptyBuildIsTakenIfAllowed();
+    void takesTheBuildBehindWhatIsIgnored();
+    void notesThatAnEarlierReleaseIsReplaced();
+    void diffNotesStrayFiles();
+    void namesThatPlayersCannotHaveAreNoted_data();
+    void namesThatPlayersCannotHaveAreNoted();
     void helpTeachesWithAnExample();
 
     void ignores_data();
@@ -250,20 +257,23 @@ void tst_PublishCommand::dryRunTellsAndWritesNothing()
 {
     QFETCH(QString, command);
     QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->write(QStringLiteral("new/.hidden"), "no part of the build");
+    m_tree->write(QStringLiteral("new/.folder/file"), "no part either");
     const auto before = TestTree::snapshot(m_tree->path());
     const Outcome outcome
         = run(command + QStringLiteral(" --dry-run --ignore data/s* --pack up/a"));
     QCOMPARE(outcome.status, Done);
     QStringList lines = linesOf(outcome.out);
     QCOMPARE(lines.takeLast(),
-        QStringLiteral("2 files to patch (9.8 KiB), 1 file to copy (3 bytes), 1 file to delete; 4 "
-                       "files to sign (9.8 KiB). Nothing was written."));
-    lines.sort();
+        QStringLiteral("2 files to patch (9.8 KiB), 1 file to copy (3 bytes), 1 file to delete, 1 "
+                       "file ignored (5 bytes), 2 hidden files left out; 4 files to sign (9.8 "
+                       "KiB). Nothing was written."));
     QCOMPARE(lines,
-        QStringList({QStringLiteral("copy      3 bytes  levels/one.map"),
+        QStringList({QStringLiteral("patch     5 bytes  data/grüße.pak"),
             QStringLiteral("delete             data/old.txt"),
-            QStringLiteral("patch     5 bytes  data/grüße.pak"),
-            QStringLiteral("patch     9.8 KiB  game.exe")}));
+            QStringLiteral("ignore    5 bytes  data/same.txt"),
+            QStringLiteral("patch     9.8 KiB  game.exe"),
+            QStringLiteral("copy      3 bytes  levels/one.map")}));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
@@ -291,6 +301,104 @@ void tst_PublishCommand::packsThePatch()
     QCOMPARE(content("got"), content("patch"));
 }
 
+void tst_PublishCommand::packsAgainByForce()
+{
+    const QString command = PublishFirst + QStringLiteral(" --pack up/a.7z");
+    QCOMPARE(run(command).status, Done);
+    m_tree->write(QStringLiteral("new/levels/one.map"), "newest");
+    QCOMPARE(run(command).status, WrongUsage);
+    const Outcome outcome = run(command + QStringLiteral(" --force"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(run(QStringLiteral("unpack up/a.7z got")).status, Done);
+    QCOMPARE(content("got").value(QStringLiteral("levels/one.map")), QByteArray("newest"));
+    QCOMPARE(content("got"), content("patch"));
+}
+
+void tst_PublishCommand::anEmptyBuildIsTakenIfAllowed()
+{
+    m_tree->makeFolder(QStringLiteral("empty"));
+    const Outcome outcome = run(QStringLiteral(
+        "publish empty --old-build old --patch patch --signatures sigs-new --allow-empty"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QVERIFY2(outcome.out.contains(QLatin1String("4 files to delete")), qPrintable(outcome.out));
+    QCOMPARE(content("sigs-new").keys(), QStringList(QStringLiteral("signatures.json")));
+}
+
+void tst_PublishCommand::takesTheBuildBehindWhatIsIgnored()
+{
+    const Outcome outcome = run(QStringLiteral("publish --ignore levels --ignore game.exe new "
+                                               "--old-build old --patch patch --signatures sigs"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(content("patch").keys(),
+        QStringList({QStringLiteral("data/grüße.pak"), QStringLiteral("patchRules.json")}));
+}
+
+void tst_PublishCommand::notesThatAnEarlierReleaseIsReplaced()
+{
+    const QString note = QStringLiteral("replaces the earlier release");
+    const Outcome first = run(PublishFirst);
+    QCOMPARE(linesOf(first.err).filter(note), QStringList());
+    const QString line = QStringLiteral("pellox: replaces the earlier release in ");
+    for (const char *option : {"", " --dry-run"}) {
+        const Outcome again = run(PublishFirst + QLatin1String(option));
+        QCOMPARE(again.status, Done);
+        QCOMPARE(linesOf(again.err).filter(note),
+            QStringList({line + path("patch"), line + path("sigs-new")}));
+    }
+}
+
+void tst_PublishCommand::diffNotesStrayFiles()
+{
+    const QString note = QStringLiteral("of something else");
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    const QString diff = QStringLiteral("diff new sigs patch");
+    QCOMPARE(linesOf(run(diff).err).filter(note), QStringList());
+    QCOMPARE(linesOf(run(diff).err).filter(note), QStringList());
+    m_tree->write(QStringLiteral("patch/levels/old.map"), "of an earlier patch");
+    QCOMPARE(linesOf(run(diff).err).filter(note),
+        QStringList(QStringLiteral("pellox: %1: holds 1 file of something else than this patch: "
+                                   "use a new folder or --fast")
+                        .arg(path("patch"))));
+    QCOMPARE(linesOf(run(diff + QStringLiteral(" --fast")).err).filter(note), QStringList());
+}
+
+void tst_PublishCommand::namesThatPlayersCannotHaveAreNoted_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("note"); // the beginning; empty where the name is fine
+
+    const QString refused
+        = QStringLiteral("pellox: 1 file with a name that \"pellox update\" refuses");
+    for (const char *name :
+        {"x:y", "a\\b", "levels/con.txt", "AUX/one.map", "com1", "one.", "levels /one", "blank "})
+        QTest::newRow(name) << QString::fromLatin1(name) << refused;
+    const QString alike = QStringLiteral("pellox: 1 file with a name that differs in case alone");
+    QTest::newRow("file in another case") << QStringLiteral("Game.EXE") << alike;
+    QTest::newRow("folder in another case") << QStringLiteral("Levels/two.map") << alike;
+    QTest::newRow("umlaut in another case") << QStringLiteral("data/GRÜSSE.pak") << QString();
+    for (const char *name : {"console", "levels/icon.txt", ".. x", "com10", "one.map/con1", "nul_"})
+        QTest::newRow(name) << QString::fromLatin1(name) << QString();
+}
+
+void tst_PublishCommand::namesThatPlayersCannotHaveAreNoted()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, note);
+    m_tree->write(QLatin1String("new/") + file, "odd");
+    const QString common = QStringLiteral(" with a name that ");
+    for (const QString &command : {PublishFirst, QStringLiteral("sign new s")}) {
+        const Outcome outcome = run(command);
+        QCOMPARE(outcome.status, Done);
+        const QStringList notes = linesOf(outcome.err).filter(common);
+        QCOMPARE(notes.size(), note.isEmpty() ? 0 : 1);
+        QVERIFY2(notes.value(0).startsWith(note), qPrintable(outcome.err));
+        if (!note.isEmpty())
+            QVERIFY2(
+                notes.first().contains(file.section(QLatin1Char('/'), 0, 0), Qt::CaseInsensitive),
+                qPrintable(outcome.err));
+    }
+}
+
 void tst_PublishCommand::helpTeachesWithAnExample()
 {
     const Outcome outcome = run(QStringLiteral("publish --help"));
@@ -299,6 +407,9 @@ void tst_PublishCommand::helpTeachesWithAnExample()
                  "pellox publish releases/1.1 --old-signatures signatures/1.0 --patch "
                  "patches/1.0-1.1 --signatures signatures/1.1")),
         qPrintable(outcome.out));
+    for (const char *hint : {"Exactly one of --old-signatures and --old-build is needed",
+             "Hidden files are no part", "--strict-ignore", "--allow-empty"})
+        QVERIFY2(outcome.out.contains(QLatin1String(hint)), hint);
 }
 
 void tst_PublishCommand::ignores_data()
@@ -399,6 +510,14 @@ void tst_PublishCommand::notesWhatIgnoresNothing_data()
         "--ignore ../old/game.exe") << QStringLiteral("--ignore: ~/old/game.exe ignores nothing");
     QTest::newRow("glob outside of the build") << QStringLiteral(
         "--ignore ../*/game.exe") << QStringLiteral("--ignore: ~/*/game.exe ignores nothing");
+    QTest::newRow("build's name in front")
+        << QStringLiteral("--ignore new/game.exe")
+        << QStringLiteral("--ignore: ~/new/new/game.exe is not there and ignores nothing; paths "
+                          "count from NEW_BUILD: --ignore game.exe");
+    QTest::newRow("build's name in front of a glob")
+        << QStringLiteral("--ignore ./new/**/*.map")
+        << QStringLiteral("--ignore: ~/new/new/**/*.map ignores nothing; paths count from "
+                          "NEW_BUILD: --ignore **/*.map");
     QTest::newRow("list") << QStringLiteral("--ignore-from list")
                           << QStringLiteral("--ignore-from: ~/list, line 3: *.tmp ignores nothing");
 }
@@ -443,6 +562,16 @@ void tst_PublishCommand::wrongUsage_data()
                                    << QStringLiteral("--signatures is required");
     QTest::newRow("no new build") << QStringLiteral("publish --old-build old") + outputs
                                   << QStringLiteral("NEW_BUILD is required");
+    QTest::newRow("nothing to ignore but the build")
+        << QStringLiteral("publish --old-build old --ignore x.pdb") + outputs
+        << QStringLiteral("NEW_BUILD is required");
+    QTest::newRow("more to ignore, as of a glob without quotes")
+        << QStringLiteral("publish --ignore a.txt b.txt new --old-build old") + outputs
+        << QStringLiteral("not expected: new");
+    QTest::newRow("the same for diff") << QStringLiteral("diff --ignore a.txt b.txt new sigs patch")
+                                       << QStringLiteral("not expected: patch");
+    QTest::newRow("nothing to force")
+        << PublishFirst + QStringLiteral(" --force") << QStringLiteral("--force requires --pack");
     QTest::newRow("no threads") << PublishFirst + QStringLiteral(" --threads 0")
                                 << QStringLiteral("--threads");
     QTest::newRow("threads that are no number")
@@ -473,6 +602,8 @@ void tst_PublishCommand::refusesBeforeAnythingIsTouched_data()
     const auto row = [](const char *name, const char *words, const char *message) {
         QTest::newRow(name) << QString::fromUtf8(words) << QString::fromUtf8(message);
     };
+    const char *nothing = "~/empty: holds no files (hidden ones do not count): is it the right "
+                          "folder? --allow-empty takes it all the same";
     row("no new build", "publish nosuch --old-build old --patch p --signatures s",
         "~/nosuch: there is no such folder");
     row("no old build", "publish new --old-build nosuch --patch p --signatures s",
@@ -481,32 +612,42 @@ void tst_PublishCommand::refusesBeforeAnythingIsTouched_data()
         "~/nosuch: there is no such folder");
     row("old signatures without manifest",
         "publish new --old-signatures old --patch p --signatures s",
-        "~/old: holds no signatures.json");
+        "~/old: holds no signatures.json; make it from the old build with \"pellox sign\"");
+    row("old signatures and new build swapped",
+        "publish sigs --old-signatures new --patch p --signatures s",
+        "~/new: holds no signatures.json; ~/sigs does: are the two folders swapped?");
+    row("new build is empty", "publish empty --old-build old --patch p --signatures s", nothing);
+    row("old build is empty", "publish new --old-build empty --patch p --signatures s", nothing);
+    row("strict about what is not there",
+        "publish new --old-build old --patch p --signatures s --strict-ignore --ignore nosuch",
+        "--ignore: ~/new/nosuch is not there and ignores nothing");
+    row("strict about a list", "diff new sigs p --strict-ignore --ignore-from list",
+        "--ignore-from: ~/list, line 1: *.tmp ignores nothing");
     row("broken old signatures", "publish new --old-signatures broken --patch p --signatures s",
         "~/broken/signatures.json: is not a JSON array");
     row("patch in the new build", "publish new --old-signatures sigs --patch new/p --signatures s",
-        "~/new/p: lies inside ~/new; the two must lie apart");
+        "~/new/p: lies inside ~/new; the two must lie apart (NEW_BUILD and --patch)");
     row("signatures in the new build",
         "publish new --old-signatures sigs --patch p --signatures new/s",
-        "~/new/s: lies inside ~/new; the two must lie apart");
+        "~/new/s: lies inside ~/new; the two must lie apart (NEW_BUILD and --signatures)");
     row("patch in the old signatures",
         "publish new --old-signatures sigs --patch sigs/p --signatures s",
-        "~/sigs/p: lies inside ~/sigs; the two must lie apart");
+        "~/sigs/p: lies inside ~/sigs; the two must lie apart (--old-signatures and --patch)");
     row("patch and signatures", "publish new --old-signatures sigs --patch p --signatures ./p",
-        "~/p: is the same folder as ~/p");
+        "~/p: is the same folder as ~/p (--patch and --signatures)");
     row("signatures over the old ones",
         "publish new --old-signatures sigs --patch p --signatures sigs/",
-        "~/sigs: is the same folder as ~/sigs");
+        "~/sigs: is the same folder as ~/sigs (--old-signatures and --signatures)");
     row("signatures in the patch", "publish new --old-signatures sigs --patch p --signatures p/s",
-        "~/p/s: lies inside ~/p; the two must lie apart");
+        "~/p/s: lies inside ~/p; the two must lie apart (--patch and --signatures)");
     row("patch in the old build", "publish new --old-build old --patch old/p --signatures s",
-        "~/old/p: lies inside ~/old; the two must lie apart");
+        "~/old/p: lies inside ~/old; the two must lie apart (--old-build and --patch)");
     row("old build in the new one", "publish . --old-build old --patch p --signatures s",
-        "~/old: lies inside ~; the two must lie apart");
+        "~/old: lies inside ~; the two must lie apart (NEW_BUILD and --old-build)");
     row("the same build twice", "publish new --old-build new --patch p --signatures s",
-        "~/new: is the same folder as ~/new");
+        "~/new: is the same folder as ~/new (NEW_BUILD and --old-build)");
     row("patch through a link", "publish new --old-build old --patch linked/p --signatures s",
-        "~/linked/p: lies inside ~/old; the two must lie apart");
+        "~/linked/p: lies inside ~/old; the two must lie apart (--old-build and --patch)");
     row("patch is a file", "publish new --old-build old --patch sigs/game.exe --signatures s",
         "~/sigs/game.exe: is not a folder");
     const char *foreign = "~/foreign: is not empty and holds no %1: only the folder of an earlier "
@@ -554,6 +695,8 @@ void tst_PublishCommand::refusesBeforeAnythingIsTouched()
     m_tree->write(QStringLiteral("foreign/thesis.txt"), "years of work");
     m_tree->write(QStringLiteral("named/signatures.json"), "a file of the game");
     m_tree->write(QStringLiteral("ruled/patchRules.json"), "a file of the game");
+    m_tree->write(QStringLiteral("empty/.hidden"), "no part of a build");
+    m_tree->write(QStringLiteral("list"), "*.tmp\n");
     m_tree->write(QStringLiteral("temporary/game.exe"), "one");
     m_tree->write(QStringLiteral("temporary/game.exe.temp"), "and the other");
     const auto before = TestTree::snapshot(m_tree->path());
@@ -570,8 +713,8 @@ void tst_PublishCommand::refusesWhatPackWouldRefuse_data()
     QTest::addColumn<QString>("archive");
     QTest::addColumn<QString>("message"); // "~" is the tree's folder
 
-    QTest::newRow("archive exists")
-        << QStringLiteral("there.7z") << QStringLiteral("~/there.7z.001: exists");
+    QTest::newRow("archive exists") << QStringLiteral(
+        "there.7z") << QStringLiteral("~/there.7z.001: exists; --force replaces it");
     QTest::newRow("archive is a folder")
         << QStringLiteral("folder.7z") << QStringLiteral("~/folder.7z: is a folder");
     QTest::newRow("in the patch")
@@ -718,10 +861,15 @@ void tst_PublishCommand::summariesGoToStandardOutput()
 
 void tst_PublishCommand::quietSaysNothing()
 {
-    const Outcome outcome = run(PublishFirst + QStringLiteral(" --quiet --ignore nosuch"));
+    const Outcome outcome = run(PublishFirst + QStringLiteral(" --quiet"));
     QCOMPARE(outcome.status, Done);
     QCOMPARE(outcome.out, QString());
     QCOMPARE(outcome.err, QString());
+
+    // Players might get what they must not.
+    QCOMPARE(run(PublishFirst + QStringLiteral(" --quiet --ignore nosuch")).err,
+        QStringLiteral("pellox: --ignore: %1/nosuch is not there and ignores nothing\n")
+            .arg(path("new")));
 }
 
 void tst_PublishCommand::jsonIsOneObjectALine_data()
@@ -770,10 +918,14 @@ void tst_PublishCommand::jsonIsOneObjectALine()
 
 void tst_PublishCommand::jsonTellsThePlan()
 {
-    const Outcome outcome = run(PublishFirst + QStringLiteral(" --dry-run --json"));
+    const Outcome outcome
+        = run(PublishFirst + QStringLiteral(" --dry-run --json --ignore data/same.txt"));
     QCOMPARE(outcome.status, Done);
     QStringList rules;
+    QStringList ignored;
     for (const QJsonObject &object : jsonLines(outcome.out)) {
+        if (member(object, "event") == QLatin1String("ignore"))
+            ignored.append(member(object, "file"));
         if (member(object, "event") != QLatin1String("rule"))
             continue;
         rules.append(QStringLiteral("%1 %2 %3")
@@ -782,11 +934,11 @@ void tst_PublishCommand::jsonTellsThePlan()
                                  ? QString::number(object.value(QLatin1String("size")).toInt())
                                  : QStringLiteral("-")));
     }
-    rules.sort();
     QCOMPARE(rules,
         QStringList(
-            {QStringLiteral("copy levels/one.map 3"), QStringLiteral("delete data/old.txt -"),
-                QStringLiteral("patch data/grüße.pak 5"), QStringLiteral("patch game.exe 10004")}));
+            {QStringLiteral("patch data/grüße.pak 5"), QStringLiteral("delete data/old.txt -"),
+                QStringLiteral("patch game.exe 10004"), QStringLiteral("copy levels/one.map 3")}));
+    QCOMPARE(ignored, QStringList(QStringLiteral("data/same.txt")));
 }
 
 void tst_PublishCommand::jsonTellsErrors()

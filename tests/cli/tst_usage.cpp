@@ -35,9 +35,13 @@ void tst_Usage::aWrongCommandLineIsExplained_data()
     const QString sign = QStringLiteral("sign");
     QTest::newRow("nothing") << QString() << QStringLiteral("no command is given") << QString();
     QTest::newRow("mistyped") << QStringLiteral("sing a b")
-                              << QStringLiteral("sing: no such command") << QString();
+                              << QStringLiteral("sing: no such command; did you mean sign?")
+                              << QString();
+    QTest::newRow("like no command") << QStringLiteral("download a b")
+                                     << QStringLiteral("download: no such command") << QString();
     QTest::newRow("help for what is none")
-        << QStringLiteral("help sing") << QStringLiteral("sing: no such command") << QString();
+        << QStringLiteral("help sing")
+        << QStringLiteral("sing: no such command; did you mean sign?") << QString();
     QTest::newRow("option first") << QStringLiteral(
         "-q sign a b") << QStringLiteral("-q: options stand behind the command: pellox sign -q")
                                   << QString();
@@ -56,7 +60,20 @@ void tst_Usage::aWrongCommandLineIsExplained_data()
                               << sign;
     QTest::newRow("unknown option")
         << QStringLiteral("sign a b --fast-please")
-        << QStringLiteral("The following argument was not expected: --fast-please") << sign;
+        << QStringLiteral("--fast-please: no such option; did you mean --fast?") << sign;
+    const QString diff = QStringLiteral("diff");
+    QTest::newRow("mistyped option with a value")
+        << QStringLiteral("diff a b c --ingore x")
+        << QStringLiteral("--ingore: no such option; did you mean --ignore?") << diff;
+    QTest::newRow("mistyped option with a value behind a sign")
+        << QStringLiteral("diff a b c --thread=x")
+        << QStringLiteral("--thread: no such option; did you mean --threads?") << diff;
+    QTest::newRow("mistyped option that takes a folder's place")
+        << QStringLiteral("publish a --old-bild b --patch c --signatures d")
+        << QStringLiteral("--old-bild: no such option; did you mean --old-build?")
+        << QStringLiteral("publish");
+    QTest::newRow("like no option") << QStringLiteral("sign a b --bandwidth")
+                                    << QStringLiteral("--bandwidth: no such option") << sign;
 }
 
 void tst_Usage::aWrongCommandLineIsExplained()

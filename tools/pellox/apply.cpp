@@ -83,13 +83,14 @@ bool apply(Console &console, const Arguments &arguments)
 {
     const QString build = existingFolder(arguments.build);
     const QString patch = existingFolder(arguments.patch);
-    const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
+    const QJsonArray rules = readRules(patch, build);
     requireApart(patch, build);
     requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to patch"));
 
     refuseInterruptedVerify(build, rules);
+    requireInstalledFiles(build, rules);
     requirePayloads(patch, rules);
     requireRoomForPatch(build, patch, rules);
 
@@ -125,8 +126,9 @@ bool apply(Console &console, const Arguments &arguments)
     console.stopProgress();
 
     if (!success || console.errorCount() > 0) {
-        console.note(QStringLiteral("what failed was left out and nothing is undone: remove the "
-                                    "cause, then run \"pellox apply\" again before "
+        console.note(QStringLiteral("what failed was left out and nothing is undone: if \"pellox "
+                                    "update --dry-run\" does not tell that the build is the new "
+                                    "one, remove the cause, then run \"pellox apply\" again before "
                                     "\"pellox verify\""));
         return false;
     }
@@ -146,7 +148,8 @@ void addApplyCommand(CLI::App &app, Invocation &invocation)
     command->add_option("BUILD", arguments->build, "The installed build, changed in place")
         ->type_name("FOLDER")
         ->required();
-    command->add_option("PATCH", arguments->patch, "What \"pellox diff\" wrote")
+    command
+        ->add_option("PATCH", arguments->patch, "What \"pellox publish\" or \"pellox diff\" wrote")
         ->type_name("FOLDER")
         ->required();
     command->footer("New files are copied in and old ones deleted at once; patched files are\n"

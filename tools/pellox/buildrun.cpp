@@ -62,6 +62,7 @@ constexpr CodeStatus Statuses[] = {
     {Code::DamagedInstall, DamagedInstall},
     {Code::NotTrusted, RefusedPatch},
     {Code::OlderRelease, RefusedPatch},
+    {Code::ForeignPatch, RefusedPatch},
     {Code::BadManifest, RefusedPatch},
     {Code::BadPatch, RefusedPatch},
     {Code::NoSpace, NoSpace},

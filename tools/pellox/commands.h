@@ -24,6 +24,8 @@ struct Invocation
 void addSignCommand(CLI::App &app, Invocation &invocation);
 void addDiffCommand(CLI::App &app, Invocation &invocation);
 void addPublishCommand(CLI::App &app, Invocation &invocation);
+void addSealCommand(CLI::App &app, Invocation &invocation);
+void addKeygenCommand(CLI::App &app, Invocation &invocation);
 void addInspectCommand(CLI::App &app, Invocation &invocation);
 void addApplyCommand(CLI::App &app, Invocation &invocation);
 void addVerifyCommand(CLI::App &app, Invocation &invocation);

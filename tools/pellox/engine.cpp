@@ -9,6 +9,9 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 
+#include <algorithm>
+#include <cmath>
+
 namespace {
 
 /// The path at the beginning of an error; of several that it may be, one that is there.
@@ -25,6 +28,13 @@ QString culpritOf(const QString &problem)
 }
 
 } // namespace
+
+qint64 shareOf(qint64 size, double percent)
+{
+    constexpr double Most = 99;
+    const double share = std::ceil(std::min(percent, Most) / 100 * static_cast<double>(size));
+    return std::min(static_cast<qint64>(share), std::max<qint64>(size - 1, 0));
+}
 
 Engine::Engine(Console &console, int threads)
     : m_console(console)
@@ -45,7 +55,7 @@ bool Engine::run(const QString &stage, qint64 size, const Call &call)
         // The engine blocks the event loop, in which the watch would hear of it.
         if (Interrupt::isStopped())
             controller.cancel();
-        m_console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+        m_console.advanceTo(shareOf(size, percent));
     });
     if (done)
         m_console.advanceTo(size);

@@ -11,6 +11,9 @@
 
 class Console;
 
+/// @p percent of @p size, but less than all: what the library reports comes before the work's end.
+qint64 shareOf(qint64 size, double percent);
+
 /// Calls the library's publishing engine in the way of the program: with a progress bar, with its
 /// errors on the console, and with Ctrl-C, which cancels it.
 class Engine

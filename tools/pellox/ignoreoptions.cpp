@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "ignoreoptions.h"
 
-#include "console.h"
 #include "folders.h"
 #include "ignorelist.h"
 
@@ -11,15 +10,17 @@
 #include <QRegularExpression>
 #include <QSet>
 
+#include <cstdio>
+
 namespace {
 
 /// Looks up which files of a build are ignored.
 class Search
 {
 public:
-    Search(Console &console, const QString &newBuild, const QStringList &files)
-        : m_console(console)
-        , m_prefix(newBuild + QLatin1Char('/'))
+    Search(const QString &newBuild, const QStringList &files, bool isStrict)
+        : m_prefix(newBuild + QLatin1Char('/'))
+        , m_isStrict(isStrict)
     {
         for (const QString &file : files)
             m_files.append(file.mid(m_prefix.size()));
@@ -41,9 +42,10 @@ public:
         add(found);
         if (found.isEmpty()) {
             const bool isMissing = !isThere && !isGlob;
-            m_console.note(
-                QStringLiteral("--ignore: %1 %2ignores nothing")
-                    .arg(path, isMissing ? QStringLiteral("is not there and ") : QString()));
+            tellUnused(QStringLiteral("--ignore"),
+                QStringLiteral("%1 %2ignores nothing%3")
+                    .arg(path, isMissing ? QStringLiteral("is not there and ") : QString(),
+                        hintFor(argument)));
         }
     }
 
@@ -52,8 +54,9 @@ public:
         IgnoreList list = IgnoreList::fromFile(file);
         add(list.ignoredAmong(m_files));
         for (const IgnoreList::Unused &pattern : list.unused()) {
-            m_console.note(QStringLiteral("--ignore-from: %1, line %2: %3 ignores nothing")
-                               .arg(file, QString::number(pattern.line), pattern.text));
+            tellUnused(QStringLiteral("--ignore-from"),
+                QStringLiteral("%1, line %2: %3 ignores nothing")
+                    .arg(file, QString::number(pattern.line), pattern.text));
         }
     }
 
@@ -69,6 +72,28 @@ public:
     }
 
 private:
+    /// --quiet does not silence it: a name that is mistyped gives players what they must not get.
+    void tellUnused(const QString &option, const QString &what) const
+    {
+        if (m_isStrict)
+            throw Refusal(option, what);
+        const QByteArray line = QStringLiteral("pellox: %1: %2\n").arg(option, what).toLocal8Bit();
+        std::fwrite(line.constData(), 1, static_cast<size_t>(line.size()), stderr);
+    }
+
+    /// For a path with the end of the build's own in front, as a shell completes it.
+    QString hintFor(const QString &argument) const
+    {
+        const QLatin1Char separator('/');
+        const QString path = QDir::cleanPath(argument);
+        for (int end = path.indexOf(separator); end > 0; end = path.indexOf(separator, end + 1)) {
+            if (m_prefix.endsWith(separator + path.leftRef(end + 1)))
+                return QStringLiteral("; paths count from NEW_BUILD: --ignore ")
+                    + path.mid(end + 1);
+        }
+        return {};
+    }
+
     QStringList globbed(const QString &path) const
     {
         IgnoreList list;
@@ -95,9 +120,9 @@ private:
             m_found.insert(file);
     }
 
-    Console &m_console;
     const QString m_prefix; ///< of the build's paths
-    QStringList m_files;    ///< without it
+    const bool m_isStrict;
+    QStringList m_files; ///< without the prefix
     QSet<QString> m_found;
 };
 
@@ -107,24 +132,23 @@ void addIgnoreOptions(CLI::App &command, IgnoreOptions &options)
 {
     command
         .add_option("--ignore", options.paths,
-            "A file or folder of NEW_BUILD to leave out of the patch, relative to NEW_BUILD or "
-            "absolute, or a glob of such paths: *, ?, [a-z], and ** for any number of folders. "
-            "What only players have is deleted all the same. May be given several times")
+            "A file, folder or glob (*, ?, **) of NEW_BUILD to leave out of the patch; one each")
         ->type_name("PATH")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->allow_extra_args(false); // the next word is the build, or a mistake
     command
         .add_option("--ignore-from", options.list,
             "A list of what to leave out, in the syntax of .gitignore, relative to NEW_BUILD")
         ->type_name("FILE");
+    command.add_flag("--strict-ignore", options.strict,
+        "Refuse what is to be ignored but is not there, instead of a note");
 }
 
-QStringList ignoredFiles(Console &console, const IgnoreOptions &options, const QString &newBuild,
-    const QStringList &files)
+QStringList ignoredFiles(
+    const IgnoreOptions &options, const QString &newBuild, const QStringList &files)
 {
     if (options.paths.empty() && !options.list)
         return {};
-    Search search(console, newBuild, files);
+    Search search(newBuild, files, options.strict);
     for (const std::string &path : options.paths)
         search.ignore(QFile::decodeName(path.c_str()));
     if (options.list)

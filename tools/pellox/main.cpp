@@ -30,7 +30,10 @@ constexpr char Footer[]
       "  pellox sign releases/1.0 signatures/1.0\n"
       "  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1\n"
       "  pellox update installed/game patches/1.0-1.1\n\n"
-      "Or the last in two steps, without the safety:\n"
+      "Or the first two, and the signatures for release 1.2, in one step:\n"
+      "  pellox publish releases/1.1 --old-signatures signatures/1.0 "
+      "--patch patches/1.0-1.1 --signatures signatures/1.1\n\n"
+      "Or the update in two steps, without the safety:\n"
       "  pellox apply installed/game patches/1.0-1.1\n"
       "  pellox verify installed/game patches/1.0-1.1";
 
@@ -106,6 +109,8 @@ int parseAndRun(int argc, char **argv)
     addSignCommand(app, invocation);
     addDiffCommand(app, invocation);
     addPublishCommand(app, invocation);
+    addSealCommand(app, invocation);
+    addKeygenCommand(app, invocation);
     addInspectCommand(app, invocation);
     addUpdateCommand(app, invocation);
     addRecoverCommand(app, invocation);

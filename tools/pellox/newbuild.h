@@ -3,8 +3,11 @@
 
 #include "ignoreoptions.h"
 
+#include <QJsonArray>
 #include <QString>
 #include <QStringList>
+
+class Console;
 
 /// The build that players are to be brought to.
 struct NewBuild
@@ -15,9 +18,35 @@ struct NewBuild
     qint64 size = 0;     ///< of all files
 };
 
+/// What is asked for of a new build.
+struct NewBuildOptions
+{
+    IgnoreOptions ignore;
+    bool allowEmpty = false;
+};
+
+void addAllowEmptyOption(CLI::App &command, bool &allowEmpty);
+/// Adds all of NewBuildOptions.
+void addNewBuildOptions(CLI::App &command, NewBuildOptions &options);
+
+/// Throws Refusal when @p files, those of @p build, are none: mostly a wrong folder, and its patch
+/// would delete all that players have.
+void refuseEmpty(const QString &build, const QStringList &files);
+
 /**
  * The new build in @p folder, once it is known that all of it can become a patch for players who
  * have @p oldFiles, relative paths as manifests hold them. Throws Refusal.
  */
-NewBuild checkedNewBuild(Console &console, const QString &folder, const QStringList &oldFiles,
-    const IgnoreOptions &ignore);
+NewBuild checkedNewBuild(
+    const QString &folder, const QStringList &oldFiles, const NewBuildOptions &options);
+
+/// Notes names among @p files, those of @p build, that players cannot have everywhere.
+void noteUnportableNames(Console &console, const QString &build, const QStringList &files);
+
+/// How many files of the folder are hidden, or lie in a hidden folder, and so are none of the
+/// build.
+qint64 hiddenFileCount(const NewBuild &build);
+
+/// The records of signatures.json in @p signatures. Throws Refusal, with a hint where @p newBuild
+/// seems to have been given in its place.
+QJsonArray readSignatures(const QString &signatures, const QString &newBuild);

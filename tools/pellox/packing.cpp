@@ -16,6 +16,7 @@
 #include <QStorageInfo>
 
 #include <memory>
+#include <numeric>
 
 namespace {
 
@@ -146,9 +147,24 @@ bool Packing::runSevenZip(Console &console, const PackedContent &content)
     controller.reset(); // ends a 7-Zip that still runs
     if (packed)
         return true;
+    if (Interrupt::isStopped())
+        tellRemoval(console);
     Interrupt::throwIfStoppedLately();
     reportFailure(console, problem, content);
     return false;
+}
+
+/// Of what takes a while, lest somebody stops that too.
+void Packing::tellRemoval(Console &console) const
+{
+    constexpr int ManyFiles = 100;
+    constexpr qint64 ManyBytes = 1LL << 30;
+    const QFileInfoList made = QDir(m_workFolder->path()).entryInfoList(QDir::Files);
+    const qint64 size = std::accumulate(made.cbegin(), made.cend(), qint64(0),
+        [](qint64 sum, const QFileInfo &file) { return sum + file.size(); });
+    if (made.size() >= ManyFiles || size >= ManyBytes)
+        console.note(QStringLiteral("removing what was half made (%1, %2)")
+                         .arg(fileCount(made.size()), byteCount(size)));
 }
 
 void Packing::reportFailure(Console &console, const QString &problem, const PackedContent &content)

@@ -51,6 +51,7 @@ private:
     void reportShortVolumes(Console &console, const QStringList &volumes) const;
     void reportMissingFiles(
         Console &console, const PackedContent &content, const Volumes &made) const;
+    void tellRemoval(Console &console) const;
     bool putInPlace(Console &console, const Volumes &made);
     void endWork();
 

@@ -74,6 +74,31 @@ void refuseInterruptedVerify(const QString &build, const QJsonArray &rules)
     }
 }
 
+QJsonArray readRules(const QString &patch, const QString &build)
+{
+    const QString manifest = Pellox::PATCH_RULES_FILE;
+    const QLatin1Char separator('/');
+    if (!QFileInfo::exists(patch + separator + manifest)
+        && QFileInfo::exists(build + separator + manifest)) {
+        throw Refusal(patch,
+            QStringLiteral("holds no %1; %2 does: are the two folders swapped?")
+                .arg(manifest, build));
+    }
+    return readManifest(patch, manifest);
+}
+
+void requireInstalledFiles(const QString &build, const QJsonArray &rules)
+{
+    for (const QJsonValue &rule : rules) {
+        const QString file = build + relativePathOf(rule);
+        if (ruleNameOf(rule) == Pellox::PATCH_RULE && !QFileInfo(file).isFile()) {
+            throw Refusal(file,
+                QStringLiteral("is to be patched and is not there: this is not the build that the "
+                               "patch was made for, or it is damaged"));
+        }
+    }
+}
+
 void requirePayloads(const QString &patch, const QJsonArray &rules)
 {
     for (const QJsonValue &rule : rules) {

@@ -13,6 +13,13 @@
 /// the library would delete it.
 void refuseInterruptedVerify(const QString &build, const QJsonArray &rules);
 
+/// The records of patchRules.json in @p patch. Throws Refusal, with a hint where @p build seems to
+/// have been given in its place.
+QJsonArray readRules(const QString &patch, const QString &build);
+
+/// Throws Refusal unless every file that the rules patch is in @p build.
+void requireInstalledFiles(const QString &build, const QJsonArray &rules);
+
 /// Throws Refusal unless every file that the rules take from @p patch is there and can be read.
 void requirePayloads(const QString &patch, const QJsonArray &rules);
 

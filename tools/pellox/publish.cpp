@@ -11,13 +11,16 @@
 
 #include <Pellox/rules.h>
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSet>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace {
 
@@ -31,9 +34,10 @@ struct Arguments
     std::string patch;
     std::string signatures;
     std::optional<std::string> archive;
-    IgnoreOptions ignore;
+    NewBuildOptions newBuildOptions;
     int threads = 0;
     bool dryRun = false;
+    bool force = false;
 };
 
 /// What publishing needs to know, all checked.
@@ -46,11 +50,24 @@ struct Job
     QString signatures;
 };
 
-void requireAllApart(const QStringList &folders)
+struct NamedFolder
 {
-    for (int i = 0; i < folders.size(); ++i) {
-        for (int other = 0; other < i; ++other)
-            requireApart(folders.at(i), folders.at(other));
+    QString argument; ///< as --help names it
+    QString path;
+};
+
+void requireAllApart(const std::vector<NamedFolder> &folders)
+{
+    for (auto folder = folders.cbegin(); folder != folders.cend(); ++folder) {
+        for (auto other = folders.cbegin(); other != folder; ++other) {
+            try {
+                requireApart(folder->path, other->path);
+            } catch (const Refusal &problem) { // two paths may look the same
+                throw Refusal(problem.path(),
+                    QStringLiteral("%1 (%2 and %3)")
+                        .arg(problem.reason(), other->argument, folder->argument));
+            }
+        }
     }
 }
 
@@ -62,31 +79,38 @@ QStringList relativePaths(const QStringList &files, const QString &build)
     return paths;
 }
 
-QStringList oldFilesOf(const Job &job)
+QStringList oldFilesOf(const Job &job, bool allowEmpty)
 {
     if (job.oldBuild.isEmpty())
-        return relativePathsOf(readManifest(job.oldSignatures, Pellox::SIGNATURES_FILE));
+        return relativePathsOf(readSignatures(job.oldSignatures, job.newBuild.folder));
     requireListable(job.oldBuild);
     refuseManifestName(job.oldBuild, Pellox::SIGNATURES_FILE, {});
-    return relativePaths(filesOfBuild(job.oldBuild), job.oldBuild);
+    const QStringList files = filesOfBuild(job.oldBuild);
+    if (!allowEmpty)
+        refuseEmpty(job.oldBuild, files);
+    return relativePaths(files, job.oldBuild);
 }
 
-Job checkedJob(Console &console, const Arguments &arguments)
+Job checkedJob(const Arguments &arguments)
 {
     Job job;
     const QString newBuild = existingFolder(arguments.newBuild);
+    job.newBuild.folder = newBuild;
     if (arguments.oldBuild)
         job.oldBuild = existingFolder(*arguments.oldBuild);
     else
         job.oldSignatures = existingFolder(arguments.oldSignatures.value());
     job.patch = folderToFill(arguments.patch);
     job.signatures = folderToFill(arguments.signatures);
-    requireAllApart({newBuild, arguments.oldBuild ? job.oldBuild : job.oldSignatures, job.patch,
-        job.signatures});
+    const NamedFolder old = arguments.oldBuild
+        ? NamedFolder{QStringLiteral("--old-build"), job.oldBuild}
+        : NamedFolder{QStringLiteral("--old-signatures"), job.oldSignatures};
+    requireAllApart({{QStringLiteral("NEW_BUILD"), newBuild}, old,
+        {QStringLiteral("--patch"), job.patch}, {QStringLiteral("--signatures"), job.signatures}});
     requireReplaceable(job.patch, Pellox::PATCH_RULES_FILE);
     requireReplaceable(job.signatures, Pellox::SIGNATURES_FILE);
-    const QStringList oldFiles = oldFilesOf(job);
-    job.newBuild = checkedNewBuild(console, newBuild, oldFiles, arguments.ignore);
+    const QStringList oldFiles = oldFilesOf(job, arguments.newBuildOptions.allowEmpty);
+    job.newBuild = checkedNewBuild(newBuild, oldFiles, arguments.newBuildOptions);
     // Ignored files are signed too.
     refuseManifestName(newBuild, Pellox::SIGNATURES_FILE, {});
     return job;
@@ -109,7 +133,10 @@ std::optional<Packing> checkedPacking(const Arguments &arguments, const Job &job
         if (!leftOut.contains(file))
             refuseNameForSevenZip(file, job.newBuild.folder);
     }
-    return std::make_optional<Packing>(job.patch, archive, PackOptions());
+    PackOptions options;
+    options.offersForce = true;
+    options.force = arguments.force;
+    return std::make_optional<Packing>(job.patch, archive, options);
 }
 
 /// A folder for the signatures of the old build, which go when it does.
@@ -124,23 +151,65 @@ std::unique_ptr<QTemporaryDir> temporarySignatures(const Job &job)
     return folder;
 }
 
-QString kindAndSize(const QJsonValue &rule)
+/// One thing that a dry run tells.
+struct PlannedFile
 {
-    const QString kind = ruleNameOf(rule);
-    const QString size = kind == Pellox::DELETE_RULE ? QString() : byteCount(fileSizeOf(rule));
+    QString path; ///< relative
+    QString kind; ///< the name of a rule, or Ignored
+    qint64 size;  ///< of the new file; -1 where there is none
+};
+
+const QString Ignored = QStringLiteral("ignore");
+
+QString kindAndSize(const PlannedFile &file)
+{
+    const QString size = file.size < 0 ? QString() : byteCount(file.size);
     constexpr int KindWidth = 6;
     constexpr int SizeWidth = 10;
-    return kind.leftJustified(KindWidth) + QLatin1Char(' ') + size.rightJustified(SizeWidth);
+    return file.kind.leftJustified(KindWidth) + QLatin1Char(' ') + size.rightJustified(SizeWidth);
 }
 
-void tellRule(Console &console, const QJsonValue &rule)
+void tellPlannedFile(Console &console, const PlannedFile &file)
 {
-    const QString path = relativePathOf(rule).mid(1);
-    QJsonObject object{{QStringLiteral("rule"), ruleNameOf(rule)}, {QStringLiteral("file"), path}};
-    if (ruleNameOf(rule) != Pellox::DELETE_RULE)
-        object.insert(QStringLiteral("size"), fileSizeOf(rule));
-    console.event(QStringLiteral("rule"), object);
-    console.result(kindAndSize(rule) + QLatin1String("  ") + path);
+    QJsonObject object{{QStringLiteral("file"), file.path}};
+    if (file.size >= 0)
+        object.insert(QStringLiteral("size"), file.size);
+    if (file.kind != Ignored)
+        object.insert(QStringLiteral("rule"), file.kind);
+    console.event(file.kind == Ignored ? Ignored : QStringLiteral("rule"), object);
+    console.result(kindAndSize(file) + QLatin1String("  ") + file.path);
+}
+
+/// Sorted by path, so that two plans can be compared.
+std::vector<PlannedFile> plannedFiles(const QJsonArray &rules, const NewBuild &newBuild)
+{
+    std::vector<PlannedFile> files;
+    for (const QJsonValue &rule : rules) {
+        const QString kind = ruleNameOf(rule);
+        const qint64 size = kind == Pellox::DELETE_RULE ? -1 : fileSizeOf(rule);
+        files.push_back({relativePathOf(rule).mid(1), kind, size});
+    }
+    for (const QString &file : newBuild.ignored) {
+        files.push_back({file.mid(newBuild.folder.size() + 1), Ignored, QFileInfo(file).size()});
+    }
+    std::sort(files.begin(), files.end(),
+        [](const PlannedFile &one, const PlannedFile &other) { return one.path < other.path; });
+    return files;
+}
+
+/// What of the new build is not in the patch: ", 1 file ignored (3 bytes), 2 hidden left out"
+QString leftOutSummary(const NewBuild &newBuild)
+{
+    QString text;
+    const QStringList &ignored = newBuild.ignored;
+    if (!ignored.isEmpty()) {
+        text += QStringLiteral(", %1 ignored (%2)")
+                    .arg(fileCount(ignored.size()), byteCount(totalSize(ignored)));
+    }
+    const qint64 hidden = hiddenFileCount(newBuild);
+    if (hidden > 0)
+        text += QStringLiteral(", %1 left out").arg(counted(hidden, "hidden file"));
+    return text;
 }
 
 bool tellPlan(Console &console, Engine &engine, const Job &job)
@@ -156,11 +225,11 @@ bool tellPlan(Console &console, Engine &engine, const Job &job)
         });
     if (!planned)
         return false;
-    for (const QJsonValue &rule : qAsConst(rules))
-        tellRule(console, rule);
-    console.result(
-        QStringLiteral("%1; %2 to sign (%3). Nothing was written.")
-            .arg(planSummary(rules), fileCount(newBuild.files.size()), byteCount(newBuild.size)));
+    for (const PlannedFile &file : plannedFiles(rules, newBuild))
+        tellPlannedFile(console, file);
+    console.result(QStringLiteral("%1%2; %3 to sign (%4). Nothing was written.")
+                       .arg(planSummary(rules), leftOutSummary(newBuild),
+                           fileCount(newBuild.files.size()), byteCount(newBuild.size)));
     return true;
 }
 
@@ -193,12 +262,24 @@ bool packPatch(Console &console, Packing &packing)
     }
 }
 
+void noteEarlierReleases(Console &console, const Job &job)
+{
+    const auto note = [&](const QString &folder, const QString &manifest) {
+        if (QFileInfo::exists(folder + QLatin1Char('/') + manifest))
+            console.note(QLatin1String("replaces the earlier release in ") + folder);
+    };
+    note(job.patch, Pellox::PATCH_RULES_FILE);
+    note(job.signatures, Pellox::SIGNATURES_FILE);
+}
+
 bool publish(Console &console, const Arguments &arguments)
 {
-    Job job = checkedJob(console, arguments);
+    Job job = checkedJob(arguments);
     // First, so that it still watches for signals when the others clean up.
     Engine engine(console, arguments.threads);
     std::optional<Packing> packing = checkedPacking(arguments, job);
+    noteEarlierReleases(console, job);
+    noteUnportableNames(console, job.newBuild.folder, job.newBuild.files);
     if (packing && !arguments.dryRun)
         packing->begin();
     std::unique_ptr<QTemporaryDir> temporary;
@@ -249,15 +330,18 @@ void addPublishCommand(CLI::App &app, Invocation &invocation)
         "Publish a release: make the patch and sign the new build in one pass, on all cores");
     const auto arguments = std::make_shared<Arguments>();
     addFolders(*command, *arguments);
-    addIgnoreOptions(*command, arguments->ignore);
+    addNewBuildOptions(*command, arguments->newBuildOptions);
     addThreadsOption(*command, arguments->threads);
-    command
-        ->add_option("--pack", arguments->archive,
-            "Then pack the patch into this 7z archive, as \"pellox pack\" does")
-        ->type_name("FILE");
+    CLI::Option *pack = command
+                            ->add_option("--pack", arguments->archive,
+                                "Then pack the patch into this 7z archive, as \"pellox pack\" does")
+                            ->type_name("FILE");
+    command->add_flag("--force", arguments->force, "Replace an archive that exists")->needs(pack);
     command->add_flag(
         "--dry-run", arguments->dryRun, "Tell what would be done, with sizes, and write nothing");
-    command->footer("The folders to write are replaced as a whole; one that holds anything but an "
+    command->footer("Exactly one of --old-signatures and --old-build is needed. Hidden files are "
+                    "no part\nof a build and left out.\n"
+                    "The folders to write are replaced as a whole; one that holds anything but an "
                     "earlier\nrelease is refused.\n\n"
                     "Example:\n  pellox publish releases/1.1 --old-signatures signatures/1.0 "
                     "--patch patches/1.0-1.1 --signatures signatures/1.1");

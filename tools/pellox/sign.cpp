@@ -4,6 +4,7 @@
 #include "engine.h"
 #include "folders.h"
 #include "manifests.h"
+#include "newbuild.h"
 #include "summaries.h"
 
 #include <Pellox/rules.h>
@@ -24,6 +25,7 @@ struct Arguments
     std::string build;
     std::string signatures;
     bool fast = false;
+    bool allowEmpty = false;
     int threads = 0;
 };
 
@@ -65,9 +67,10 @@ bool signOneByOne(Console &console, const QString &build, const QStringList &fil
         [&](const QString &text) { console.error(signatures, text); });
 
     console.startProgress(QStringLiteral("sign"), Progress::Unit::EstimatedBytes, size);
-    controller.createSignatures(build, signatures, [&](double percent) {
-        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
-    });
+    controller.createSignatures(
+        build, signatures, [&](double percent) { console.advanceTo(shareOf(size, percent)); });
+    if (console.errorCount() == 0)
+        console.advanceTo(size);
     console.stopProgress();
 
     if (console.errorCount() == 0)
@@ -86,6 +89,9 @@ bool sign(Console &console, const Arguments &arguments)
     refuseManifestName(build, Pellox::SIGNATURES_FILE, {});
 
     const QStringList files = filesOfBuild(build);
+    if (!arguments.allowEmpty)
+        refuseEmpty(build, files);
+    noteUnportableNames(console, build, files);
     const qint64 size = totalSize(files);
     const bool made = arguments.fast
         ? Engine(console, arguments.threads).sign(build, size, signatures)
@@ -107,10 +113,11 @@ void addSignCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command
         ->add_option("SIGNATURES", arguments->signatures,
-            "The folder to write: a signature a file, and signatures.json")
+            "The folder to write: one signature for each file, and signatures.json")
         ->type_name("FOLDER")
         ->required();
     addFastOptions(*command, arguments->fast, arguments->threads);
+    addAllowEmptyOption(*command, arguments->allowEmpty);
     command->footer(
         "Files of the same name in SIGNATURES are replaced, others stay; with --fast the\n"
         "folder is replaced as a whole, and refused when it holds more than a release.\n"

@@ -48,10 +48,10 @@ std::string replaceByBytes(std::string &text, const std::string &example)
 
 } // namespace
 
-void addSizeOption(
+CLI::Option *addSizeOption(
     CLI::App &command, const std::string &name, qint64 &size, const std::string &description)
 {
-    command.add_option(name, size, description)
+    return command.add_option(name, size, description)
         ->transform(CLI::Validator([example = shortForm(size)](
                                        std::string &text) { return replaceByBytes(text, example); },
             std::string()))

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "engine.h"
 #include "folders.h"
+#include "keyfiles.h"
 #include "manifests.h"
 
 #include <Pellox/UpdateController>
@@ -11,6 +12,7 @@
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace {
 
@@ -22,7 +24,9 @@ struct Arguments
     std::string build;
     std::string patch;
     std::optional<std::string> fallback;
+    std::vector<std::string> trustedKeys;
     int threads = 0;
+    bool allowsOlder = false;
     bool keepsPrevious = false;
     bool dryRun = false;
     bool doesNotSync = false;
@@ -111,6 +115,8 @@ Ending update(Console &console, const Arguments &arguments)
     UpdateController controller;
     controller.setThreadCount(arguments.threads);
     controller.setFallbackSource(folders.fallback);
+    controller.setTrustedKeys(existingKeys(arguments.trustedKeys));
+    controller.setOlderAllowed(arguments.allowsOlder);
     controller.setKeepPrevious(arguments.keepsPrevious);
     controller.setSynced(!arguments.doesNotSync);
     if (arguments.dryRun)
@@ -129,6 +135,12 @@ void addOptions(CLI::App &command, Arguments &arguments)
             "A folder with the files of the new build: what is missing or changed in BUILD is "
             "taken whole from there")
         ->type_name("FOLDER");
+    CLI::Option *trustedKeys = addKeysOption(command, "--trusted-key", arguments.trustedKeys,
+        "A public key: only a patch that one of those given has sealed is taken");
+    command
+        .add_flag("--allow-older", arguments.allowsOlder,
+            "Let a sealed patch lead to an older release than the one that is installed")
+        ->needs(trustedKeys);
     command.add_flag("--keep-previous", arguments.keepsPrevious,
         "Keep what is replaced and deleted, for \"pellox rollback\"");
     command.add_flag(

@@ -4,6 +4,7 @@
 #include "folders.h"
 #include "interrupt.h"
 #include "manifests.h"
+#include "patchcheck.h"
 
 #include <Pellox/BinariesController>
 #include <Pellox/rules.h>
@@ -22,7 +23,10 @@ struct Arguments
 {
     std::string build;
     std::string patch;
+    bool tellsAll = false; ///< every file, however many
 };
+
+constexpr int MostTold = 10;
 
 bool isPatchRule(const QJsonValue &rule)
 {
@@ -40,11 +44,31 @@ void noteMissing(Console &console, qint64 missing, qint64 patched)
 {
     if (missing > 0 && missing == patched) {
         console.note(QStringLiteral("nothing is left to verify: run \"pellox apply\" first, or the "
-                                    "patch has been verified already"));
+                                    "patch has been verified already; \"pellox update --dry-run\" "
+                                    "tells whether the build is the new one"));
     } else if (missing > 0) {
         console.note(QStringLiteral("what is not found was put in place by an earlier verify, or "
                                     "never written because \"pellox apply\" failed"));
     }
+}
+
+/// Names the first of the files to verify, where none of them is there; a patch may have thousands.
+void tellFirstMissing(Console &console, const QString &build, const QJsonArray &rules)
+{
+    int told = 0;
+    int left = 0;
+    for (const QJsonValue &rule : rules) {
+        if (!isPatchRule(rule))
+            continue;
+        if (told == MostTold) {
+            ++left;
+            continue;
+        }
+        ++told;
+        console.error(build + relativePathOf(rule), QStringLiteral("has no .temp file to verify"));
+    }
+    console.note(
+        QStringLiteral("and so for %1; -v names them all").arg(counted(left, "more file")));
 }
 
 /// That a checked file could not take the old one's place is no error to the library.
@@ -61,11 +85,20 @@ bool verify(Console &console, const Arguments &arguments)
 {
     const QString build = existingFolder(arguments.build);
     const QString patch = existingFolder(arguments.patch);
-    const QJsonArray rules = readManifest(patch, Pellox::PATCH_RULES_FILE);
+    const QJsonArray rules = readRules(patch, build);
     requireApart(patch, build);
     requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to verify"));
+
+    const auto patched = std::count_if(rules.begin(), rules.end(), isPatchRule);
+    const auto missing = std::count_if(rules.begin(), rules.end(),
+        [&](const QJsonValue &rule) { return isPatchWithoutTemporary(build, rule); });
+    if (missing == patched && patched > MostTold && !arguments.tellsAll) {
+        tellFirstMissing(console, build, rules);
+        noteMissing(console, missing, patched);
+        return false;
+    }
 
     FailedRules failedRules(console, build);
     Pellox::BinariesController controller;
@@ -81,9 +114,6 @@ bool verify(Console &console, const Arguments &arguments)
             loop.quit();
         });
 
-    const auto patched = std::count_if(rules.begin(), rules.end(), isPatchRule);
-    const auto missing = std::count_if(rules.begin(), rules.end(),
-        [&](const QJsonValue &rule) { return isPatchWithoutTemporary(build, rule); });
     const Interrupt::Advice advice(
         "pellox: interrupted: run \"pellox verify\" again, not \"pellox apply\"\n");
     console.startProgress(QStringLiteral("verify"), Progress::Unit::Files, rules.size());
@@ -122,6 +152,7 @@ void addVerifyCommand(CLI::App &app, Invocation &invocation)
                     "a second run finds nothing left to check and fails.\n\n"
                     "Example:\n  pellox verify installed/game patches/1.0-1.1");
     command->callback([arguments, &invocation] {
+        arguments->tellsAll = invocation.console.json || invocation.console.verbose;
         invocation.run = [arguments](Console &console) { return verify(console, *arguments); };
     });
 }

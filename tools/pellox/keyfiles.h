@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include <QStringList>
+
+#include <string>
+#include <vector>
+
+/// Adds an option that names key files, one each time it is given.
+CLI::Option *addKeysOption(CLI::App &command, const std::string &name,
+    std::vector<std::string> &keys, const std::string &description);
+
+/// The absolute paths of @p keys. Throws Refusal unless each is there and no folder.
+QStringList existingKeys(const std::vector<std::string> &keys);

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+#include "engine.h"
+#include "folders.h"
+#include "interrupt.h"
+#include "keyfiles.h"
+#include "manifests.h"
+
+#include <Pellox/PatchSeal>
+#include <Pellox/rules.h>
+
+#include <QFileInfo>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+namespace {
+
+constexpr qint64 LargestRelease = (1LL << 53) - 1;
+
+struct Arguments
+{
+    std::string patch;
+    std::string oldSignatures;
+    qint64 release = 0;
+    std::vector<std::string> keys;
+    int threads = 0;
+};
+
+/// All checked.
+struct Job
+{
+    QString patch;
+    QString oldSignatures;
+    QStringList keys;
+    QStringList files; ///< of the patch
+    qint64 size = 0;   ///< theirs
+};
+
+Job checkedJob(const Arguments &arguments)
+{
+    Job job;
+    job.patch = existingFolder(arguments.patch);
+    job.oldSignatures = existingFolder(arguments.oldSignatures);
+    requireApart(job.oldSignatures, job.patch);
+    job.keys = existingKeys(arguments.keys);
+    for (const QString &key : qAsConst(job.keys))
+        requireOutside(key, job.patch);
+    readManifest(job.patch, Pellox::PATCH_RULES_FILE);
+    readManifest(job.oldSignatures, Pellox::SIGNATURES_FILE);
+    job.files = filesOfBuild(job.patch);
+    job.files.removeAll(pathIn(job.patch, QStringLiteral("patchSeal.json")));
+    job.size = totalSize(job.files);
+    return job;
+}
+
+/// The path that @p error begins with, which may hold a colon itself.
+QString fileOf(const QString &error)
+{
+    const QLatin1String colon(": ");
+    int end = error.indexOf(colon);
+    const QString shortest = error.left(std::max(end, 0));
+    while (end >= 0 && !isThere(error.left(end)))
+        end = error.indexOf(colon, end + 1);
+    return end < 0 ? shortest : error.left(end);
+}
+
+bool seal(Console &console, const Arguments &arguments)
+{
+    const Job job = checkedJob(arguments);
+    Pellox::PatchSeal sealer;
+    sealer.setThreadCount(arguments.threads);
+    // Sealing blocks the event loop, in which the watch would call: its progress asks instead.
+    const Interrupt::Watch watch([] {});
+    const auto progress = [&](double percent) {
+        if (Interrupt::isStopped())
+            sealer.cancel();
+        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(job.size)));
+    };
+    console.startProgress(QStringLiteral("seal"), Progress::Unit::EstimatedBytes, job.size);
+    const bool isSealed
+        = sealer.seal(job.patch, job.oldSignatures, arguments.release, job.keys, progress);
+    console.stopProgress();
+    if (!isSealed && sealer.wasCancelled())
+        throw Interrupt::Stopped();
+    if (!isSealed) {
+        console.error(fileOf(sealer.error()), sealer.error());
+        return false;
+    }
+    console.result(QStringLiteral("Sealed release %1, %2 (%3), with %4: %5")
+                       .arg(QString::number(arguments.release), fileCount(job.files.size()),
+                           byteCount(job.size), counted(job.keys.size(), "key"), job.patch));
+    return true;
+}
+
+void addOptions(CLI::App &command, Arguments &arguments)
+{
+    command
+        .add_option("--signatures", arguments.oldSignatures,
+            "The signatures of the build that the patch leads on from, as \"pellox publish\" or "
+            "\"pellox sign\" wrote them")
+        ->type_name("FOLDER")
+        ->required();
+    command
+        .add_option("--release", arguments.release,
+            "The number of the release that the patch leads to, from 1 on; each release has a "
+            "greater one than those before")
+        ->type_name("N")
+        ->check(CLI::Range(qint64(1), LargestRelease))
+        ->required();
+    addKeysOption(command, "--key", arguments.keys,
+        "A private key, of \"pellox keygen\" or \"openssl genpkey -algorithm ed25519\"; players "
+        "need to trust one of those given")
+        ->required();
+    addThreadsOption(command, arguments.threads);
+}
+
+} // namespace
+
+void addSealCommand(CLI::App &app, Invocation &invocation)
+{
+    CLI::App *command = addCommand(
+        app, invocation, "seal", "Seal a patch, so that players can tell it from any other");
+    const auto arguments = std::make_shared<Arguments>();
+    command
+        ->add_option("PATCH", arguments->patch,
+            "What \"pellox publish\" or \"pellox diff\" wrote; gets a patchSeal.json")
+        ->type_name("FOLDER")
+        ->required();
+    addOptions(*command, *arguments);
+    command->footer(
+        "An earlier seal is replaced in one step. Seal before you pack, and change nothing\n"
+        "afterwards.\n\n"
+        "Example:\n  pellox seal patches/1.0-1.1 --signatures signatures/1.0 --release 2 "
+        "--key publisher.key");
+    command->callback([arguments, &invocation] {
+        invocation.run = [arguments](Console &console) { return seal(console, *arguments); };
+    });
+}
