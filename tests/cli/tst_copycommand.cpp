@@ -748,9 +748,9 @@ void tst_CopyCommand::interruptEndsTheComparison()
         {QStringLiteral("copy"), QStringLiteral("one"), QStringLiteral("copy"),
             QStringLiteral("--json")},
         m_tree->path());
-    // In the midst of the one file.
+    // As soon as it begins, so in the midst of the one file.
     const QRegularExpression underWay(
-        QStringLiteral("\"done\":[1-9]\\d*,\"event\":\"progress\",\"stage\":\"compare\""));
+        QStringLiteral("\"event\":\"progress\",\"stage\":\"compare\""));
     QString output;
     while (!underWay.match(output).hasMatch() && process.waitForReadyRead())
         output += QString::fromUtf8(process.readAllStandardOutput());
