@@ -42,7 +42,6 @@ campaign_hostile() { run $bin/tst_rulechecks; }
 campaign_trees() { PELLOX_TREES=${TREES:-1000} run $bin/tst_publishequalscore; }
 
 campaign_threads() {
-    scripts/setup.sh build test >&2
     cmake --preset tsan >/dev/null
     cmake --build --preset tsan >&2
     ctest --preset tsan -R 'tst_(publish|update|sealed|integrity|patchinspector)' | tail -n 25

@@ -3,6 +3,7 @@
 
 #include "diskfile.h"
 #include "filesystem.h"
+#include "wholefile.h"
 
 #include <QFileInfo>
 
@@ -52,17 +53,10 @@ Commit::Begun Commit::begin(Journal journal)
 bool Commit::writeJournal()
 {
     const QString unfinished = absolute(WorkFolder::NewJournal);
-    const QByteArray bytes = m_journal.toBytes();
-    OutputFile file;
     if (!removeFile(unfinished))
         return failBySystem(unfinished, "cannot be removed: ");
-    if (file.open(unfinished))
-        file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    const bool synced = !m_syncs || file.sync();
-    if (!file.close() || !synced) {
-        m_error = file.error();
+    if (!writeWhole(unfinished, m_journal.toBytes(), m_syncs, &m_error))
         return false;
-    }
     const QString path = absolute(WorkFolder::Journal);
     return renameFile(unfinished, path) || failBySystem(path, "cannot be written: ");
 }

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "crew.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
+#include <numeric>
 
 namespace Pellox {
 
@@ -18,15 +20,12 @@ Crew::Crew(int threadCount, const std::atomic<bool> &cancelled)
 {
 }
 
-bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
+bool Crew::run(const std::vector<qint64> &sizes, qint64 large, const Task &task,
     const std::function<void()> &report)
 {
     std::unique_lock lock(m_mutex);
     m_task = &task;
-    m_nextLarge = 0;
-    m_largeCount = largeCount;
-    m_nextSmall = largeCount;
-    m_count = count;
+    setOrder(sizes, large);
 
     std::vector<std::thread> threads = startThreads();
     std::exception_ptr thrown;
@@ -50,6 +49,20 @@ bool Crew::run(std::size_t count, std::size_t largeCount, const Task &task,
     if (thrown)
         std::rethrow_exception(thrown);
     return !isStopped();
+}
+
+/// Called with the lock held.
+void Crew::setOrder(const std::vector<qint64> &sizes, qint64 large)
+{
+    m_order.resize(sizes.size());
+    std::iota(m_order.begin(), m_order.end(), std::size_t(0));
+    const auto smallOnes = std::stable_partition(
+        m_order.begin(), m_order.end(), [&](std::size_t i) { return sizes[i] > large; });
+    std::stable_sort(m_order.begin(), smallOnes,
+        [&](std::size_t i, std::size_t j) { return sizes[i] > sizes[j]; });
+    m_nextLarge = 0;
+    m_largeCount = static_cast<std::size_t>(smallOnes - m_order.begin());
+    m_nextSmall = m_largeCount;
 }
 
 /// Called with the lock held, so that none begins before all are there.
@@ -96,7 +109,7 @@ void Crew::work()
 void Crew::carryOut(std::size_t task)
 {
     try {
-        (*m_task)(task);
+        (*m_task)(m_order[task]);
     } catch (const std::exception &) {
         failItself(OutOfMemory);
     }
@@ -117,7 +130,7 @@ std::optional<std::size_t> Crew::nextTask()
 
 std::optional<std::size_t> Crew::nextSmallTask()
 {
-    return m_nextSmall < m_count ? std::optional(m_nextSmall++) : std::nullopt;
+    return m_nextSmall < m_order.size() ? std::optional(m_nextSmall++) : std::nullopt;
 }
 
 bool Crew::help(std::unique_lock<std::mutex> &lock)

@@ -43,13 +43,13 @@ public:
     using Task = std::function<void(std::size_t)>;
 
     /**
-     * Calls @p task on the crew's threads for each number from 0 up to @p count. The first
-     * @p largeCount of them come first and may share work; any other one may be taken up while a
-     * large one waits. Meanwhile calls @p report on the calling thread now and then. True when
-     * all has been done, once the threads have ended. What @p report throws stops the crew and is
-     * thrown on then.
+     * Calls @p task on the crew's threads for the index of each of @p sizes. Those above @p large
+     * may share work and come first, the largest at the front, as the end of the last one is what
+     * all wait for; any other one may be taken up while a large one waits. Meanwhile calls @p
+     * report on the calling thread now and then. True when all has been done, once the threads have
+     * ended. What @p report throws stops the crew and is thrown on then.
      */
-    bool run(std::size_t count, std::size_t largeCount, const Task &task,
+    bool run(const std::vector<qint64> &sizes, qint64 large, const Task &task,
         const std::function<void()> &report);
 
     /// For a large task: does all steps of @p work with the help of the other threads. False when
@@ -79,6 +79,7 @@ private:
     };
 
     std::vector<std::thread> startThreads();
+    void setOrder(const std::vector<qint64> &sizes, qint64 large);
     void work();
     void carryOut(std::size_t task);
     std::optional<std::size_t> nextTask();
@@ -98,10 +99,10 @@ private:
     std::condition_variable m_changed;
     std::condition_variable m_ended;
     const Task *m_task = nullptr;
+    std::vector<std::size_t> m_order; ///< of tasks, the large ones first
     std::size_t m_nextLarge = 0;
     std::size_t m_largeCount = 0;
     std::size_t m_nextSmall = 0;
-    std::size_t m_count = 0;
     int m_largeUnderWay = 0;
     int m_threads = 0; ///< that have not ended
     std::list<Entry> m_works;

@@ -2,6 +2,7 @@
 #include "installedrelease.h"
 
 #include "filesystem.h"
+#include "wholefile.h"
 #include "workfolder.h"
 
 #include <QJsonDocument>
@@ -54,15 +55,11 @@ bool InstalledRelease::write(const QString &folder, FileError *error) const
 {
     const QString path = folder + WorkFolder::Release;
     const QString unfinished = folder + WorkFolder::NewRelease;
-    const QByteArray bytes = QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
-    OutputFile file;
     removeFile(unfinished);
-    if (file.open(unfinished))
-        file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    const bool isWritten = file.close();
-    if (!isWritten)
-        *error = file.error();
-    else if (!renameFile(unfinished, path))
+    if (!writeWhole(
+            unfinished, QJsonDocument(toJson()).toJson(QJsonDocument::Compact), false, error))
+        return false;
+    if (!renameFile(unfinished, path))
         *error = FileError::ofSystem(path, "cannot be written: ");
     return error->isEmpty();
 }

@@ -47,26 +47,19 @@ bool IntegrityRun::carryOutCheck()
 
 bool IntegrityRun::compare()
 {
-    std::vector<std::size_t> order(m_files.size());
     std::vector<qint64> sizes(m_files.size());
     qint64 total = 0;
     for (std::size_t i = 0; i < m_files.size(); ++i) {
-        order[i] = i;
         const QFileInfo info(installed(m_files[i]));
         sizes[i] = info.isFile() ? info.size() : 0;
         total += sizes[i];
     }
-    const auto smallOnes = std::stable_partition(
-        order.begin(), order.end(), [&](std::size_t i) { return sizes[i] > FilePass::ChunkSize; });
-    std::stable_sort(order.begin(), smallOnes,
-        [&](std::size_t i, std::size_t j) { return sizes[i] > sizes[j]; });
-
     m_states.assign(m_files.size(), State::Unreadable);
     std::atomic<qint64> done{0};
     Crew crew(m_settings.threadCount, m_cancelled);
     const bool compared = crew.run(
-        order.size(), static_cast<std::size_t>(smallOnes - order.begin()),
-        [&](std::size_t i) { m_states[order[i]] = stateOf(crew, m_files[order[i]], done); },
+        sizes, FilePass::ChunkSize,
+        [&](std::size_t i) { m_states[i] = stateOf(crew, m_files[i], done); },
         [&] { m_reports.progress(std::min<qint64>(done, total), total); });
     if (!compared)
         return fail(Code::ReadOrWrite, m_settings.build, crew.error());

@@ -50,7 +50,7 @@ public:
     std::vector<HashedFile> takeOutcome() { return std::move(m_outcome); }
 
 private:
-    void hash(std::size_t file, bool isLarge);
+    void hash(std::size_t file);
     void keepError(HashedFile &outcome, const QString &error);
 
     const QString m_patch;
@@ -72,30 +72,23 @@ Hashing::Hashing(QString patch, const std::vector<PatchFile> &files, const HashS
 
 bool Hashing::carryOut(QString *error)
 {
-    // Large files first, the largest at the front: the end of the last one is what all wait for.
-    std::vector<std::size_t> order(m_files.size());
-    std::iota(order.begin(), order.end(), 0);
-    const auto smallOnes = std::stable_partition(order.begin(), order.end(),
-        [this](std::size_t i) { return m_files[i].size > FilePass::ChunkSize; });
-    std::stable_sort(order.begin(), smallOnes,
-        [this](std::size_t i, std::size_t j) { return m_files[i].size > m_files[j].size; });
-    const auto largeCount = static_cast<std::size_t>(smallOnes - order.begin());
-
-    const qint64 total = std::accumulate(m_files.cbegin(), m_files.cend(), qint64(0),
-        [](qint64 sum, const PatchFile &file) { return sum + file.size; });
+    std::vector<qint64> sizes(m_files.size());
+    std::transform(m_files.cbegin(), m_files.cend(), sizes.begin(),
+        [](const PatchFile &file) { return file.size; });
+    const qint64 total = std::accumulate(sizes.cbegin(), sizes.cend(), qint64(0));
     const auto report = [&] {
         if (m_settings.progress)
             m_settings.progress(std::min<qint64>(m_done, total), total);
     };
     report();
     const bool done = m_crew.run(
-        order.size(), largeCount, [&](std::size_t i) { hash(order[i], i < largeCount); }, report);
+        sizes, FilePass::ChunkSize, [&](std::size_t i) { hash(i); }, report);
     if (!done)
         *error = m_crew.error();
     return done;
 }
 
-void Hashing::hash(std::size_t file, bool isLarge)
+void Hashing::hash(std::size_t file)
 {
     HashedFile &outcome = m_outcome[file];
     InputFile input;
@@ -106,6 +99,7 @@ void Hashing::hash(std::size_t file, bool isLarge)
     FilePass::Targets targets;
     targets.digest = true;
     FilePass reading(m_crew, input, targets, m_done);
+    const bool isLarge = m_files[file].size > FilePass::ChunkSize;
     const bool isDone = isLarge ? m_crew.share(reading) : m_crew.doAlone(reading);
     if (!isDone)
         return; // the crew was stopped

@@ -257,22 +257,19 @@ bool PublishRun::workOnFiles()
         files.push_back(&file);
         m_bytes.total += file.size;
     }
-    return work(m_folders, std::move(files), m_bytes);
+    return work(m_folders, files, m_bytes);
 }
 
 /// Does for @p files what @p folders ask for.
 bool PublishRun::work(
-    const PublishFolders &folders, std::vector<NewFile *> files, FileTask::Progress &bytes)
+    const PublishFolders &folders, const std::vector<NewFile *> &files, FileTask::Progress &bytes)
 {
-    // Large files first, the largest at the front: the end of the last one is what all wait for.
-    const auto smallOnes = std::stable_partition(files.begin(), files.end(),
-        [](const NewFile *file) { return FileTask::isLarge(file->size); });
-    std::stable_sort(files.begin(), smallOnes,
-        [](const NewFile *one, const NewFile *other) { return one->size > other->size; });
-
+    std::vector<qint64> sizes(files.size());
+    std::transform(files.cbegin(), files.cend(), sizes.begin(),
+        [](const NewFile *file) { return file->size; });
     Crew crew(m_threadCount, m_cancelled);
     const bool done = crew.run(
-        files.size(), static_cast<std::size_t>(smallOnes - files.begin()),
+        sizes, FilePass::ChunkSize,
         [&](std::size_t i) { FileTask(crew, folders, *files[i], bytes).carryOut(); },
         [this] { report(); });
     if (done)

@@ -52,8 +52,8 @@ private:
     bool forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step);
     bool begin(ReleaseFolder &folder);
     bool workOnFiles();
-    bool work(
-        const PublishFolders &folders, std::vector<NewFile *> files, FileTask::Progress &bytes);
+    bool work(const PublishFolders &folders, const std::vector<NewFile *> &files,
+        FileTask::Progress &bytes);
     bool complete(const Outputs &folders);
 
     bool writeManifest(const QString &folder, QIODevice &device);

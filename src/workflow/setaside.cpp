@@ -3,6 +3,7 @@
 
 #include "diskfile.h"
 #include "filesystem.h"
+#include "wholefile.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -38,7 +39,7 @@ bool SetAside::begin(const Journal &journal)
     }
     for (const QString &path : journal.deletions)
         wayBack.first.push_back({WorkFolder::Previous + path, path});
-    return writeRecord(wayBack);
+    return writeWhole(absolute(WorkFolder::KeepingRecord), wayBack.toBytes(), false, &m_error);
 }
 
 /// Where the file system knows no second names, the content is copied.
@@ -76,18 +77,6 @@ bool SetAside::copy(const QString &from, const QString &to)
     if (output.close() && isRead)
         return true;
     m_error = isRead ? output.error() : source.error();
-    return false;
-}
-
-bool SetAside::writeRecord(const Journal &wayBack)
-{
-    const QByteArray bytes = wayBack.toBytes();
-    OutputFile record;
-    if (record.open(absolute(WorkFolder::KeepingRecord)))
-        record.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
-    if (record.close())
-        return true;
-    m_error = record.error();
     return false;
 }
 

@@ -41,7 +41,6 @@ public:
 private:
     bool keep(const QString &path);
     bool copy(const QString &from, const QString &to);
-    bool writeRecord(const Journal &wayBack);
     bool remove(const QString &record, const QString &folder);
     bool removeFolder(const QString &path);
     bool fail(const QString &path, const QString &reason);

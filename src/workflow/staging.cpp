@@ -50,19 +50,13 @@ Staging::Staging(const UpdateFolders &folders, std::vector<UpdateWork> &works, i
 bool Staging::runCrew(
     const std::function<void(UpdateWork &)> &task, const std::function<void()> &report)
 {
-    std::vector<UpdateWork *> order;
-    for (UpdateWork &work : m_works)
-        order.push_back(&work);
-    const auto smallOnes = std::stable_partition(
-        order.begin(), order.end(), [](const UpdateWork *work) { return isLarge(work->size); });
-    std::stable_sort(order.begin(), smallOnes,
-        [](const UpdateWork *one, const UpdateWork *other) { return one->size > other->size; });
-
+    std::vector<qint64> sizes(m_works.size());
+    std::transform(m_works.cbegin(), m_works.cend(), sizes.begin(),
+        [](const UpdateWork &work) { return work.size; });
     Crew crew(m_threadCount, m_cancelled);
     m_crew = &crew;
     crew.run(
-        order.size(), static_cast<std::size_t>(smallOnes - order.begin()),
-        [&](std::size_t i) { task(*order[i]); }, report);
+        sizes, FilePass::ChunkSize, [&](std::size_t i) { task(m_works[i]); }, report);
     m_crew = nullptr;
     if (m_problems.isEmpty() && !crew.error().isEmpty()) // of the crew itself: no memory, say
         add(Code::ReadOrWrite, m_folders.build, crew.error());

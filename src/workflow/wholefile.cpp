@@ -26,6 +26,18 @@ std::optional<QByteArray> readWhole(InputFile &file, qint64 largest, QString *er
     return {};
 }
 
+bool writeWhole(const QString &path, const QByteArray &bytes, bool syncs, FileError *error)
+{
+    OutputFile file;
+    if (file.open(path))
+        file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    const bool synced = !syncs || file.sync();
+    if (file.close() && synced)
+        return true;
+    *error = file.error();
+    return false;
+}
+
 bool replaceWhole(const QString &path, const QByteArray &bytes, QString *error)
 {
     const QString temporary = temporaryNameOf(path);

@@ -17,6 +17,10 @@ namespace Pellox {
  */
 std::optional<QByteArray> readWhole(InputFile &file, qint64 largest, QString *error);
 
+/// Writes a new file of @p bytes; @p syncs: and waits until they are on the disk. False after
+/// @p error, and then something may stand there.
+bool writeWhole(const QString &path, const QByteArray &bytes, bool syncs, FileError *error);
+
 /**
  * Puts a file of @p bytes in the place of @p path in one step and waits until it is on the disk. It
  * is written beside it first, under temporaryNameOf() that path. False after @p error; unless that

@@ -12,9 +12,6 @@
 #include <algorithm>
 #include <cmath>
 
-namespace {
-
-/// The path at the beginning of an error; of several that it may be, one that is there.
 QString culpritOf(const QString &problem)
 {
     const QLatin1String separator(": ");
@@ -26,8 +23,6 @@ QString culpritOf(const QString &problem)
     }
     return problem.left(std::max(first, 0));
 }
-
-} // namespace
 
 qint64 shareOf(qint64 size, double percent)
 {

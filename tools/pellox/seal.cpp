@@ -9,9 +9,6 @@
 #include <Pellox/PatchSeal>
 #include <Pellox/rules.h>
 
-#include <QFileInfo>
-
-#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -55,17 +52,6 @@ Job checkedJob(const Arguments &arguments)
     return job;
 }
 
-/// The path that @p error begins with, which may hold a colon itself.
-QString fileOf(const QString &error)
-{
-    const QLatin1String colon(": ");
-    int end = error.indexOf(colon);
-    const QString shortest = error.left(std::max(end, 0));
-    while (end >= 0 && !isThere(error.left(end)))
-        end = error.indexOf(colon, end + 1);
-    return end < 0 ? shortest : error.left(end);
-}
-
 bool seal(Console &console, const Arguments &arguments)
 {
     const Job job = checkedJob(arguments);
@@ -85,7 +71,7 @@ bool seal(Console &console, const Arguments &arguments)
     if (!isSealed && sealer.wasCancelled())
         throw Interrupt::Stopped();
     if (!isSealed) {
-        console.error(fileOf(sealer.error()), sealer.error());
+        console.error(culpritOf(sealer.error()), sealer.error());
         return false;
     }
     console.result(QStringLiteral("Sealed release %1, %2 (%3), with %4: %5")
