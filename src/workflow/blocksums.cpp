@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "blocksums.h"
 
+#include "blocklanes.h"
+
 #include <QtEndian>
 
 #include <librsync.h>
@@ -26,6 +28,28 @@ template <typename Buffer> void provide(rs_buffers_t &buffers, Buffer &output)
     buffers.avail_out = output.size() * sizeof(output[0]);
 }
 
+bool computeByLibrsync(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+{
+    records->resize(
+        static_cast<std::size_t>(SignatureFormat::blockCount(static_cast<qint64>(size))));
+    const Job job(rs_sig_begin(
+        SignatureFormat::BlockLength, SignatureFormat::StrongSumLength, RS_BLAKE2_SIG_MAGIC));
+    if (!job)
+        return false;
+    rs_buffers_t buffers{};
+    std::array<uchar, SignatureFormat::HeaderLength> header{};
+    provide(buffers, header);
+    if (rs_job_iter(job.get(), &buffers) != RS_BLOCKED || buffers.avail_out != 0)
+        return false;
+
+    // librsync reads what is before its end pointer only, but does not say so in the type.
+    buffers.next_in = const_cast<char *>(reinterpret_cast<const char *>(data));
+    buffers.avail_in = size;
+    buffers.eof_in = 1;
+    provide(buffers, *records);
+    return rs_job_iter(job.get(), &buffers) == RS_DONE && buffers.avail_out == 0;
+}
+
 } // namespace
 
 quint32 weakSumOf(const BlockRecord &record)
@@ -47,25 +71,15 @@ const std::array<uchar, SignatureFormat::HeaderLength> &signatureHeader()
 
 bool computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
-    records->resize(
-        static_cast<std::size_t>(SignatureFormat::blockCount(static_cast<qint64>(size))));
-    const Job job(rs_sig_begin(
-        SignatureFormat::BlockLength, SignatureFormat::StrongSumLength, RS_BLAKE2_SIG_MAGIC));
+    static const BlockSumMethod fastest = blockSumMethods().back();
+    return fastest.compute(data, size, records);
+}
 
-    if (!job)
-        return false;
-    rs_buffers_t buffers{};
-    std::array<uchar, SignatureFormat::HeaderLength> header{};
-    provide(buffers, header);
-    if (rs_job_iter(job.get(), &buffers) != RS_BLOCKED || buffers.avail_out != 0)
-        return false;
-
-    // librsync reads what is before its end pointer only, but does not say so in the type.
-    buffers.next_in = const_cast<char *>(reinterpret_cast<const char *>(data));
-    buffers.avail_in = size;
-    buffers.eof_in = 1;
-    provide(buffers, *records);
-    return rs_job_iter(job.get(), &buffers) == RS_DONE && buffers.avail_out == 0;
+std::vector<BlockSumMethod> blockSumMethods()
+{
+    std::vector<BlockSumMethod> methods = BlockLanes::methods();
+    methods.insert(methods.begin(), {"librsync", computeByLibrsync});
+    return methods;
 }
 
 } // namespace Pellox

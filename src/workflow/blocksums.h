@@ -17,9 +17,19 @@ quint32 weakSumOf(const BlockRecord &record);
 const std::array<uchar, SignatureFormat::HeaderLength> &signatureHeader();
 
 /**
- * The records of the blocks of @p size bytes at @p data, computed by librsync; the last block may
- * be short. Replaces what @p records holds. False when librsync fails.
+ * The records of the blocks of @p size bytes at @p data, byte for byte as librsync computes them;
+ * the last block may be short. Replaces what @p records holds. False when that fails.
  */
 bool computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
+
+/// A way to do that.
+struct BlockSumMethod
+{
+    const char *name;
+    bool (*compute)(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
+};
+
+/// What there is on this machine, librsync first and the fastest last.
+std::vector<BlockSumMethod> blockSumMethods();
 
 } // namespace Pellox
