@@ -195,13 +195,12 @@ template <int Lanes>
 }
 
 template <typename SumBlocks>
-[[gnu::always_inline]] inline bool fill(const uchar *data, std::size_t size,
+[[gnu::always_inline]] inline void fill(const uchar *data, std::size_t size,
     std::vector<BlockRecord> *records, const SumBlocks &sumBlocks)
 {
     records->resize(
         static_cast<std::size_t>(SignatureFormat::blockCount(static_cast<qint64>(size))));
     sumBlocks(data, size, records->data());
-    return true;
 }
 
 void sumTwo(const uchar *data, std::size_t size, BlockRecord *records)
@@ -209,9 +208,9 @@ void sumTwo(const uchar *data, std::size_t size, BlockRecord *records)
     sumBlocks<2>(data, size, records);
 }
 
-bool computeTwo(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+void computeTwo(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
-    return fill(data, size, records, sumTwo);
+    fill(data, size, records, sumTwo);
 }
 
 #if defined(__x86_64__)
@@ -226,14 +225,14 @@ bool computeTwo(const uchar *data, std::size_t size, std::vector<BlockRecord> *r
     sumBlocks<8>(data, size, records);
 }
 
-bool computeFour(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+void computeFour(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
-    return fill(data, size, records, sumFour);
+    fill(data, size, records, sumFour);
 }
 
-bool computeEight(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+void computeEight(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
-    return fill(data, size, records, sumEight);
+    fill(data, size, records, sumEight);
 }
 
 #endif

@@ -19,16 +19,14 @@ BlockMatcher::BlockMatcher(const SignatureSet &oldBlocks, const Stretch &stretch
 {
 }
 
-bool BlockMatcher::find(qint64 from, qint64 to, std::vector<Match> *matches, std::size_t most)
+void BlockMatcher::find(qint64 from, qint64 to, std::vector<Match> *matches, std::size_t most)
 {
     std::size_t found = 0;
     for (qint64 position = from; position < to && found < most;) {
-        const BlockRecord *sums = sumsAt(position);
-        if (!sums)
-            return false;
-        const quint32 block = m_oldBlocks.blockWith(*sums);
+        const BlockRecord &sums = sumsAt(position);
+        const quint32 block = m_oldBlocks.blockWith(sums);
         if (block == SignatureSet::None) {
-            position = nextCandidate(position, weakSumOf(*sums), to);
+            position = nextCandidate(position, weakSumOf(sums), to);
             continue;
         }
         const qint64 length = std::min(BlockLength, m_stretch.available - position);
@@ -36,20 +34,19 @@ bool BlockMatcher::find(qint64 from, qint64 to, std::vector<Match> *matches, std
         position += length;
         ++found;
     }
-    return true;
 }
 
-/// Both sums of the block at @p position; null when they cannot be computed.
-const BlockRecord *BlockMatcher::sumsAt(qint64 position)
+/// Both sums of the block at @p position.
+const BlockRecord &BlockMatcher::sumsAt(qint64 position)
 {
     const auto indexFrom = [position](qint64 begin) {
         return static_cast<std::size_t>((position - begin) / BlockLength);
     };
     if (!m_alignedSums.empty() && (position - m_stretch.begin) % BlockLength == 0)
-        return &m_alignedSums.at(indexFrom(m_stretch.begin));
+        return m_alignedSums.at(indexFrom(m_stretch.begin));
     if (position >= m_runBegin && (position - m_runBegin) % BlockLength == 0
         && indexFrom(m_runBegin) < m_run.size())
-        return &m_run[indexFrom(m_runBegin)];
+        return m_run[indexFrom(m_runBegin)];
 
     // A match is often followed by more, so the further it has come the more are computed ahead.
     constexpr qint64 MostAhead = 32;
@@ -60,8 +57,8 @@ const BlockRecord *BlockMatcher::sumsAt(qint64 position)
     if (!m_stretch.endsFile)
         size -= size % BlockLength; // the last one goes on behind the data
     m_runBegin = position;
-    return computeBlockSums(at(position), static_cast<std::size_t>(size), &m_run) ? &m_run.front()
-                                                                                  : nullptr;
+    computeBlockSums(at(position), static_cast<std::size_t>(size), &m_run);
+    return m_run.front();
 }
 
 /**

@@ -40,12 +40,11 @@ public:
         const std::vector<BlockRecord> &alignedSums);
 
     /// Appends the matches that begin from @p from up to @p to, @p most at most, to @p matches.
-    /// False when a sum cannot be computed.
-    bool find(qint64 from, qint64 to, std::vector<Match> *matches,
+    void find(qint64 from, qint64 to, std::vector<Match> *matches,
         std::size_t most = static_cast<std::size_t>(-1));
 
 private:
-    const BlockRecord *sumsAt(qint64 position);
+    const BlockRecord &sumsAt(qint64 position);
     qint64 nextCandidate(qint64 position, quint32 weakSum, qint64 to) const;
     const uchar *at(qint64 position) const { return m_stretch.data + (position - m_stretch.begin); }
 

@@ -8,6 +8,7 @@
 #include <librsync.h>
 
 #include <memory>
+#include <new>
 
 namespace Pellox {
 
@@ -28,26 +29,28 @@ template <typename Buffer> void provide(rs_buffers_t &buffers, Buffer &output)
     buffers.avail_out = output.size() * sizeof(output[0]);
 }
 
-bool computeByLibrsync(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+void computeByLibrsync(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
     records->resize(
         static_cast<std::size_t>(SignatureFormat::blockCount(static_cast<qint64>(size))));
     const Job job(rs_sig_begin(
         SignatureFormat::BlockLength, SignatureFormat::StrongSumLength, RS_BLAKE2_SIG_MAGIC));
     if (!job)
-        return false;
+        throw std::bad_alloc();
     rs_buffers_t buffers{};
     std::array<uchar, SignatureFormat::HeaderLength> header{};
     provide(buffers, header);
     if (rs_job_iter(job.get(), &buffers) != RS_BLOCKED || buffers.avail_out != 0)
-        return false;
+        throw std::bad_alloc();
 
     // librsync reads what is before its end pointer only, but does not say so in the type.
     buffers.next_in = const_cast<char *>(reinterpret_cast<const char *>(data));
     buffers.avail_in = size;
     buffers.eof_in = 1;
     provide(buffers, *records);
-    return rs_job_iter(job.get(), &buffers) == RS_DONE && buffers.avail_out == 0;
+    // With room for all that it writes, nothing else can go wrong.
+    if (rs_job_iter(job.get(), &buffers) != RS_DONE || buffers.avail_out != 0)
+        throw std::bad_alloc();
 }
 
 } // namespace
@@ -69,10 +72,10 @@ const std::array<uchar, SignatureFormat::HeaderLength> &signatureHeader()
     return header;
 }
 
-bool computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
+void computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records)
 {
     static const BlockSumMethod fastest = blockSumMethods().back();
-    return fastest.compute(data, size, records);
+    fastest.compute(data, size, records);
 }
 
 std::vector<BlockSumMethod> blockSumMethods()

@@ -18,18 +18,19 @@ const std::array<uchar, SignatureFormat::HeaderLength> &signatureHeader();
 
 /**
  * The records of the blocks of @p size bytes at @p data, byte for byte as librsync computes them;
- * the last block may be short. Replaces what @p records holds. False when that fails.
+ * the last block may be short. Replaces what @p records holds.
  */
-bool computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
+void computeBlockSums(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
 
 /// A way to do that.
 struct BlockSumMethod
 {
     const char *name;
-    bool (*compute)(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
+    void (*compute)(const uchar *data, std::size_t size, std::vector<BlockRecord> *records);
 };
 
-/// What there is on this machine, librsync first and the fastest last.
+/// What there is on this machine, the fastest last. First librsync, which throws std::bad_alloc
+/// where it has no memory for its own state.
 std::vector<BlockSumMethod> blockSumMethods();
 
 } // namespace Pellox

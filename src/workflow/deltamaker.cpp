@@ -11,21 +11,18 @@ DeltaMaker::DeltaMaker(OutputFile &delta, const SignatureSet &oldBlocks)
 {
 }
 
-bool DeltaMaker::find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+void DeltaMaker::find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
     std::vector<Match> *matches) const
 {
-    BlockMatcher matcher(m_oldBlocks, stretch, alignedSums);
-    return m_oldBlocks.isEmpty() || matcher.find(stretch.begin, stretch.end, matches);
+    if (!m_oldBlocks.isEmpty())
+        BlockMatcher(m_oldBlocks, stretch, alignedSums).find(stretch.begin, stretch.end, matches);
 }
 
-bool DeltaMaker::write(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+void DeltaMaker::write(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
     const std::vector<Match> &matches)
 {
     constexpr auto BlockLength = static_cast<qint64>(SignatureFormat::BlockLength);
-    std::vector<Match> joined;
-    if (!join(stretch, alignedSums, matches, &joined))
-        return false;
-    for (const Match &match : joined) {
+    for (const Match &match : join(stretch, alignedSums, matches)) {
         writeLiteral(stretch, match.position);
         m_writer.copy(match.block * BlockLength, match.length);
         m_end = match.end();
@@ -34,7 +31,6 @@ bool DeltaMaker::write(const Stretch &stretch, const std::vector<BlockRecord> &a
     m_end = std::max(m_end, stretch.end);
     if (stretch.endsFile && stretch.end == stretch.available)
         m_writer.finish();
-    return true;
 }
 
 void DeltaMaker::writeLiteral(const Stretch &stretch, qint64 end)
@@ -49,9 +45,10 @@ void DeltaMaker::writeLiteral(const Stretch &stretch, qint64 end)
  * search would have gone on behind that match. From a position that lies in no match of either
  * search, both find the same.
  */
-bool DeltaMaker::join(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
-    const std::vector<Match> &matches, std::vector<Match> *joined) const
+std::vector<Match> DeltaMaker::join(const Stretch &stretch,
+    const std::vector<BlockRecord> &alignedSums, const std::vector<Match> &matches) const
 {
+    std::vector<Match> joined;
     qint64 position = std::max(stretch.begin, m_end);
     auto match = matches.cbegin();
     const auto last = matches.cend();
@@ -60,17 +57,16 @@ bool DeltaMaker::join(const Stretch &stretch, const std::vector<BlockRecord> &al
         while (match != last && match->end() <= position)
             ++match;
         if (match == last || match->position >= position) {
-            joined->insert(joined->end(), match, last);
+            joined.insert(joined.end(), match, last);
             break;
         }
         // Inside a match that the search from here has not made.
-        const std::size_t before = joined->size();
+        const std::size_t before = joined.size();
         const qint64 to = std::min(match->end(), stretch.end);
-        if (!matcher.find(position, to, joined, 1))
-            return false;
-        position = joined->size() > before ? joined->back().end() : to;
+        matcher.find(position, to, &joined, 1);
+        position = joined.size() > before ? joined.back().end() : to;
     }
-    return true;
+    return joined;
 }
 
 } // namespace Pellox

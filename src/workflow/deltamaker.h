@@ -15,17 +15,17 @@ public:
     DeltaMaker(OutputFile &delta, const SignatureSet &oldBlocks);
 
     /// Appends to @p matches those of a search from the first byte of @p stretch on. For stretches
-    /// in any order and on any thread. False when a sum cannot be computed.
-    bool find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+    /// in any order and on any thread.
+    void find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
         std::vector<Match> *matches) const;
-    /// Writes what find() has found in @p stretch, one stretch after the other. False when a sum
-    /// cannot be computed; errors of the delta's file are its own.
-    bool write(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+    /// Writes what find() has found in @p stretch, one stretch after the other. Errors of the
+    /// delta's file are its own.
+    void write(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
         const std::vector<Match> &matches);
 
 private:
-    bool join(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
-        const std::vector<Match> &matches, std::vector<Match> *joined) const;
+    std::vector<Match> join(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+        const std::vector<Match> &matches) const;
     void writeLiteral(const Stretch &stretch, qint64 end);
 
     const SignatureSet &m_oldBlocks;

@@ -197,10 +197,10 @@ void FilePass::digest(const Chunk &chunk)
 void FilePass::compute(Chunk &chunk)
 {
     const auto size = static_cast<std::size_t>(chunk.size);
-    if (m_targets.signature && !computeBlockSums(chunk.bytes.data(), size, &chunk.sums))
-        return failSums();
-    if (m_targets.delta && !m_deltaMaker->find(stretchOf(chunk), chunk.sums, &chunk.matches))
-        failSums();
+    if (m_targets.signature)
+        computeBlockSums(chunk.bytes.data(), size, &chunk.sums);
+    if (m_targets.delta)
+        m_deltaMaker->find(stretchOf(chunk), chunk.sums, &chunk.matches);
 }
 
 Stretch FilePass::stretchOf(const Chunk &chunk) const
@@ -221,8 +221,8 @@ void FilePass::write(const Chunk &chunk)
     }
     if (m_targets.copy)
         m_targets.copy->write(chunk.bytes.data(), static_cast<std::size_t>(chunk.size));
-    if (m_targets.delta && !m_deltaMaker->write(stretchOf(chunk), chunk.sums, chunk.matches))
-        failSums();
+    if (m_targets.delta)
+        m_deltaMaker->write(stretchOf(chunk), chunk.sums, chunk.matches);
     check(m_targets.signature);
     check(m_targets.copy);
     check(m_targets.delta);
@@ -235,11 +235,6 @@ void FilePass::fail(const FileError &error)
     if (!m_failed)
         m_error = error;
     m_failed = true;
-}
-
-void FilePass::failSums()
-{
-    fail({m_input.path(), QStringLiteral("cannot be signed")});
 }
 
 /// Lets go of the chunks at the front that nobody needs any more.

@@ -87,7 +87,6 @@ private:
     Stretch stretchOf(const Chunk &chunk) const;
     void releaseDone();
     void fail(const FileError &error);
-    void failSums();
 
     Crew &m_crew;
     Content &m_input;

@@ -137,9 +137,9 @@ bool FileTask::showsChange()
         const qint64 size = std::min(BlockLength, m_file.size - begin);
         BlockRecord oldSums{};
         std::vector<BlockRecord> sums;
-        if (!m_input.readAt(begin, bytes.data(), size) || !old.readBlock(block, &oldSums)
-            || !computeBlockSums(bytes.data(), static_cast<std::size_t>(size), &sums))
+        if (!m_input.readAt(begin, bytes.data(), size) || !old.readBlock(block, &oldSums))
             return false; // said when it is read as a whole
+        computeBlockSums(bytes.data(), static_cast<std::size_t>(size), &sums);
         if (sums.front() != oldSums)
             return true;
     }

@@ -99,9 +99,9 @@ bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, 
 
 } // namespace
 
-bool ManifestWriter::add(const QVariantMap &record)
+bool ManifestWriter::add(const QJsonObject &record)
 {
-    QByteArray text = QJsonDocument(QJsonArray{QJsonObject::fromVariantMap(record)}).toJson();
+    QByteArray text = QJsonDocument(QJsonArray{record}).toJson();
     text.chop(static_cast<int>(sizeof(ArrayEnd) - 1));
     if (!m_isEmpty)
         text.replace(0, 1, ","); // instead of the bracket

@@ -4,8 +4,7 @@
 #include "goon.h"
 #include "sha512.h"
 
-#include <QJsonValue>
-#include <QVariant>
+#include <QJsonObject>
 
 #include <functional>
 #include <vector>
@@ -30,7 +29,7 @@ public:
     }
 
     // False when the device takes not all.
-    bool add(const QVariantMap &record);
+    bool add(const QJsonObject &record);
     bool finish();
 
 private:

@@ -10,6 +10,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QSet>
 
 #include <algorithm>
@@ -281,7 +282,7 @@ bool PublishRun::writeManifest(const QString &folder, QIODevice &device)
 {
     ManifestWriter writer(device);
     bool written = true;
-    const auto add = [&](const QVariantMap &record) {
+    const auto add = [&](const QJsonObject &record) {
         written = written && writer.add(record);
         goOn();
     };
@@ -293,7 +294,7 @@ bool PublishRun::writeManifest(const QString &folder, QIODevice &device)
 }
 
 /// The deletions first, the last of them at the front.
-void PublishRun::forEachRule(const std::function<void(const QVariantMap &)> &take) const
+void PublishRun::forEachRule(const std::function<void(const QJsonObject &)> &take) const
 {
     std::for_each(m_oldFiles.crbegin(), m_oldFiles.crend(), [&](const OldFile &old) {
         if (!old.isKept) {
@@ -326,16 +327,16 @@ QVariantList PublishRun::rulesWithSizes() const
     for (const NewFile &file : m_newFiles)
         sizes.insert(file.relativePath, file.size);
     QVariantList rules;
-    forEachRule([&](QVariantMap rule) {
+    forEachRule([&](QJsonObject rule) {
         if (rule.value(Manifest::Rule) == COPY_RULE)
             rule.insert(
                 Manifest::FileSize, sizes.value(rule.value(Manifest::RelativePath).toString()));
-        rules.append(rule);
+        rules.append(rule.toVariantMap());
     });
     return rules;
 }
 
-void PublishRun::forEachSignature(const std::function<void(const QVariantMap &)> &take) const
+void PublishRun::forEachSignature(const std::function<void(const QJsonObject &)> &take) const
 {
     for (const NewFile &file : m_newFiles) {
         take({

@@ -57,8 +57,8 @@ private:
     bool complete(const Outputs &folders);
 
     bool writeManifest(const QString &folder, QIODevice &device);
-    void forEachRule(const std::function<void(const QVariantMap &)> &take) const;
-    void forEachSignature(const std::function<void(const QVariantMap &)> &take) const;
+    void forEachRule(const std::function<void(const QJsonObject &)> &take) const;
+    void forEachSignature(const std::function<void(const QJsonObject &)> &take) const;
     bool fail(const QString &error);
     bool fail(const QString &path, const QString &reason);
 

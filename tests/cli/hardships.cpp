@@ -82,3 +82,10 @@ void interrupt(const QProcess &process, int signal)
     while ((pendingSignals(id) & bit) != 0)
         ::usleep(10);
 }
+
+void interruptAgain(const QProcess &process, int signal)
+{
+    constexpr int Pause = 15000; // microseconds
+    ::usleep(Pause);
+    interrupt(process, signal);
+}

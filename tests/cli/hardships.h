@@ -30,3 +30,6 @@ DiskRun runWithDisk(const QString &mountPoint, const QString &size, const QStrin
 
 /// Sends @p signal and waits until the program has taken it.
 void interrupt(const QProcess &process, int signal);
+
+/// As interrupt(), so much later that the program does not take it to be the same Ctrl-C.
+void interruptAgain(const QProcess &process, int signal);

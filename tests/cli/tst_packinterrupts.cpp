@@ -205,7 +205,7 @@ void tst_PackInterrupts::aSecondCtrlCEndsAtOnce()
     startProgram(process, program, words.split(QLatin1Char(' ')), m_tree->path());
     QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists(QStringLiteral("standin/made")), 30000);
     interrupt(process, SIGINT);
-    interrupt(process, SIGINT);
+    interruptAgain(process, SIGINT);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, Interrupted);
     QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: interrupted\n")), qPrintable(outcome.err));

@@ -19,7 +19,6 @@
 #include <optional>
 
 #include <dlfcn.h>
-#include <librsync.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -39,9 +38,8 @@ QString operator""_s(const char *text, size_t size)
     return QString::fromUtf8(text, static_cast<int>(size));
 }
 
-std::atomic<int> s_threadsLeft{-1};  // that the system gives; -1: as many as it has
-std::atomic<int> s_digestsLeft{-1};  // that libcrypto computes
-std::atomic<int> s_signingsLeft{-1}; // that librsync begins
+std::atomic<int> s_threadsLeft{-1}; // that the system gives; -1: as many as it has
+std::atomic<int> s_digestsLeft{-1}; // that libcrypto computes
 
 /// Whether one more is to be had.
 bool take(std::atomic<int> &left)
@@ -74,13 +72,6 @@ __attribute__((visibility("default"))) int EVP_DigestFinal_ex(
     using Final = int(evp_md_ctx_st *, unsigned char *, unsigned *);
     static auto *const final = original<Final>("EVP_DigestFinal_ex");
     return take(s_digestsLeft) ? final(context, digest, size) : 0;
-}
-
-__attribute__((visibility("default"))) rs_job_t *rs_sig_begin(
-    size_t blockLength, size_t strongLength, rs_magic_number magic)
-{
-    static auto *const begin = original<decltype(rs_sig_begin)>("rs_sig_begin");
-    return take(s_signingsLeft) ? begin(blockLength, strongLength, magic) : nullptr;
 }
 }
 
@@ -133,8 +124,6 @@ private Q_SLOTS:
     void noThreadAtAll();
     void digestThatCannotBeComputed_data();
     void digestThatCannotBeComputed();
-    void sumsThatCannotBeComputed_data();
-    void sumsThatCannotBeComputed();
     void outOfMemory_data();
     void outOfMemory();
     void outOfMemoryInAPatch();
@@ -181,7 +170,7 @@ void tst_PublishLimits::init()
 
 void tst_PublishLimits::cleanup()
 {
-    s_threadsLeft = s_digestsLeft = s_signingsLeft = -1;
+    s_threadsLeft = s_digestsLeft = -1;
     QThreadPool::globalInstance()->waitForDone();
     QCOMPARE(m_leftovers.found(), QByteArray());
     QCOMPARE(m_log->troubleLeft(), QStringList());
@@ -202,7 +191,7 @@ bool tst_PublishLimits::publish()
 /// One error that begins like that, which is taken, and nothing left; the next run is well.
 void tst_PublishLimits::expectFailure(const QString &begin)
 {
-    s_threadsLeft = s_digestsLeft = s_signingsLeft = -1;
+    s_threadsLeft = s_digestsLeft = -1;
     QCOMPARE(m_errors.size(), 1);
     const QString error = m_errors.takeFirst();
     QVERIFY2(error.startsWith(begin), qPrintable(error));
@@ -271,23 +260,6 @@ void tst_PublishLimits::digestThatCannotBeComputed()
         QSKIP("the library does not use libcrypto here");
     QVERIFY(!done);
     QVERIFY2(m_errors.value(0).endsWith(": cannot be hashed"_s), qPrintable(m_errors.value(0)));
-    expectFailure(path("new/"_s));
-}
-
-void tst_PublishLimits::sumsThatCannotBeComputed_data()
-{
-    QTest::addColumn<int>("before");
-    for (const int before : {0, 1, 5, 20})
-        QTest::addRow("%d before it", before) << before;
-}
-
-void tst_PublishLimits::sumsThatCannotBeComputed()
-{
-    QFETCH(int, before);
-    m_publisher->setThreadCount(2);
-    s_signingsLeft = before;
-    QVERIFY(!publish());
-    QVERIFY2(m_errors.value(0).endsWith(": cannot be signed"_s), qPrintable(m_errors.value(0)));
     expectFailure(path("new/"_s));
 }
 

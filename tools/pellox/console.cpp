@@ -30,6 +30,9 @@ int terminalColumns()
 
 bool write(std::FILE *stream, const QByteArray &bytes)
 {
+    const Interrupt::Writing writing;
+    if (!writing.isAllowed())
+        return true;
     const auto size = static_cast<size_t>(bytes.size());
     return std::fwrite(bytes.constData(), 1, size, stream) == size && std::fflush(stream) == 0;
 }

@@ -5,8 +5,10 @@
 #include <QThread>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -16,14 +18,19 @@ std::atomic<bool> s_lineOpen{false};
 std::atomic<const char *> s_lastWords{nullptr};
 std::atomic<bool> s_watched{false};
 std::atomic<int> s_signal{0}; // the first that came to the Watch, or 0
+std::atomic<qint64> s_signalTime{0};
+std::atomic<int> s_writings{0};
+std::atomic<bool> s_ending{false};
 
 constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr char PlainLine[] = "pellox: interrupted\n";
 std::atomic<const char *> s_line{PlainLine};
 
-constexpr int SignalStatus = 128; // as a shell tells of a program that a signal has ended
-constexpr int WatchInterval = 50; // milliseconds: at once, to a person
-constexpr int LateBy = 100;       // milliseconds that a signal may come here after a child had it
+constexpr int SignalStatus = 128;  // as a shell tells of a program that a signal has ended
+constexpr int WatchInterval = 50;  // milliseconds: at once, to a person
+constexpr int LateBy = 100;        // milliseconds that a signal may come here after a child had it
+constexpr int SameFor = 10;        // milliseconds: timeout(1) sends its signal twice in a row
+constexpr int LastLineTakes = 100; // milliseconds at most
 
 // From here to end() nothing but calls that are safe in a signal.
 void put(int stream, const char *text)
@@ -32,14 +39,46 @@ void put(int stream, const char *text)
     static_cast<void>(written); // nobody is left to be told
 }
 
+qint64 milliseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+/// Waits for lines that other threads have begun; one that this signal has broken off never ends.
+void waitForWritings()
+{
+    const qint64 deadline = milliseconds() + LastLineTakes;
+    while (s_writings > 0 && milliseconds() < deadline) {
+        const timespec moment{0, 1000000};
+        nanosleep(&moment, nullptr);
+    }
+}
+
+/// Whether the Watch that lives is to see to it.
+bool isForWatch(int signal)
+{
+    if (!s_watched)
+        return false;
+    const qint64 now = milliseconds();
+    qint64 none = 0;
+    if (s_signalTime.compare_exchange_strong(none, now)) {
+        s_signal = signal;
+        return true;
+    }
+    return signal != SIGINT || now - s_signalTime < SameFor;
+}
+
 void end(int signal)
 {
-    if (s_watched) {
-        int none = 0;
-        const bool isFirst = s_signal.compare_exchange_strong(none, signal);
-        if (isFirst || signal != SIGINT)
-            return;
+    const int errorBefore = errno;
+    if (isForWatch(signal)) {
+        errno = errorBefore;
+        return;
     }
+    s_ending = true;
+    waitForWritings();
     if (const char *words = s_lastWords)
         put(STDOUT_FILENO, words);
     Interrupt::tell();
@@ -66,6 +105,17 @@ void Interrupt::install()
     // the write that finds out, too.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+}
+
+Interrupt::Writing::Writing()
+{
+    ++s_writings;
+    m_isAllowed = !s_ending;
+}
+
+Interrupt::Writing::~Writing()
+{
+    --s_writings;
 }
 
 void Interrupt::setLineOpen(bool open)
@@ -134,4 +184,5 @@ Interrupt::Watch::~Watch()
 {
     s_watched = false;
     s_signal = 0;
+    s_signalTime = 0;
 }

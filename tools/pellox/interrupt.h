@@ -21,6 +21,21 @@ void setLineOpen(bool open);
 /// @p line, which must live as long as the program, goes to standard output at that end.
 void sayOnExit(const char *line);
 
+/// Lives while a line is written, so that what the end says is the last line.
+class Writing
+{
+public:
+    Writing();
+    ~Writing();
+    Writing(const Writing &) = delete;
+    Writing &operator=(const Writing &) = delete;
+    /// False once the program ends: the last line stands already.
+    bool isAllowed() const { return m_isAllowed; }
+
+private:
+    bool m_isAllowed;
+};
+
 /// Tells on standard error that the program was interrupted, and what the Advice that lives says.
 void tell();
 
@@ -59,7 +74,7 @@ void throwIfStoppedLately();
 /**
  * While it lives, the first signal calls a function from the event loop, so that the command
  * can stop and clean up; a Ctrl-C behind it ends the program at once. Other signals do not: a
- * terminal that closes sends several.
+ * terminal that closes sends several. Nor does one that comes at the same moment.
  */
 class Watch
 {

@@ -86,6 +86,13 @@ std::vector<ArchivedEntry> parseRecords(const QString &list)
     return entries;
 }
 
+void requireSevenZipFile()
+{
+    const QFileInfo program(sevenZipPath());
+    if (!program.isFile() || !program.isExecutable())
+        throw Refusal(sevenZipPath(), QLatin1String("is not there: ") + WhatBelongsThere);
+}
+
 /// Returns true when it ended well. Throws Refusal when it could not be started.
 bool waitForEnd(QProcess &process)
 {
@@ -119,10 +126,7 @@ void refuseUnreadable(const QString &firstVolume, QProcess &process)
 
 void requireSevenZip()
 {
-    const QFileInfo program(sevenZipPath());
-    if (!program.isFile() || !program.isExecutable())
-        throw Refusal(sevenZipPath(), QLatin1String("is not there: ") + WhatBelongsThere);
-
+    requireSevenZipFile();
     // One that cannot be run would be found out only when the work has begun.
     QProcess process;
     process.start(sevenZipPath(), QStringList()); // which prints its help
@@ -158,6 +162,7 @@ QString errorIn(const QString &output)
 
 std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume)
 {
+    requireSevenZipFile();
     const QFileInfo archive(firstVolume);
     QProcess process;
     process.setWorkingDirectory(archive.path()); // which may hold wildcards

@@ -34,7 +34,8 @@ struct ArchivedEntry
     bool isEncrypted;
 };
 
-/// What is in an archive by its own list. Throws Refusal when 7-Zip cannot read it or it is no 7z
+/// What is in an archive by its own list. Throws Refusal as requireSevenZip() does, when 7-Zip cannot
+/// read it or when it is no 7z
 /// archive, and Interrupt::Stopped.
 std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume);
 

@@ -65,7 +65,6 @@ Job checkedJob(const Arguments &arguments)
         throw Refusal(
             job.firstVolume, QStringLiteral("has a path that reads like 7-Zip's own messages"));
     }
-    requireSevenZip();
     job.entries = entriesOfArchive(job.firstVolume);
     for (const ArchivedEntry &entry : job.entries) {
         refuseEntry(entry, job.firstVolume, job.folder);
