@@ -84,6 +84,7 @@ private Q_SLOTS:
     void interruptStopsABuildAtTheNextBlock();
     void interruptEndsTheComparison();
     void aSecondInterruptEndsTheCopyOfAFile();
+    void oneCtrlCMayComeTwice();
     void aSecondSignalToTheCopyOfABuild_data();
     void aSecondSignalToTheCopyOfABuild();
 
@@ -770,11 +771,27 @@ void tst_CopyCommand::aSecondInterruptEndsTheCopyOfAFile()
         m_tree->path());
     QTRY_VERIFY(QFileInfo(path("copy")).size() > 0);
     interrupt(process, SIGINT);
-    interrupt(process, SIGINT);
+    interruptAgain(process, SIGINT);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, Interrupted);
     QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: interrupted\n")), qPrintable(outcome.err));
     QVERIFY(m_tree->exists(QStringLiteral("copy"))); // not taken away
+}
+
+/// As timeout(1) does: to the program, then to all of its group.
+void tst_CopyCommand::oneCtrlCMayComeTwice()
+{
+    m_tree->write(QStringLiteral("large"), QByteArray());
+    QVERIFY(QFile::resize(path("large"), qint64(4) << 30));
+    QProcess process;
+    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
+        QStringLiteral("copy large copy --block-size 16M").split(QLatin1Char(' ')), m_tree->path());
+    QTRY_VERIFY(QFileInfo(path("copy")).size() > 0);
+    const auto id = static_cast<pid_t>(process.processId());
+    QCOMPARE(::kill(id, SIGINT), 0);
+    QCOMPARE(::kill(id, SIGINT), 0);
+    QCOMPARE(outcomeOf(process).status, Interrupted);
+    QVERIFY(!m_tree->exists(QStringLiteral("copy")));
 }
 
 void tst_CopyCommand::aSecondSignalToTheCopyOfABuild_data()
@@ -792,17 +809,18 @@ void tst_CopyCommand::aSecondSignalToTheCopyOfABuild()
     QFETCH(int, signal);
     QFETCH(int, status);
     QFETCH(bool, isClean);
-    // So many that it takes a while to remove them.
-    for (int number = 0; number < 1500; ++number)
-        m_tree->write(QStringLiteral("many/%1").arg(number), "x");
+    m_tree->write(QStringLiteral("huge/large"), QByteArray());
+    QVERIFY(QFile::resize(path("huge/large"), qint64(1) << 30));
     makeOldFiles();
     const auto before = TestTree::snapshot(path("copy"));
     QProcess process;
     startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        {QStringLiteral("copy"), QStringLiteral("many"), QStringLiteral("copy")}, m_tree->path());
-    QTRY_VERIFY_WITH_TIMEOUT(holds(path("copy"), {QStringLiteral("?00")}), 30000);
+        QStringLiteral("copy huge copy --block-size 512M").split(QLatin1Char(' ')),
+        m_tree->path());
+    // The first signal waits for the end of a block, far off.
+    QTRY_VERIFY_WITH_TIMEOUT(holds(path("copy"), {QStringLiteral("large")}), 30000);
     for (int i = 0; i < 3 && process.state() == QProcess::Running; ++i)
-        interrupt(process, signal);
+        interruptAgain(process, signal);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, status);
     auto after = TestTree::snapshot(path("copy"));
