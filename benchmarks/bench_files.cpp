@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr int BuildSize = 64; // MiB
+constexpr int BuildSize = 64;       // MiB
+constexpr int LargeBuildSize = 256; // likewise
 
 /// Runs a program that lies beside this one.
 void run(const char *name, const QStringList &arguments)
@@ -34,8 +35,11 @@ public:
         write("folder/random", 4, randomBytes);
         write("folder/text", 4, randomText);
         run("7zr", packing("packed.7z", "folder"));
-        makeBuild();
-        run("7zr", packing("packed-build.7z", "build"));
+        makeBuild("build", BuildSize);
+        run("7zr", packing("packed-64.7z", "build"));
+        makeBuild("large-build", LargeBuildSize);
+        // Quickly made, and no quicker to unpack.
+        run("7zr", packing("packed-256.7z", "large-build") << QStringLiteral("-mx=1"));
     }
 
     QString path(const char *name) const { return m_dir.filePath(QLatin1String(name)); }
@@ -88,16 +92,17 @@ private:
         }
     }
 
-    /// BuildSize of what cannot be compressed, what can, and what is there several times.
-    void makeBuild() const
+    /// @p mebibytes of what cannot be compressed, what can, and what is there several times.
+    void makeBuild(const QByteArray &name, int mebibytes) const
     {
-        makeFolder("build");
-        write("build/random", 24, randomBytes);
-        write("build/text", 8, randomText);
-        makeFolder("build/small");
-        for (quint32 i = 0; i < 512; ++i) {
-            QFile file(path("build/small/") + QString::number(i));
-            const QByteArray content = randomText(MiB / 16, i % 64);
+        makeFolder(name);
+        write(name + "/random", mebibytes * 3 / 8, randomBytes);
+        write(name + "/text", mebibytes / 8, randomText);
+        makeFolder(name + "/small");
+        const auto files = static_cast<quint32>(mebibytes) * 8;
+        for (quint32 i = 0; i < files; ++i) {
+            QFile file(path(name + "/small/") + QString::number(i));
+            const QByteArray content = randomText(MiB / 16, i % (files / 8));
             require(
                 file.open(QIODevice::WriteOnly) && file.write(content) == content.size(), "write");
         }
@@ -105,6 +110,11 @@ private:
 
     QTemporaryDir m_dir;
 };
+
+const char *archiveOf(int mebibytes)
+{
+    return mebibytes == BuildSize ? "packed-64.7z.001" : "packed-256.7z.001";
+}
 
 } // namespace
 
@@ -164,16 +174,16 @@ int main(int argc, char **argv)
             run("7zr", files.packing("out.7z", "build"));
         });
     compare(
-        "pellox unpack", {BuildSize},
-        [&](int) {
+        "pellox unpack", {BuildSize, LargeBuildSize},
+        [&](int mebibytes) {
             run("pellox",
-                {QStringLiteral("unpack"), files.path("packed-build.7z.001"),
+                {QStringLiteral("unpack"), files.path(archiveOf(mebibytes)),
                     files.fresh("unpacked-build")});
         },
         "7zr x",
-        [&](int) {
+        [&](int mebibytes) {
             files.fresh("unpacked-build");
-            run("7zr", files.unpacking("packed-build.7z.001", "unpacked-build"));
+            run("7zr", files.unpacking(archiveOf(mebibytes), "unpacked-build"));
         });
     return runComparisons(argc, argv);
 }
