@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Installs what is missing on a Debian machine.
-# Usage: scripts/setup.sh [build|test|browser|demo|bench|ci]...   (default: build test)
+# Usage: scripts/setup.sh [build|test|browser|demo|bench|fuzz|ci]...   (default: build test)
 set -euo pipefail
 
 packages_for() {
@@ -11,9 +11,10 @@ packages_for() {
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
     bench) echo libbenchmark-dev rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
+    fuzz) echo clang libclang-rt-dev llvm ;; # its runtimes, and names in stacks
     ci) echo clang clang-format clang-tidy ;;
     *)
-        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, ci)" >&2
+        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, ci)" >&2
         exit 2
         ;;
     esac

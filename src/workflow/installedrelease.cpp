@@ -2,10 +2,13 @@
 #include "installedrelease.h"
 
 #include "filesystem.h"
+#include "sealfile.h"
 #include "wholefile.h"
 #include "workfolder.h"
 
 #include <QJsonDocument>
+
+#include <cmath>
 
 namespace Pellox {
 
@@ -25,7 +28,8 @@ std::optional<InstalledRelease> InstalledRelease::fromJson(const QJsonObject &ob
 {
     const double number = object.value(NumberMember).toDouble();
     const auto build = Sha512::fromText(object.value(BuildMember).toString());
-    if (number < 1 || !build)
+    constexpr auto Largest = static_cast<double>(LargestRelease);
+    if (!(number >= 1 && number <= Largest && std::floor(number) == number) || !build)
         return {};
     return InstalledRelease{static_cast<qint64>(number), *build};
 }

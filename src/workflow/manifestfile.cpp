@@ -50,7 +50,8 @@ bool readIndented(QFile &file,
         const QByteArray line = readLine();
         if (line == "]\n" && record.isEmpty())
             return !moreMustCome && file.atEnd();
-        if (!moreMayCome)
+        // Qt passes over a byte order mark before each record.
+        if (!moreMayCome || (record.isEmpty() && line != "    {\n"))
             return false;
         record += line;
         if (line == "    }\n" || line == "    },\n") {
