@@ -77,7 +77,7 @@ void FileTask::doKnown()
 {
     const bool onlyDecides = m_folders.newSignatures.isEmpty() && m_folders.patch.isEmpty();
     if (isLarge(m_file.size) && !onlyDecides && showsChange()) {
-        if (describeChange(true, {}) && m_file.sha512 == m_file.oldSha512) {
+        if (describeChange(true, {}) && m_file.sha512 == *m_file.oldSha512) {
             fail(aboutFile(m_folders.oldSignatures + m_file.relativePath,
                 QStringLiteral("is not the signature of its file")));
         }
@@ -92,7 +92,7 @@ void FileTask::doKnown()
         return;
     m_file.sha512 = reading.sha512();
     decideRule();
-    if (m_file.sha512 == m_file.oldSha512) {
+    if (m_file.sha512 == *m_file.oldSha512) {
         if (wantsSignature())
             takeOverSignature();
         return;
@@ -111,7 +111,7 @@ void FileTask::doKnown()
 
 void FileTask::decideRule()
 {
-    if (wantsRule() && m_file.sha512 != m_file.oldSha512)
+    if (wantsRule() && m_file.sha512 != *m_file.oldSha512)
         m_file.rule = NewFile::Rule::Patch;
 }
 

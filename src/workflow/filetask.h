@@ -25,7 +25,7 @@ struct NewFile
     QString relativePath;
     qint64 size = 0;
     bool isIgnored = false;
-    std::optional<Sha512> oldSha512; ///< of the old build's file of this name, where there is one
+    const Sha512 *oldSha512 = nullptr; ///< of the old build's file of this name, if there is one
 
     Rule rule = Rule::None;
     Sha512 sha512; ///< where it was needed

@@ -150,6 +150,19 @@ QString PublishController::problemOfSignaturesFolder(const QString &folder)
     return problemOf(folder, SIGNATURES_FILE);
 }
 
+std::optional<QStringList> PublishController::signedFiles(
+    const QString &signatures, QString *error)
+{
+    const auto files = readSignedFiles(absoluteFolder(signatures), error, GoOn());
+    if (!files)
+        return {};
+    QStringList paths;
+    paths.reserve(static_cast<int>(files->size()));
+    for (const SignedFile &file : *files)
+        paths.append(file.relativePath);
+    return paths;
+}
+
 qint64 PublishController::signatureSize(qint64 fileSize)
 {
     return SignatureFormat::sizeFor(fileSize);

@@ -37,7 +37,8 @@ namespace Pellox {
  * of a build.
  *
  * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
- * 2,048 bytes of the old file), whatever the number and size of files.
+ * 2,048 bytes of the old file), and about half a KiB for each file of the build, its path and its
+ * checksums.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that
  * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none. It is
@@ -97,6 +98,13 @@ public:
     static QString problemOfPatchFolder(const QString &folder);
     /// The same for the signatures that createSignatures() and publish() write.
     static QString problemOfSignaturesFolder(const QString &folder);
+
+    /**
+     * The relative paths of the files whose signatures stand in folder @p signatures, in the order
+     * of its manifest, which is read record by record. Nothing, after @p error as publishError()
+     * would tell it, when the manifest is not usable.
+     */
+    static std::optional<QStringList> signedFiles(const QString &signatures, QString *error);
 
     /// How large the signature of a file of @p fileSize bytes is.
     static qint64 signatureSize(qint64 fileSize);

@@ -167,18 +167,19 @@ bool PublishRun::findNewFiles()
         ignored.insert(QDir::cleanPath(build.absoluteFilePath(path)));
 
     QString error;
-    const auto found = walkBuild(m_folders.newBuild, &error, [this] { return goOn(); });
+    auto found = walkBuild(m_folders.newBuild, &error, [this] { return goOn(); });
     if (!found)
         return fail(error);
     m_newFiles.reserve(found->size());
-    for (const BuildFile &foundFile : *found) {
+    for (BuildFile &foundFile : *found) {
         NewFile file;
-        file.relativePath = foundFile.relativePath;
+        file.relativePath = std::move(foundFile.relativePath);
         file.size = foundFile.size;
         file.isIgnored = ignored.contains(m_folders.newBuild + file.relativePath);
         if (!addNewFile(file))
             return false;
     }
+    m_oldByPath = {}; // its memory is for the work
     return true;
 }
 
@@ -187,8 +188,9 @@ bool PublishRun::addNewFile(NewFile file)
     const auto old = m_oldByPath.constFind(file.relativePath);
     if (old != m_oldByPath.constEnd()) {
         file.relativePath = old.key(); // one text for both
-        file.oldSha512 = m_oldFiles[*old].file.sha512;
-        m_oldFiles[*old].isKept = true;
+        OldFile &oldFile = m_oldFiles[*old];
+        file.oldSha512 = oldFile.file.sha512 ? &*oldFile.file.sha512 : nullptr;
+        oldFile.isKept = true;
         if (!file.oldSha512 && !file.isIgnored)
             return fail(Manifest::pathIn(m_folders.oldSignatures, SIGNATURES_FILE),
                 QLatin1String("holds no checksum of ") + file.relativePath);

@@ -270,6 +270,7 @@ private Q_SLOTS:
     void overlappingFoldersAreRefused();
     void similarNamesDoNotOverlap();
 
+    void tellsWhichFilesAreSigned();
     void unusableSignatureRecords_data();
     void unusableSignatureRecords();
     void recordWithoutAChecksum();
@@ -1405,6 +1406,21 @@ void tst_PublishController::similarNamesDoNotOverlap()
     EXPECT_CALL("publish"_s);
     QCOMPARE(differenceBetween(path("expected/patch"_s), m_paths.patch), QString());
     QCOMPARE(differenceBetween(path("expected/signatures"_s), m_paths.signatures), QString());
+}
+
+void tst_PublishController::tellsWhichFilesAreSigned()
+{
+    layRelease();
+    QString error;
+    auto files = PublishController::signedFiles(m_paths.oldSignatures, &error);
+    QVERIFY2(files, qPrintable(error));
+    files->sort();
+    QCOMPARE(*files,
+        QStringList({"/README"_s, "/data/empty"_s, "/data/intro.txt"_s, "/data/world.pak"_s,
+            "/game.exe"_s}));
+    m_tree->write("old signatures/signatures.json"_s, "[{}]");
+    QVERIFY(!PublishController::signedFiles(m_paths.oldSignatures, &error));
+    QVERIFY2(namesFirst(error, path("old signatures/signatures.json"_s)), qPrintable(error));
 }
 
 void tst_PublishController::unusableSignatureRecords_data()

@@ -24,6 +24,12 @@ QString culpritOf(const QString &problem)
     return problem.left(std::max(first, 0));
 }
 
+Refusal refusalOf(const QString &problem)
+{
+    const QString path = culpritOf(problem);
+    return Refusal(path, problem.mid(path.size() + 2)); // behind the colon
+}
+
 qint64 shareOf(qint64 size, double percent)
 {
     constexpr double Most = 99;
@@ -91,8 +97,6 @@ void requireReplaceable(const QString &folder, const QString &manifest)
     const QString problem = manifest == Pellox::PATCH_RULES_FILE
         ? PublishController::problemOfPatchFolder(folder)
         : PublishController::problemOfSignaturesFolder(folder);
-    if (problem.isEmpty())
-        return;
-    const QString path = culpritOf(problem);
-    throw Refusal(path, problem.mid(path.size() + 2)); // behind the colon
+    if (!problem.isEmpty())
+        throw refusalOf(problem);
 }

@@ -10,9 +10,13 @@
 #include <functional>
 
 class Console;
+class Refusal;
 
 /// The path at the beginning of an error; of several that it may be, one that is there.
 QString culpritOf(const QString &problem);
+
+/// That error as a Refusal.
+Refusal refusalOf(const QString &problem);
 
 /// @p percent of @p size, but less than all: what the library reports comes before the work's end.
 qint64 shareOf(qint64 size, double percent);

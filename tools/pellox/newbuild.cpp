@@ -91,20 +91,26 @@ qint64 hiddenFileCount(const NewBuild &build)
     QDirIterator walk(build.folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     for (; walk.hasNext(); walk.next())
         ++all;
-    return all - build.files.size();
+    return all - build.fileCount;
 }
 
-QJsonArray readSignatures(const QString &signatures, const QString &newBuild)
+void requireSignatures(const QString &signatures, const QString &newBuild)
 {
     const QString manifest = Pellox::SIGNATURES_FILE;
     const QLatin1Char separator('/');
     if (QFileInfo::exists(signatures + separator + manifest))
-        return readManifest(signatures, manifest);
+        return;
     const bool areSwapped = QFileInfo::exists(newBuild + separator + manifest);
     throw Refusal(signatures,
         QStringLiteral("holds no %1; ").arg(manifest)
             + (areSwapped ? newBuild + QLatin1String(" does: are the two folders swapped?")
                           : QStringLiteral("make it from the old build with \"pellox sign\"")));
+}
+
+QJsonArray readSignatures(const QString &signatures, const QString &newBuild)
+{
+    requireSignatures(signatures, newBuild);
+    return readManifest(signatures, Pellox::SIGNATURES_FILE);
 }
 
 NewBuild checkedNewBuild(
@@ -114,6 +120,7 @@ NewBuild checkedNewBuild(
     NewBuild build;
     build.folder = folder;
     build.files = filesOfBuild(folder);
+    build.fileCount = build.files.size();
     if (!options.allowEmpty)
         refuseEmpty(folder, build.files);
     build.ignored = ignoredFiles(options.ignore, folder, build.files);

@@ -14,6 +14,7 @@ struct NewBuild
 {
     QString folder;
     QStringList files;   ///< as the library counts them, ignored ones too
+    int fileCount = 0;   ///< of them, also when they have been let go
     QStringList ignored; ///< of them
     qint64 size = 0;     ///< of all files
 };
@@ -47,6 +48,8 @@ void noteUnportableNames(Console &console, const QString &build, const QStringLi
 /// build.
 qint64 hiddenFileCount(const NewBuild &build);
 
-/// The records of signatures.json in @p signatures. Throws Refusal, with a hint where @p newBuild
+/// Throws Refusal when there is no signatures.json in @p signatures, with a hint where @p newBuild
 /// seems to have been given in its place.
+void requireSignatures(const QString &signatures, const QString &newBuild);
+/// Its records. Throws Refusal, as above too.
 QJsonArray readSignatures(const QString &signatures, const QString &newBuild);

@@ -79,10 +79,20 @@ QStringList relativePaths(const QStringList &files, const QString &build)
     return paths;
 }
 
+QStringList signedFilesOf(const Job &job)
+{
+    requireSignatures(job.oldSignatures, job.newBuild.folder);
+    QString error;
+    const auto files = PublishController::signedFiles(job.oldSignatures, &error);
+    if (!files)
+        throw refusalOf(error);
+    return *files;
+}
+
 QStringList oldFilesOf(const Job &job, bool allowEmpty)
 {
     if (job.oldBuild.isEmpty())
-        return relativePathsOf(readSignatures(job.oldSignatures, job.newBuild.folder));
+        return signedFilesOf(job);
     requireListable(job.oldBuild);
     refuseManifestName(job.oldBuild, Pellox::SIGNATURES_FILE, {});
     const QStringList files = filesOfBuild(job.oldBuild);
@@ -229,7 +239,7 @@ bool tellPlan(Console &console, Engine &engine, const Job &job)
         tellPlannedFile(console, file);
     console.result(QStringLiteral("%1%2; %3 to sign (%4). Nothing was written.")
                        .arg(planSummary(rules), leftOutSummary(newBuild),
-                           fileCount(newBuild.files.size()), byteCount(newBuild.size)));
+                           fileCount(newBuild.fileCount), byteCount(newBuild.size)));
     return true;
 }
 
@@ -247,7 +257,7 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
     if (!rules)
         return false;
     console.result(patchSummary(*rules, job.patch));
-    console.result(signedSummary(newBuild.files.size(), newBuild.size, job.signatures));
+    console.result(signedSummary(newBuild.fileCount, newBuild.size, job.signatures));
     return true;
 }
 
@@ -280,6 +290,7 @@ bool publish(Console &console, const Arguments &arguments)
     std::optional<Packing> packing = checkedPacking(arguments, job);
     noteEarlierReleases(console, job);
     noteUnportableNames(console, job.newBuild.folder, job.newBuild.files);
+    job.newBuild.files.clear(); // for many files much memory, which the work has a use for
     if (packing && !arguments.dryRun)
         packing->begin();
     std::unique_ptr<QTemporaryDir> temporary;
