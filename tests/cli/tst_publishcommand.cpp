@@ -375,6 +375,7 @@ void tst_PublishCommand::namesThatPlayersCannotHaveAreNoted_data()
     const QString alike = QStringLiteral("pellox: 1 file with a name that differs in case alone");
     QTest::newRow("file in another case") << QStringLiteral("Game.EXE") << alike;
     QTest::newRow("folder in another case") << QStringLiteral("Levels/two.map") << alike;
+    QTest::newRow("folder's name in another case") << QStringLiteral("LEVELS") << alike;
     QTest::newRow("umlaut in another case") << QStringLiteral("data/GRÜSSE.pak") << QString();
     for (const char *name : {"console", "levels/icon.txt", ".. x", "com10", "one.map/con1", "nul_"})
         QTest::newRow(name) << QString::fromLatin1(name) << QString();

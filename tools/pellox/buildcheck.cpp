@@ -31,16 +31,29 @@ void refuseManifestName(const QString &build, const QString &manifest, const QSt
 void refuseTemporaryNames(const QString &newBuild, const QStringList &files,
     const QStringList &ignored, const QStringList &oldFiles)
 {
-    QSet<QString> newPaths(files.cbegin(), files.cend());
-    newPaths -= QSet<QString>(ignored.cbegin(), ignored.cend());
-    QSet<QString> oldPaths;
+    const QLatin1String temporary(".temp");
+    QSet<QString> taken; // by the file of another name
+    const auto take = [&](const QString &path) {
+        if (path.endsWith(temporary))
+            taken.insert(path.chopped(temporary.size()));
+    };
+    const QSet<QString> leftOut(ignored.cbegin(), ignored.cend());
+    for (const QString &file : files) {
+        if (!leftOut.contains(file))
+            take(file.mid(newBuild.size()));
+    }
     for (const QString &file : oldFiles)
-        oldPaths.insert(newBuild + file);
+        take(file);
 
-    for (const QString &path : newPaths &oldPaths) {
-        const QString temporary = path + QLatin1String(".temp");
-        if (newPaths.contains(temporary) || oldPaths.contains(temporary)) {
-            throw Refusal(temporary,
+    QSet<QString> takenInNew;
+    for (const QString &file : files) {
+        const QString path = file.mid(newBuild.size());
+        if (taken.contains(path) && !leftOut.contains(file))
+            takenInNew.insert(path);
+    }
+    for (const QString &path : oldFiles) {
+        if (takenInNew.contains(path)) {
+            throw Refusal(newBuild + path + temporary,
                 QStringLiteral("would be lost when players patch the file without .temp"));
         }
     }

@@ -10,8 +10,10 @@
 
 #include <QDirIterator>
 #include <QFileInfo>
-#include <QHash>
 #include <QRegularExpression>
+
+#include <algorithm>
+#include <optional>
 
 namespace {
 
@@ -25,6 +27,30 @@ bool isRefusedName(const QString &path)
             "*([.][^/]*)?(/|$)"),
         QRegularExpression::CaseInsensitiveOption);
     return Refused.match(path).hasMatch();
+}
+
+/// The first parts of two paths that differ, if they differ in case alone: "a/B and a/b"
+std::optional<QString> namesAlike(const QString &path, const QString &other)
+{
+    int end = 0;
+    while (end < path.size() && end < other.size() && path.at(end) == other.at(end))
+        ++end;
+    const QLatin1Char separator('/');
+    const QString beginning = path.section(separator, 0, path.left(end).count(separator));
+    const QString otherBeginning = other.section(separator, 0, other.left(end).count(separator));
+    if (beginning == otherBeginning || beginning.compare(otherBeginning, Qt::CaseInsensitive) != 0)
+        return {};
+    return beginning + QLatin1String(" and ") + otherBeginning;
+}
+
+/// Without case, and what is in a folder right behind what has its name.
+bool isBefore(const QString &path, const QString &other)
+{
+    const auto rank = [](QChar letter) {
+        return letter == QLatin1Char('/') ? ushort(0) : letter.toCaseFolded().unicode();
+    };
+    return std::lexicographical_compare(path.cbegin(), path.cend(), other.cbegin(), other.cend(),
+        [&](QChar one, QChar two) { return rank(one) < rank(two); });
 }
 
 } // namespace
@@ -52,24 +78,11 @@ void refuseEmpty(const QString &build, const QStringList &files)
 
 void noteUnportableNames(Console &console, const QString &build, const QStringList &files)
 {
+    const auto relative = [&](const QString &file) { return file.mid(build.size() + 1); };
     QStringList refused;
-    QStringList alike;
-    QHash<QString, QString> known; // paths of files and folders, by what they are without case
     for (const QString &file : files) {
-        const QString path = file.mid(build.size() + 1);
-        if (isRefusedName(path))
-            refused.append(path);
-        const int parts = path.count(QLatin1Char('/')) + 1;
-        for (int part = 0; part < parts; ++part) {
-            const QString beginning = path.section(QLatin1Char('/'), 0, part);
-            QString &other = known[beginning.toCaseFolded()];
-            if (other.isEmpty()) {
-                other = beginning;
-            } else if (other != beginning) {
-                alike.append(other + QLatin1String(" and ") + beginning);
-                break;
-            }
-        }
+        if (isRefusedName(relative(file)))
+            refused.append(relative(file));
     }
     refused.sort();
     if (!refused.isEmpty()) {
@@ -77,6 +90,16 @@ void noteUnportableNames(Console &console, const QString &build, const QStringLi
             QStringLiteral("%1 with a name that \"pellox update\" refuses, as some systems "
                            "cannot have it: %2")
                 .arg(fileCount(refused.size()), refused.first()));
+    }
+
+    // Side by side when sorted so; a table of all folders and files would take much memory.
+    QStringList sorted = files;
+    std::sort(sorted.begin(), sorted.end(), isBefore);
+    QStringList alike;
+    for (int i = 1; i < sorted.size(); ++i) {
+        const auto names = namesAlike(relative(sorted.at(i - 1)), relative(sorted.at(i)));
+        if (names)
+            alike.append(*names);
     }
     if (!alike.isEmpty()) {
         console.note(QStringLiteral("%1 with a name that differs in case alone from another, which "
