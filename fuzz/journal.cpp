@@ -48,6 +48,7 @@ void checkPlacements(const std::vector<Journal::Placement> &placements)
         require(staysInside(placement.from), "whatever is placed comes from the build");
         require(staysInside(placement.to) && !WorkFolder::isInside(placement.to),
             "whatever is placed goes to the build");
+        require(placement.mark.size >= 0, "whatever is placed is known again");
     }
 }
 
@@ -58,7 +59,7 @@ void tryJournal(const QByteArray &bytes)
         return;
     checkPlacements(journal->first);
     checkPlacements(journal->last);
-    for (const QString &path : journal->deletions)
+    for (const auto &[path, mark] : journal->deletions)
         require(staysInside(path) && !WorkFolder::isInside(path), "deletions stay in the build");
     if (journal->release)
         checkRelease(*journal->release);
@@ -68,7 +69,8 @@ void tryJournal(const QByteArray &bytes)
     require(again.has_value(), "a written journal is read again");
     require(again->toBytes() == written, "a journal is written again as it was");
     require(again->first.size() == journal->first.size()
-            && again->last.size() == journal->last.size() && again->deletions == journal->deletions
+            && again->last.size() == journal->last.size()
+            && again->deletions.size() == journal->deletions.size()
             && again->keepsPrevious == journal->keepsPrevious
             && again->isRollback == journal->isRollback
             && again->changesRelease == journal->changesRelease
@@ -99,15 +101,16 @@ void prepare()
     build = tree->path();
     tree->makeFolder(WorkFolder::Name.mid(1));
     Journal journal;
-    journal.first.push_back({"/a.temp"_s, "/a"_s});
-    journal.deletions.append("/gone"_s);
+    journal.first.push_back({"/a.temp"_s, "/a"_s, {1, Sha512(), std::nullopt}});
+    journal.deletions.push_back({"/gone"_s});
     journal.changesRelease = true;
     journal.release = InstalledRelease{7, Sha512()};
     const QByteArray bytes = journal.toBytes();
     require(
         withChecksum(bytes.left(bytes.indexOf('\n'))) == bytes, "the checksum is the journal's");
     const auto again = Journal::fromBytes(bytes);
-    require(again && again->release && again->first.size() == 1, "a good journal is taken");
+    require(again && again->release && again->first.size() == 1 && again->deletions.size() == 1,
+        "a good journal is taken");
 }
 
 void tryInput(const QByteArray &input)

@@ -5,73 +5,117 @@
 #include "filesystem.h"
 #include "wholefile.h"
 
-#include <QFileInfo>
-
 #include <algorithm>
 #include <cerrno>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace Pellox {
 
-Commit::Commit(WorkFolder &folder, bool syncs)
-    : m_folder(folder)
-    , m_setAside(folder.build())
+Commit::Commit(BuildFiles &files, bool syncs)
+    : m_files(files)
+    , m_setAside(files)
     , m_syncs(syncs)
 {
 }
 
 Commit::Found Commit::findUnfinished()
 {
-    const QString path = absolute(WorkFolder::Journal);
-    if (!statusOf(path))
+    const Standing own = m_files.look(WorkFolder::Name);
+    // A link, say: no run has made it, and the check tells of it, unless there is more behind it.
+    if (own.status && !own.isFolder() && !mayStand(m_files.absolute(WorkFolder::Journal)))
         return Found::Nothing;
-    const auto journal = Journal::read(path, &m_error);
+    Standing standing;
+    if (!look(WorkFolder::Journal, &standing))
+        return Found::Error;
+    if (standing.isNothing())
+        return Found::Nothing;
+    const auto journal = Journal::read(m_files, WorkFolder::Journal, &m_error);
     if (!journal)
         return Found::Error;
     m_journal = *journal;
+    m_isResumed = true;
     return Found::Journal;
 }
 
 Commit::Begun Commit::begin(Journal journal)
 {
     m_journal = std::move(journal);
-    const QString path = absolute(WorkFolder::Journal);
-    const bool prepared = m_journal.keepsPrevious
-        ? m_setAside.begin(m_journal) || failAs(m_setAside)
-        : m_setAside.abandon() || failAs(m_setAside);
+    m_isResumed = false;
+    const auto prepare = [this] {
+        return m_journal.keepsPrevious ? m_setAside.begin(m_journal) || failAs(m_setAside)
+                                       : m_setAside.abandon() || failAs(m_setAside);
+    };
     // First what it relies on, then the journal itself, then its name.
-    if (!prepared || !sync() || !writeJournal()) {
-        removeFile(absolute(WorkFolder::NewJournal));
+    if (!markDeletions() || !prepare() || !sync() || !writeJournal()) {
+        if (!m_files.look(WorkFolder::Journal).isNothing())
+            return Begun::Uncertain;
+        m_files.removeFile(WorkFolder::NewJournal);
         m_setAside.abandon();
         return Begun::No;
     }
     return sync() ? Begun::Yes : Begun::Uncertain;
 }
 
+/// What stands there now, and nothing else, will be deleted.
+bool Commit::markDeletions()
+{
+    Standing standing;
+    for (Journal::Deletion &deletion : m_journal.deletions) {
+        if (!look(deletion.path, &standing))
+            return false;
+        deletion.mark = FileMark::of(standing);
+    }
+    return true;
+}
+
 bool Commit::writeJournal()
 {
-    const QString unfinished = absolute(WorkFolder::NewJournal);
-    if (!removeFile(unfinished))
-        return failBySystem(unfinished, "cannot be removed: ");
-    if (!writeWhole(unfinished, m_journal.toBytes(), m_syncs, &m_error))
-        return false;
-    const QString path = absolute(WorkFolder::Journal);
-    return renameFile(unfinished, path) || failBySystem(path, "cannot be written: ");
+    if (!m_files.removeFile(WorkFolder::NewJournal))
+        return failBySystem(WorkFolder::NewJournal, "cannot be removed: ");
+    return writeWhole(m_files, WorkFolder::NewJournal, m_journal.toBytes(), m_syncs, &m_error)
+        && (m_files.rename(WorkFolder::NewJournal, WorkFolder::Journal)
+            || failBySystem(WorkFolder::Journal, "cannot be written: "));
 }
 
 bool Commit::carryOut()
 {
     m_placed.clear();
-    if (!place(m_journal.first))
+    m_lost.clear();
+    if (!findSpoiled() || !place(m_journal.first) || !deleteAll())
         return false;
-    for (const QString &path : qAsConst(m_journal.deletions)) {
-        if (!deleteOne(path))
-            return false;
-    }
     removeEmptiedFolders();
     return place(m_journal.last) && sync() && settleRecords() && clearUp();
+}
+
+/// Between a crash and now anybody may have been there. What a rollback would place is an earlier
+/// build's only copy: it is not placed either, but stays for somebody to look at.
+bool Commit::findSpoiled()
+{
+    m_spoiled.clear();
+    if (!m_isResumed)
+        return true;
+    if (!findSpoiled(m_journal.first) || !findSpoiled(m_journal.last))
+        return false;
+    return m_journal.isRollback
+        || std::all_of(m_spoiled.cbegin(), m_spoiled.cend(), [this](const QString &path) {
+               return m_files.removeFile(path) || failBySystem(path, "cannot be removed: ");
+           });
+}
+
+bool Commit::findSpoiled(const std::vector<Journal::Placement> &placements)
+{
+    for (const auto &[from, to, mark] : placements) {
+        Standing standing;
+        if (!look(from, &standing))
+            return false;
+        if (standing.isNothing())
+            continue;
+        const auto isWhole = isThere(m_files, from, mark, &m_error);
+        if (!isWhole)
+            return false;
+        if (!*isWhole)
+            m_spoiled.insert(from);
+    }
+    return true;
 }
 
 bool Commit::place(const std::vector<Journal::Placement> &placements)
@@ -82,67 +126,114 @@ bool Commit::place(const std::vector<Journal::Placement> &placements)
 
 bool Commit::placeOne(const Journal::Placement &placement)
 {
-    const QString from = absolute(placement.from);
-    const QString to = absolute(placement.to);
-    const auto rename = [&] {
-        return renameFile(from, to)
-            || (errno == ENOENT && makeFolders(QFileInfo(to).path()) && renameFile(from, to))
-            || (errno == EISDIR && removeEmptyFolders(to) && renameFile(from, to));
-    };
-    if (statusOf(from) && !rename()) // else an earlier try has done it
-        return failBySystem(to, "cannot be replaced: ");
-    const auto status = statusOf(to);
-    if (!status)
-        return fail(to, QStringLiteral("is missing, and so is its new content"));
-    m_placed.emplace(status->st_dev, status->st_ino);
+    Standing from;
+    if (!look(placement.from, &from))
+        return false;
+    if (from.isFile() && !m_spoiled.contains(placement.from)) {
+        notePlaced(from);
+        return rename(placement) || failBySystem(placement.to, "cannot be replaced: ");
+    }
+    return m_isResumed ? acceptPlaced(placement)
+                       : fail(placement.from, QStringLiteral("is not there any more"));
+}
+
+bool Commit::rename(const Journal::Placement &placement)
+{
+    const QString &from = placement.from;
+    const QString &to = placement.to;
+    const auto tryIt = [&] { return m_files.rename(from, to); };
+    const auto makeFolders
+        = [&] { return m_files.makeFolders(to.left(to.lastIndexOf(QLatin1Char('/')))); };
+    return tryIt() || (errno == ENOENT && makeFolders() && tryIt())
+        || (errno == EISDIR && m_files.removeEmptyFolders(to) && tryIt());
+}
+
+/// Its new content is gone: because an earlier try has placed it, or else it is lost.
+bool Commit::acceptPlaced(const Journal::Placement &placement)
+{
+    const auto isPlaced = isThere(m_files, placement.to, placement.mark, &m_error);
+    Standing standing;
+    if (!isPlaced || !look(placement.to, &standing))
+        return false;
+    if (!*isPlaced)
+        m_lost.append(placement.to);
+    notePlaced(standing);
     return true;
 }
 
-bool Commit::deleteOne(const QString &path)
+void Commit::notePlaced(const Standing &standing)
 {
-    const auto status = statusOf(absolute(path));
-    if (!status || S_ISDIR(status->st_mode))
+    if (standing.status)
+        m_placed.emplace(standing.status->st_dev, standing.status->st_ino);
+}
+
+bool Commit::deleteAll()
+{
+    return std::all_of(m_journal.deletions.cbegin(), m_journal.deletions.cend(),
+        [this](const Journal::Deletion &deletion) { return deleteOne(deletion); });
+}
+
+/// A file that has come there since is somebody else's.
+bool Commit::deleteOne(const Journal::Deletion &deletion)
+{
+    const QString &path = deletion.path;
+    Standing standing;
+    if (!look(path, &standing))
+        return false;
+    if (!deletion.mark.fits(standing))
         return true;
     // Where the file system takes two names for one, this is the new file.
-    if (m_placed.count({status->st_dev, status->st_ino}) > 0)
+    if (m_placed.count({standing.status->st_dev, standing.status->st_ino}) > 0)
         return true;
     if (m_journal.keepsPrevious)
         return m_setAside.take(path) || failAs(m_setAside);
-    return removeFile(absolute(path)) || failBySystem(absolute(path), "cannot be removed: ");
+    return m_files.removeFile(path) || failBySystem(path, "cannot be removed: ");
 }
 
 /// Removes the folders that the deletions have left empty, and those above them. An earlier try may
 /// have removed some of them.
 void Commit::removeEmptiedFolders()
 {
-    for (const QString &path : qAsConst(m_journal.deletions)) {
-        QString folder = QFileInfo(path).path();
-        while (folder != QLatin1String("/")
-            && (::rmdir(QFile::encodeName(absolute(folder)).constData()) == 0 || errno == ENOENT))
-            folder = QFileInfo(folder).path();
+    const auto folderOf
+        = [](const QString &path) { return path.left(path.lastIndexOf(QLatin1Char('/'))); };
+    for (const Journal::Deletion &deletion : m_journal.deletions) {
+        QString folder = folderOf(deletion.path);
+        while (!folder.isEmpty() && (m_files.removeFolder(folder) || errno == ENOENT))
+            folder = folderOf(folder);
     }
 }
 
 /// What the build's own folder says of it: what can be brought back, and which release it is.
 bool Commit::settleRecords()
 {
-    const bool forgets = !m_journal.keepsPrevious && !m_setAside.isEmpty();
+    // What does not fit the build any more, or is used up. A rollback that could not use all of it
+    // leaves the rest.
+    const bool isOutdated = m_journal.isRollback ? m_lost.isEmpty() : m_journal.changesRelease;
+    const bool forgets = !m_journal.keepsPrevious && isOutdated && !m_setAside.isEmpty();
     const bool changesRelease = m_journal.changesRelease
-        && (m_journal.release || statusOf(absolute(WorkFolder::Release)));
-    if (m_journal.keepsPrevious && !m_setAside.complete())
-        return failAs(m_setAside);
-    if (forgets && !m_setAside.discard()) // it does not fit this build any more
+        && (m_journal.release || !m_files.look(WorkFolder::Release).isNothing());
+    if (m_journal.keepsPrevious && !completeKept())
+        return false;
+    if (forgets && !m_setAside.discard())
         return failAs(m_setAside);
     if (changesRelease && !settleRelease())
         return false;
     return !(m_journal.keepsPrevious || forgets || changesRelease) || sync();
 }
 
+bool Commit::completeKept()
+{
+    return (m_setAside.completeFiles() || failAs(m_setAside)) && sync()
+        && (m_setAside.completeRecord() || failAs(m_setAside));
+}
+
+/// A build that lacks something is no release.
 bool Commit::settleRelease()
 {
     FileError error;
-    const bool settled = m_journal.release ? m_journal.release->write(m_folder.build(), &error)
-                                           : InstalledRelease::remove(m_folder.build(), &error);
+    const bool settled = m_journal.release && m_lost.isEmpty()
+        ? m_journal.release->write(m_files, &error)
+        : InstalledRelease::remove(m_files, &error);
     if (!settled)
         m_error = error;
     return settled;
@@ -150,10 +241,11 @@ bool Commit::settleRelease()
 
 bool Commit::clearUp()
 {
-    const QString path = absolute(WorkFolder::Journal);
-    if (!removeFile(path))
-        return failBySystem(path, "cannot be removed: ");
-    m_folder.removeIfEmpty();
+    if (!m_files.removeFile(WorkFolder::Journal))
+        return failBySystem(WorkFolder::Journal, "cannot be removed: ");
+    m_files.removeFile(WorkFolder::StagedRecord); // if it is still there, as the build was moved
+    m_files.removeFolder(WorkFolder::Staged);
+    m_files.removeFolder(WorkFolder::Name);
     sync(); // if that cannot be, a crash brings the journal back, and that does no harm
     return true;
 }
@@ -163,25 +255,28 @@ bool Commit::forget()
     return sync();
 }
 
-/// One call for everything on the build's file system: quicker than one for each of many files.
 bool Commit::sync()
 {
-    if (!m_syncs)
-        return true;
-    FileHandle folder;
-    return (folder.open(m_folder.build(), O_RDONLY | O_DIRECTORY) && ::syncfs(folder.get()) == 0)
-        || failBySystem(m_folder.build(), "cannot be synced: ");
+    return !m_syncs || m_files.sync() || failBySystem(QString(), "cannot be synced: ");
+}
+
+/// False with error() when the system does not tell what stands at @p path.
+bool Commit::look(const QString &path, Standing *standing)
+{
+    *standing = m_files.look(path);
+    errno = standing->error;
+    return standing->error == 0 || failBySystem(path, "cannot be looked at: ");
 }
 
 bool Commit::fail(const QString &path, const QString &reason)
 {
-    m_error = {path, reason};
+    m_error = {m_files.absolute(path), reason};
     return false;
 }
 
 bool Commit::failBySystem(const QString &path, const char *what)
 {
-    m_error = FileError::ofSystem(path, what);
+    m_error = m_files.error(path, what);
     return false;
 }
 

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "buildfiles.h"
 #include "journal.h"
 #include "setaside.h"
-#include "workfolder.h"
+
+#include <QSet>
+#include <QStringList>
 
 #include <set>
 #include <utility>
@@ -24,45 +27,67 @@ public:
     enum class Begun { No, Yes, Uncertain };
 
     /// @p syncs: whether what is written is waited for, as a crash of the system needs it.
-    Commit(WorkFolder &folder, bool syncs);
+    Commit(BuildFiles &files, bool syncs);
 
-    /// Looks for a journal that an earlier run has left, and takes it for its own.
+    /// Looks for a journal that an earlier run has left, and takes it for its own. Nothing only
+    /// when there is none for certain.
     Found findUnfinished();
     /**
      * Writes @p journal. What it places must be staged. Unless the answer is Yes there is an
-     * error(). No: nothing has changed. Uncertain: the journal is there, but the system could not
-     * say that it will survive a crash, so nothing is done yet.
+     * error(). No: nothing has changed. Uncertain: the journal is there or may be, but the system
+     * could not say that it will survive a crash, so nothing is done yet.
      */
     Begun begin(Journal journal);
-    /// Does or finishes it. False with error(); the journal stays, and it can be tried again.
+    /**
+     * Does or finishes it. False with error(); the journal stays, and it can be tried again.
+     *
+     * What an earlier run has left is looked at before anything is placed. Content that is gone by
+     * now or another one is never placed: all else is done, lost() names it, and no release is
+     * installed.
+     */
     bool carryOut();
     /// Makes sure that no journal comes back after a crash. False with error().
     bool forget();
 
+    /// Files whose new content was lost, as relative paths.
+    const QStringList &lost() const { return m_lost; }
+    /// Whether it takes an update back.
+    bool isRollback() const { return m_journal.isRollback; }
     const FileError &error() const { return m_error; }
 
 private:
     using Identity = std::pair<dev_t, ino_t>;
 
+    bool markDeletions();
     bool writeJournal();
+    bool findSpoiled();
+    bool findSpoiled(const std::vector<Journal::Placement> &placements);
     bool place(const std::vector<Journal::Placement> &placements);
     bool placeOne(const Journal::Placement &placement);
-    bool deleteOne(const QString &path);
+    bool rename(const Journal::Placement &placement);
+    bool acceptPlaced(const Journal::Placement &placement);
+    void notePlaced(const Standing &standing);
+    bool deleteAll();
+    bool deleteOne(const Journal::Deletion &deletion);
     void removeEmptiedFolders();
     bool settleRecords();
+    bool completeKept();
     bool settleRelease();
     bool clearUp();
     bool sync();
+    bool look(const QString &path, Standing *standing);
     bool fail(const QString &path, const QString &reason);
     bool failBySystem(const QString &path, const char *what);
     bool failAs(const SetAside &setAside);
-    QString absolute(const QString &path) const { return m_folder.absolute(path); }
 
-    WorkFolder &m_folder;
+    BuildFiles &m_files;
     SetAside m_setAside;
     const bool m_syncs;
     Journal m_journal;
+    bool m_isResumed = false;    ///< an earlier run has begun it
+    QSet<QString> m_spoiled;     ///< of what is to be placed, what is not as journalled
     std::set<Identity> m_placed; ///< what stands where this commit has put it
+    QStringList m_lost;
     FileError m_error;
 };
 

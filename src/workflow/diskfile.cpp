@@ -19,6 +19,11 @@ namespace {
 /// Small writes are held back up to this.
 constexpr std::size_t HeldBack = 64 * 1024;
 
+constexpr mode_t ReadableAndWritable = 0666; // less what the user's mask takes away
+// A pipe without a writer would otherwise hold up the open until one comes.
+constexpr int ToRead = O_RDONLY | O_NONBLOCK;
+constexpr int ToMake = O_WRONLY | O_CREAT | O_EXCL;
+
 bool sameTime(const timespec &time, const timespec &other)
 {
     return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
@@ -44,12 +49,27 @@ FileError FileError::ofSystem(const QString &path, const char *what)
 
 bool FileHandle::open(const QString &path, int flags)
 {
-    constexpr mode_t ReadableAndWritable = 0666; // less what the user's mask takes away
     const QByteArray name = QFile::encodeName(path);
     do {
         m_handle = ::open(name.constData(), flags | O_CLOEXEC, ReadableAndWritable);
     } while (m_handle < 0 && errno == EINTR);
     return m_handle >= 0;
+}
+
+bool FileHandle::openIn(int folder, const QString &name, int flags)
+{
+    if (folder == -1)
+        return false;
+    const QByteArray encoded = QFile::encodeName(name);
+    int handle = -1;
+    do {
+        handle = ::openat(folder, encoded.constData(), flags | O_CLOEXEC, ReadableAndWritable);
+    } while (handle < 0 && errno == EINTR);
+    if (handle < 0)
+        return false;
+    close();
+    m_handle = handle;
+    return true;
 }
 
 bool FileHandle::close()
@@ -78,8 +98,18 @@ bool Content::failAs(const Content &other)
 bool InputFile::open(const QString &path)
 {
     setPath(path);
-    // A pipe without a writer would otherwise hold up the open until one comes.
-    if (!m_file.open(path, O_RDONLY | O_NONBLOCK))
+    return begin(m_file.open(path, ToRead));
+}
+
+bool InputFile::openIn(int folder, const QString &name, const QString &path)
+{
+    setPath(path);
+    return begin(m_file.openIn(folder, name, ToRead | O_NOFOLLOW));
+}
+
+bool InputFile::begin(bool isOpen)
+{
+    if (!isOpen)
         return failBySystem("cannot be opened: ");
     if (::fstat(m_file.get(), &m_status) != 0)
         return failBySystem("cannot be read: ");
@@ -122,14 +152,19 @@ bool InputFile::isUnchanged()
         || fail(QStringLiteral("changed while it was read"));
 }
 
+bool OutputFile::openIn(int folder, const QString &name, const QString &path)
+{
+    m_path = path;
+    return m_file.openIn(folder, name, ToMake) || fail();
+}
+
 bool OutputFile::open(const QString &path)
 {
-    constexpr int Flags = O_WRONLY | O_CREAT | O_EXCL;
     m_path = path;
-    if (m_file.open(path, Flags))
+    if (m_file.open(path, ToMake))
         return true;
     const bool folderIsMissing = errno == ENOENT;
-    if (folderIsMissing && QDir().mkpath(QFileInfo(path).path()) && m_file.open(path, Flags))
+    if (folderIsMissing && QDir().mkpath(QFileInfo(path).path()) && m_file.open(path, ToMake))
         return true;
     return fail();
 }

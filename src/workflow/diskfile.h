@@ -41,6 +41,9 @@ public:
     FileHandle &operator=(const FileHandle &) = delete;
 
     bool open(const QString &path, int flags);
+    /// Of @p name in the open folder @p folder, which may be this one; none (-1) leaves errno as it
+    /// is. What was open before is closed, but only when it succeeds.
+    bool openIn(int folder, const QString &name, int flags);
     /// False when the system reports that earlier writing failed.
     bool close();
     int get() const { return m_handle; }
@@ -86,6 +89,8 @@ class InputFile : public Content
 public:
     /// False with error() when @p path is no regular file or link to one, or does not open.
     bool open(const QString &path);
+    /// The same for @p name in the open folder @p folder, and no link; errors name @p path.
+    bool openIn(int folder, const QString &name, const QString &path);
 
     qint64 size() const override { return m_status.st_size; }
     /// Who may read, write and execute it.
@@ -96,6 +101,8 @@ public:
     bool isUnchanged() override;
 
 private:
+    bool begin(bool isOpen);
+
     FileHandle m_file;
     struct stat m_status = {};
 };
@@ -107,6 +114,8 @@ class OutputFile
 public:
     /// Makes @p path, where nothing may stand, and the folders above it.
     bool open(const QString &path);
+    /// Makes @p name in the open folder @p folder; errors name @p path.
+    bool openIn(int folder, const QString &name, const QString &path);
 
     void setPermissions(mode_t permissions);
     /// Waits until all is on the disk. False with error().

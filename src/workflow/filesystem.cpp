@@ -20,6 +20,11 @@ std::optional<struct stat> statusOf(const QString &path)
     return {};
 }
 
+bool mayStand(const QString &path)
+{
+    return statusOf(path) || (errno != ENOENT && errno != ENOTDIR);
+}
+
 bool isRegularFile(const QString &path)
 {
     const auto status = statusOf(path);

@@ -13,6 +13,8 @@ namespace Pellox {
 
 /// Of what stands at @p path itself, were it a link.
 std::optional<struct stat> statusOf(const QString &path);
+/// False only when nothing stands there for certain; where the system does not tell, something may.
+bool mayStand(const QString &path);
 /// No link to one.
 bool isRegularFile(const QString &path);
 bool isFolder(const QString &path);

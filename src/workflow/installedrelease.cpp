@@ -8,6 +8,8 @@
 
 #include <QJsonDocument>
 
+#include <cerrno>
+
 #include <cmath>
 
 namespace Pellox {
@@ -36,13 +38,25 @@ std::optional<InstalledRelease> InstalledRelease::fromJson(const QJsonObject &ob
 
 std::optional<InstalledRelease> InstalledRelease::read(const QString &folder, FileError *error)
 {
-    constexpr qint64 Largest = 4096;
-    const QString path = folder + WorkFolder::Release;
-    if (!statusOf(path))
-        return {};
     InputFile file;
+    return take(file, file.open(folder + WorkFolder::Release), error);
+}
+
+std::optional<InstalledRelease> InstalledRelease::read(BuildFiles &files, FileError *error)
+{
+    InputFile file;
+    return take(file, files.open(WorkFolder::Release, &file), error);
+}
+
+std::optional<InstalledRelease> InstalledRelease::take(
+    InputFile &file, bool isOpen, FileError *error)
+{
+    constexpr qint64 Largest = 4096;
+    const int system = file.error().system;
+    if (!isOpen && (system == ENOENT || system == ENOTDIR))
+        return {};
     QByteArray bytes;
-    bool isRead = file.open(path);
+    bool isRead = isOpen;
     if (isRead && file.size() <= Largest) {
         bytes.resize(static_cast<int>(file.size()));
         isRead = file.readAt(0, reinterpret_cast<uchar *>(bytes.data()), bytes.size());
@@ -51,7 +65,7 @@ std::optional<InstalledRelease> InstalledRelease::read(const QString &folder, Fi
     if (!isRead)
         *error = file.error();
     else if (!release)
-        *error = {path, QStringLiteral("is damaged")};
+        *error = {file.path(), QStringLiteral("is damaged")};
     return release;
 }
 
@@ -60,8 +74,7 @@ bool InstalledRelease::write(const QString &folder, FileError *error) const
     const QString path = folder + WorkFolder::Release;
     const QString unfinished = folder + WorkFolder::NewRelease;
     removeFile(unfinished);
-    if (!writeWhole(
-            unfinished, QJsonDocument(toJson()).toJson(QJsonDocument::Compact), false, error))
+    if (!writeWhole(unfinished, bytes(), false, error))
         return false;
     if (!renameFile(unfinished, path))
         *error = FileError::ofSystem(path, "cannot be written: ");
@@ -73,6 +86,28 @@ bool InstalledRelease::remove(const QString &folder, FileError *error)
     const QString path = folder + WorkFolder::Release;
     if (!removeFile(path))
         *error = FileError::ofSystem(path, "cannot be removed: ");
+    return error->isEmpty();
+}
+
+QByteArray InstalledRelease::bytes() const
+{
+    return QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
+}
+
+bool InstalledRelease::write(BuildFiles &files, FileError *error) const
+{
+    files.removeFile(WorkFolder::NewRelease); // if it stays, the file cannot be made
+    if (!writeWhole(files, WorkFolder::NewRelease, bytes(), false, error))
+        return false;
+    if (!files.rename(WorkFolder::NewRelease, WorkFolder::Release))
+        *error = files.error(WorkFolder::Release, "cannot be written: ");
+    return error->isEmpty();
+}
+
+bool InstalledRelease::remove(BuildFiles &files, FileError *error)
+{
+    if (!files.removeFile(WorkFolder::Release))
+        *error = files.error(WorkFolder::Release, "cannot be removed: ");
     return error->isEmpty();
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "buildfiles.h"
 #include "diskfile.h"
 #include "sha512.h"
 
@@ -25,10 +26,17 @@ struct InstalledRelease
     /// Of the build in @p folder. Nothing when there is none; with @p error when the file cannot be
     /// read or understood.
     static std::optional<InstalledRelease> read(const QString &folder, FileError *error);
+    static std::optional<InstalledRelease> read(BuildFiles &files, FileError *error);
     /// Writes it in one step. False with @p error.
     bool write(const QString &folder, FileError *error) const;
+    bool write(BuildFiles &files, FileError *error) const;
     /// True also when there was none.
     static bool remove(const QString &folder, FileError *error);
+    static bool remove(BuildFiles &files, FileError *error);
+
+private:
+    QByteArray bytes() const;
+    static std::optional<InstalledRelease> take(InputFile &file, bool isOpen, FileError *error);
 };
 
 } // namespace Pellox

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "integritycontroller.h"
 
+#include "backgroundruns.h"
 #include "canonicalpath.h"
 #include "integrityrun.h"
 
-#include <QtConcurrent>
 #include <QThread>
 
 #include <algorithm>
+#include <optional>
 
 namespace Pellox {
 
@@ -21,40 +22,47 @@ public:
 
     bool start(const IntegrityRun::Settings &settings, bool (IntegrityRun::*job)())
     {
-        if (isRunning.exchange(true))
-            return false;
-        isCancelled = false;
-        future = QtConcurrent::run([this, settings, job] {
-            bool success = false;
-            {
-                IntegrityRun run(settings, reports(), isCancelled); // may hold the build's lock
-                success = (run.*job)();
-                report = run.report();
-                result = run.result();
-            }
-            isRunning = false;
-            Q_EMIT q.finished(success);
-        });
-        return true;
+        return runs.start([this, settings, job] { carryOut(settings, job); });
+    }
+
+    void carryOut(const IntegrityRun::Settings &settings, bool (IntegrityRun::*job)())
+    {
+        success = false;
+        report = {};
+        result = UpdateController::UpdateResult::Failed;
+        std::optional<IntegrityRun> run; // may hold the build's lock
+        try {
+            run.emplace(settings, reports(), runs.isCancelled());
+            success = ((*run).*job)();
+            report = run->report();
+            result = run->result();
+        } catch (...) {
+            success = false;
+            if (hasJournal(settings.build))
+                result = UpdateController::UpdateResult::Interrupted;
+            tell(problemOfException(settings.build));
+        }
     }
 
     IntegrityRun::Reports reports()
     {
         return {[this](qint64 done, qint64 total) { Q_EMIT q.progress(done, total); },
             [this](UpdateController::UpdatePhase phase) { Q_EMIT q.phaseChanged(phase); },
-            [this](const UpdateProblem &problem) {
-                Q_EMIT q.problemFound(problem);
-                Q_EMIT q.integrityError(problem.message());
-            }};
+            [this](const UpdateProblem &problem) { tell(problem); }};
+    }
+
+    void tell(const UpdateProblem &problem)
+    {
+        Q_EMIT q.problemFound(problem);
+        Q_EMIT q.integrityError(problem.message());
     }
 
     IntegrityController &q;
     int threadCount = 0;
-    std::atomic<bool> isCancelled{false};
-    std::atomic<bool> isRunning{false};
+    bool success = false;
     IntegrityReport report;
     UpdateController::UpdateResult result = UpdateController::UpdateResult::Failed;
-    QFuture<void> future;
+    BackgroundRuns runs{[this] { Q_EMIT q.finished(success); }}; // ends before what it uses
 };
 
 IntegrityController::IntegrityController(QObject *parent)
@@ -67,8 +75,7 @@ IntegrityController::IntegrityController(QObject *parent)
 
 IntegrityController::~IntegrityController()
 {
-    cancel();
-    d->future.waitForFinished();
+    d->runs.stop();
 }
 
 void IntegrityController::setThreadCount(int count)
@@ -94,12 +101,12 @@ bool IntegrityController::repair(
 
 void IntegrityController::cancel()
 {
-    d->isCancelled = true;
+    d->runs.cancel();
 }
 
 bool IntegrityController::isRunning() const
 {
-    return d->isRunning;
+    return d->runs.isUnderWay();
 }
 
 IntegrityReport IntegrityController::report() const

@@ -12,7 +12,7 @@
 namespace Pellox {
 
 /// How an installed build compares with its manifest. Paths are relative to the build, begin with
-/// a separator and stand in the order of the manifest, extra files in that of the walk.
+/// a separator and are sorted.
 struct IntegrityReport
 {
     int intactFiles = 0;
@@ -28,9 +28,9 @@ struct IntegrityReport
 /**
  * Compares an installed build with its signatures.json, on all cores, and repairs what differs.
  *
- * One run at a time, begun from the thread that the object lives in; it works on the global thread
- * pool and on threads of its own. Signals come on a pool thread, so connections from other threads
- * are queued.
+ * One run at a time; it works on the global thread pool and on threads of its own. Signals come on
+ * a pool thread, so connections from other threads are queued. No exception leaves a run: one that
+ * there is no memory for fails.
  */
 class PELLOX_EXPORT IntegrityController : public QObject
 {
@@ -38,8 +38,8 @@ class PELLOX_EXPORT IntegrityController : public QObject
 
 public:
     explicit IntegrityController(QObject *parent = nullptr);
-    /// Cancels a run and waits for its end. Not to be reached from a slot that is connected
-    /// directly, since that is part of the run.
+    /// Cancels a run and waits for its end, that of all slots that are connected directly among it.
+    /// So not to be reached from one of these.
     ~IntegrityController() override;
 
     /// How many threads work; 0, the default, means one for each core. Counts from the next run.
@@ -48,7 +48,9 @@ public:
     /**
      * Starts to compare the build in folder @p build with signatures.json in folder
      * @p signatures. Changes nothing on disk. True means started: finished() follows exactly
-     * once. False when a run is under way.
+     * once. False when a run is under way. A run is no longer under way when finished() is told;
+     * one that is started meanwhile begins when all slots that are connected directly have
+     * returned.
      */
     bool check(const QString &build, const QString &signatures);
 
@@ -56,7 +58,9 @@ public:
      * Starts to bring back what is changed, missing or unreadable from folder @p source, which
      * holds the right files. Each is verified while it is copied and put in place as
      * UpdateController does: all or none, and safe at any instant. Intact and extra files are
-     * not touched.
+     * not touched. A file keeps its permissions, but one that its owner cannot read gets those of
+     * its source. Where the record of the installed release is damaged or of another build than
+     * the signatures, it is removed at the end.
      */
     bool repair(const QString &build, const QString &signatures, const QString &source);
 

@@ -4,13 +4,17 @@
 #include "buildwalk.h"
 #include "filepass.h"
 #include "rules.h"
+#include "trustcheck.h"
 #include "updatecheck.h"
 
-#include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QSet>
 
 #include <algorithm>
+#include <cerrno>
+
+#include <sys/stat.h>
 
 namespace Pellox {
 
@@ -42,7 +46,12 @@ bool IntegrityRun::carryOutCheck()
         return fail(
             Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE, error);
     m_files = std::move(*files);
-    return compare() && findExtra();
+    if (!compare() || !findExtra())
+        return false;
+    for (QStringList *paths :
+        {&m_report.changed, &m_report.missing, &m_report.unreadable, &m_report.extra})
+        paths->sort();
+    return true;
 }
 
 bool IntegrityRun::compare()
@@ -62,37 +71,41 @@ bool IntegrityRun::compare()
         [&](std::size_t i) { m_states[i] = stateOf(crew, m_files[i], done); },
         [&] { m_reports.progress(std::min<qint64>(done, total), total); });
     if (!compared)
-        return fail(Code::ReadOrWrite, m_settings.build, crew.error());
+        return fail(Code::NoMemory, m_settings.build, crew.error());
 
-    for (std::size_t i = 0; i < m_files.size(); ++i) {
-        const QString &path = m_files[i].relativePath;
-        switch (m_states[i]) {
-        case State::Intact:
-            ++m_report.intactFiles;
-            break;
-        case State::Changed:
-            m_report.changed.append(path);
-            break;
-        case State::Missing:
-            m_report.missing.append(path);
-            break;
-        case State::Unreadable:
-            m_report.unreadable.append(path);
-            break;
-        }
-    }
+    for (std::size_t i = 0; i < m_files.size(); ++i)
+        addToReport(m_files[i].relativePath, m_states[i]);
     return true;
+}
+
+void IntegrityRun::addToReport(const QString &path, State state)
+{
+    switch (state) {
+    case State::Intact:
+        ++m_report.intactFiles;
+        break;
+    case State::Changed:
+        m_report.changed.append(path);
+        break;
+    case State::Missing:
+        m_report.missing.append(path);
+        break;
+    case State::Unreadable:
+        m_report.unreadable.append(path);
+        break;
+    }
 }
 
 IntegrityRun::State IntegrityRun::stateOf(
     Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const
 {
     const QString path = installed(file);
-    const QFileInfo info(path);
-    if (!info.exists())
-        return State::Missing;
+    struct stat status = {};
+    // Where a folder above it cannot be entered, nobody knows whether it is there.
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? State::Missing : State::Unreadable;
     InputFile input;
-    if (!info.isFile() || !input.open(path))
+    if (!S_ISREG(status.st_mode) || !input.open(path))
         return State::Unreadable;
     FilePass::Targets targets;
     targets.digest = true;
@@ -135,13 +148,37 @@ bool IntegrityRun::repair()
         return end(Result::Interrupted);
     if (!check())
         return false;
-    if (m_report.isIntact())
-        return end(Result::AlreadyUpToDate);
+    Transaction::Aim aim;
+    for (const SignedFile &file : m_files)
+        aim.otherFiles.insert(file.relativePath);
+    if (m_report.isIntact()) {
+        transaction.clearLeftovers(aim.otherFiles);
+        return endIntact(transaction.files(), Result::AlreadyUpToDate);
+    }
     std::vector<UpdateWork> works = this->works();
-    if (!m_problems.isEmpty())
+    if (!m_problems.isEmpty() || !hasRoom(works))
         return end(Result::Refused);
     m_reports.phase(Phase::Staging);
-    return end(transaction.carryOut(works, {}));
+    const auto outcome = transaction.carryOut(works, aim);
+    return outcome == Transaction::Outcome::Done ? endIntact(transaction.files(), Result::Updated)
+                                                 : end(outcome);
+}
+
+/// The build is what the signatures say now, whatever its record did.
+bool IntegrityRun::endIntact(BuildFiles &files, Result result)
+{
+    FileError error;
+    if (settleReleaseRecord(files, m_files, &error))
+        return end(result);
+    m_problems.add(Code::ReadOrWrite, error);
+    return end(Result::Failed);
+}
+
+bool IntegrityRun::hasRoom(std::vector<UpdateWork> &works)
+{
+    return Staging({m_settings.build, QString(), m_settings.source}, works, m_settings.threadCount,
+        m_cancelled, m_problems)
+        .hasRoom();
 }
 
 /// What brings back the files that are not intact.
@@ -155,9 +192,12 @@ std::vector<UpdateWork> IntegrityRun::works()
         if (m_states[i] != State::Intact)
             addRule(m_files[i], &rules);
     }
+    const QSet<QString> unreadable(m_report.unreadable.cbegin(), m_report.unreadable.cend());
     std::vector<UpdateWork> works = check.worksFor(rules);
-    for (UpdateWork &work : works)
+    for (UpdateWork &work : works) {
         work.isNeeded = true;
+        work.isUnreadable = unreadable.contains(work.rule.relativePath);
+    }
     return works;
 }
 

@@ -48,11 +48,14 @@ private:
     bool carryOutCheck();
     bool compare();
     State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
+    void addToReport(const QString &path, State state);
     bool findExtra();
+    bool hasRoom(std::vector<UpdateWork> &works);
     std::vector<UpdateWork> works();
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
     bool fail(Code code, const QString &file, const QString &error);
     bool end(Result result);
+    bool endIntact(BuildFiles &files, Result result);
     bool end(Transaction::Outcome outcome);
     QString installed(const SignedFile &file) const { return m_settings.build + file.relativePath; }
 

@@ -17,7 +17,7 @@ namespace {
  * A line of JSON, then a line with its SHA-512 in hexadecimal text, by which a torn journal is
  * known for what it is.
  */
-constexpr int Version = 1;
+constexpr int Version = 2;
 const QString VersionMember = QStringLiteral("version");
 const QString FirstMember = QStringLiteral("first");
 const QString DeletionsMember = QStringLiteral("delete");
@@ -34,24 +34,77 @@ QByteArray checksum(const QByteArray &line)
     return digest.finish().toHex();
 }
 
-QJsonArray toJson(const std::vector<Journal::Placement> &placements)
+QJsonArray toJson(const Journal::Placement &placement)
 {
-    QJsonArray array;
-    for (const Journal::Placement &placement : placements)
-        array.append(QJsonArray{placement.from, placement.to});
-    return array;
+    return {placement.from, placement.to, placement.mark.toJson()};
+}
+
+QJsonArray toJson(const Journal::Deletion &deletion)
+{
+    return {deletion.path, deletion.mark.toJson()};
+}
+
+/// One by one: a document of all steps of a large build would take a multiple of the memory.
+template <typename Step>
+void append(const QString &member, const std::vector<Step> &steps, QByteArray *json)
+{
+    *json += ",\"" + member.toLatin1() + "\":[";
+    for (const Step &step : steps) {
+        if (&step != &steps.front())
+            *json += ',';
+        *json += QJsonDocument(toJson(step)).toJson(QJsonDocument::Compact);
+    }
+    *json += ']';
 }
 
 bool fromJson(const QJsonValue &value, std::vector<Journal::Placement> *placements)
 {
-    for (const QJsonValue &entry : value.toArray()) {
-        const Journal::Placement placement{entry[0].toString(), entry[1].toString()};
+    const QJsonArray array = value.toArray();
+    for (const QJsonValue entry : array) {
+        const auto mark = FileMark::fromJson(entry[2].toObject());
+        const Journal::Placement placement{
+            entry[0].toString(), entry[1].toString(), mark.value_or(FileMark())};
         if (!problemOfPath(placement.from).isEmpty()
-            || !problemOfRelativePath(placement.to).isEmpty())
+            || !problemOfRelativePath(placement.to).isEmpty() || placement.mark.size < 0)
             return false;
         placements->push_back(placement);
     }
     return value.isArray();
+}
+
+bool fromJson(const QJsonValue &value, std::vector<Journal::Deletion> *deletions)
+{
+    const QJsonArray array = value.toArray();
+    for (const QJsonValue entry : array) {
+        const auto mark = FileMark::fromJson(entry[1].toObject());
+        const QString path = entry[0].toString();
+        if (!problemOfRelativePath(path).isEmpty() || !mark)
+            return false;
+        deletions->push_back({path, *mark});
+    }
+    return value.isArray();
+}
+
+/// Of a whole journal, the line of JSON; empty of any other.
+QByteArray lineOf(const QByteArray &bytes)
+{
+    const int lineEnd = bytes.indexOf('\n') + 1;
+    const QByteArray line = bytes.left(lineEnd);
+    return lineEnd > 0 && bytes.mid(lineEnd) == checksum(line) + '\n' ? line : QByteArray();
+}
+
+int versionOf(const QJsonObject &object)
+{
+    return object.value(VersionMember).toInt();
+}
+
+/// Why @p bytes are refused.
+QString problemOf(const QByteArray &bytes)
+{
+    const int version = versionOf(QJsonDocument::fromJson(lineOf(bytes)).object());
+    return version != 0 && version != Version
+        ? QStringLiteral("is of version %1, which this program cannot read").arg(version)
+        : QStringLiteral("is damaged; if the build is whole, remove it");
 }
 
 } // namespace
@@ -60,58 +113,52 @@ QByteArray Journal::toBytes() const
 {
     const QJsonObject object{
         {VersionMember, Version},
-        {FirstMember, toJson(first)},
-        {DeletionsMember, QJsonArray::fromStringList(deletions)},
-        {LastMember, toJson(last)},
         {KeepsMember, keepsPrevious},
         {RollbackMember, isRollback},
         {ChangesMember, changesRelease},
         {ReleaseMember, release ? QJsonValue(release->toJson()) : QJsonValue()},
     };
-    const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+    QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact);
+    line.chop(1); // what closes the object
+    append(FirstMember, first, &line);
+    append(DeletionsMember, deletions, &line);
+    append(LastMember, last, &line);
+    line += "}\n";
     return line + checksum(line) + '\n';
 }
 
 std::optional<Journal> Journal::fromBytes(const QByteArray &bytes)
 {
-    const int lineEnd = bytes.indexOf('\n') + 1;
-    const QByteArray line = bytes.left(lineEnd);
-    if (lineEnd == 0 || bytes.mid(lineEnd) != checksum(line) + '\n')
-        return {};
-    const QJsonObject object = QJsonDocument::fromJson(line).object();
-    if (object.value(VersionMember).toInt() != Version)
+    const QJsonObject object = QJsonDocument::fromJson(lineOf(bytes)).object();
+    if (versionOf(object) != Version)
         return {};
     Journal journal;
     journal.keepsPrevious = object.value(KeepsMember).toBool();
     journal.isRollback = object.value(RollbackMember).toBool();
     journal.changesRelease = object.value(ChangesMember).toBool();
     journal.release = InstalledRelease::fromJson(object.value(ReleaseMember).toObject());
-    for (const QJsonValue &path : object.value(DeletionsMember).toArray()) {
-        if (!problemOfRelativePath(path.toString()).isEmpty())
-            return {};
-        journal.deletions.append(path.toString());
-    }
     if (!fromJson(object.value(FirstMember), &journal.first)
+        || !fromJson(object.value(DeletionsMember), &journal.deletions)
         || !fromJson(object.value(LastMember), &journal.last))
         return {};
     return journal;
 }
 
-std::optional<Journal> Journal::read(const QString &path, FileError *error)
+std::optional<Journal> Journal::read(BuildFiles &files, const QString &path, FileError *error)
 {
     constexpr qint64 Largest = 1LL << 30;
     InputFile file;
     QByteArray bytes;
-    bool isRead = file.open(path);
+    bool isRead = files.open(path, &file);
     if (isRead && file.size() <= Largest) {
         bytes.resize(static_cast<int>(file.size()));
         isRead = file.readAt(0, reinterpret_cast<uchar *>(bytes.data()), bytes.size());
     }
-    const auto journal = isRead ? fromBytes(bytes) : std::nullopt;
+    auto journal = isRead ? fromBytes(bytes) : std::nullopt;
     if (!isRead)
         *error = file.error();
     else if (!journal)
-        *error = {path, QStringLiteral("is damaged; if the build is whole, remove it")};
+        *error = {file.path(), problemOf(bytes)};
     return journal;
 }
 

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "diskfile.h"
+#include "filemark.h"
 #include "installedrelease.h"
 
 #include <QString>
-#include <QStringList>
 
 #include <optional>
 #include <vector>
@@ -23,10 +23,18 @@ struct Journal
     {
         QString from;
         QString to;
+        FileMark mark = {}; ///< by which its content is known at either place
+    };
+
+    /// A file that goes, unless another one stands there when its turn comes.
+    struct Deletion
+    {
+        QString path;
+        FileMark mark = {};
     };
 
     std::vector<Placement> first; ///< before the deletions
-    QStringList deletions;
+    std::vector<Deletion> deletions;
     std::vector<Placement> last; ///< where a deleted file or a folder that it left empty stood
     /// Whether what is replaced or deleted is set aside.
     bool keepsPrevious = false;
@@ -39,8 +47,8 @@ struct Journal
     QByteArray toBytes() const;
     /// Nothing when @p bytes is no whole journal, or one that leads out of the build.
     static std::optional<Journal> fromBytes(const QByteArray &bytes);
-    /// The same for a file; nothing after @p error, which names it.
-    static std::optional<Journal> read(const QString &path, FileError *error);
+    /// The same for the file at @p path; nothing after @p error, which names it.
+    static std::optional<Journal> read(BuildFiles &files, const QString &path, FileError *error);
 };
 
 } // namespace Pellox

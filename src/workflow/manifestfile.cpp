@@ -19,6 +19,7 @@ namespace {
 
 constexpr qint64 LargestManifest = 1LL << 30;
 constexpr qint64 LargestAtOnce = 64LL << 20; // in a form that is not read record by record
+constexpr int MostValuesAtOnce = 1 << 22;    // each takes up to a hundred bytes
 constexpr qint64 LongestLine = 1 << 20;
 
 // What Qt writes around the records of an array, indented.
@@ -69,9 +70,16 @@ bool readIndented(QFile &file,
     }
 }
 
-/// Reads an array in any form. False after @p error.
+/// At least as many as there are values in @p json: each but the first stands behind one of these.
+qint64 valuesIn(const QByteArray &json)
+{
+    return std::count_if(json.cbegin(), json.cend(),
+        [](char character) { return character == ',' || character == '[' || character == '{'; });
+}
+
+/// Reads an array in any form. False after @p error, without one when @p goOn says no.
 bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, int number)> &take,
-    QString *error)
+    QString *error, const GoOn &goOn)
 {
     const auto fail = [&](const QString &reason) {
         *error = aboutFile(file.fileName(), reason);
@@ -82,9 +90,13 @@ bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, 
             "is too large for a manifest that is not in the form that the library writes"));
     file.seek(0);
     QJsonParseError parsing{};
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parsing);
+    const QByteArray json = file.readAll();
     if (file.error() != QFileDevice::NoError)
         return fail(QLatin1String("cannot be read: ") + file.errorString());
+    if (valuesIn(json) > MostValuesAtOnce)
+        return fail(QStringLiteral(
+            "has too many parts for a manifest that is not in the form that the library writes"));
+    const QJsonDocument document = QJsonDocument::fromJson(json, &parsing);
     if (parsing.error != QJsonParseError::NoError) {
         return fail(QStringLiteral("is not JSON: %1 at byte %2")
                         .arg(parsing.errorString(), QString::number(parsing.offset)));
@@ -93,8 +105,11 @@ bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, 
         return fail(QStringLiteral("is not a JSON array"));
     const QJsonArray records = document.array();
     int number = 0;
-    for (const QJsonValue &record : records)
+    for (const QJsonValue &record : records) {
+        if (!mayGoOn(goOn))
+            return false;
         take(record, ++number);
+    }
     return true;
 }
 
@@ -160,7 +175,7 @@ bool readManifest(const QString &path, const std::function<void()> &begin,
     if (taken)
         return true;
     begin();
-    return readAtOnce(file, take, error);
+    return readAtOnce(file, take, error, goOn);
 }
 
 QString problemOfManifestPath(const QString &path)

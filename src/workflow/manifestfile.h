@@ -45,8 +45,8 @@ private:
  * Reads the manifest at @p path and calls @p take for each record, with its number counted from 1.
  * Before that, and before it begins anew, it calls @p begin. False with @p error when the file
  * cannot be read or is no JSON array, or is larger than manifests are, which have 1 GiB at most in
- * the form that the library writes, and 64 MiB in any other, as that takes many times its size in
- * memory. False without an error when @p goOn says no.
+ * the form that the library writes, and 64 MiB and some four million values in any other, as that
+ * takes many times its size in memory. False without an error when @p goOn says no.
  */
 bool readManifest(const QString &path, const std::function<void()> &begin,
     const std::function<void(const QJsonValue &record, int number)> &take, QString *error,

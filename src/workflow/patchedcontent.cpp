@@ -6,37 +6,57 @@
 
 namespace Pellox {
 
-bool PatchedContent::open(const QString &oldFile, const QString &delta, qint64 size)
+bool PatchedContent::open(
+    const QString &oldFile, const QString &delta, qint64 size, const IsStopped &isStopped)
+{
+    m_size = size;
+    if (!openAll(oldFile, delta))
+        return false;
+    const Outcome outcome = readCommands(isStopped);
+    if (!outcome.error.isEmpty()) {
+        setPath(delta);
+        return fail(outcome.error);
+    }
+    m_fits = outcome.oldSize <= m_old.size();
+    return rewind();
+}
+
+bool PatchedContent::openAll(const QString &oldFile, const QString &delta)
 {
     setPath(oldFile);
-    m_size = size;
     if (!m_old.open(oldFile))
         return failAs(m_old);
     if (!m_deltaBytes.open(delta))
         return failAs(m_deltaBytes);
     m_deltaFile.setFileName(delta);
-    const auto refuse = [&](const QString &reason) {
-        setPath(delta);
-        return fail(reason);
-    };
-    if (!m_deltaFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return refuse(QLatin1String("cannot be opened: ") + m_deltaFile.errorString());
+    if (m_deltaFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return true;
+    setPath(delta);
+    return fail(QLatin1String("cannot be opened: ") + m_deltaFile.errorString());
+}
+
+PatchedContent::Outcome PatchedContent::readCommands(const IsStopped &isStopped)
+{
+    constexpr qint64 UntilAsked = 1 << 16; // commands: a few milliseconds
     DeltaReader reader(m_deltaFile);
-    qint64 made = 0;
-    qint64 oldSize = 0;
-    while (const auto command = reader.next()) {
-        if (command->length > size - made)
-            return refuse(QStringLiteral("makes a larger file than its rule says"));
-        made += command->length;
+    Outcome outcome;
+    for (qint64 read = 1; const auto command = reader.next(); ++read) {
+        if (command->length > m_size - outcome.made) {
+            outcome.error = QStringLiteral("makes a larger file than its rule says");
+            return outcome;
+        }
+        if (read % UntilAsked == 0 && isStopped && isStopped()) {
+            outcome.error = QStringLiteral("was not read to its end");
+            return outcome;
+        }
+        outcome.made += command->length;
         if (command->isCopy)
-            oldSize = std::max(oldSize, command->place + command->length);
+            outcome.oldSize = std::max(outcome.oldSize, command->place + command->length);
     }
-    if (!reader.error().isEmpty())
-        return refuse(reader.error());
-    if (made != size)
-        return refuse(QStringLiteral("makes a smaller file than its rule says"));
-    m_fits = oldSize <= m_old.size();
-    return rewind();
+    outcome.error = reader.error();
+    if (outcome.error.isEmpty() && outcome.made != m_size)
+        outcome.error = QStringLiteral("makes a smaller file than its rule says");
+    return outcome;
 }
 
 bool PatchedContent::rewind()

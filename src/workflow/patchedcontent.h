@@ -6,6 +6,8 @@
 
 #include <QFile>
 
+#include <functional>
+
 namespace Pellox {
 
 /**
@@ -15,9 +17,13 @@ namespace Pellox {
 class PatchedContent : public Content
 {
 public:
-    /// False with error() when either file does not open, or @p delta makes no file of @p size
-    /// bytes.
-    bool open(const QString &oldFile, const QString &delta, qint64 size);
+    /// Asked now and then while a delta of very many commands is read.
+    using IsStopped = std::function<bool()>;
+
+    /// False with error() when either file does not open, @p delta makes no file of @p size bytes,
+    /// or @p isStopped says so.
+    bool open(
+        const QString &oldFile, const QString &delta, qint64 size, const IsStopped &isStopped = {});
     /// False when the delta takes more of the old file than there is. Then it cannot be read.
     bool fits() const { return m_fits; }
 
@@ -35,6 +41,15 @@ public:
     bool mayBeNewAlready();
 
 private:
+    struct Outcome
+    {
+        qint64 made = 0;
+        qint64 oldSize = 0; ///< that the copies need
+        QString error;
+    };
+
+    bool openAll(const QString &oldFile, const QString &delta);
+    Outcome readCommands(const IsStopped &isStopped);
     bool rewind();
     bool readPart(qint64 offset, uchar *data, qint64 size);
 

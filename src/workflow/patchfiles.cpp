@@ -3,11 +3,13 @@
 
 #include "filepass.h"
 #include "manifest.h"
+#include "workfolder.h"
 
 #include <QFile>
 
 #include <algorithm>
 #include <filesystem>
+#include <mutex>
 #include <numeric>
 
 namespace Pellox {
@@ -46,12 +48,12 @@ class Hashing
 public:
     Hashing(QString patch, const std::vector<PatchFile> &files, const HashSettings &settings);
 
-    bool carryOut(QString *error);
+    bool carryOut(FileError *error);
     std::vector<HashedFile> takeOutcome() { return std::move(m_outcome); }
 
 private:
     void hash(std::size_t file);
-    void keepError(HashedFile &outcome, const QString &error);
+    void keepError(HashedFile &outcome, const FileError &error);
 
     const QString m_patch;
     const std::vector<PatchFile> &m_files;
@@ -59,6 +61,8 @@ private:
     Crew m_crew;
     std::atomic<qint64> m_done{0};
     std::vector<HashedFile> m_outcome;
+    std::mutex m_firstErrorMutex;
+    FileError m_firstError; ///< that has stopped the crew
 };
 
 Hashing::Hashing(QString patch, const std::vector<PatchFile> &files, const HashSettings &settings)
@@ -70,7 +74,7 @@ Hashing::Hashing(QString patch, const std::vector<PatchFile> &files, const HashS
 {
 }
 
-bool Hashing::carryOut(QString *error)
+bool Hashing::carryOut(FileError *error)
 {
     std::vector<qint64> sizes(m_files.size());
     std::transform(m_files.cbegin(), m_files.cend(), sizes.begin(),
@@ -84,7 +88,7 @@ bool Hashing::carryOut(QString *error)
     const bool done = m_crew.run(
         sizes, FilePass::ChunkSize, [&](std::size_t i) { hash(i); }, report);
     if (!done)
-        *error = m_crew.error();
+        *error = m_firstError.isEmpty() ? FileError{m_patch, m_crew.error()} : m_firstError;
     return done;
 }
 
@@ -103,61 +107,79 @@ void Hashing::hash(std::size_t file)
     const bool isDone = isLarge ? m_crew.share(reading) : m_crew.doAlone(reading);
     if (!isDone)
         return; // the crew was stopped
-    if (const QString error = reading.error(); !error.isEmpty())
-        keepError(outcome, error);
+    if (!reading.error().isEmpty())
+        keepError(outcome, reading.error());
     else
         outcome.content = {input.size(), reading.sha512()};
 }
 
-void Hashing::keepError(HashedFile &outcome, const QString &error)
+void Hashing::keepError(HashedFile &outcome, const FileError &error)
 {
     outcome.error = error;
-    if (m_settings.stopsAtError)
-        m_crew.fail(error);
+    if (!m_settings.stopsAtError)
+        return;
+    m_crew.fail(error);
+    const std::lock_guard lock(m_firstErrorMutex);
+    if (m_firstError.isEmpty())
+        m_firstError = error;
 }
 
-/// Those of @p found that the seal names and that may have its content; all others go to @p texts.
+/// Whether @p file, which the seal does not name, is none of the patch's business.
+bool isPassedOver(const PatchFile &file)
+{
+    return file.relativePath == Manifest::pathIn(QString(), SealFileName)
+        || (file.isHidden && !WorkFolder::isInside(file.relativePath));
+}
+
+/// Why @p file cannot have the content that the seal says; empty when it may.
+QString problemOf(const PatchFile &file, const SealedFile &expected)
+{
+    if (!file.isRegular)
+        return QStringLiteral("is no regular file");
+    if (file.size != expected.size)
+        return QStringLiteral("has another size than it was sealed with");
+    return {};
+}
+
+/// Those of @p found that the seal names and that may have its content; @p errors get all others.
 std::vector<PatchFile> filesToCompare(const SealedPatch &sealed, const QString &patch,
-    const std::vector<PatchFile> &found, QStringList *texts)
+    const std::vector<PatchFile> &found, std::vector<FileError> *errors)
 {
     std::vector<PatchFile> files;
     for (const PatchFile &file : found) {
         const auto expected = sealed.files.find(file.relativePath);
-        const QString path = patch + file.relativePath;
-        if (path == Manifest::pathIn(patch, SealFileName))
+        const bool isKnown = expected != sealed.files.cend();
+        if (!isKnown && isPassedOver(file))
             continue;
-        if (expected == sealed.files.cend())
-            texts->append(aboutFile(path, QStringLiteral("is no part of the patch")));
-        else if (!file.isRegular)
-            texts->append(aboutFile(path, QStringLiteral("is no regular file")));
-        else if (file.size != expected->second.size)
-            texts->append(
-                aboutFile(path, QStringLiteral("has another size than it was sealed with")));
-        else
+        const QString problem = isKnown ? problemOf(file, expected->second)
+                                        : QStringLiteral("is no part of the patch");
+        if (problem.isEmpty())
             files.push_back(file);
+        else
+            errors->push_back({patch + file.relativePath, problem});
     }
     return files;
 }
 
 /// Both are sorted by path.
 void addMissing(const SealedPatch &sealed, const QString &patch,
-    const std::vector<PatchFile> &found, QStringList *texts)
+    const std::vector<PatchFile> &found, std::vector<FileError> *errors)
 {
     auto file = found.cbegin();
     for (const auto &[path, content] : sealed.files) {
         while (file != found.cend() && InByteOrder()(file->relativePath, path))
             ++file;
         if (file == found.cend() || file->relativePath != path)
-            texts->append(aboutFile(patch + path, QStringLiteral("is missing")));
+            errors->push_back({patch + path, QStringLiteral("is missing")});
     }
 }
 
 } // namespace
 
-std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, QString *error)
+std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, FileError *error)
 {
     const auto fail = [&](const fs::path &path, const QString &reason) {
-        *error = aboutFile(textOf(path), reason);
+        *error = {textOf(path), reason};
         return std::nullopt;
     };
     std::vector<PatchFile> files;
@@ -184,7 +206,7 @@ std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, QString *e
 }
 
 std::optional<std::vector<HashedFile>> hashFiles(const QString &patch,
-    const std::vector<PatchFile> &files, const HashSettings &settings, QString *error)
+    const std::vector<PatchFile> &files, const HashSettings &settings, FileError *error)
 {
     Hashing hashing(patch, files, settings);
     if (!hashing.carryOut(error))
@@ -192,32 +214,33 @@ std::optional<std::vector<HashedFile>> hashFiles(const QString &patch,
     return hashing.takeOutcome();
 }
 
-QStringList differences(
+std::vector<FileError> differences(
     const SealedPatch &sealed, const QString &patch, const HashSettings &settings)
 {
-    QString error;
+    FileError error;
     const auto found = walkPatch(patch, &error);
     if (!found)
         return {error};
-    QStringList texts;
-    const std::vector<PatchFile> files = filesToCompare(sealed, patch, *found, &texts);
-    addMissing(sealed, patch, *found, &texts);
+    std::vector<FileError> errors;
+    const std::vector<PatchFile> files = filesToCompare(sealed, patch, *found, &errors);
+    addMissing(sealed, patch, *found, &errors);
     const auto hashed = hashFiles(patch, files, settings, &error);
     for (std::size_t i = 0; hashed && i < files.size(); ++i) {
-        const QString path = patch + files[i].relativePath;
         const SealedFile &expected = sealed.files.at(files[i].relativePath);
         const SealedFile &content = hashed->at(i).content;
         if (!hashed->at(i).error.isEmpty())
-            texts.append(hashed->at(i).error);
+            errors.push_back(hashed->at(i).error);
         else if (content.size != expected.size || content.sha512 != expected.sha512)
-            texts.append(aboutFile(path, QStringLiteral("is not what was sealed")));
+            errors.push_back(
+                {patch + files[i].relativePath, QStringLiteral("is not what was sealed")});
     }
-    texts.sort();
+    std::sort(errors.begin(), errors.end(),
+        [](const FileError &one, const FileError &other) { return one.path < other.path; });
     if (!hashed)
-        texts.append(error.isEmpty()
-                ? aboutFile(patch, QStringLiteral("was not compared to its end"))
+        errors.push_back(error.isEmpty()
+                ? FileError{patch, QStringLiteral("was not compared to its end")}
                 : error);
-    return texts;
+    return errors;
 }
 
 } // namespace Pellox

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "sealfile.h"
 
 #include <atomic>
@@ -26,7 +27,7 @@ struct PatchFile
  * sorted by path. Links are not followed. Nothing, after @p error, when a folder cannot be listed
  * to its end or when a name cannot be told in the locale's encoding.
  */
-std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, QString *error);
+std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, FileError *error);
 
 /// How files are hashed.
 struct HashSettings
@@ -42,25 +43,26 @@ struct HashSettings
 struct HashedFile
 {
     SealedFile content;
-    QString error; ///< why it could not be read, begins with its path; else empty
+    FileError error; ///< why it could not be read; else empty
 };
 
 /**
  * Hashes @p files, which stand in folder @p patch, on all threads; blocks. The outcome of each in
  * the order of @p files. Nothing, after @p error, when the work was not done to its end; an empty
- * text when it was cancelled.
+ * one when it was cancelled.
  */
 std::optional<std::vector<HashedFile>> hashFiles(const QString &patch,
-    const std::vector<PatchFile> &files, const HashSettings &settings, QString *error);
+    const std::vector<PatchFile> &files, const HashSettings &settings, FileError *error);
 
 /**
- * What in folder @p patch is not as @p sealed says: a text for each file that is altered, missing,
- * no regular one, cannot be read, or is no part of the patch, sorted; each begins with the file's
- * path. Hidden files are no part of a patch; only the seal itself is not looked at. Hashes on all
- * threads and blocks. When cancelled, the last text says that not all was compared; so none at all
- * means that every byte is as it was sealed.
+ * What in folder @p patch is not as @p sealed says: an error for each file that is altered,
+ * missing, no regular one, cannot be read, or is no part of the patch, sorted by path. The seal
+ * itself is not looked at, and neither are hidden files that it does not name, as desktops leave
+ * them: no rule leads to them. An update's own folder may not be there, though. Hashes on all
+ * threads and blocks. When cancelled, the last error says that not all was compared; so none at all
+ * means that every byte of the patch is as it was sealed.
  */
-QStringList differences(
+std::vector<FileError> differences(
     const SealedPatch &sealed, const QString &patch, const HashSettings &settings);
 
 } // namespace Pellox

@@ -76,6 +76,26 @@ QString PatchSeal::error() const
     return d->error;
 }
 
+QStringList PatchSeal::signersOf(
+    const QString &patch, const QStringList &publicKeys, QString *error)
+{
+    const QString folder = absoluteFolder(patch);
+    FileError problem;
+    const auto keys = readPublicKeys(publicKeys, &problem);
+    // All of them first: this finds what is wrong with the seal, or with one signature.
+    const bool isSigned = keys && readSeal(folder, *keys, &problem);
+    if (!isSigned && error)
+        *error = problem;
+    QStringList signers;
+    for (int i = 0; isSigned && i < publicKeys.size(); ++i) {
+        FileError ignored;
+        const auto key = readPublicKeys({publicKeys.at(i)}, &ignored);
+        if (key && readSeal(folder, *key, &ignored))
+            signers.append(publicKeys.at(i));
+    }
+    return signers;
+}
+
 bool PatchSeal::generateKey(const QString &privateKey, const QString &publicKey, QString *error)
 {
     QString ignored;

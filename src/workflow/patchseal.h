@@ -69,6 +69,15 @@ public:
     QString error() const;
 
     /**
+     * Those of @p publicKeys, PEM files, whose owners have signed the seal in folder @p patch.
+     * Whether the patch is what was sealed is another question, which UpdateController::plan()
+     * answers. None after @p error, which may be null, when there is none, when the seal or a key
+     * cannot be read, and when one of them has a signature that does not hold. Any thread.
+     */
+    [[nodiscard]] static QStringList signersOf(
+        const QString &patch, const QStringList &publicKeys, QString *error);
+
+    /**
      * Makes a new key and writes two PEM files: @p privateKey, for the publisher, which only its
      * owner may read and write, and @p publicKey, for the players. Both are of the form that
      * "openssl genpkey -algorithm ed25519" and "openssl pkey -pubout" write. False after @p error,

@@ -150,8 +150,7 @@ QString PublishController::problemOfSignaturesFolder(const QString &folder)
     return problemOf(folder, SIGNATURES_FILE);
 }
 
-std::optional<QStringList> PublishController::signedFiles(
-    const QString &signatures, QString *error)
+std::optional<QStringList> PublishController::signedFiles(const QString &signatures, QString *error)
 {
     const auto files = readSignedFiles(absoluteFolder(signatures), error, GoOn());
     if (!files)

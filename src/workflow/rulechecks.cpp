@@ -9,10 +9,13 @@
 
 #include <QFile>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <optional>
+#include <utility>
 
 namespace Pellox {
 
@@ -22,6 +25,65 @@ constexpr int LongestPath = 4096;         // bytes, of Linux
 constexpr int LongestName = 255;          // bytes, of nearly all file systems
 constexpr double LargestSize = 1LL << 53; // that a JSON number holds exactly
 constexpr QLatin1Char Separator('/');
+constexpr int MostRules = 1000000;
+constexpr qint64 MostPathText = 1LL << 26; // characters of all paths together
+constexpr int MostErrors = 100;
+
+/// What is wrong: the first hundred, then a number.
+class Errors
+{
+public:
+    void add(const QString &error)
+    {
+        if (++m_count <= MostErrors)
+            m_texts.append(error);
+    }
+    void clear() { *this = Errors(); }
+    /// @p path: what they are about.
+    QStringList all(const QString &path) const
+    {
+        const int more = m_count - m_texts.size();
+        const QString rest = QStringLiteral("and %1 more").arg(more);
+        return more == 0 ? m_texts
+                         : m_texts + QStringList(path.isEmpty() ? rest : aboutFile(path, rest));
+    }
+
+private:
+    QStringList m_texts;
+    int m_count = 0;
+};
+
+/// Whether file systems that fold names overlook @p character, as Unicode lets them.
+bool isIgnorable(uint character)
+{
+    constexpr std::pair<uint, uint> Ignorable[] = {{0xad, 0xad}, {0x34f, 0x34f}, {0x61c, 0x61c},
+        {0x115f, 0x1160}, {0x17b4, 0x17b5}, {0x180b, 0x180f}, {0x200b, 0x200f}, {0x202a, 0x202e},
+        {0x2060, 0x206f}, {0x3164, 0x3164}, {0xfe00, 0xfe0f}, {0xfeff, 0xfeff}, {0xffa0, 0xffa0},
+        {0xfff0, 0xfff8}, {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a}, {0xe0000, 0xe0fff}};
+    return std::any_of(std::begin(Ignorable), std::end(Ignorable),
+        [&](const auto &range) { return range.first <= character && character <= range.second; });
+}
+
+QString withoutIgnorable(const QString &text)
+{
+    const auto isPlain = [](QChar character) { return character.unicode() < 0xad; };
+    if (std::all_of(text.cbegin(), text.cend(), isPlain))
+        return text;
+    QString kept;
+    for (const uint character : text.toUcs4()) {
+        if (!isIgnorable(character))
+            kept += QString::fromUcs4(&character, 1);
+    }
+    return kept;
+}
+
+/// Whether @p name has the form that some file systems give a second name of a file, like LONGNA~1.
+bool isShortName(const QString &name)
+{
+    static const QRegularExpression form(
+        QStringLiteral("^(?=[^.]{1,8}(\\.|$))[^.]+~[0-9]+(\\.[^.]{1,3})?$"));
+    return name.contains(QLatin1Char('~')) && form.match(name).hasMatch();
+}
 
 /// Of both sets: those below the blank and those from delete on.
 bool hasControlCharacter(const QString &text)
@@ -62,6 +124,8 @@ QString problemOfName(const QString &name)
         return QStringLiteral("has a backslash or a colon, which lead elsewhere on some systems");
     if (isDeviceName(name))
         return QStringLiteral("has a part that is a device on some systems");
+    if (isShortName(name))
+        return QStringLiteral("has a part that some systems use for another name");
     if (QFile::encodeName(name).size() > LongestName)
         return QStringLiteral("has a part of more than 255 bytes");
     return {};
@@ -76,6 +140,18 @@ std::optional<UpdateRule::Kind> kindOf(const QString &name)
     if (name == DELETE_RULE)
         return UpdateRule::Kind::Delete;
     return {};
+}
+
+/// Of a text from outside, which may be of any length.
+QString beginOf(const QString &path)
+{
+    return path.size() <= LongestPath ? path : path.left(LongestPath) + QStringLiteral("...");
+}
+
+QString aboutRecord(int number, const QString &problem, const QString &path)
+{
+    const QString name = path.isEmpty() ? QString() : QLatin1String(": ") + beginOf(path);
+    return QStringLiteral("record %1 %2%3").arg(QString::number(number), problem, name);
 }
 
 /// What is wrong with @p record; empty when it is @p rule.
@@ -135,30 +211,38 @@ QString problemOfRelativePath(const QString &relativePath)
         : problem;
 }
 
-std::vector<UpdateRule> readRules(const QString &path, QStringList *errors)
+std::vector<UpdateRule> readRules(const QString &path, QStringList *errors, const GoOn &goOn)
 {
     std::vector<UpdateRule> rules;
-    QStringList problems;
+    Errors found;
+    int count = 0;
+    qint64 text = 0;
     const auto begin = [&] {
         rules.clear();
-        problems.clear();
+        found.clear();
+        count = 0;
+        text = 0;
     };
     const auto take = [&](const QJsonValue &record, int number) {
         UpdateRule rule;
         const QString problem = problemOfRecord(record, &rule);
-        if (problem.isEmpty()) {
+        count = number;
+        text += rule.relativePath.size();
+        if (problem.isEmpty())
             rules.push_back(rule);
-            return;
-        }
-        const QString name
-            = rule.relativePath.isEmpty() ? QString() : QLatin1String(": ") + rule.relativePath;
-        problems.append(aboutFile(
-            path, QStringLiteral("record %1 %2%3").arg(QString::number(number), problem, name)));
+        else
+            found.add(aboutFile(path, aboutRecord(number, problem, rule.relativePath)));
     };
+    const auto isTooMuch = [&] { return count > MostRules || text > MostPathText; };
     QString error;
-    if (!readManifest(path, begin, take, &error))
-        problems = QStringList{error};
-    *errors += problems;
+    const bool isRead
+        = readManifest(path, begin, take, &error, [&] { return !isTooMuch() && mayGoOn(goOn); });
+    if (isTooMuch())
+        *errors += aboutFile(path, QStringLiteral("has more rules or longer paths than any build"));
+    else if (isRead)
+        *errors += found.all(path);
+    else if (!error.isEmpty())
+        *errors += error;
     return rules;
 }
 
@@ -173,12 +257,15 @@ QStringList foldersAbove(const QString &relativePath)
 
 QString NameSense::key(const QString &path) const
 {
-    const QString composed = foldsUnicode ? path.normalized(QString::NormalizationForm_C) : path;
+    // Those that fold names at all overlook such characters, too.
+    const QString text = foldsCase || foldsUnicode ? withoutIgnorable(path) : path;
+    const QString composed = foldsUnicode ? text.normalized(QString::NormalizationForm_C) : text;
     return foldsCase ? composed.toCaseFolded() : composed;
 }
 
 void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStringList *errors)
 {
+    Errors found;
     QHash<QString, const UpdateRule *> byKey;
     for (const UpdateRule &rule : rules) {
         const QString key = sense.key(rule.relativePath);
@@ -187,7 +274,7 @@ void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStrin
         const bool renames = other && other->relativePath != rule.relativePath
             && (other->kind == UpdateRule::Kind::Delete) != (rule.kind == UpdateRule::Kind::Delete);
         if (other && !renames)
-            errors->append(aboutFile(rule.relativePath, QStringLiteral("has more than one rule")));
+            found.add(aboutFile(rule.relativePath, QStringLiteral("has more than one rule")));
         if (!other || other->kind == UpdateRule::Kind::Delete)
             other = &rule;
     }
@@ -208,13 +295,13 @@ void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStrin
             && std::any_of(folders.cbegin(), folders.cend(),
                 [&](const QString &folder) { return isWritten(sense.key(folder)); });
         if (liesInFile)
-            errors->append(
-                aboutFile(path, QStringLiteral("lies in what another rule makes a file")));
+            found.add(aboutFile(path, QStringLiteral("lies in what another rule makes a file")));
         const QStringList parts = folders + QStringList(path);
         if (std::any_of(parts.cbegin(), parts.cend(), isTemporaryName))
-            errors->append(aboutFile(
+            found.add(aboutFile(
                 path, QStringLiteral("has a rule, but a temporary name of another rule's file")));
     }
+    *errors += found.all(QString());
 }
 
 } // namespace Pellox

@@ -384,24 +384,37 @@ std::optional<SealedPatch> readSealedText(const QByteArray &text, QString *probl
     return patch;
 }
 
-std::optional<QByteArray> readFile(const QString &path, QString *error)
+/// Of @p text, which may begin with @p path.
+FileError errorAbout(const QString &path, const QString &text)
+{
+    const QString begin = aboutFile(path, QString());
+    return {path, text.startsWith(begin) ? text.mid(begin.size()) : text};
+}
+
+std::optional<QByteArray> readFile(const QString &path, FileError *error)
 {
     const auto status = statusOf(path);
     const bool isMissing = !status && (errno == ENOENT || errno == ENOTDIR);
-    const auto fail = [&](const QString &text) {
-        *error = text;
+    const auto fail = [&](const QString &reason) {
+        *error = {path, reason};
         return std::nullopt;
     };
     if (isMissing)
-        return fail(aboutFile(path, QStringLiteral("is missing, so the patch is not sealed")));
+        return fail(QStringLiteral("is missing, so the patch is not sealed"));
     if (status && !S_ISREG(status->st_mode))
-        return fail(aboutFile(path, QStringLiteral("is damaged: it is no regular file")));
+        return fail(QStringLiteral("is damaged: it is no regular file"));
     InputFile file;
-    if (!file.open(path))
-        return fail(file.error());
+    if (!file.open(path)) {
+        *error = file.error();
+        return {};
+    }
     if (file.size() > LargestSeal)
-        return fail(aboutFile(path, QStringLiteral("is damaged: it is larger than any seal")));
-    return readWhole(file, LargestSeal, error);
+        return fail(QStringLiteral("is damaged: it is larger than any seal"));
+    QString text;
+    auto bytes = readWhole(file, LargestSeal, &text);
+    if (!bytes)
+        *error = errorAbout(path, text);
+    return bytes;
 }
 
 } // namespace
@@ -461,27 +474,33 @@ bool writeSeal(const QString &folder, const SealedPatch &patch,
     return replaceWhole(path, bytes, error);
 }
 
+std::optional<std::vector<Ed25519::PublicKey>> readPublicKeys(
+    const QStringList &files, FileError *error)
+{
+    std::vector<Ed25519::PublicKey> keys;
+    for (const QString &file : files) {
+        QString text = Ed25519::problemOfLibrary(file);
+        auto key = text.isEmpty() ? Ed25519::PublicKey::read(file, &text) : std::nullopt;
+        if (!key) {
+            *error = errorAbout(file, text);
+            return {};
+        }
+        keys.push_back(std::move(*key));
+    }
+    return keys;
+}
+
 std::optional<SealedPatch> readSeal(
-    const QString &patch, const QStringList &trustedKeys, QString *error)
+    const QString &patch, const std::vector<Ed25519::PublicKey> &trusted, FileError *error)
 {
     const QString path = Manifest::pathIn(patch, SealFileName);
-    *error = Ed25519::problemOfLibrary(path);
-    if (!error->isEmpty())
-        return {};
-    std::vector<Ed25519::PublicKey> trusted;
-    for (const QString &file : trustedKeys) {
-        auto key = Ed25519::PublicKey::read(file, error);
-        if (!key)
-            return {};
-        trusted.push_back(std::move(*key));
-    }
     const auto bytes = readFile(path, error);
     if (!bytes)
         return {};
     QString problem;
     auto sealed = readSealBytes(*bytes, trusted, &problem);
     if (!sealed)
-        *error = aboutFile(path, problem);
+        *error = {path, problem};
     return sealed;
 }
 

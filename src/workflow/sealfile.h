@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "rulechecks.h"
 #include "sha512.h"
 
@@ -106,15 +107,19 @@ QByteArray sealedText(const SealedPatch &patch);
 bool writeSeal(const QString &folder, const SealedPatch &patch,
     const std::vector<Ed25519::PrivateKey> &keys, QString *error);
 
+/// The public keys in @p files, which are PEM files. Nothing after @p error, about the first that
+/// holds none.
+std::optional<std::vector<Ed25519::PublicKey>> readPublicKeys(
+    const QStringList &files, FileError *error);
+
 /**
- * What the seal in folder @p patch says. @p trustedKeys are PEM files of public keys; at least one
- * of them must have signed it, and each signature by one of them must hold. Only then is the
- * sealed text looked at. Nothing after @p error, which begins with the path of the seal, or of a
- * key that cannot be read; of the seal it says "is missing", "is not by a trusted key", "is
- * damaged", or what this library does not take in a text that such a key has signed.
+ * What the seal in folder @p patch says. At least one of the @p trusted keys must have signed it,
+ * and each signature by one of them must hold. Only then is the sealed text looked at. Nothing
+ * after @p error about the seal, which says "is missing", "is not by a trusted key", "is damaged",
+ * or what this library does not take in a text that such a key has signed.
  */
 std::optional<SealedPatch> readSeal(
-    const QString &patch, const QStringList &trustedKeys, QString *error);
+    const QString &patch, const std::vector<Ed25519::PublicKey> &trusted, FileError *error);
 
 /// The same for a seal's bytes. @p problem is without a path.
 std::optional<SealedPatch> readSealBytes(

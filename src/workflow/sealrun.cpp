@@ -22,8 +22,9 @@ constexpr double Percent = 100;
 /// Whether a file of the patch would stand where the seal does, on any file system.
 bool isInPlaceOfSeal(const QString &relativePath)
 {
-    const QString seal = Manifest::pathIn(QString(), SealFileName).toCaseFolded();
-    const QString folded = relativePath.toCaseFolded();
+    const NameSense sense{true, true};
+    const QString seal = sense.key(Manifest::pathIn(QString(), SealFileName));
+    const QString folded = sense.key(relativePath);
     return folded == seal || folded == temporaryNameOf(seal);
 }
 
@@ -141,9 +142,10 @@ bool SealRun::readOldBuild()
 
 bool SealRun::findFiles()
 {
-    auto files = walkPatch(m_settings.patch, &m_error);
+    FileError error;
+    auto files = walkPatch(m_settings.patch, &error);
     if (!files)
-        return false;
+        return fail(error);
     for (PatchFile &file : *files) {
         const QString path = m_settings.patch + file.relativePath;
         if (path == sealPath() || path == temporaryNameOf(sealPath()))
@@ -167,11 +169,14 @@ bool SealRun::hashPatch(const PROGRESS_CALLBACK &progress)
             progress(static_cast<double>(done) / static_cast<double>(std::max<qint64>(total, 1))
                 * Percent);
     };
+    FileError error;
     const auto hashed = hashFiles(
-        m_settings.patch, m_files, {m_settings.threadCount, m_cancelled, true, report}, &m_error);
-    for (std::size_t i = 0; hashed && i < m_files.size(); ++i)
+        m_settings.patch, m_files, {m_settings.threadCount, m_cancelled, true, report}, &error);
+    if (!hashed)
+        return fail(error);
+    for (std::size_t i = 0; i < m_files.size(); ++i)
         m_sealed.files.emplace(m_files[i].relativePath, hashed->at(i).content);
-    return hashed.has_value();
+    return true;
 }
 
 bool SealRun::sealRules()

@@ -2,57 +2,74 @@
 #include "setaside.h"
 
 #include "diskfile.h"
-#include "filesystem.h"
 #include "wholefile.h"
-
-#include <QDir>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
-
-#include <unistd.h>
+#include <utility>
 
 namespace Pellox {
+
+namespace {
+
+QString folderOf(const QString &path)
+{
+    return path.left(path.lastIndexOf(QLatin1Char('/')));
+}
+
+} // namespace
 
 bool SetAside::begin(const Journal &journal)
 {
     if (!abandon())
         return false;
-    const QString folder = absolute(WorkFolder::Keeping);
-    if (!makeFolders(folder))
-        return failBySystem(folder, "cannot be made: ");
+    if (!m_files.makeFolders(WorkFolder::Keeping))
+        return failBySystem(WorkFolder::Keeping, "cannot be made: ");
     Journal wayBack;
     wayBack.isRollback = true;
     wayBack.changesRelease = journal.changesRelease;
     FileError unknown; // what cannot be read is not worth keeping
-    wayBack.release = InstalledRelease::read(m_build, &unknown);
+    wayBack.release = InstalledRelease::read(m_files, &unknown);
     for (const auto *placements : {&journal.first, &journal.last}) {
         for (const Journal::Placement &placement : *placements) {
-            if (!isRegularFile(absolute(placement.to)))
-                wayBack.deletions.append(placement.to);
-            else if (keep(placement.to))
-                wayBack.first.push_back({WorkFolder::Previous + placement.to, placement.to});
-            else
+            if (!addReplaced(placement.to, &wayBack))
                 return false;
         }
     }
-    for (const QString &path : journal.deletions)
-        wayBack.first.push_back({WorkFolder::Previous + path, path});
-    return writeWhole(absolute(WorkFolder::KeepingRecord), wayBack.toBytes(), false, &m_error);
+    for (const auto &[path, mark] : journal.deletions) {
+        if (mark.size >= 0) // else it is gone already
+            wayBack.first.push_back({WorkFolder::Previous + path, path, mark});
+    }
+    return writeWhole(m_files, WorkFolder::KeepingRecord, wayBack.toBytes(), false, &m_error);
+}
+
+bool SetAside::addReplaced(const QString &path, Journal *wayBack)
+{
+    const Standing standing = m_files.look(path);
+    errno = standing.error;
+    if (standing.error != 0)
+        return failBySystem(path, "cannot be looked at: ");
+    if (!standing.isFile()) {
+        wayBack->deletions.push_back({path});
+        return true;
+    }
+    if (!keep(path))
+        return false;
+    const FileMark mark = FileMark::of(m_files.look(WorkFolder::Keeping + path));
+    wayBack->first.push_back({WorkFolder::Previous + path, path, mark});
+    return mark.size >= 0 || fail(path, QStringLiteral("disappeared while it was set aside"));
 }
 
 /// Where the file system knows no second names, the content is copied.
 bool SetAside::keep(const QString &path)
 {
-    const QString from = absolute(path);
-    const QString to = absolute(WorkFolder::Keeping + path);
-    if (!makeFolders(QFileInfo(to).path()))
+    const QString to = WorkFolder::Keeping + path;
+    if (!m_files.makeFolders(folderOf(to)))
         return failBySystem(to, "cannot be made: ");
-    if (::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
+    if (m_files.link(path, to))
         return true;
     const bool isUnknown = errno == EPERM || errno == EOPNOTSUPP || errno == EMLINK;
-    return isUnknown ? copy(from, to) : failBySystem(from, "cannot be set aside: ");
+    return isUnknown ? copy(path, to) : failBySystem(path, "cannot be set aside: ");
 }
 
 bool SetAside::copy(const QString &from, const QString &to)
@@ -60,13 +77,13 @@ bool SetAside::copy(const QString &from, const QString &to)
     constexpr qint64 PartSize = 1 << 20;
     InputFile source;
     OutputFile output;
-    if (!source.open(from)) {
+    if (!m_files.open(from, &source)) {
         m_error = source.error();
         return false;
     }
     std::vector<uchar> part(static_cast<std::size_t>(std::min(PartSize, source.size())));
     bool isRead = true;
-    if (output.open(to)) {
+    if (m_files.make(to, &output)) {
         for (qint64 at = 0; at < source.size() && isRead; at += PartSize) {
             const qint64 size = std::min(PartSize, source.size() - at);
             isRead = source.readAt(at, part.data(), size);
@@ -82,46 +99,48 @@ bool SetAside::copy(const QString &from, const QString &to)
 
 bool SetAside::take(const QString &path)
 {
-    const QString from = absolute(path);
-    const QString to = absolute(WorkFolder::Keeping + path);
-    return (makeFolders(QFileInfo(to).path()) && renameFile(from, to))
-        || failBySystem(from, "cannot be set aside: ");
+    const QString to = WorkFolder::Keeping + path;
+    return (m_files.makeFolders(folderOf(to)) && m_files.rename(path, to))
+        || failBySystem(path, "cannot be set aside: ");
 }
 
-/// An earlier try may have been cut off anywhere, and of its last two renames either may be lost.
-bool SetAside::complete()
+/// An earlier try may have been cut off anywhere.
+bool SetAside::completeFiles()
 {
-    const QString record = absolute(WorkFolder::KeepingRecord);
-    const QString folder = absolute(WorkFolder::Keeping);
-    const QString previousRecord = absolute(WorkFolder::PreviousRecord);
-    const QString previous = absolute(WorkFolder::Previous);
-    const bool hasRecord = statusOf(record).has_value();
-    if (hasRecord && !removeFile(previousRecord))
-        return failBySystem(previousRecord, "cannot be removed: ");
-    if (statusOf(folder)) {
-        if (!removeFolder(previous))
-            return false;
-        if (!renameFile(folder, previous))
-            return failBySystem(previous, "cannot be made: ");
-    }
-    return !hasRecord || renameFile(record, previousRecord)
-        || failBySystem(previousRecord, "cannot be made: ");
+    if (m_files.look(WorkFolder::KeepingRecord).isNothing())
+        return true;
+    if (!m_files.removeFile(WorkFolder::PreviousRecord))
+        return failBySystem(WorkFolder::PreviousRecord, "cannot be removed: ");
+    const Standing files = m_files.look(WorkFolder::Keeping);
+    errno = files.error;
+    if (files.error != 0)
+        return failBySystem(WorkFolder::Keeping, "cannot be looked at: ");
+    return files.isNothing()
+        || (removeFolder(WorkFolder::Previous)
+            && (m_files.rename(WorkFolder::Keeping, WorkFolder::Previous)
+                || failBySystem(WorkFolder::Previous, "cannot be made: ")));
 }
 
-bool SetAside::isEmpty() const
+bool SetAside::completeRecord()
 {
-    return !statusOf(absolute(WorkFolder::PreviousRecord))
-        && !statusOf(absolute(WorkFolder::Previous));
+    return m_files.look(WorkFolder::KeepingRecord).isNothing()
+        || m_files.rename(WorkFolder::KeepingRecord, WorkFolder::PreviousRecord)
+        || failBySystem(WorkFolder::PreviousRecord, "cannot be made: ");
+}
+
+bool SetAside::isEmpty()
+{
+    return m_files.look(WorkFolder::PreviousRecord).isNothing()
+        && m_files.look(WorkFolder::Previous).isNothing();
 }
 
 std::optional<Journal> SetAside::wayBack()
 {
-    const QString record = absolute(WorkFolder::PreviousRecord);
-    if (!statusOf(record)) {
-        fail(m_build, QStringLiteral("nothing of an earlier build is kept"));
+    if (m_files.look(WorkFolder::PreviousRecord).isNothing()) {
+        fail(QString(), QStringLiteral("nothing of an earlier build is kept"));
         return {};
     }
-    return Journal::read(record, &m_error);
+    return Journal::read(m_files, WorkFolder::PreviousRecord, &m_error);
 }
 
 bool SetAside::discard()
@@ -137,25 +156,24 @@ bool SetAside::abandon()
 /// The record first: what has one is whole.
 bool SetAside::remove(const QString &record, const QString &folder)
 {
-    return (removeFile(absolute(record)) || failBySystem(absolute(record), "cannot be removed: "))
-        && removeFolder(absolute(folder));
+    return (m_files.removeFile(record) || failBySystem(record, "cannot be removed: "))
+        && removeFolder(folder);
 }
 
 bool SetAside::removeFolder(const QString &path)
 {
-    return !statusOf(path) || QDir(path).removeRecursively()
-        || fail(path, QStringLiteral("cannot be removed"));
+    return m_files.removeAll(path) || failBySystem(path, "cannot be removed: ");
 }
 
 bool SetAside::fail(const QString &path, const QString &reason)
 {
-    m_error = {path, reason};
+    m_error = {m_files.absolute(path), reason};
     return false;
 }
 
 bool SetAside::failBySystem(const QString &path, const char *what)
 {
-    m_error = FileError::ofSystem(path, what);
+    m_error = m_files.error(path, what);
     return false;
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "buildfiles.h"
 #include "journal.h"
-#include "workfolder.h"
 
 namespace Pellox {
 
@@ -14,8 +14,8 @@ namespace Pellox {
 class SetAside
 {
 public:
-    explicit SetAside(QString build)
-        : m_build(std::move(build))
+    explicit SetAside(BuildFiles &files)
+        : m_files(files)
     {
     }
 
@@ -24,13 +24,16 @@ public:
     bool begin(const Journal &journal);
     /// Moves a file that is deleted.
     bool take(const QString &path);
-    /// Makes it what can be brought back, in the place of what an earlier update has kept.
-    bool complete();
+    /// Makes it what can be brought back, in the place of what an earlier update has kept: its
+    /// files, then, once these are on the disk, its record. Without a record nothing changes, as
+    /// an earlier try has done it.
+    bool completeFiles();
+    bool completeRecord();
     /// Removes what begin() has made.
     bool abandon();
 
-    /// Whether nothing is there that an update has kept.
-    bool isEmpty() const;
+    /// Whether nothing is there, for certain, that an update has kept.
+    bool isEmpty();
     /// The way back. Nothing, with error(), when there is none.
     std::optional<Journal> wayBack();
     /// Removes what can be brought back.
@@ -39,6 +42,7 @@ public:
     const FileError &error() const { return m_error; }
 
 private:
+    bool addReplaced(const QString &path, Journal *wayBack);
     bool keep(const QString &path);
     bool copy(const QString &from, const QString &to);
     bool remove(const QString &record, const QString &folder);
@@ -46,9 +50,7 @@ private:
     bool fail(const QString &path, const QString &reason);
     bool failBySystem(const QString &path, const char *what);
 
-    QString absolute(const QString &path) const { return m_build + path; }
-
-    const QString m_build;
+    BuildFiles &m_files;
     FileError m_error;
 };
 

@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "staging.h"
 
+#include "diskroom.h"
 #include "filesystem.h"
 #include "patchedcontent.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QStorageInfo>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <numeric>
+#include <utility>
+
+#include <unistd.h>
 
 namespace Pellox {
 
@@ -19,6 +23,25 @@ namespace {
 bool isLarge(qint64 size)
 {
     return size > FilePass::ChunkSize;
+}
+
+/// Whether a file's content cannot be had, for permissions or a broken disk. It may have to be
+/// brought back, while other errors will pass.
+bool tellsUnreadable(const FileError &error)
+{
+    constexpr std::array Errors{EACCES, EPERM, EIO, EBADMSG, EUCLEAN, ENODATA};
+    return std::find(Errors.cbegin(), Errors.cend(), error.system) != Errors.cend();
+}
+
+bool isFileOfSize(const QString &path, qint64 size)
+{
+    const auto status = statusOf(path);
+    return status && S_ISREG(status->st_mode) && status->st_size == size;
+}
+
+bool isToBeMade(const UpdateWork &work)
+{
+    return work.isNeeded && !work.isStaged && work.rule.kind != UpdateRule::Kind::Delete;
 }
 
 bool exists(const QString &path)
@@ -34,11 +57,13 @@ mode_t permissionsOf(const QString &path)
         : S_IRUSR | S_IWUSR;
 }
 
+const QString NotTheOldFile = QStringLiteral("is not the file that the patch is for");
+
 } // namespace
 
-Staging::Staging(const UpdateFolders &folders, std::vector<UpdateWork> &works, int threadCount,
+Staging::Staging(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
     const std::atomic<bool> &cancelled, Problems &problems)
-    : m_folders(folders)
+    : m_folders(std::move(folders))
     , m_works(works)
     , m_threadCount(threadCount)
     , m_cancelled(cancelled)
@@ -59,13 +84,13 @@ bool Staging::runCrew(
         sizes, FilePass::ChunkSize, [&](std::size_t i) { task(m_works[i]); }, report);
     m_crew = nullptr;
     if (m_problems.isEmpty() && !crew.error().isEmpty()) // of the crew itself: no memory, say
-        add(Code::ReadOrWrite, m_folders.build, crew.error());
+        add(Code::NoMemory, m_folders.build, crew.error());
     return m_problems.isEmpty() && !m_cancelled;
 }
 
-bool Staging::decide()
+bool Staging::decide(const std::function<void(qint64 done)> &report)
 {
-    m_done = 0;
+    m_read = 0;
     return runCrew(
         [this](UpdateWork &work) {
             switch (work.rule.kind) {
@@ -77,16 +102,18 @@ bool Staging::decide()
                 work.isNeeded = isRegularFile(installed(work));
             }
         },
-        [] {});
+        [&] {
+            if (report)
+                report(m_read);
+        });
 }
 
 void Staging::decidePatch(UpdateWork &work)
 {
-    const UpdateRule &rule = work.rule;
     work.isNeeded = true;
-    if (isContent(staged(work), rule.size, rule.sha512))
+    if (isStagedAlready(work, work.rule.sha512))
         work.isStaged = true;
-    else if (rule.isSealed)
+    else if (work.rule.isSealed)
         decideSealedPatch(work);
     else
         decideUnsealedPatch(work);
@@ -95,110 +122,160 @@ void Staging::decidePatch(UpdateWork &work)
 /// The seal tells what the installed file must be.
 void Staging::decideSealedPatch(UpdateWork &work)
 {
-    const auto sha512 = isRegularFile(installed(work)) ? sha512Of(installed(work)) : std::nullopt;
+    if (!isRegularFile(installed(work)))
+        return takeWhole(work, QStringLiteral("is missing"));
+    QString why;
+    const auto sha512 = sha512OfInstalled(work, &why);
     if (m_crew->isStopped())
         return;
     work.isNeeded = sha512 != work.rule.sha512;
-    if (!work.isNeeded || sha512 == work.rule.oldSha512)
-        return;
-    work.isTakenWhole = true;
-    if (m_folders.fallback.isEmpty())
-        add(Code::DamagedInstall, installed(work),
-            sha512 ? QStringLiteral("is not the file that the patch is for")
-                   : QStringLiteral("is missing"));
-    else if (QFileInfo(fallback(work)).size() != work.size || !isRegularFile(fallback(work)))
-        add(Code::BadFallback, fallback(work),
-            QStringLiteral("is not the file that the patch leads to"));
+    if (work.isNeeded && sha512 != work.rule.oldSha512)
+        takeWhole(work, sha512 ? NotTheOldFile : why);
 }
 
 void Staging::decideUnsealedPatch(UpdateWork &work)
 {
-    const UpdateRule &rule = work.rule;
-    if (!exists(installed(work))) {
-        if (m_folders.fallback.isEmpty())
-            add(Code::DamagedInstall, installed(work), QStringLiteral("is missing"));
+    if (!exists(installed(work)))
+        return takeWhole(work, QStringLiteral("is missing"));
+    PatchedContent patched;
+    if (!patched.open(installed(work), payload(work), work.size, [this] { return isStopped(); })) {
+        if (isUnreadableInstalled(patched.error(), work))
+            takeWhole(work, patched.error().reason);
+        else if (!isStopped())
+            m_problems.add(codeOf(patched.error(), work), patched.error());
         return;
     }
-    PatchedContent patched;
-    if (!patched.open(installed(work), payload(work), rule.size))
-        m_problems.add(codeOf(patched.error(), work), patched.error());
-    else if (patched.mayBeNewAlready())
-        work.isNeeded = !isContent(installed(work), rule.size, rule.sha512);
+    if (!patched.mayBeNewAlready())
+        return;
+    QString why;
+    work.isNeeded = sha512OfInstalled(work, &why) != work.rule.sha512;
+    if (!why.isEmpty())
+        takeWhole(work, why);
+}
+
+/// The installed file is something else than the patch is for: @p why.
+void Staging::takeWhole(UpdateWork &work, const QString &why)
+{
+    work.isTakenWhole = true;
+    const QFileInfo source(fallback(work));
+    if (m_folders.fallback.isEmpty())
+        add(Code::DamagedInstall, installed(work), why);
+    else if (!source.isFile() || source.size() != work.size)
+        add(Code::BadFallback, fallback(work),
+            QStringLiteral("is not the file that the patch leads to"));
 }
 
 /// Without a seal a copied file has no checksum in the rules: the patch's own file tells it.
 void Staging::decideCopy(UpdateWork &work)
 {
     work.isNeeded = true;
-    const auto sameSize = [&](const QString &path) {
-        const QFileInfo info(path);
-        return !info.isSymLink() && info.isFile() && info.size() == work.size;
-    };
-    const bool maybeInstalled = sameSize(installed(work));
-    const bool maybeStaged = sameSize(staged(work));
+    const bool maybeInstalled = isFileOfSize(installed(work), work.size);
+    const bool maybeStaged = work.isOwnStaged && isFileOfSize(staged(work), work.size);
     if (!maybeInstalled && !maybeStaged)
         return;
-    const auto sha512
-        = work.rule.isSealed ? std::optional(work.rule.sha512) : sha512Of(payload(work));
+    FileError error;
+    std::atomic<qint64> done{0};
+    const auto sha512 = work.rule.isSealed ? std::optional(work.rule.sha512)
+                                           : sha512Of(payload(work), done, &error);
+    if (!error.isEmpty())
+        fail(error);
     if (!sha512)
         return;
-    work.isNeeded = !maybeInstalled || !isContent(installed(work), work.size, *sha512);
-    work.isStaged = work.isNeeded && maybeStaged && isContent(staged(work), work.size, *sha512);
+    QString why; // does not matter, as the file is replaced whole
+    work.isNeeded = !maybeInstalled || sha512OfInstalled(work, &why) != *sha512;
+    work.isStaged = work.isNeeded && isStagedAlready(work, *sha512);
+    work.sha512 = *sha512;
 }
 
-/// Whether a regular file with this content stands at @p path.
-bool Staging::isContent(const QString &path, qint64 size, const Sha512 &sha512)
+/// What cannot be read is made anew.
+bool Staging::isStagedAlready(const UpdateWork &work, const Sha512 &sha512)
 {
-    const QFileInfo info(path);
-    return !info.isSymLink() && info.isFile() && info.size() == size && sha512Of(path) == sha512;
+    FileError error;
+    std::atomic<qint64> done{0};
+    return work.isOwnStaged && isFileOfSize(staged(work), work.size)
+        && sha512Of(staged(work), done, &error) == sha512;
 }
 
-/// Nothing, after an error has stopped the crew or it was stopped.
-std::optional<Sha512> Staging::sha512Of(const QString &path)
+/// Nothing after @p why, when the file cannot be read, and when the crew was stopped.
+std::optional<Sha512> Staging::sha512OfInstalled(UpdateWork &work, QString *why)
+{
+    FileError error;
+    const auto sha512 = sha512Of(installed(work), m_read, &error);
+    if (isUnreadableInstalled(error, work))
+        *why = error.reason;
+    else if (!error.isEmpty())
+        fail(error);
+    return sha512;
+}
+
+bool Staging::isUnreadableInstalled(const FileError &error, UpdateWork &work) const
+{
+    if (error.path != installed(work) || !tellsUnreadable(error))
+        return false;
+    work.isUnreadable = true;
+    return true;
+}
+
+/// Nothing after @p error, and when the crew was stopped.
+std::optional<Sha512> Staging::sha512Of(
+    const QString &path, std::atomic<qint64> &done, FileError *error)
 {
     InputFile file;
     if (!file.open(path)) {
-        fail(file.error());
+        *error = file.error();
         return {};
     }
     FilePass::Targets targets;
     targets.digest = true;
-    std::atomic<qint64> done{0};
     FilePass reading(*m_crew, file, targets, done);
-    return pass(reading, file.size()) ? std::optional(reading.sha512()) : std::nullopt;
+    return pass(reading, file.size(), error) ? std::optional(reading.sha512()) : std::nullopt;
 }
 
 qint64 Staging::bytesToWrite() const
 {
-    return std::accumulate(
-        m_works.cbegin(), m_works.cend(), qint64{0}, [](qint64 sum, const UpdateWork &work) {
-            return work.isNeeded && !work.isStaged ? sum + work.size : sum;
-        });
+    qint64 bytes = 0;
+    for (const UpdateWork &work : m_works)
+        bytes = saturatedSum(bytes, isToBeMade(work) ? work.size : 0);
+    return bytes;
 }
 
 qint64 Staging::roomNeeded() const
 {
     constexpr qint64 Margin = 16LL << 20; // journal, folders, and other programs at work
-    const qint64 bytes = bytesToWrite();
-    return bytes > 0 ? bytes + Margin : 0;
+    const DiskRoom room = DiskRoom::of(m_folders.build).value_or(DiskRoom());
+    qint64 bytes = 0;
+    for (const UpdateWork &work : m_works)
+        bytes = saturatedSum(bytes, isToBeMade(work) ? room.taken(work.size) : 0);
+    return bytes > 0 ? saturatedSum(bytes, Margin) : 0;
 }
 
 bool Staging::hasRoom()
 {
-    const qint64 bytes = roomNeeded();
-    const qint64 available = QStorageInfo(m_folders.build).bytesAvailable();
-    if (available < 0 || available >= bytes)
+    constexpr qint64 OwnFiles = 8; // journal, records and their folders
+    const auto room = DiskRoom::of(m_folders.build);
+    if (!room)
         return true;
-    add(Code::NoSpace, m_folders.build,
-        QStringLiteral("has not enough room: %1 bytes are needed, %2 are free")
-            .arg(QString::number(bytes), QString::number(available)));
-    return false;
+    const auto refuse = [this](const QString &text, qint64 needed, qint64 free) {
+        add(Code::NoSpace, m_folders.build,
+            text.arg(QString::number(needed), QString::number(free)));
+        return false;
+    };
+    const qint64 bytes = roomNeeded();
+    if (bytes > room->bytes)
+        return refuse(QStringLiteral("has not enough room: %1 bytes are needed, %2 are free"),
+            bytes, room->bytes);
+    const qint64 files = OwnFiles + std::count_if(m_works.cbegin(), m_works.cend(), isToBeMade);
+    if (bytes > 0 && room->files && files > *room->files)
+        return refuse(
+            QStringLiteral("has not enough room: %1 files are to be made, there is room for %2"),
+            files, *room->files);
+    return true;
 }
 
 bool Staging::carryOut(const Reports &reports)
 {
     const qint64 total = bytesToWrite();
-    m_done = 0;
+    m_done = std::vector<std::atomic<qint64>>(m_works.size());
     return runCrew(
         [this](UpdateWork &work) {
             if (work.isNeeded && work.rule.kind != UpdateRule::Kind::Delete)
@@ -216,7 +293,17 @@ void Staging::report(const Reports &reports, qint64 total)
     }
     for (const QString &path : qAsConst(staged))
         reports.staged(path);
-    reports.progress(std::min<qint64>(m_done, total), total);
+    reports.progress(std::min(done(), total), total);
+}
+
+qint64 Staging::done() const
+{
+    return std::accumulate(m_done.cbegin(), m_done.cend(), qint64{0});
+}
+
+std::atomic<qint64> &Staging::doneOf(const UpdateWork &work)
+{
+    return m_done[static_cast<std::size_t>(&work - m_works.data())];
 }
 
 void Staging::stage(UpdateWork &work)
@@ -238,81 +325,79 @@ void Staging::adopt(const UpdateWork &work)
         fail(FileError::ofSystem(path, "cannot be written: "));
 }
 
-/// A file that is replaced keeps its permissions; a new one has those of @p source.
+/// A file that is replaced keeps its permissions; a new one has those of @p source, and so has one
+/// that its owner could not read.
 mode_t Staging::permissionsFor(const UpdateWork &work, const QString &source) const
 {
-    const bool replaces = isRegularFile(installed(work)) && !work.comesLast;
-    return permissionsOf(replaces ? installed(work) : source);
+    if (!isRegularFile(installed(work)) || work.comesLast)
+        return permissionsOf(source);
+    const mode_t own = permissionsOf(installed(work));
+    const bool isUnreadable
+        = work.isUnreadable || ::access(QFile::encodeName(installed(work)).constData(), R_OK) != 0;
+    if ((own & S_IRUSR) == 0 && isUnreadable)
+        return permissionsOf(source) | S_IRUSR | S_IWUSR;
+    const bool repairs = m_folders.patch.isEmpty();
+    return repairs ? own | S_IRUSR : own;
 }
 
 void Staging::stageAnew(UpdateWork &work)
 {
-    if (!removeFile(staged(work)))
+    if (work.isOwnStaged && !removeFile(staged(work)))
         return fail(FileError::ofSystem(staged(work), "cannot be removed: "));
-    noteMissingFolders(staged(work));
     if (work.rule.kind == UpdateRule::Kind::Copy)
         return stageCopy(work);
-    if (m_folders.patch.isEmpty() || work.isTakenWhole) {
-        stageFallback(work);
-        return;
-    }
-    if (stagePatched(work) || m_crew->isStopped())
+    if (m_folders.patch.isEmpty() || work.isTakenWhole)
+        return stageFallback(work);
+    QString why = NotTheOldFile;
+    if (stagePatched(work, &why) || isStopped())
         return;
     if (m_folders.fallback.isEmpty())
-        add(Code::DamagedInstall, installed(work),
-            QStringLiteral("is not the file that the patch is for"));
+        add(Code::DamagedInstall, installed(work), why);
     else
         stageFallback(work);
 }
 
-/// Remembers the folders that will be made above @p path, so that they can be removed again.
-void Staging::noteMissingFolders(const QString &path)
-{
-    QStringList missing;
-    for (QString folder = QFileInfo(path).path(); !exists(folder);
-         folder = QFileInfo(folder).path())
-        missing.prepend(folder);
-    const std::lock_guard lock(m_madeFoldersMutex);
-    m_madeFolders += missing;
-}
-
-/// False when the installed file is not the one that the delta is for.
-bool Staging::stagePatched(UpdateWork &work)
+/// False, after @p why where it is known, when the installed file is not the one that the delta is
+/// for.
+bool Staging::stagePatched(UpdateWork &work, QString *why)
 {
     PatchedContent content;
+    FileError error;
+    std::optional<Sha512> sha512;
     if (!exists(installed(work)))
         return false;
-    if (!content.open(installed(work), payload(work), work.size)) {
-        fail(content.error(), codeOf(content.error(), work));
-        return false;
-    }
-    if (!content.fits())
-        return false;
-    const auto sha512 = write(work, content, content.oldPermissions());
+    if (!content.open(installed(work), payload(work), work.size, [this] { return isStopped(); }))
+        error = content.error();
+    else if (content.fits())
+        sha512 = write(work, content, content.oldPermissions(), &error);
     work.isStaged = sha512 == work.rule.sha512;
-    if (sha512 && !work.isStaged) {
-        QFile::remove(staged(work));
-        m_done -= work.size;
-    }
-    return work.isStaged;
+    if (work.isStaged || isStopped())
+        return work.isStaged;
+    if (isUnreadableInstalled(error, work))
+        *why = error.reason;
+    else if (!error.isEmpty())
+        fail(error, codeOf(error, work));
+    discard(work);
+    return false;
 }
 
-bool Staging::stageFallback(UpdateWork &work)
+void Staging::stageFallback(UpdateWork &work)
 {
     const QString path = fallback(work);
     InputFile source;
-    if (!source.open(path)) {
-        m_problems.add(Code::BadFallback, source.error());
-        return false;
-    }
+    if (!source.open(path))
+        return m_problems.add(Code::BadFallback, source.error());
+    FileError error;
     const bool sizeFits = source.size() == work.size;
-    const auto sha512 = sizeFits ? write(work, source, permissionsFor(work, path)) : std::nullopt;
+    const auto sha512
+        = sizeFits ? write(work, source, permissionsFor(work, path), &error) : std::nullopt;
     work.isStaged = sha512 == work.rule.sha512;
-    if (!work.isStaged && !m_crew->isStopped()) {
-        QFile::remove(staged(work));
-        add(Code::BadFallback, path, QStringLiteral("is not the file that the patch leads to"));
-    }
-    return work.isStaged;
+    if (!error.isEmpty())
+        return fail(error);
+    if (work.isStaged || isStopped())
+        return;
+    discard(work);
+    add(Code::BadFallback, path, QStringLiteral("is not the file that the patch leads to"));
 }
 
 void Staging::stageCopy(UpdateWork &work)
@@ -322,27 +407,43 @@ void Staging::stageCopy(UpdateWork &work)
         return fail(source.error());
     if (source.size() != work.size)
         return fail({source.path(), QStringLiteral("changed while it was read")});
-    const auto sha512 = write(work, source, permissionsFor(work, source.path()));
+    FileError error;
+    const auto sha512 = write(work, source, permissionsFor(work, source.path()), &error);
+    if (!error.isEmpty())
+        return fail(error);
     if (sha512 && work.rule.isSealed && sha512 != work.rule.sha512)
         return fail({source.path(), QStringLiteral("changed since it was checked")});
     work.isStaged = sha512.has_value();
+    work.sha512 = sha512.value_or(Sha512());
 }
 
-/// Writes @p content where the work is staged. Its SHA-512; nothing when the crew was stopped.
-std::optional<Sha512> Staging::write(UpdateWork &work, Content &content, mode_t permissions)
+/// Removes what was written of a work. If it stays, it can neither be made again nor be missed when
+/// the run is taken back.
+void Staging::discard(UpdateWork &work)
+{
+    if (work.isOwnStaged)
+        removeFile(staged(work));
+    doneOf(work) = 0;
+}
+
+/// Writes @p content where the work is staged. Its SHA-512; nothing after @p error, and when the
+/// crew was stopped.
+std::optional<Sha512> Staging::write(
+    UpdateWork &work, Content &content, mode_t permissions, FileError *error)
 {
     OutputFile output;
     FilePass::Targets targets;
     targets.digest = true;
     targets.copy = &output;
     const auto failOutput = [&] {
-        fail(output.error());
+        *error = output.error();
         return std::nullopt;
     };
     if (!output.open(staged(work)))
         return failOutput();
-    FilePass writing(*m_crew, content, targets, m_done);
-    if (!pass(writing, content.size()))
+    work.isOwnStaged = true;
+    FilePass writing(*m_crew, content, targets, doneOf(work));
+    if (!pass(writing, content.size(), error))
         return {};
     output.setPermissions(permissions);
     if (!output.close())
@@ -350,23 +451,13 @@ std::optional<Sha512> Staging::write(UpdateWork &work, Content &content, mode_t 
     return writing.sha512();
 }
 
-bool Staging::pass(FilePass &pass, qint64 size)
+/// False after @p error, and when the crew was stopped.
+bool Staging::pass(FilePass &pass, qint64 size, FileError *error)
 {
     const bool done = isLarge(size) ? m_crew->share(pass) : m_crew->doAlone(pass);
-    if (done && !pass.error().isEmpty())
-        fail(pass.error());
+    if (done)
+        *error = pass.error();
     return done && pass.error().isEmpty();
-}
-
-void Staging::remove()
-{
-    for (UpdateWork &work : m_works) {
-        if (!work.staged.isEmpty() && work.isNeeded)
-            QFile::remove(staged(work));
-        work.isStaged = false;
-    }
-    for (auto folder = m_madeFolders.crbegin(); folder != m_madeFolders.crend(); ++folder)
-        QDir().rmdir(*folder);
 }
 
 /// A delta that is broken is told as what the patch brings.

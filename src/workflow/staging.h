@@ -17,7 +17,7 @@ namespace Pellox {
 class Staging
 {
 public:
-    Staging(const UpdateFolders &folders, std::vector<UpdateWork> &works, int threadCount,
+    Staging(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
         const std::atomic<bool> &cancelled, Problems &problems);
 
     /// Called on the thread that stages.
@@ -28,18 +28,17 @@ public:
     };
 
     /// Finds out which works are needed, and which an earlier run has staged already. False when
-    /// cancelled or with a problem.
-    bool decide();
+    /// cancelled or with a problem. Tells @p report how many bytes of installed files were read.
+    bool decide(const std::function<void(qint64 done)> &report = {});
     /// Of the works that are needed and not staged.
     qint64 bytesToWrite() const;
     /// What the build's file system must have free for that, with a margin.
     qint64 roomNeeded() const;
-    /// Whether it has. False with a problem.
+    /// Whether it has, for the content and for as many files. False with a problem.
     bool hasRoom();
-    /// Stages what is needed. False when cancelled or with a problem.
+    /// Stages what is needed. What stands where a work is staged must be an update's own. False
+    /// when cancelled or with a problem.
     bool carryOut(const Reports &reports);
-    /// Removes what is staged.
-    void remove();
 
 private:
     using Code = UpdateProblem::Code;
@@ -51,21 +50,29 @@ private:
     void decideSealedPatch(UpdateWork &work);
     void decideUnsealedPatch(UpdateWork &work);
     void decideCopy(UpdateWork &work);
-    bool isContent(const QString &path, qint64 size, const Sha512 &sha512);
-    std::optional<Sha512> sha512Of(const QString &path);
+    void takeWhole(UpdateWork &work, const QString &why);
+    bool isStagedAlready(const UpdateWork &work, const Sha512 &sha512);
+    std::optional<Sha512> sha512Of(
+        const QString &path, std::atomic<qint64> &done, FileError *error);
+    std::optional<Sha512> sha512OfInstalled(UpdateWork &work, QString *why);
+    bool isUnreadableInstalled(const FileError &error, UpdateWork &work) const;
 
     void adopt(const UpdateWork &work);
     mode_t permissionsFor(const UpdateWork &work, const QString &source) const;
     void stage(UpdateWork &work);
     void stageAnew(UpdateWork &work);
     void report(const Reports &reports, qint64 total);
-    void noteMissingFolders(const QString &path);
-    bool stagePatched(UpdateWork &work);
-    bool stageFallback(UpdateWork &work);
+    qint64 done() const;
+    bool stagePatched(UpdateWork &work, QString *why);
+    void stageFallback(UpdateWork &work);
     void stageCopy(UpdateWork &work);
-    std::optional<Sha512> write(UpdateWork &work, Content &content, mode_t permissions);
-    bool pass(FilePass &pass, qint64 size);
+    void discard(UpdateWork &work);
+    std::optional<Sha512> write(
+        UpdateWork &work, Content &content, mode_t permissions, FileError *error);
+    bool pass(FilePass &pass, qint64 size, FileError *error);
+    std::atomic<qint64> &doneOf(const UpdateWork &work);
     Code codeOf(const FileError &error, const UpdateWork &work) const;
+    bool isStopped() const { return m_crew->isStopped(); }
     void add(Code code, const QString &path, const QString &reason);
     void fail(const FileError &error, Code code = Code::ReadOrWrite);
 
@@ -93,12 +100,11 @@ private:
     const int m_threadCount;
     const std::atomic<bool> &m_cancelled;
     Problems &m_problems;
-    Crew *m_crew = nullptr; ///< at work
-    std::atomic<qint64> m_done{0};
+    Crew *m_crew = nullptr;                  ///< at work
+    std::vector<std::atomic<qint64>> m_done; ///< bytes of each work that are staged
+    std::atomic<qint64> m_read{0};           ///< bytes of installed files
     std::mutex m_stagedMutex;
     QStringList m_staged; ///< relative paths that are to be reported
-    std::mutex m_madeFoldersMutex;
-    QStringList m_madeFolders; ///< for staged files, each above those that were made in it
 };
 
 } // namespace Pellox

@@ -2,8 +2,10 @@
 #include "transaction.h"
 
 #include "filesystem.h"
+#include "setaside.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace Pellox {
 
@@ -14,7 +16,9 @@ Transaction::Transaction(const Settings &settings, Reports reports,
     , m_cancelled(cancelled)
     , m_problems(problems)
     , m_folder(settings.folders.build)
-    , m_commit(m_folder, settings.syncs)
+    , m_files(m_folder)
+    , m_commit(m_files, settings.syncs)
+    , m_record(settings.folders.build)
 {
 }
 
@@ -29,7 +33,7 @@ bool Transaction::lock()
 
 bool Transaction::hasUnfinished() const
 {
-    return statusOf(m_folder.absolute(WorkFolder::Journal)).has_value();
+    return mayStand(m_folder.absolute(WorkFolder::Journal));
 }
 
 Transaction::Outcome Transaction::finishUnfinished()
@@ -45,33 +49,157 @@ Transaction::Outcome Transaction::finishUnfinished()
     case Commit::Found::Journal:
         break;
     }
+    if (!forgetRecord())
+        return Outcome::Interrupted;
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
 }
 
 Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const Aim &aim)
 {
-    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
-    // An old journal that came back would take what is staged now for its own.
-    if (!m_commit.forget())
-        return fail(m_commit.error());
     if (!m_folder.make())
         return fail(m_folder.error());
-    Outcome outcome = Outcome::Cancelled;
-    if (staging.carryOut(m_reports.staging)) {
-        Journal journal = journalOf(works);
-        journal.changesRelease = aim.changesRelease;
-        journal.release = aim.release;
-        outcome = commit(std::move(journal));
-    } else if (!m_problems.isEmpty())
-        outcome = Outcome::Failed;
-    if (outcome == Outcome::Failed || outcome == Outcome::Cancelled) {
-        staging.remove();
+    if (!m_record.read()) {
         m_folder.removeIfEmpty();
+        return fail(m_record.errors().front());
     }
+    Outcome outcome = Outcome::Failed;
+    try {
+        outcome = stageAndCommit(works, aim);
+    } catch (...) { // there is no more memory, or it comes from a host's slot
+        if (!hasUnfinished())
+            takeBack(works, aim.otherFiles);
+        throw;
+    }
+    const bool isUnchanged = outcome == Outcome::Failed || outcome == Outcome::Cancelled;
+    if (isUnchanged && mayHaveBegun())
+        outcome = Outcome::Interrupted;
+    else if (isUnchanged && !takeBack(works, aim.otherFiles))
+        outcome = Outcome::Failed;
     return outcome;
 }
 
+Transaction::Outcome Transaction::stageAndCommit(std::vector<UpdateWork> &works, const Aim &aim)
+{
+    if (!recordStaged(works, aim.otherFiles))
+        return Outcome::Failed;
+    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
+    if (!staging.carryOut(m_reports.staging))
+        return m_problems.isEmpty() ? Outcome::Cancelled : Outcome::Failed;
+    Journal journal = journalOf(works);
+    journal.changesRelease = aim.changesRelease;
+    journal.release = aim.release;
+    return commitStaged(std::move(journal));
+}
+
+/// Where a journal may stand, what is staged may be the only copy of new content. Then there is a
+/// problem.
+bool Transaction::mayHaveBegun()
+{
+    const Standing journal = m_files.look(WorkFolder::Journal);
+    if (journal.isNothing())
+        return false;
+    errno = journal.error;
+    if (m_problems.isEmpty())
+        fail(m_files.error(WorkFolder::Journal, "may stand there already: "));
+    return true;
+}
+
+/// Puts on record what @p works stage, and removes what earlier runs have staged besides. False
+/// with a problem.
+bool Transaction::recordStaged(
+    const std::vector<UpdateWork> &works, const QSet<QString> &otherFiles)
+{
+    QSet<QString> kept = targetsOf(works) + otherFiles;
+    QSet<QString> standing;
+    for (const UpdateWork &work : works) {
+        if (!work.isNeeded || work.rule.kind == UpdateRule::Kind::Delete)
+            continue;
+        kept.insert(work.staged);
+        m_record.add(work.staged);
+        recordFoldersAbove(work.staged, &standing);
+    }
+    if (!m_record.write(m_settings.syncs))
+        return tellErrorsOfRecord();
+    // Of the record, and as an old journal that came back would take what is staged for its own.
+    if (!m_commit.forget()) {
+        fail(m_commit.error());
+        return false;
+    }
+    return m_record.removeFiles(kept) || tellErrorsOfRecord();
+}
+
+void Transaction::recordFoldersAbove(const QString &path, QSet<QString> *standing)
+{
+    if (WorkFolder::isInside(path))
+        return;
+    for (const QString &folder : foldersAbove(path)) {
+        if (standing->contains(folder))
+            continue;
+        if (statusOf(m_folder.absolute(folder)))
+            standing->insert(folder);
+        else
+            m_record.addFolder(folder);
+    }
+}
+
+/// False with a problem when something that is staged stays.
+bool Transaction::takeBack(const std::vector<UpdateWork> &works, const QSet<QString> &kept)
+{
+    for (const UpdateWork &work : works) {
+        if (!work.isOwnStaged) // then whatever stands there is somebody's
+            m_record.drop(work.staged);
+    }
+    return clear(kept) || tellErrorsOfRecord();
+}
+
+bool Transaction::tellErrorsOfRecord()
+{
+    for (const FileError &error : m_record.errors())
+        m_problems.add(UpdateProblem::Code::ReadOrWrite, error);
+    return false;
+}
+
+/// The record goes last, as it is by that alone that a later run knows the rest.
+bool Transaction::clear(const QSet<QString> &kept)
+{
+    bool cleared = m_record.removeFiles(kept);
+    if (cleared) {
+        m_commit.forget(); // should that fail, a crash may leave files, but they harm nobody
+        cleared = m_record.remove();
+    }
+    m_folder.removeIfEmpty();
+    return cleared;
+}
+
+void Transaction::clearLeftovers(const QSet<QString> &kept)
+{
+    const auto stands
+        = [this](const QString &path) { return statusOf(m_folder.absolute(path)).has_value(); };
+    const bool hasBegun = stands(WorkFolder::NewJournal) || stands(WorkFolder::KeepingRecord)
+        || stands(WorkFolder::Keeping); // a commit, but its journal was never in place
+    if (hasUnfinished() || (!hasBegun && !m_record.isThere()))
+        return;
+    if (hasBegun) {
+        m_files.removeFile(WorkFolder::NewJournal);
+        SetAside(m_files).abandon();
+    }
+    if (m_record.read())
+        clear(kept);
+}
+
+/// Once there is a journal, that tells of all that is staged. False with a problem.
+bool Transaction::forgetRecord()
+{
+    return m_record.remove() || tellErrorsOfRecord();
+}
+
 Transaction::Outcome Transaction::commit(Journal journal)
+{
+    clearLeftovers();
+    return commitStaged(std::move(journal));
+}
+
+Transaction::Outcome Transaction::commitStaged(Journal journal)
 {
     journal.keepsPrevious = m_settings.keepsPrevious && !journal.isRollback;
     m_reports.committing();
@@ -83,6 +211,8 @@ Transaction::Outcome Transaction::commit(Journal journal)
     case Commit::Begun::Yes:
         break;
     }
+    if (!forgetRecord())
+        return Outcome::Interrupted;
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
 }
 
@@ -92,6 +222,25 @@ Transaction::Outcome Transaction::fail(const FileError &error, Outcome outcome)
     return outcome;
 }
 
+QSet<QString> targetsOf(const std::vector<UpdateWork> &works)
+{
+    QSet<QString> targets;
+    for (const UpdateWork &work : works)
+        targets.insert(work.rule.relativePath);
+    return targets;
+}
+
+namespace {
+
+/// Of what is staged.
+FileMark markOf(const UpdateWork &work)
+{
+    const bool isCopy = work.rule.kind == UpdateRule::Kind::Copy;
+    return {work.size, isCopy ? work.sha512 : work.rule.sha512, std::nullopt};
+}
+
+} // namespace
+
 Journal journalOf(const std::vector<UpdateWork> &works)
 {
     Journal journal;
@@ -99,15 +248,15 @@ Journal journalOf(const std::vector<UpdateWork> &works)
         if (!work.isNeeded)
             continue;
         if (work.rule.kind == UpdateRule::Kind::Delete)
-            journal.deletions.append(work.rule.relativePath);
+            journal.deletions.push_back({work.rule.relativePath});
         else
             (work.comesLast ? journal.last : journal.first)
-                .push_back({work.staged, work.rule.relativePath});
+                .push_back({work.staged, work.rule.relativePath, markOf(work)});
     }
     // What lies deeper goes first, so that folders are empty when their turn comes.
     std::stable_sort(journal.deletions.begin(), journal.deletions.end(),
-        [](const QString &one, const QString &other) {
-            return one.count(QLatin1Char('/')) > other.count(QLatin1Char('/'));
+        [](const Journal::Deletion &one, const Journal::Deletion &other) {
+            return one.path.count(QLatin1Char('/')) > other.path.count(QLatin1Char('/'));
         });
     return journal;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "commit.h"
+#include "stagedrecord.h"
 #include "staging.h"
 #include "updatework.h"
 
@@ -29,6 +30,7 @@ public:
     {
         bool changesRelease = false;
         std::optional<InstalledRelease> release; ///< where that is known
+        QSet<QString> otherFiles;                ///< of the build; never taken for staged ones
     };
 
     enum class Outcome {
@@ -52,16 +54,36 @@ public:
 
     /// To be called first. False, with a problem, when somebody else works on the build.
     bool lock();
+    bool isLocked() const { return m_folder.handle() >= 0; }
     /// Whether an earlier run has left an unfinished commit, or something that may be one.
     bool hasUnfinished() const;
-    /// Finishes it.
+    /// Finishes it. Done also when content was lost; there is no problem for that yet.
     Outcome finishUnfinished();
+    /// Files that have no new content for that, as relative paths: it was not there any more.
+    const QStringList &lost() const { return m_commit.lost(); }
+    /// Whether what was finished has taken an update back.
+    bool hasFinishedRollback() const { return m_commit.isRollback(); }
     /// Stages what is needed and not staged yet, and commits all that is needed.
     Outcome carryOut(std::vector<UpdateWork> &works, const Aim &aim);
+    /// Where no commit is unfinished: removes what an earlier run has staged, but for @p kept, as
+    /// far as it can.
+    void clearLeftovers(const QSet<QString> &kept = {});
     /// Commits steps that need no staging.
     Outcome commit(Journal journal);
 
+    /// Once it is locked.
+    BuildFiles &files() { return m_files; }
+
 private:
+    bool mayHaveBegun();
+    Outcome stageAndCommit(std::vector<UpdateWork> &works, const Aim &aim);
+    bool recordStaged(const std::vector<UpdateWork> &works, const QSet<QString> &otherFiles);
+    void recordFoldersAbove(const QString &path, QSet<QString> *standing);
+    bool takeBack(const std::vector<UpdateWork> &works, const QSet<QString> &kept);
+    bool clear(const QSet<QString> &kept);
+    bool forgetRecord();
+    bool tellErrorsOfRecord();
+    Outcome commitStaged(Journal journal);
     Outcome fail(const FileError &error, Outcome outcome = Outcome::Failed);
 
     const Settings m_settings;
@@ -69,8 +91,13 @@ private:
     const std::atomic<bool> &m_cancelled;
     Problems &m_problems;
     WorkFolder m_folder;
+    BuildFiles m_files;
     Commit m_commit;
+    StagedRecord m_record;
 };
+
+/// The files that @p works are about, as relative paths.
+QSet<QString> targetsOf(const std::vector<UpdateWork> &works);
 
 /// What a commit does for @p works.
 Journal journalOf(const std::vector<UpdateWork> &works);

@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "trustcheck.h"
 
+#include "buildfiles.h"
+#include "ed25519.h"
+#include "filesystem.h"
 #include "patchfiles.h"
+#include "wholefile.h"
+
+#include <QJsonDocument>
+
+#include <algorithm>
 
 namespace Pellox {
 
@@ -9,30 +17,64 @@ using Code = UpdateProblem::Code;
 
 namespace {
 
-/// Of a text that begins with a path: it ends behind its last separator.
-FileError errorOf(const QString &text)
+/// The identity of the build of @p files; nothing when some have no checksum.
+std::optional<Sha512> identityOf(const std::vector<SignedFile> &files)
 {
-    const int end = text.indexOf(QLatin1String(": "), text.lastIndexOf(QLatin1Char('/')));
-    return end < 0 ? FileError{QString(), text} : FileError{text.left(end), text.mid(end + 2)};
+    ByPath<Sha512> build;
+    for (const SignedFile &file : files) {
+        if (!file.sha512)
+            return {};
+        build.emplace(file.relativePath, *file.sha512);
+    }
+    return identityOf(build);
+}
+
+bool equals(const std::optional<InstalledRelease> &one, const InstalledRelease &other)
+{
+    return one && one->number == other.number && one->build == other.build;
+}
+
+/// In one step, of which a power cut leaves nothing or all.
+bool writeRecord(BuildFiles &files, const InstalledRelease &release, bool syncs, FileError *error)
+{
+    const QByteArray json = QJsonDocument(release.toJson()).toJson(QJsonDocument::Compact);
+    if (!files.removeFile(WorkFolder::NewRelease)) {
+        *error = files.error(WorkFolder::NewRelease, "cannot be removed: ");
+    } else if (writeWhole(files, WorkFolder::NewRelease, json, syncs, error)) {
+        if (!files.rename(WorkFolder::NewRelease, WorkFolder::Release))
+            *error = files.error(WorkFolder::Release, "cannot be written: ");
+        else if (syncs && !files.sync())
+            *error = files.error(WorkFolder::Release, "cannot be synced: ");
+    }
+    if (!error->isEmpty())
+        files.removeFile(WorkFolder::NewRelease);
+    return error->isEmpty();
 }
 
 } // namespace
 
 TrustCheck::TrustCheck(const Transaction::Settings &settings, const Trust &trust,
-    const std::atomic<bool> &cancelled, Problems &problems)
+    const std::atomic<bool> &cancelled, Problems &problems,
+    std::function<void(qint64 done, qint64 total)> progress)
     : m_settings(settings)
     , m_trust(trust)
     , m_cancelled(cancelled)
     , m_problems(problems)
+    , m_progress(std::move(progress))
 {
 }
 
 std::optional<SealedPatch> TrustCheck::carryOut()
 {
-    QString error;
-    auto sealed = readSeal(m_settings.folders.patch, m_trust.keys, &error);
+    FileError error;
+    const auto keys = readPublicKeys(m_trust.keys, &error);
+    if (!keys) {
+        m_problems.add(Code::BadKey, error);
+        return {};
+    }
+    auto sealed = readSeal(m_settings.folders.patch, *keys, &error);
     if (!sealed) {
-        m_problems.add(Code::NotTrusted, errorOf(error));
+        m_problems.add(Code::NotTrusted, error);
         return {};
     }
     if (!checkRelease(*sealed) || !checkFiles(*sealed))
@@ -42,36 +84,92 @@ std::optional<SealedPatch> TrustCheck::carryOut()
 
 bool TrustCheck::checkFiles(const SealedPatch &sealed)
 {
-    const HashSettings settings{m_settings.threadCount, m_cancelled, false, {}};
-    const QStringList errors = differences(sealed, m_settings.folders.patch, settings);
+    const qint64 installed = installedBytes(sealed);
+    const auto tell = [&](qint64 done, qint64 total) {
+        m_patchBytes = total;
+        m_allBytes = total + installed;
+        m_progress(done, m_allBytes);
+    };
+    const HashSettings settings{m_settings.threadCount, m_cancelled, false, tell};
+    const std::vector<FileError> errors = differences(sealed, m_settings.folders.patch, settings);
     if (m_cancelled)
         return false;
-    for (const QString &error : errors)
-        m_problems.add(Code::NotTrusted, errorOf(error));
-    return errors.isEmpty();
+    for (const FileError &error : errors)
+        m_problems.add(Code::NotTrusted, error);
+    return errors.empty();
+}
+
+void TrustCheck::tellInstalled(qint64 done) const
+{
+    m_progress(std::min(m_patchBytes + done, m_allBytes), m_allBytes);
+}
+
+/// Of those whose content tells what is to be done with them.
+qint64 TrustCheck::installedBytes(const SealedPatch &sealed) const
+{
+    qint64 sum = 0;
+    for (const auto &[path, rule] : sealed.rules) {
+        const auto status = statusOf(m_settings.folders.build + path);
+        const bool isFile = status && S_ISREG(status->st_mode);
+        const bool isPatched = rule.kind == UpdateRule::Kind::Patch;
+        const bool isCopied = rule.kind == UpdateRule::Kind::Copy;
+        if (isFile && (isPatched || (isCopied && status->st_size == rule.size)))
+            sum += status->st_size;
+    }
+    return sum;
 }
 
 bool TrustCheck::checkRelease(const SealedPatch &sealed)
 {
     FileError error;
-    const auto installed = InstalledRelease::read(m_settings.folders.build, &error);
+    m_installed = InstalledRelease::read(m_settings.folders.build, &error);
     if (!error.isEmpty()) {
         m_problems.add(Code::DamagedInstall, error);
         return false;
     }
-    if (!installed || installed->build == sealed.to)
+    if (!m_installed)
         return true;
     const QString seal = m_settings.folders.patch + QLatin1Char('/') + SealFileName;
-    if (sealed.release <= installed->number && !m_trust.allowsOlder) {
+    if (isOlder(sealed) && !m_trust.allowsOlder) {
         m_problems.add(Code::OlderRelease, seal,
             QStringLiteral("leads to release %1, but %2 is installed")
-                .arg(QString::number(sealed.release), QString::number(installed->number)));
-    } else if (installed->build != sealed.from) {
+                .arg(QString::number(sealed.release), QString::number(m_installed->number)));
+    } else if (m_installed->build != sealed.from && m_installed->build != sealed.to) {
         m_problems.add(Code::ForeignPatch, seal,
             QStringLiteral("does not lead on from the build that is installed, release %1")
-                .arg(QString::number(installed->number)));
+                .arg(QString::number(m_installed->number)));
     }
     return m_problems.isEmpty();
+}
+
+/// A second patch that leads to the installed release itself is none.
+bool TrustCheck::isOlder(const SealedPatch &sealed) const
+{
+    return m_installed->build == sealed.to ? sealed.release < m_installed->number
+                                           : sealed.release <= m_installed->number;
+}
+
+InstalledRelease TrustCheck::releaseFor(const SealedPatch &sealed) const
+{
+    // What is the same build has gone back nowhere, so the number is no less true than before.
+    const bool mayFall = m_trust.allowsOlder && m_installed && m_installed->build != sealed.to;
+    const qint64 least = m_installed && !mayFall ? m_installed->number : 0;
+    return {std::max(sealed.release, least), sealed.to};
+}
+
+bool TrustCheck::record(const SealedPatch &sealed, BuildFiles &files)
+{
+    const InstalledRelease release = releaseFor(sealed);
+    if (equals(m_installed, release))
+        return true;
+    FileError error;
+    if (!files.makeFolders(WorkFolder::Name))
+        error = files.error(WorkFolder::Name, "cannot be made: ");
+    else if (!writeRecord(files, release, m_settings.syncs, &error))
+        files.removeFolder(WorkFolder::Name); // if it is empty
+    if (!error.isEmpty())
+        m_problems.add(Code::ReadOrWrite, error);
+    return error.isEmpty();
 }
 
 bool TrustCheck::seal(const SealedPatch &sealed, std::vector<UpdateRule> *rules)
@@ -98,6 +196,19 @@ bool TrustCheck::sealOne(const SealedPatch &sealed, UpdateRule *rule)
     rule->size = known.size;
     rule->sha512 = known.sha512;
     return !differs;
+}
+
+bool settleReleaseRecord(
+    BuildFiles &files, const std::vector<SignedFile> &signedFiles, FileError *error)
+{
+    FileError damage;
+    const auto recorded = InstalledRelease::read(files, &damage);
+    const bool isThere = recorded || !damage.isEmpty();
+    if (!isThere || (recorded && identityOf(signedFiles) == recorded->build))
+        return true;
+    const bool removed = InstalledRelease::remove(files, error);
+    files.removeFolder(WorkFolder::Name); // if it is empty
+    return removed;
 }
 
 } // namespace Pellox

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "manifestfile.h"
 #include "sealfile.h"
 #include "transaction.h"
 
 #include <atomic>
+#include <functional>
 #include <optional>
 
 namespace Pellox {
@@ -24,8 +26,10 @@ struct Trust
 class TrustCheck
 {
 public:
+    /// @p progress: bytes that are read of the patch and of the installed files.
     TrustCheck(const Transaction::Settings &settings, const Trust &trust,
-        const std::atomic<bool> &cancelled, Problems &problems);
+        const std::atomic<bool> &cancelled, Problems &problems,
+        std::function<void(qint64 done, qint64 total)> progress);
 
     /// What the seal says. Nothing, with a problem or cancelled, when the patch is not trusted.
     std::optional<SealedPatch> carryOut();
@@ -33,15 +37,37 @@ public:
     /// Puts into @p rules what @p sealed knows of them. False with a problem where they differ.
     bool seal(const SealedPatch &sealed, std::vector<UpdateRule> *rules);
 
+    /// Tells that @p done bytes of the installed files that the seal names were read, too.
+    void tellInstalled(qint64 done) const;
+
+    /// What is to be recorded once the patch is installed, after carryOut().
+    InstalledRelease releaseFor(const SealedPatch &sealed) const;
+    /// Records that for a build that is what the patch leads to already. False with a problem.
+    bool record(const SealedPatch &sealed, BuildFiles &files);
+
 private:
     bool checkFiles(const SealedPatch &sealed);
     bool checkRelease(const SealedPatch &sealed);
+    qint64 installedBytes(const SealedPatch &sealed) const;
+    bool isOlder(const SealedPatch &sealed) const;
     bool sealOne(const SealedPatch &sealed, UpdateRule *rule);
 
     const Transaction::Settings m_settings;
     const Trust m_trust;
     const std::atomic<bool> &m_cancelled;
     Problems &m_problems;
+    const std::function<void(qint64 done, qint64 total)> m_progress;
+    qint64 m_patchBytes = 0;
+    qint64 m_allBytes = 0;
+    std::optional<InstalledRelease> m_installed; ///< before the update
 };
+
+/**
+ * To be called when the build of @p files is what signatures.json says, which names @p signedFiles:
+ * forgets which release is installed where the record of it is damaged or of another build. False
+ * with @p error.
+ */
+bool settleReleaseRecord(
+    BuildFiles &files, const std::vector<SignedFile> &signedFiles, FileError *error);
 
 } // namespace Pellox

@@ -3,14 +3,17 @@
 
 #include "canonicalpath.h"
 #include "diskfile.h"
+#include "diskroom.h"
 #include "filesystem.h"
 #include "manifest.h"
+#include "nameprobe.h"
 #include "rules.h"
 #include "workfolder.h"
 
 #include <QFile>
 #include <QFileInfo>
 
+#include <climits>
 #include <filesystem>
 
 #include <unistd.h>
@@ -21,47 +24,37 @@ namespace {
 
 constexpr QLatin1Char Separator('/');
 
-bool isSameFile(const QString &path, const QString &other)
+/// By which names are the same wherever they are: one that no file system tells apart further.
+QString broadKey(const QString &path)
 {
-    const auto status = statusOf(path);
-    const auto otherStatus = statusOf(other);
-    return status && otherStatus && status->st_dev == otherStatus->st_dev
-        && status->st_ino == otherStatus->st_ino;
-}
-
-QString withOtherCase(const QString &text)
-{
-    const QString upper = text.toUpper();
-    return upper == text ? text.toLower() : upper;
-}
-
-QString withOtherForm(const QString &text)
-{
-    const QString composed = text.normalized(QString::NormalizationForm_C);
-    return composed == text ? text.normalized(QString::NormalizationForm_D) : composed;
+    return NameSense{true, true}.key(path);
 }
 
 } // namespace
 
-UpdateCheck::UpdateCheck(const UpdateFolders &folders, Problems &problems)
+UpdateCheck::UpdateCheck(const UpdateFolders &folders, Problems &problems, Names names)
     : m_folders(folders)
     , m_problems(problems)
+    , m_names(names)
+    , m_longestName(::pathconf(QFile::encodeName(folders.build).constData(), _PC_NAME_MAX))
+    , m_record(folders.build)
 {
 }
 
-std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend)
+std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend, const GoOn &goOn)
 {
     if (!checkFolders())
         return {};
     QStringList errors;
     const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
-    std::vector<UpdateRule> rules = readRules(manifest, &errors);
-    checkTogether(rules, nameSense(rules), &errors);
+    std::vector<UpdateRule> rules = readRules(manifest, &errors, goOn);
+    checkNames(rules, &errors);
     for (const QString &error : qAsConst(errors)) {
         const QString begin = manifest + QLatin1String(": ");
         add(Code::BadManifest, manifest, error.startsWith(begin) ? error.mid(begin.size()) : error);
     }
-    return errors.isEmpty() && amend(&rules) ? worksFor(rules) : std::vector<UpdateWork>();
+    return errors.isEmpty() && mayGoOn(goOn) && amend(&rules) ? worksFor(rules)
+                                                              : std::vector<UpdateWork>();
 }
 
 std::vector<UpdateWork> UpdateCheck::worksFor(const std::vector<UpdateRule> &rules)
@@ -69,6 +62,11 @@ std::vector<UpdateWork> UpdateCheck::worksFor(const std::vector<UpdateRule> &rul
     for (const UpdateRule &rule : rules) {
         if (rule.kind == UpdateRule::Kind::Delete)
             m_deleted.insert(rule.relativePath);
+    }
+    noteTargets(rules);
+    if (!m_record.read()) {
+        m_problems.add(Code::ReadOrWrite, m_record.errors().front());
+        return {};
     }
     std::vector<UpdateWork> works;
     works.reserve(rules.size());
@@ -93,38 +91,58 @@ bool UpdateCheck::checkFolders()
             return false;
         }
     }
-    const QString own = m_folders.build + WorkFolder::Name;
-    if (statusOf(own) && !isFolder(own))
-        add(Code::Obstructed, own,
-            QStringLiteral("is no folder, but where an update keeps its own files"));
+    for (const QString &name : {WorkFolder::Name, WorkFolder::Staged}) {
+        const QString own = m_folders.build + name;
+        if (statusOf(own) && !isFolder(own))
+            add(Code::Obstructed, own,
+                QStringLiteral("is no folder, but where an update keeps its own files"));
+        checkMount(own);
+    }
     if (::access(QFile::encodeName(m_folders.build).constData(), W_OK | X_OK) != 0)
         add(Code::NotWritable, m_folders.build, QStringLiteral("cannot be written"));
     return true;
 }
 
-/// How the build's file system tells names apart, seen on a file that is there.
-NameSense UpdateCheck::nameSense(const std::vector<UpdateRule> &rules) const
+/// What can stand together where all that is alike is one name can do so anywhere.
+void UpdateCheck::checkNames(const std::vector<UpdateRule> &rules, QStringList *errors)
 {
-    NameSense sense;
-    bool caseIsKnown = false;
-    bool unicodeIsKnown = false;
-    for (const UpdateRule &rule : rules) {
-        const QString &path = rule.relativePath;
-        const QString name = path.mid(path.lastIndexOf(Separator) + 1);
-        const auto isSame = [&](const QString &otherName) {
-            const QString file = m_folders.build + path;
-            return isSameFile(file, file.left(file.size() - name.size()) + otherName);
-        };
-        const bool tellsCase = !caseIsKnown && withOtherCase(name) != name;
-        const bool tellsUnicode = !unicodeIsKnown && withOtherForm(name) != name;
-        if ((!tellsCase && !tellsUnicode) || !statusOf(m_folders.build + path))
-            continue;
-        sense.foldsCase |= tellsCase && isSame(withOtherCase(name));
-        sense.foldsUnicode |= tellsUnicode && isSame(withOtherForm(name));
-        caseIsKnown |= tellsCase;
-        unicodeIsKnown |= tellsUnicode;
+    QStringList possible;
+    checkTogether(rules, {true, true}, &possible);
+    if (!possible.isEmpty())
+        checkTogether(rules, nameSense(rules), errors);
+}
+
+NameSense UpdateCheck::nameSense(const std::vector<UpdateRule> &rules)
+{
+    NameSense sense = seenNameSense(m_folders.build, rules);
+    if (m_names == Names::TriedOut && m_problems.isEmpty()) {
+        const NameSense tried = tryNames();
+        sense.foldsCase |= tried.foldsCase;
+        sense.foldsUnicode |= tried.foldsUnicode;
     }
     return sense;
+}
+
+NameSense UpdateCheck::tryNames()
+{
+    WorkFolder folder(m_folders.build);
+    FileError error;
+    const auto sense = folder.make() ? triedNameSense(m_folders.build, &error) : std::nullopt;
+    if (!sense)
+        m_problems.add(Code::ReadOrWrite, error.isEmpty() ? folder.error() : error);
+    folder.removeIfEmpty();
+    return sense.value_or(NameSense());
+}
+
+void UpdateCheck::noteTargets(const std::vector<UpdateRule> &rules)
+{
+    for (const UpdateRule &rule : rules) {
+        if (rule.kind == UpdateRule::Kind::Delete)
+            continue;
+        m_taken.insert(broadKey(rule.relativePath));
+        for (const QString &folder : foldersAbove(rule.relativePath))
+            m_taken.insert(broadKey(folder));
+    }
 }
 
 UpdateWork UpdateCheck::workFor(const UpdateRule &rule, std::size_t number)
@@ -135,19 +153,36 @@ UpdateWork UpdateCheck::workFor(const UpdateRule &rule, std::size_t number)
     checkTarget(work);
     if (rule.kind == UpdateRule::Kind::Delete)
         return work;
+    if (!fits(rule.relativePath)) {
+        add(Code::Obstructed, m_folders.build + rule.relativePath,
+            QStringLiteral("has a path or a name that is too long where the build stands"));
+    }
     if (!m_folders.patch.isEmpty())
         checkPayload(work);
-
-    constexpr int LongestName = 255;
-    const QString beside = rule.relativePath + WorkFolder::TemporarySuffix;
-    const QString name = beside.mid(beside.lastIndexOf(Separator) + 1);
-    const auto standing = statusOf(m_folders.build + beside);
-    const bool fitsBeside = QFile::encodeName(name).size() <= LongestName
-        && (!standing || S_ISREG(standing->st_mode));
-    work.staged = !work.comesLast && fitsBeside
-        ? beside
-        : WorkFolder::Staged + Separator + QString::number(number);
+    chooseStaged(work, number);
     return work;
+}
+
+/// Whether the system and the build's file system take so long a path, and the name at its end. A
+/// rule's folders stand in the paths of files too, and making one that is too long fails in
+/// staging.
+bool UpdateCheck::fits(const QString &relativePath) const
+{
+    const QByteArray path = QFile::encodeName(m_folders.build + relativePath);
+    const int name = path.size() - path.lastIndexOf('/') - 1;
+    return path.size() < PATH_MAX && (m_longestName <= 0 || name <= m_longestName);
+}
+
+/// Beside its target, unless that is somebody's file, or the place of another rule's.
+void UpdateCheck::chooseStaged(UpdateWork &work, std::size_t number) const
+{
+    const QString beside = work.rule.relativePath + WorkFolder::TemporarySuffix;
+    const auto standing = statusOf(m_folders.build + beside);
+    const bool isFree = !standing || (S_ISREG(standing->st_mode) && m_record.isOwn(beside));
+    const bool fitsBeside = isFree && !work.comesLast && problemOfRelativePath(beside).isEmpty()
+        && fits(beside) && !m_taken.contains(broadKey(beside));
+    work.staged = fitsBeside ? beside : WorkFolder::Staged + Separator + QString::number(number);
+    work.isOwnStaged = m_record.isOwn(work.staged);
 }
 
 /// What stands where the rule's file is, or above it.
@@ -180,8 +215,8 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
         if (m_plainFolders.contains(path))
             continue;
         const auto status = statusOf(path);
-        if (!status)
-            return true; // it will be made
+        if (!status || m_record.isOwn(folder))
+            return true; // it will be made, if need be in the place of what was staged there
         if (S_ISREG(status->st_mode) && work.rule.kind == UpdateRule::Kind::Delete)
             return true; // the file is gone already
         if (S_ISREG(status->st_mode) && m_deleted.contains(folder)) {
@@ -196,9 +231,18 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
         }
         if (::access(QFile::encodeName(path).constData(), W_OK | X_OK) != 0)
             add(Code::NotWritable, path, QStringLiteral("cannot be written"));
+        checkMount(path);
         m_plainFolders.insert(path);
     }
     return true;
+}
+
+/// Renames lead to no other file system, and it would not be synced with the build's own.
+void UpdateCheck::checkMount(const QString &folder)
+{
+    if (!isOneMount(folder, m_folders.build))
+        add(Code::Obstructed, folder,
+            QStringLiteral("is on another file system than the build, or mounted by itself"));
 }
 
 /// Whether the rules delete all that is in @p folder.
@@ -211,7 +255,9 @@ bool UpdateCheck::isEmptied(const QString &folder)
     for (; !error && walk != fs::end(walk); walk.increment(error)) {
         const QString path = QFile::decodeName(walk->path().c_str()).mid(m_folders.build.size());
         const bool isFolder = walk->symlink_status(error).type() == fs::file_type::directory;
-        if (!isFolder && !m_deleted.contains(path))
+        // What an earlier run has staged goes before anything is staged.
+        const bool goes = m_deleted.contains(path) || m_record.isOwn(path);
+        if (!isFolder && !goes)
             return false;
     }
     return !error;

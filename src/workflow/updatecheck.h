@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "goon.h"
+#include "stagedrecord.h"
 #include "updatework.h"
 
-#include <QHash>
 #include <QSet>
 
 #include <functional>
@@ -18,13 +19,17 @@ namespace Pellox {
 class UpdateCheck
 {
 public:
-    UpdateCheck(const UpdateFolders &folders, Problems &problems);
+    /// How it learns whether the build's file system takes different names for one, where that
+    /// matters. To try it out, the build must be locked.
+    enum class Names { Seen, TriedOut };
+
+    UpdateCheck(const UpdateFolders &folders, Problems &problems, Names names = Names::Seen);
 
     /// May change the rules of a manifest. False with a problem.
     using Amend = std::function<bool(std::vector<UpdateRule> *rules)>;
 
     /// The works of the patch's rules, in their order; complete only when no problem was added.
-    std::vector<UpdateWork> carryOut(const Amend &amend);
+    std::vector<UpdateWork> carryOut(const Amend &amend, const GoOn &goOn = GoOn());
     /// The same for rules that come from elsewhere than a patch, and are known to be well formed.
     std::vector<UpdateWork> worksFor(const std::vector<UpdateRule> &rules);
     bool checkFolders();
@@ -32,8 +37,14 @@ public:
 private:
     using Code = UpdateProblem::Code;
 
+    void checkNames(const std::vector<UpdateRule> &rules, QStringList *errors);
+    NameSense nameSense(const std::vector<UpdateRule> &rules);
+    NameSense tryNames();
+    void checkMount(const QString &folder);
+    void noteTargets(const std::vector<UpdateRule> &rules);
     UpdateWork workFor(const UpdateRule &rule, std::size_t number);
-    NameSense nameSense(const std::vector<UpdateRule> &rules) const;
+    bool fits(const QString &relativePath) const;
+    void chooseStaged(UpdateWork &work, std::size_t number) const;
     void checkTarget(UpdateWork &work);
     bool checkAbove(UpdateWork &work);
     void checkPayload(UpdateWork &work);
@@ -42,6 +53,10 @@ private:
 
     const UpdateFolders m_folders;
     Problems &m_problems;
+    const Names m_names;
+    const long m_longestName;     ///< bytes; not above 0 where the file system does not tell
+    StagedRecord m_record;        ///< of an earlier run
+    QSet<QString> m_taken;        ///< keys of all that the rules' files need, folders too
     QSet<QString> m_deleted;      ///< relative paths
     QSet<QString> m_plainFolders; ///< absolute paths that are known to be folders, no links
 };

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "updatecontroller.h"
 
+#include "backgroundruns.h"
 #include "canonicalpath.h"
 #include "updaterun.h"
 
-#include <QtConcurrent>
 #include <QThread>
 
 #include <algorithm>
+#include <optional>
 
 namespace Pellox {
 
@@ -34,42 +35,63 @@ public:
                     reported = std::max(reported, done);
                     Q_EMIT q.updateProgress(reported, total);
                 },
-            [this](UpdatePhase phase) { Q_EMIT q.phaseChanged(phase); },
+            [this](UpdatePhase phase) {
+                reported = 0;
+                Q_EMIT q.phaseChanged(phase);
+            },
             [this](const QString &path) { Q_EMIT q.fileStaged(path); },
-            [this](const UpdateProblem &problem) {
-                Q_EMIT q.problemFound(problem);
-                Q_EMIT q.updateError(problem.message());
-            }};
+            [this](const UpdateProblem &problem) { tell(problem); }};
+    }
+
+    static UpdateRun::Reports silence()
+    {
+        return {[](qint64, qint64) {}, [](UpdateController::UpdatePhase) {}, [](const QString &) {},
+            [](const UpdateProblem &) {}};
+    }
+
+    void tell(const UpdateProblem &problem)
+    {
+        Q_EMIT q.problemFound(problem);
+        Q_EMIT q.updateError(problem.message());
     }
 
     bool start(const UpdateRun::Settings &settings, UpdateResult (UpdateRun::*job)())
     {
-        if (isRunning.exchange(true))
-            return false;
-        isCancelled = false;
-        reported = 0;
-        future = QtConcurrent::run([this, settings, job] {
-            UpdateResult result = UpdateResult::Failed;
-            {
-                UpdateRun run(settings, reports(), isCancelled); // holds the build's lock
-                result = (run.*job)();
-            }
-            isRunning = false;
-            Q_EMIT q.finished(result);
-        });
-        return true;
+        return runs.start([this, settings, job] { carryOut(settings, job); });
     }
 
-    /// Runs @p job here; false, without it, when a run is under way.
-    bool block(const UpdateRun::Settings &settings, const std::function<void(UpdateRun &)> &job)
+    void carryOut(const UpdateRun::Settings &settings, UpdateResult (UpdateRun::*job)())
     {
-        if (isRunning.exchange(true))
-            return false;
-        isCancelled = false;
-        UpdateRun run(settings, reports(), isCancelled);
-        job(run);
-        isRunning = false;
-        return true;
+        result = UpdateResult::Failed;
+        std::optional<UpdateRun> run; // holds the build's lock
+        try {
+            run.emplace(settings, reports(), runs.isCancelled());
+            result = ((*run).*job)();
+        } catch (...) {
+            const QString &build = settings.transaction.folders.build;
+            if (hasJournal(build))
+                result = UpdateResult::Interrupted;
+            tell(problemOfException(build));
+        }
+    }
+
+    /// Runs @p job here. Nothing, without it, when a run is under way; else whether it came to its
+    /// end, and @p problem when it did not.
+    std::optional<bool> block(const UpdateRun::Settings &settings,
+        const UpdateRun::Reports &reports, const std::function<void(UpdateRun &)> &job,
+        UpdateProblem *problem)
+    {
+        bool done = false;
+        const bool wasFree = runs.block([&] {
+            try {
+                UpdateRun run(settings, reports, runs.isCancelled());
+                job(run);
+                done = true;
+            } catch (...) {
+                *problem = problemOfException(settings.transaction.folders.build);
+            }
+        });
+        return wasFree ? std::optional(done) : std::nullopt;
     }
 
     UpdateController &q;
@@ -78,10 +100,9 @@ public:
     bool keepsPrevious = false;
     Trust trust;
     bool syncs = true;
-    std::atomic<bool> isCancelled{false};
-    std::atomic<bool> isRunning{false};
-    qint64 reported = 0;
-    QFuture<void> future;
+    qint64 reported = 0; ///< in this phase
+    UpdateResult result = UpdateResult::Failed;
+    BackgroundRuns runs{[this] { Q_EMIT q.finished(result); }}; // ends before what it uses
 };
 
 UpdateController::UpdateController(QObject *parent)
@@ -95,8 +116,7 @@ UpdateController::UpdateController(QObject *parent)
 
 UpdateController::~UpdateController()
 {
-    cancel();
-    d->future.waitForFinished();
+    d->runs.stop();
 }
 
 void UpdateController::setThreadCount(int count)
@@ -147,27 +167,38 @@ bool UpdateController::rollback(const QString &build)
 bool UpdateController::discardPrevious(const QString &build)
 {
     bool discarded = false;
-    d->block(d->settings(build), [&](UpdateRun &run) { discarded = run.discardPrevious(); });
-    return discarded;
+    UpdateProblem problem;
+    const auto done = d->block(
+        d->settings(build), d->reports(),
+        [&](UpdateRun &run) { discarded = run.discardPrevious(); }, &problem);
+    if (done == false)
+        d->tell(problem);
+    return discarded && done == true;
 }
 
 UpdatePlan UpdateController::plan(const QString &build, const QString &patch)
 {
     UpdatePlan plan;
-    if (!d->block(d->settings(build, patch), [&](UpdateRun &run) { plan = run.plan(); }))
-        plan.refusals.append({UpdateProblem::Code::Busy, build,
-            QStringLiteral("is being worked on by this object")});
+    UpdateProblem problem;
+    const auto done = d->block(
+        d->settings(build, patch), Private::silence(), [&](UpdateRun &run) { plan = run.plan(); },
+        &problem);
+    if (!done)
+        problem = {
+            UpdateProblem::Code::Busy, build, QStringLiteral("is being worked on by this object")};
+    if (done != true)
+        plan.refusals = {problem};
     return plan;
 }
 
 void UpdateController::cancel()
 {
-    d->isCancelled = true;
+    d->runs.cancel();
 }
 
 bool UpdateController::isRunning() const
 {
-    return d->isRunning;
+    return d->runs.isUnderWay();
 }
 
 } // namespace Pellox

@@ -24,17 +24,22 @@ Words wordsOf(UpdateProblem::Code code)
     case Code::NotWritable:
         return {"not-writable", "Make the folder writable for the user who updates."};
     case Code::BadManifest:
+        return {"bad-manifest",
+            "See whether this is the right folder; if it is, get it anew, and if that does not "
+            "help, its publisher must mend it."};
     case Code::BadPatch:
-        return {code == Code::BadPatch ? "bad-patch" : "bad-manifest",
-            "Get the patch anew; if that does not help, its publisher must mend it."};
+        return {
+            "bad-patch", "Get the patch anew; if that does not help, its publisher must mend it."};
     case Code::DamagedInstall:
         return {"damaged-install",
-            "Check and repair the build, or give a folder with the files of the new build as the "
-            "fallback."};
+            "Either the build is damaged, or the patch is for another release: use the patch for "
+            "the installed release, or check and repair the build, or give a folder with the files "
+            "of the new build as the fallback."};
     case Code::Obstructed:
         return {"obstructed", "Move away what is there, then try again."};
     case Code::BadFallback:
-        return {"bad-fallback", "Give a fallback folder with the files of the new build."};
+        return {"bad-fallback",
+            "Give a folder with the files of the very build that is to come about."};
     case Code::NoSpace:
         return {"no-space", "Free space on the disk of the build, then try again."};
     case Code::ReadOrWrite:
@@ -48,9 +53,22 @@ Words wordsOf(UpdateProblem::Code code)
     case Code::NotTrusted:
         return {"not-trusted", "Get the patch from its publisher; do not use this one."};
     case Code::OlderRelease:
-        return {"older-release", "Use a newer patch, or allow older releases."};
+        return {
+            "older-release", "Use a newer patch, or allow older releases if you want to go back."};
     case Code::ForeignPatch:
-        return {"foreign-patch", "Get the patch that leads on from the installed release."};
+        return {"foreign-patch",
+            "Get the patch that leads on from the installed release; if the build is not what its "
+            "record says, check and repair it."};
+    case Code::BadKey:
+        return {"bad-key", "Give the publisher's public key, as a PEM file."};
+    case Code::Unfinished:
+        return {"unfinished", "Run the update, or finish what was begun, then try again."};
+    case Code::NoMemory:
+        return {"no-memory", "Close other programs, then try again."};
+    case Code::DamagedKept:
+        return {"damaged-kept",
+            "The kept files are damaged, and nothing can be rolled back; \"pellox discard\" gives "
+            "them up."};
     }
     return {"unknown", ""};
 }

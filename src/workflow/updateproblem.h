@@ -29,6 +29,10 @@ struct PELLOX_EXPORT UpdateProblem
         NotTrusted,     ///< the patch has no seal by a trusted key, or differs from it
         OlderRelease,   ///< the patch leads to an older release than the one that is installed
         ForeignPatch,   ///< the patch leads on from another build than the one that is installed
+        BadKey,         ///< a file that was given as a trusted key holds none that can be used
+        Unfinished,     ///< an earlier run was interrupted, and is to be finished first
+        NoMemory,       ///< the system gives no more memory or threads
+        DamagedKept,    ///< a kept file of the earlier build is missing or not as it was
     };
 
     Code code = Code::ReadOrWrite;

@@ -8,6 +8,7 @@
 #include "updatecheck.h"
 
 #include <QFileInfo>
+#include <QHash>
 
 #include <algorithm>
 
@@ -21,6 +22,7 @@ UpdateRun::UpdateRun(Settings settings, Reports reports, const std::atomic<bool>
           {{m_reports.progress, m_reports.staged},
               [this] { m_reports.phase(UpdateController::UpdatePhase::Committing); }},
           m_cancelled, m_problems)
+    , m_trust(m_settings.transaction, m_settings.trust, m_cancelled, m_problems, m_reports.progress)
 {
 }
 
@@ -40,37 +42,57 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
     m_reports.phase(UpdateController::UpdatePhase::Checking);
     Transaction::Aim aim;
     std::vector<UpdateWork> works = check(&aim);
+    tellLost(works);
     if (!m_problems.isEmpty())
         return end(UpdateResult::Refused);
     if (m_cancelled)
         return end(UpdateResult::Cancelled);
     Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
-    if (!staging.decide())
+    if (!decide(staging))
         return end(m_problems.isEmpty() ? UpdateResult::Cancelled : UpdateResult::Refused);
     const bool anyNeeded = std::any_of(
         works.cbegin(), works.cend(), [](const UpdateWork &work) { return work.isNeeded; });
-    if (!anyNeeded)
-        return resumed ? UpdateResult::Updated : UpdateResult::AlreadyUpToDate;
+    if (!anyNeeded) {
+        m_transaction.clearLeftovers(targetsOf(works));
+        return endUpToDate(resumed);
+    }
     if (!staging.hasRoom())
         return end(UpdateResult::Refused);
     m_reports.phase(UpdateController::UpdatePhase::Staging);
     return end(m_transaction.carryOut(works, aim));
 }
 
+/// Whoever has a newer release must not be brought to an older one, however it came about.
+UpdateRun::UpdateResult UpdateRun::endUpToDate(bool resumed)
+{
+    if (m_sealed && !m_trust.record(*m_sealed, m_transaction.files()))
+        return end(UpdateResult::Failed);
+    return resumed ? UpdateResult::Updated : UpdateResult::AlreadyUpToDate;
+}
+
 /// The works that bring the build to @p aim; complete only without a problem and uncancelled.
 std::vector<UpdateWork> UpdateRun::check(Transaction::Aim *aim)
 {
     aim->changesRelease = true;
-    UpdateCheck check(folders(), m_problems);
+    UpdateCheck check(folders(), m_problems,
+        m_transaction.isLocked() ? UpdateCheck::Names::TriedOut : UpdateCheck::Names::Seen);
+    const GoOn goOn = [this] { return !m_cancelled; };
     if (m_settings.trust.keys.isEmpty())
-        return check.carryOut([](std::vector<UpdateRule> *) { return true; });
-    TrustCheck trust(m_settings.transaction, m_settings.trust, m_cancelled, m_problems);
-    const auto sealed = trust.carryOut();
-    if (!sealed)
+        return check.carryOut([](std::vector<UpdateRule> *) { return true; }, goOn);
+    m_sealed = m_trust.carryOut();
+    if (!m_sealed)
         return {};
-    aim->release = InstalledRelease{sealed->release, sealed->to};
+    aim->release = m_trust.releaseFor(*m_sealed);
     return check.carryOut(
-        [&](std::vector<UpdateRule> *rules) { return trust.seal(*sealed, rules); });
+        [&](std::vector<UpdateRule> *rules) { return m_trust.seal(*m_sealed, rules); }, goOn);
+}
+
+/// Under a seal all that is read to decide is known, and told.
+bool UpdateRun::decide(Staging &staging)
+{
+    if (!m_sealed)
+        return staging.decide();
+    return staging.decide([this](qint64 done) { m_trust.tellInstalled(done); });
 }
 
 Transaction::Outcome UpdateRun::finishUnfinished()
@@ -84,7 +106,30 @@ UpdateRun::UpdateResult UpdateRun::recover()
 {
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
-    return end(finishUnfinished());
+    const auto unfinished = finishUnfinished();
+    m_transaction.clearLeftovers();
+    return endRecovery(unfinished);
+}
+
+/// What could not be finished makes the build less than what was aimed at.
+UpdateRun::UpdateResult UpdateRun::endRecovery(Transaction::Outcome outcome)
+{
+    tellLost({});
+    const bool isWhole = m_transaction.lost().isEmpty();
+    return isWhole ? end(outcome) : end(UpdateResult::Failed);
+}
+
+/// Those that stayed as they were when an earlier run's commit was finished. What @p works bring is
+/// no loss.
+void UpdateRun::tellLost(const std::vector<UpdateWork> &works)
+{
+    const QSet<QString> brought = targetsOf(works);
+    for (const QString &path : m_transaction.lost()) {
+        if (!brought.contains(path))
+            m_problems.add(Code::DamagedInstall, folders().build + path,
+                QStringLiteral("has not become what an interrupted run was to make of it: its new "
+                               "content is gone or damaged"));
+    }
 }
 
 UpdateRun::UpdateResult UpdateRun::rollback()
@@ -92,24 +137,40 @@ UpdateRun::UpdateResult UpdateRun::rollback()
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
     const auto unfinished = finishUnfinished();
-    return unfinished == Transaction::Outcome::Interrupted ? end(unfinished) : carryOutRollback();
+    const bool isBack
+        = unfinished == Transaction::Outcome::Done && m_transaction.hasFinishedRollback();
+    return isBack || unfinished == Transaction::Outcome::Interrupted ? endRecovery(unfinished)
+                                                                     : carryOutRollback();
 }
 
 UpdateRun::UpdateResult UpdateRun::carryOutRollback()
 {
-    SetAside previous(folders().build);
+    SetAside previous(m_transaction.files());
     const auto record = previous.wayBack();
     if (!record)
         m_problems.add(
             previous.isEmpty() ? Code::NothingKept : Code::DamagedJournal, previous.error());
     const std::vector<UpdateWork> works = record ? worksBack(*record) : std::vector<UpdateWork>();
+    tellLost(works);
     if (!m_problems.isEmpty())
         return end(UpdateResult::Refused);
     Journal journal = journalOf(works);
     journal.isRollback = true;
     journal.changesRelease = record->changesRelease;
     journal.release = record->release;
+    takeMarks(*record, &journal.first);
+    takeMarks(*record, &journal.last);
     return end(m_transaction.commit(std::move(journal)));
+}
+
+/// What was set aside is known by what it was then.
+void UpdateRun::takeMarks(const Journal &record, std::vector<Journal::Placement> *placements)
+{
+    QHash<QString, FileMark> marks;
+    for (const Journal::Placement &placement : record.first)
+        marks.insert(placement.to, placement.mark);
+    for (Journal::Placement &placement : *placements)
+        placement.mark = marks.value(placement.to);
 }
 
 /// The steps of @p record, as what stands in the build now requires.
@@ -123,13 +184,11 @@ std::vector<UpdateWork> UpdateRun::worksBack(const Journal &record)
         rules.push_back(rule);
     };
     for (const Journal::Placement &placement : record.first) {
-        const QString kept = folders().build + placement.from;
-        if (!isRegularFile(kept))
-            m_problems.add(Code::NothingKept, kept, QStringLiteral("is missing"));
+        checkKept(placement);
         add(UpdateRule::Kind::Copy, placement.to);
     }
-    for (const QString &path : record.deletions)
-        add(UpdateRule::Kind::Delete, path);
+    for (const Journal::Deletion &deletion : record.deletions)
+        add(UpdateRule::Kind::Delete, deletion.path);
     UpdateFolders build;
     build.build = folders().build;
     std::vector<UpdateWork> works = UpdateCheck(build, m_problems).worksFor(rules);
@@ -140,13 +199,26 @@ std::vector<UpdateWork> UpdateRun::worksBack(const Journal &record)
     return works;
 }
 
+void UpdateRun::checkKept(const Journal::Placement &placement)
+{
+    FileError error;
+    const auto isKept = isThere(m_transaction.files(), placement.from, placement.mark, &error);
+    if (!isKept)
+        m_problems.add(Code::ReadOrWrite, error);
+    else if (!*isKept)
+        m_problems.add(Code::DamagedKept, folders().build + placement.from,
+            QStringLiteral("is missing, or has been changed since it was set aside"));
+}
+
 bool UpdateRun::discardPrevious()
 {
     bool discarded = false;
     const bool ready
         = m_transaction.lock() && finishUnfinished() != Transaction::Outcome::Interrupted;
-    if (ready) {
-        SetAside previous(folders().build);
+    tellLost({});
+    if (ready && m_transaction.lost().isEmpty()) { // else what is kept may be all that helps
+        m_transaction.clearLeftovers();
+        SetAside previous(m_transaction.files());
         discarded = previous.discard();
         if (!discarded)
             m_problems.add(Code::ReadOrWrite, previous.error());
@@ -160,28 +232,56 @@ UpdatePlan UpdateRun::plan()
 {
     UpdatePlan plan;
     Transaction::Aim aim;
-    std::vector<UpdateWork> works = check(&aim);
+    std::vector<UpdateWork> works;
     Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
-    if (m_problems.isEmpty() && staging.decide())
+    if (mayPlan())
+        works = check(&aim);
+    if (m_problems.isEmpty() && decide(staging))
         staging.hasRoom();
     for (const UpdateProblem &problem : m_problems.all())
         plan.refusals.append(problem);
     for (const UpdateWork &work : works) {
-        if (!work.isNeeded)
-            continue;
-        if (work.rule.kind == UpdateRule::Kind::Delete) {
-            plan.deletions.append(work.rule.relativePath);
-            continue;
-        }
-        const bool isPatch = work.rule.kind == UpdateRule::Kind::Patch;
-        ++(isPatch ? plan.filesToPatch : plan.filesToCopy);
-        plan.bytesToRead += QFileInfo(folders().patch + work.rule.relativePath).size();
-        if (isPatch)
-            plan.bytesToRead += QFileInfo(folders().build + work.rule.relativePath).size();
+        if (work.isNeeded)
+            count(folders(), work, &plan);
     }
     plan.bytesToWrite = staging.bytesToWrite();
     plan.peakExtraDisk = staging.roomNeeded();
+    plan.isCancelled = m_cancelled;
     return plan;
+}
+
+/// Whether the build is as an update would find it. False with a problem.
+bool UpdateRun::mayPlan()
+{
+    WorkFolder folder(folders().build); // lets go of the lock at once
+    if (!folder.lock() && folder.isBusy()) {
+        m_problems.add(Code::Busy, folder.error());
+    } else if (m_transaction.hasUnfinished()) {
+        BuildFiles files(folder);
+        FileError error;
+        if (Journal::read(files, WorkFolder::Journal, &error))
+            m_problems.add(Code::Unfinished, folder.absolute(WorkFolder::Journal),
+                QStringLiteral(
+                    "tells of an update that was interrupted and is to be finished first"));
+        else
+            m_problems.add(error.system == 0 ? Code::DamagedJournal : Code::ReadOrWrite, error);
+    }
+    return m_problems.isEmpty();
+}
+
+void UpdateRun::count(const UpdateFolders &folders, const UpdateWork &work, UpdatePlan *plan)
+{
+    const QString &path = work.rule.relativePath;
+    if (work.rule.kind == UpdateRule::Kind::Delete) {
+        plan->deletions.append(path);
+        return;
+    }
+    const bool isPatch = work.rule.kind == UpdateRule::Kind::Patch;
+    ++(isPatch ? plan->filesToPatch : plan->filesToCopy);
+    (isPatch ? plan->patches : plan->copies).append(path);
+    plan->bytesToRead += QFileInfo(folders.patch + path).size();
+    if (isPatch)
+        plan->bytesToRead += QFileInfo(folders.build + path).size();
 }
 
 /// Tells what went wrong.

@@ -45,9 +45,17 @@ private:
     Transaction::Outcome finishUnfinished();
     UpdateResult carryOutUpdate(bool resumed);
     UpdateResult carryOutRollback();
+    UpdateResult endUpToDate(bool resumed);
     std::vector<UpdateWork> check(Transaction::Aim *aim);
+    bool decide(Staging &staging);
+    bool mayPlan();
+    static void count(const UpdateFolders &folders, const UpdateWork &work, UpdatePlan *plan);
     const UpdateFolders &folders() const { return m_settings.transaction.folders; }
+    UpdateResult endRecovery(Transaction::Outcome outcome);
+    void tellLost(const std::vector<UpdateWork> &works);
     std::vector<UpdateWork> worksBack(const Journal &record);
+    void checkKept(const Journal::Placement &placement);
+    static void takeMarks(const Journal &record, std::vector<Journal::Placement> *placements);
     UpdateResult end(UpdateResult result);
     UpdateResult end(Transaction::Outcome outcome);
 
@@ -56,6 +64,8 @@ private:
     const std::atomic<bool> &m_cancelled;
     Problems m_problems;
     Transaction m_transaction;
+    TrustCheck m_trust;
+    std::optional<SealedPatch> m_sealed; ///< where a trusted key is asked for
 };
 
 } // namespace Pellox

@@ -26,8 +26,11 @@ struct UpdateWork
     bool isNeeded = false;  ///< the build does not have the outcome already
     bool isStaged = false;
     bool isTakenWhole = false; ///< from the fallback, as the installed file is not the old one
+    bool isUnreadable = false; ///< the installed file
+    bool isOwnStaged = false;  ///< what stands at staged, if anything does, is an update's
     QString staged;            ///< where the new content goes first; relative to the build
     qint64 size = 0;           ///< of the new content
+    Sha512 sha512;             ///< likewise, once it is staged
 };
 
 /// What is wrong, from any thread.

@@ -26,16 +26,33 @@ std::optional<QByteArray> readWhole(InputFile &file, qint64 largest, QString *er
     return {};
 }
 
-bool writeWhole(const QString &path, const QByteArray &bytes, bool syncs, FileError *error)
+namespace {
+
+/// To @p file, which has just been opened or not.
+bool writeTo(OutputFile &file, bool isOpen, const QByteArray &bytes, bool syncs, FileError *error)
 {
-    OutputFile file;
-    if (file.open(path))
+    if (isOpen)
         file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
     const bool synced = !syncs || file.sync();
     if (file.close() && synced)
         return true;
     *error = file.error();
     return false;
+}
+
+} // namespace
+
+bool writeWhole(const QString &path, const QByteArray &bytes, bool syncs, FileError *error)
+{
+    OutputFile file;
+    return writeTo(file, file.open(path), bytes, syncs, error);
+}
+
+bool writeWhole(
+    BuildFiles &files, const QString &path, const QByteArray &bytes, bool syncs, FileError *error)
+{
+    OutputFile file;
+    return writeTo(file, files.make(path, &file), bytes, syncs, error);
 }
 
 bool replaceWhole(const QString &path, const QByteArray &bytes, QString *error)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "buildfiles.h"
 #include "diskfile.h"
 
 #include <QByteArray>
@@ -20,6 +21,9 @@ std::optional<QByteArray> readWhole(InputFile &file, qint64 largest, QString *er
 /// Writes a new file of @p bytes; @p syncs: and waits until they are on the disk. False after
 /// @p error, and then something may stand there.
 bool writeWhole(const QString &path, const QByteArray &bytes, bool syncs, FileError *error);
+/// The same in a build.
+bool writeWhole(
+    BuildFiles &files, const QString &path, const QByteArray &bytes, bool syncs, FileError *error);
 
 /**
  * Puts a file of @p bytes in the place of @p path in one step and waits until it is on the disk. It

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "workfolder.h"
 
+#include "filesystem.h"
+#include "rulechecks.h"
+
 #include <QDir>
 #include <QFileInfo>
+
+#include <cerrno>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,17 +19,42 @@ const QString WorkFolder::TemporarySuffix = QStringLiteral(".temp");
 const QString WorkFolder::Journal = QStringLiteral("/.pellox/journal");
 const QString WorkFolder::NewJournal = QStringLiteral("/.pellox/journal.new");
 const QString WorkFolder::Staged = QStringLiteral("/.pellox/staged");
+const QString WorkFolder::StagedRecord = QStringLiteral("/.pellox/staging");
+const QString WorkFolder::NewStagedRecord = QStringLiteral("/.pellox/staging.new");
 const QString WorkFolder::Keeping = QStringLiteral("/.pellox/keeping");
 const QString WorkFolder::KeepingRecord = QStringLiteral("/.pellox/keeping.json");
 const QString WorkFolder::Previous = QStringLiteral("/.pellox/previous");
 const QString WorkFolder::PreviousRecord = QStringLiteral("/.pellox/previous.json");
 const QString WorkFolder::Release = QStringLiteral("/.pellox/release");
 const QString WorkFolder::NewRelease = QStringLiteral("/.pellox/release.new");
+const QString WorkFolder::Lock = QStringLiteral("/.pellox/lock");
+
+namespace {
+
+/// Never waits but for signals.
+bool lockOpen(const FileHandle &file)
+{
+    int locked = -1;
+    do {
+        locked = ::flock(file.get(), LOCK_EX | LOCK_NB);
+    } while (locked != 0 && errno == EINTR);
+    return locked == 0;
+}
+
+} // namespace
+
+WorkFolder::~WorkFolder()
+{
+    if (!m_hasLockFile)
+        return;
+    removeFile(m_build + Lock); // still locked, so nobody else's
+    removeIfEmpty();
+}
 
 bool WorkFolder::isInside(const QString &relativePath)
 {
-    // Some file systems would take the name in capitals for the same.
-    const QString folded = relativePath.toCaseFolded();
+    // Some file systems would take the name in capitals for the same, or look over some characters.
+    const QString folded = NameSense{true, true}.key(relativePath);
     return folded == Name || folded.startsWith(Name + QLatin1Char('/'));
 }
 
@@ -32,11 +62,46 @@ bool WorkFolder::lock()
 {
     if (!m_lock.open(m_build, O_RDONLY | O_DIRECTORY))
         return fail(m_build, QLatin1String("cannot be opened: ") + lastSystemError());
-    if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) == 0)
+    if (lockOpen(m_lock))
         return true;
+    // What is locked must be open for writing on some file systems, and no folder ever is.
+    return errno == EBADF ? lockFile() : failToLock(m_build);
+}
+
+bool WorkFolder::lockFile()
+{
+    const QString path = m_build + Lock;
+    if (!make())
+        return false;
+    do {
+        m_lockFile.close();
+        if (!m_lockFile.open(path, O_RDWR | O_CREAT | O_NOFOLLOW))
+            return fail(path, QLatin1String("cannot be opened: ") + lastSystemError());
+        if (!lockOpen(m_lockFile))
+            return failToLock(path);
+    } while (!isInPlace()); // else who had it before has removed it meanwhile
+    m_hasLockFile = true;
+    return true;
+}
+
+/// Whether the lock file is the one that others will find.
+bool WorkFolder::isInPlace() const
+{
+    struct stat own = {};
+    const auto standing = statusOf(m_build + Lock);
+    return standing && ::fstat(m_lockFile.get(), &own) == 0 && own.st_dev == standing->st_dev
+        && own.st_ino == standing->st_ino;
+}
+
+/// From errno.
+bool WorkFolder::failToLock(const QString &path)
+{
+    m_isBusy = errno == EWOULDBLOCK;
+    const QString reason = m_isBusy ? QStringLiteral("is being updated by another process")
+                                    : QLatin1String("cannot be locked: ") + lastSystemError();
+    m_lockFile.close();
     m_lock.close();
-    m_isBusy = true;
-    return fail(m_build, QStringLiteral("is being updated by another process"));
+    return fail(m_isBusy ? m_build : path, reason);
 }
 
 bool WorkFolder::make()
@@ -57,6 +122,11 @@ bool WorkFolder::fail(const QString &path, const QString &reason)
 {
     m_error = {path, reason};
     return false;
+}
+
+bool hasJournal(const QString &build)
+{
+    return mayStand(build + WorkFolder::Journal);
 }
 
 } // namespace Pellox

@@ -9,10 +9,12 @@ namespace Pellox {
  * The hidden folder ".pellox" at the top of an installed build, and what an update keeps there:
  *
  *   journal    what a commit does, there from the moment it is certain until it is done
- *   staged/    new files whose folder is a file of the old build still
+ *   staged/    new files that cannot stand beside their targets yet
+ *   staging    which files a run stages, wherever they stand
  *   keeping/   what the commit under way sets aside, and its record, keeping.json
  *   previous/  what the last update has set aside, and its record, previous.json
  *   release    which release is installed, where that is known
+ *   lock       on file systems that lock no folders, while an update is at work
  *
  * Everything is on the build's file system, so that renames are atomic.
  */
@@ -27,20 +29,27 @@ public:
     static const QString Journal;
     static const QString NewJournal; ///< on the way to be one
     static const QString Staged;
+    static const QString StagedRecord;
+    static const QString NewStagedRecord; ///< on the way to be one
     static const QString Keeping;
     static const QString KeepingRecord;
     static const QString Previous;
     static const QString PreviousRecord;
     static const QString Release;
     static const QString NewRelease; ///< on the way to be one
+    static const QString Lock;
 
-    /// Whether @p relativePath leads into such a folder.
+    /// Whether @p relativePath leads into such a folder on some file system.
     static bool isInside(const QString &relativePath);
 
     explicit WorkFolder(QString build)
         : m_build(std::move(build))
     {
     }
+
+    ~WorkFolder();
+    WorkFolder(const WorkFolder &) = delete;
+    WorkFolder &operator=(const WorkFolder &) = delete;
 
     /// Whether somebody else holds the lock.
     bool isBusy() const { return m_isBusy; }
@@ -51,10 +60,13 @@ public:
 
     /**
      * Takes the build's lock, which lasts until this object ends or the process does: one on the
-     * build's folder itself, so that a crash leaves nothing. False with error() when somebody
-     * else holds it.
+     * build's folder itself, so that a crash leaves nothing. Where the file system locks no
+     * folders, as NFS, one on a file in the hidden folder, which a crash leaves behind without
+     * harm. False with error() when somebody else holds it, or when there is no locking.
      */
     bool lock();
+    /// The build's folder, open while it is locked.
+    int handle() const { return m_lock.get(); }
     /// Makes the folder. False with error().
     bool make();
     /// Removes the folder and that of staged files when nothing is left in them.
@@ -64,11 +76,20 @@ public:
 
 private:
     bool fail(const QString &path, const QString &reason);
+    bool lockFile();
+    bool failToLock(const QString &path);
+    bool isInPlace() const;
 
     const QString m_build;
-    FileHandle m_lock;
+    FileHandle m_lock; ///< the build's folder
+    FileHandle m_lockFile;
+    bool m_hasLockFile = false;
     bool m_isBusy = false;
     FileError m_error;
 };
+
+/// Whether an unfinished commit stands in the build in folder @p build, or something that may be
+/// one.
+bool hasJournal(const QString &build);
 
 } // namespace Pellox

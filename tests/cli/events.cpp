@@ -56,8 +56,9 @@ QString normalised(const QString &text, const QString &root)
     result.replace(root, QLatin1String("ROOT"));
     result = withLastProgress(result.split(QLatin1Char('\n'))).join(QLatin1Char('\n'));
     result = replaced(result, "\"(rate|left)\":\\d+", "\"\\1\":N");
+    result = replaced(result, "(\"peak_extra_disk\":)\\d+", "\\1N"); // counts whole blocks
     result = replaced(result, "(\"event\":\"progress\",\"file\":)\"[^\"]*\"", "\\1\"FILE\"");
-    result = replaced(result, "  [\\d.]+ \\w+/s(  [\\d:]+ left)?", "  N/s");
+    result = replaced(result, "  [\\d.]+ \\w+/s(  [\\d:]+ left)?", "");
     return result;
 }
 

@@ -30,6 +30,7 @@ private Q_SLOTS:
 
     void repairsWhatDiffers_data();
     void repairsWhatDiffers();
+    void wrongFolderIsToldOf();
     void repairThatFailsChangesNothing_data();
     void repairThatFailsChangesNothing();
     void repairFinishesWhatWasBegun();
@@ -140,9 +141,6 @@ void tst_CheckCommand::checkThatCannotBeCarriedOut_data()
     QTest::newRow("climbs out") << manifest
                                 << QByteArray("[{\"relative_path\":\"/../x\",\"sha512\":\"00\"}]")
                                 << check << RefusedPatch << refused;
-    QTest::newRow("no manifest") << QString() << QByteArray()
-                                 << QStringLiteral("check installed patch") << RefusedPatch
-                                 << refused;
     QTest::newRow("a repair") << manifest << QByteArray("{}")
                               << QStringLiteral("repair installed sigs-old --from old")
                               << RefusedPatch << refused;
@@ -203,6 +201,20 @@ void tst_CheckCommand::repairsWhatDiffers()
     QCOMPARE(m_tree->run(words).status, NothingToDo);
 }
 
+void tst_CheckCommand::wrongFolderIsToldOf()
+{
+    const QString told = QStringLiteral("nothing of the build was there");
+    m_tree->makeFolder(QStringLiteral("empty"));
+    const Outcome check = run("check empty sigs-old");
+    QCOMPARE(check.status, Failed);
+    QVERIFY2(check.err.contains(told), qPrintable(check.err));
+    const Outcome repair = run("repair empty sigs-old --from old");
+    QCOMPARE(repair.status, Done);
+    QVERIFY2(repair.err.contains(told), qPrintable(repair.err));
+    damage();
+    QVERIFY(!run("repair installed sigs-old --from old").err.contains(told));
+}
+
 void tst_CheckCommand::repairThatFailsChangesNothing_data()
 {
     QTest::addColumn<QString>("source");
@@ -233,7 +245,7 @@ void tst_CheckCommand::repairFinishesWhatWasBegun()
     const QString build = m_tree->path(QStringLiteral("installed"));
     const FaultRun killed = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
         {QStringLiteral("update"), build, m_tree->path(QStringLiteral("patch"))},
-        {build, "rename", 2, "kill"});
+        {build, "rename", 3, "kill"}); // of the first file
     QVERIFY(killed.crashed);
     QVERIFY(m_tree->installed() != m_tree->newInstalled());
     m_tree->write(QStringLiteral("installed/data/same.txt"), "damaged");
@@ -255,6 +267,9 @@ void tst_CheckCommand::wrongUsage_data()
     QTest::newRow("the build as source")
         << QStringLiteral("repair installed sigs-old --from installed");
     QTest::newRow("signatures in the build") << QStringLiteral("check installed installed/data");
+    QTest::newRow("no manifest") << QStringLiteral("check installed patch");
+    QTest::newRow("no manifest to repair by")
+        << QStringLiteral("repair installed patch --from old");
     QTest::newRow("no thread") << QStringLiteral("check installed sigs-old --threads 0");
 }
 
@@ -324,7 +339,7 @@ void tst_CheckCommand::signalsCancel()
     QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
     QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
     QVERIFY2(outcome.err.endsWith(
-                 QLatin1String("pellox: interrupted: nothing was changed; run the same again\n")),
+                 QLatin1String("pellox: interrupted: nothing was changed: run the same again\n")),
         qPrintable(outcome.err));
 }
 

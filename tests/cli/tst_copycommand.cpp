@@ -43,6 +43,8 @@ private Q_SLOTS:
     void copiesAFile_data();
     void copiesAFile();
     void copiesABuild();
+    void writeProtectedPlacesAreRefused_data();
+    void writeProtectedPlacesAreRefused();
     void fileIsMeasuredInBytes();
     void refuses_data();
     void refuses();
@@ -149,6 +151,37 @@ void tst_CopyCommand::copiesABuild()
             QStringLiteral("levels/grüße.map")}));
     QCOMPARE(m_tree->read(QStringLiteral("new/copy/data.pak")),
         m_tree->read(QStringLiteral("build/data.pak")));
+}
+
+void tst_CopyCommand::writeProtectedPlacesAreRefused_data()
+{
+    QTest::addColumn<QString>("words"); // the disk at "disk" is for reading only
+
+    QTest::newRow("copy") << QStringLiteral("copy build disk/copy");
+    QTest::newRow("sign") << QStringLiteral("sign build disk/signatures");
+    QTest::newRow("publish") << QStringLiteral(
+        "publish build --old-build old --patch patch --signatures disk/new/signatures");
+    QTest::newRow("pack") << QStringLiteral("pack build disk/build.7z");
+    QTest::newRow("keygen") << QStringLiteral("keygen one.key disk/one.pub");
+}
+
+/// Root may write everywhere else.
+void tst_CopyCommand::writeProtectedPlacesAreRefused()
+{
+    if (!canMount())
+        QSKIP("mounts are not allowed here");
+    QFETCH(QString, words);
+    m_tree->write(QStringLiteral("build/file"), "content");
+    m_tree->write(QStringLiteral("old/file"), "old content");
+    m_tree->makeFolder(QStringLiteral("disk"));
+    const auto before = TestTree::snapshot(m_tree->path());
+    const DiskRun run = runWithDisk(QStringLiteral("disk"), QStringLiteral("1m"), words,
+        m_tree->path(), QStringLiteral("mount -o remount,ro disk"));
+    QCOMPARE(run.outcome.status, WrongUsage);
+    QCOMPARE(run.outcome.err,
+        QStringLiteral("pellox: error: %1: cannot be written: Read-only file system\n")
+            .arg(m_tree->path(QStringLiteral("disk"))));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
 void tst_CopyCommand::fileIsMeasuredInBytes()
@@ -294,8 +327,8 @@ void tst_CopyCommand::aCopyThatCannotBeCreatedIsNamed()
     const Outcome outcome = run(QStringLiteral("copy build/data.pak ") + tooLong);
     QCOMPARE(outcome.status, Failed);
     QCOMPARE(errorLines(outcome.err),
-        QStringList(
-            QStringLiteral("pellox: error: %1: cannot be created").arg(m_tree->path(tooLong))));
+        QStringList(QStringLiteral("pellox: error: %1: cannot be created: File name too long")
+                        .arg(m_tree->path(tooLong))));
 }
 
 void tst_CopyCommand::aLinkThatLeadsNowhereIsNotFollowed()
@@ -372,7 +405,8 @@ void tst_CopyCommand::aBuildThatCannotBeMadeLeavesNoFolder()
     const Outcome outcome = run(QStringLiteral("copy build ") + tooLong);
     QCOMPARE(outcome.status, WrongUsage);
     QCOMPARE(outcome.err,
-        QStringLiteral("pellox: error: %1: cannot be created\n").arg(m_tree->path(tooLong)));
+        QStringLiteral("pellox: error: %1: cannot be created: File name too long\n")
+            .arg(m_tree->path(tooLong)));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
@@ -815,8 +849,7 @@ void tst_CopyCommand::aSecondSignalToTheCopyOfABuild()
     const auto before = TestTree::snapshot(path("copy"));
     QProcess process;
     startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        QStringLiteral("copy huge copy --block-size 512M").split(QLatin1Char(' ')),
-        m_tree->path());
+        QStringLiteral("copy huge copy --block-size 512M").split(QLatin1Char(' ')), m_tree->path());
     // The first signal waits for the end of a block, far off.
     QTRY_VERIFY_WITH_TIMEOUT(holds(path("copy"), {QStringLiteral("large")}), 30000);
     for (int i = 0; i < 3 && process.state() == QProcess::Running; ++i)

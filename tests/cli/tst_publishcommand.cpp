@@ -729,7 +729,8 @@ void tst_PublishCommand::refusesWhatPackWouldRefuse_data()
         << QStringLiteral("sigs-new/a.7z")
         << QStringLiteral("~/sigs-new/a.7z: lies inside ~/sigs-new; the two must lie apart");
     QTest::newRow("below a file") << QStringLiteral("there.7z.001/a.7z")
-                                  << QStringLiteral("~/there.7z.001: cannot be created");
+                                  << QStringLiteral(
+                                         "~/there.7z.001: cannot be created: Not a directory");
     QTest::newRow("a name that is lost")
         << QStringLiteral("a.7z")
         << QStringLiteral("~/new/line\nbreak: has a line break or another control character in its "
@@ -856,7 +857,7 @@ void tst_PublishCommand::summariesGoToStandardOutput()
         QStringLiteral("2 files to patch (%1 of deltas), 1 file to copy (3 bytes), 1 file to "
                        "delete: %2\nSigned 4 files (9.8 KiB): %3\n")
             .arg(QLocale::c().formattedDataSize(deltas, 1), path("patch"), path("sigs-new")));
-    QVERIFY2(outcome.err.contains(QLatin1String("publish: 100 %  ~9.8 KiB of 9.8 KiB  ")),
+    QVERIFY2(outcome.err.contains(QLatin1String("publish: 100 %  ~9.8 KiB of 9.8 KiB")),
         qPrintable(outcome.err));
 }
 
@@ -1026,8 +1027,9 @@ void tst_PublishCommand::interruptBringsNoManifestBack()
         && !m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
     QCOMPARE(outcomeOf(process).status, Interrupted);
-    QCOMPARE(TestTree::snapshot(path("patch")).keys(), QStringList());
-    QCOMPARE(TestTree::snapshot(path("sigs-new")).keys(), QStringList());
+    // It may have come while the older release was being removed.
+    QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
     QCOMPARE(run(PublishFirst).status, Done);
 }
 

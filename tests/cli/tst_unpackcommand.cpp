@@ -460,7 +460,8 @@ void tst_UnpackCommand::unpackNamesTheFolderThatFails()
     const Outcome outcome = run(QStringLiteral("unpack a.7z file/got"));
     QCOMPARE(outcome.status, WrongUsage);
     QCOMPARE(outcome.err,
-        QStringLiteral("pellox: error: %1: cannot be created\n").arg(path("file/got")));
+        QStringLiteral("pellox: error: %1: cannot be created: Not a directory\n")
+            .arg(path("file/got")));
 
     const char cases[] = "x) echo \"ERROR: Can not open output file : No space : $PWD/zero\";;";
     const Outcome failed = runStandIn(cases, QStringLiteral("unpack a.7z got --json"));

@@ -19,6 +19,14 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+namespace {
+
+// The renames of an update: the record of staged files comes before these.
+constexpr int JournalItself = 2;
+constexpr int FirstFile = 3;
+
+} // namespace
+
 /// "pellox update", "recover", "rollback" and "discard".
 class tst_UpdateCommands : public QObject
 {
@@ -50,6 +58,14 @@ private Q_SLOTS:
     void oneProgramAtATime();
     void failedCommitIsFinished_data();
     void failedCommitIsFinished();
+    void resumedRunPutsInPlace();
+    void lostContentIsToldByRecover();
+    void otherProgramsSeeAnUnfinishedUpdate_data();
+    void otherProgramsSeeAnUnfinishedUpdate();
+    void applyAndVerifyHeedTheLock_data();
+    void applyAndVerifyHeedTheLock();
+    void manyErrorsAreCounted();
+    void otherBuildIsToldFromADamagedOne();
     void whereStandardOutputCannotBeWritten();
 
     void signalsCancel_data();
@@ -139,7 +155,7 @@ void tst_UpdateCommands::discardsWhatIsKept()
     QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
     QCOMPARE(m_tree->installed(), m_tree->newInstalled());
     QCOMPARE(run("rollback installed").status, NothingKept);
-    QCOMPARE(run("discard installed").status, Done);
+    QCOMPARE(run("discard installed").status, NothingToDo);
 }
 
 void tst_UpdateCommands::dryRunWritesNothing()
@@ -149,8 +165,15 @@ void tst_UpdateCommands::dryRunWritesNothing()
     QCOMPARE(outcome.status, Done);
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
     const QList<QJsonObject> events = jsonLines(outcome.out);
-    QCOMPARE(member(events.first(), "file"), QStringLiteral("data/gone.txt"));
-    const QJsonObject plan = events.value(1);
+    QStringList rules;
+    for (const QJsonObject &event : events) {
+        if (member(event, "event") == QLatin1String("rule"))
+            rules.append(member(event, "rule") + QLatin1Char(' ') + member(event, "file"));
+    }
+    QCOMPARE(rules,
+        (QStringList{QStringLiteral("delete data/gone.txt"), QStringLiteral("patch game.exe"),
+            QStringLiteral("copy levels/one.map")}));
+    const QJsonObject plan = events.value(3);
     QCOMPARE(plan.value(QLatin1String("patch")).toInt(), 1);
     QCOMPARE(plan.value(QLatin1String("copy")).toInt(), 1);
     QCOMPARE(plan.value(QLatin1String("delete")).toInt(), 1);
@@ -311,8 +334,8 @@ void tst_UpdateCommands::adviceComesOncePerKind()
     QCOMPARE(outcome.status, RefusedPatch);
     QCOMPARE(errorLines(outcome.err).size(), 2);
     QCOMPARE(outcome.err.count(QLatin1String("pellox: bad-patch: Get the patch anew")), 1);
-    QVERIFY2(outcome.err.endsWith(QLatin1String(
-                 "pellox: nothing was changed: get the patch or the signatures anew\n")),
+    QVERIFY2(
+        outcome.err.endsWith(QLatin1String("pellox: nothing was changed: get the patch anew\n")),
         qPrintable(outcome.err));
 }
 
@@ -430,9 +453,8 @@ void tst_UpdateCommands::failedCommitIsFinished_data()
 void tst_UpdateCommands::failedCommitIsFinished()
 {
     QFETCH(QString, next);
-    // The first is that of the journal.
     const FaultRun failed
-        = runWith(QStringLiteral("update"), {QString(), "rename", 2, "5", true, true});
+        = runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "5", true, true});
     QCOMPARE(failed.status, Unfinished);
     const QJsonObject last = jsonLines(QString::fromUtf8(failed.output)).last();
     QCOMPARE(member(last, "outcome"), QStringLiteral("unfinished"));
@@ -451,6 +473,171 @@ void tst_UpdateCommands::failedCommitIsFinished()
         QSKIP("python3-jsonschema is missing");
     QCOMPARE(
         schemaViolations(python, finished.out + QString::fromUtf8(failed.output)), QStringList());
+}
+
+void tst_UpdateCommands::resumedRunPutsInPlace()
+{
+    const FaultRun killed
+        = runWith(QStringLiteral("update"), {QString(), "rename", JournalItself, "kill"});
+    QVERIFY(killed.crashed);
+    const Outcome outcome = run("update installed patch");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(
+        outcome.out, QStringLiteral("Updated, 2 files put in place: %1\n").arg(path("installed")));
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::lostContentIsToldByRecover()
+{
+    QVERIFY(runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    m_tree->remove(QStringLiteral("installed/game.exe.temp"));
+    m_tree->remove(QStringLiteral("installed/levels/one.map.temp"));
+    const Outcome outcome = run("recover installed");
+    QCOMPARE(outcome.status, DamagedInstall);
+    QVERIFY2(outcome.err.contains(path("installed/game.exe")), qPrintable(outcome.err));
+    QVERIFY2(outcome.err.endsWith(QLatin1String(
+                 "pellox: what an interrupted run had begun is finished but for these files: run "
+                 "\"pellox repair\", or \"pellox update --fallback\"\n")),
+        qPrintable(outcome.err));
+    QCOMPARE(run("recover installed").status, NothingToDo);
+    QCOMPARE(run("repair installed sigs-new --from new").status, Done);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::otherProgramsSeeAnUnfinishedUpdate_data()
+{
+    QTest::addColumn<bool>("damaged"); // the journal
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("event");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("value");
+
+    const QString error = QStringLiteral("error");
+    const QString code = QStringLiteral("code");
+    const QString refused = QStringLiteral("refused");
+    QTest::newRow("apply") << false << QStringLiteral("apply installed patch") << WrongUsage
+                           << error << code << refused;
+    QTest::newRow("verify") << false << QStringLiteral("verify installed patch") << WrongUsage
+                            << error << code << refused;
+    QTest::newRow("apply, a journal that is none")
+        << true << QStringLiteral("apply installed patch") << WrongUsage << error << code
+        << refused;
+    QTest::newRow("dry run") << false << QStringLiteral("update installed patch --dry-run")
+                             << Unfinished << error << code << QStringLiteral("unfinished");
+    QTest::newRow("dry run, a journal that is none")
+        << true << QStringLiteral("update installed patch --dry-run") << DamagedJournal << error
+        << code << QStringLiteral("damaged-journal");
+    QTest::newRow("check") << false << QStringLiteral("check installed sigs-new") << Failed
+                           << QStringLiteral("build-state") << QStringLiteral("state")
+                           << QStringLiteral("interrupted");
+}
+
+void tst_UpdateCommands::otherProgramsSeeAnUnfinishedUpdate()
+{
+    QFETCH(bool, damaged);
+    QFETCH(QString, words);
+    QFETCH(int, status);
+    QFETCH(QString, event);
+    QFETCH(QString, name);
+    QFETCH(QString, value);
+    if (damaged)
+        m_tree->write(QStringLiteral("installed/.pellox/journal"), "x");
+    else
+        QVERIFY(
+            runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = m_tree->run(words + QStringLiteral(" --json"));
+    QCOMPARE(outcome.status, status);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    QStringList values;
+    for (const QJsonObject &line : jsonLines(outcome.out)) {
+        if (member(line, "event") == event)
+            values.append(line.value(name).toString());
+    }
+    QCOMPARE(values, QStringList(value));
+    QVERIFY2(outcome.err.contains(path("installed")), qPrintable(outcome.err));
+    if (!damaged)
+        QVERIFY2(
+            outcome.err.contains(QLatin1String("\"pellox recover\"")), qPrintable(outcome.err));
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(schemaViolations(python, outcome.out), QStringList());
+}
+
+void tst_UpdateCommands::applyAndVerifyHeedTheLock_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("without"); // the lock
+
+    QTest::newRow("apply") << QStringLiteral("apply installed patch") << WrongUsage << Done;
+    QTest::newRow("verify") << QStringLiteral("verify installed patch") << WrongUsage << Failed;
+    QTest::newRow("dry run") << QStringLiteral("update installed patch --dry-run") << Busy << Done;
+    QTest::newRow("check") << QStringLiteral("check installed sigs-old") << Done << Done;
+}
+
+void tst_UpdateCommands::applyAndVerifyHeedTheLock()
+{
+    QFETCH(QString, words);
+    QFETCH(int, status);
+    QFETCH(int, without);
+    const QString told = QStringLiteral("pdat"); // "is being updated", "is updating"
+    const int lock = ::open(
+        QFile::encodeName(path("installed")).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QCOMPARE(::flock(lock, LOCK_EX), 0);
+    const Outcome outcome = m_tree->run(words);
+    ::close(lock);
+    QCOMPARE(outcome.status, status);
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    QVERIFY2(
+        outcome.err.contains(path("installed") + QLatin1String(": ")), qPrintable(outcome.err));
+    QVERIFY2(outcome.err.contains(told), qPrintable(outcome.err));
+    QCOMPARE(m_tree->run(words).status, without);
+}
+
+void tst_UpdateCommands::manyErrorsAreCounted()
+{
+    constexpr int Files = 13;
+    QJsonArray rules;
+    QStringList expected;
+    for (int i = 0; i < Files; ++i) {
+        const QString name = QStringLiteral("/map%1").arg(i, 2, 10, QLatin1Char('0'));
+        rules.prepend(QJsonObject{{QStringLiteral("rule"), QStringLiteral("copy")},
+            {QStringLiteral("relative_path"), name}});
+        expected.append(path("patch") + name);
+    }
+    m_tree->write(QStringLiteral("patch/patchRules.json"), QJsonDocument(rules).toJson());
+    const auto told = [](const Outcome &outcome) {
+        QStringList files;
+        for (const QString &line : errorLines(outcome.err))
+            files.append(line.section(QLatin1String(": "), 2, 2));
+        return files;
+    };
+    const Outcome brief = run("update installed patch");
+    QCOMPARE(brief.status, RefusedPatch);
+    QCOMPARE(told(brief), expected.mid(0, 10));
+    QVERIFY2(brief.err.contains(QLatin1String("pellox: and 3 more errors; -v names them all\n")),
+        qPrintable(brief.err));
+    for (const char *words : {"update installed patch -v", "update installed patch --json"}) {
+        const Outcome whole = run(words);
+        QCOMPARE(told(whole), expected);
+        QVERIFY2(!whole.err.contains(QLatin1String("more error")), qPrintable(whole.err));
+    }
+}
+
+void tst_UpdateCommands::otherBuildIsToldFromADamagedOne()
+{
+    const QString told = QStringLiteral("this is not the build that the patch is for");
+    m_tree->remove(QStringLiteral("installed/game.exe"));
+    const Outcome damaged = run("update installed patch");
+    QCOMPARE(damaged.status, DamagedInstall);
+    QVERIFY2(!damaged.err.contains(told), qPrintable(damaged.err));
+    m_tree->remove(QStringLiteral("installed/data/gone.txt"));
+    const Outcome other = run("update installed patch");
+    QCOMPARE(other.status, DamagedInstall);
+    QVERIFY2(other.err.contains(told), qPrintable(other.err));
 }
 
 void tst_UpdateCommands::whereStandardOutputCannotBeWritten()
@@ -505,15 +692,14 @@ void tst_UpdateCommands::signalsCancel()
     QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
     QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
     QVERIFY2(outcome.err.endsWith(
-                 QLatin1String("pellox: interrupted: nothing was changed; run the same again\n")),
+                 QLatin1String("pellox: interrupted: nothing was changed: run the same again\n")),
         qPrintable(outcome.err));
 }
 
 void tst_UpdateCommands::aSignalDuringTheCommitIsTooLate()
 {
-    // Comes just before the journal gets its name.
-    const FaultRun run
-        = runWith(QStringLiteral("update"), {QString(), "rename", 1, "interrupt", false, true});
+    const FaultRun run = runWith(
+        QStringLiteral("update"), {QString(), "rename", JournalItself, "interrupt", false, true});
     QCOMPARE(run.status, Done);
     QCOMPARE(m_tree->installed(), m_tree->newInstalled());
     QVERIFY2(run.errors.endsWith("pellox: the signal came too late to stop it: it is finished\n"),
@@ -524,8 +710,8 @@ void tst_UpdateCommands::aSignalDuringTheCommitIsTooLate()
 
 void tst_UpdateCommands::aSecondInterruptEndsAtOnce()
 {
-    const FaultRun run
-        = runWith(QStringLiteral("update"), {QString(), "rename", 1, "interrupt", true, true});
+    const FaultRun run = runWith(
+        QStringLiteral("update"), {QString(), "rename", JournalItself, "interrupt", true, true});
     QCOMPARE(run.status, Interrupted);
     QVERIFY2(run.errors.endsWith("pellox: interrupted while files were put in place: run "
                                  "\"pellox recover\", or the same again, to finish it\n"),
@@ -606,8 +792,16 @@ void tst_UpdateCommands::helpAndDocumentsHaveTheSameStatuses()
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     };
     const QString docs = fileText("cli.md");
-    const auto meanings = pairs(run("update --help").out, "^  (\\d+) +(.*)$");
-    QVERIFY(meanings.size() > 12);
+    QMap<int, QString> meanings;
+    for (const char *command : {"update", "recover", "rollback", "discard", "check", "repair"}) {
+        const auto own = pairs(m_tree->run(QLatin1String(command) + QStringLiteral(" --help")).out,
+            "^  (\\d+) +(.*)$");
+        QVERIFY(own.size() >= 6);
+        QVERIFY(own.size() < 14);
+        for (const auto &[status, meaning] : own.toStdMap())
+            meanings.insert(status, meaning);
+    }
+    QCOMPARE(meanings.size(), 14);
     QCOMPARE(pairs(docs, "^\\| (\\d+) \\| `[a-z-]+` \\| (.*) \\|$"), meanings);
 
     const QJsonObject schema

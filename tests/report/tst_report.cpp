@@ -343,9 +343,10 @@ void tst_Report::sumsAreThoseOfThePatch()
     openExample();
     QCOMPARE(texts(QStringLiteral(".card .much")),
         (QStringList{QStringLiteral("986.4 KiB"), QStringLiteral("586.0 KiB"),
-            QStringLiteral("400.4 KiB"), QStringLiteral("1")}));
+            QStringLiteral("400.4 KiB"), QStringLiteral("1 file")}));
     QCOMPARE(text(QStringLiteral("#lead")),
-        QStringLiteral("986.4 KiB bring players 6 files of 2.0 MiB and delete 1."));
+        QStringLiteral(
+            "A patch of 986.4 KiB for 6 new or changed files of 2.0 MiB; 1 file is deleted."));
     QCOMPARE(texts(QStringLiteral("#bar-keys b")),
         (QStringList{
             QStringLiteral("1.0 MiB"), QStringLiteral("585.9 KiB"), QStringLiteral("400.4 KiB")}));
@@ -659,21 +660,21 @@ void tst_Report::littlePatches_data()
     QTest::newRow("nothing") << QString()
                              << QStringLiteral("This patch has no rules: it changes nothing.") << 0
                              << 0;
-    QTest::newRow("one delta") << QStringLiteral("patch")
-                               << QStringLiteral("131 bytes bring players 1 file of 200 bytes.")
+    QTest::newRow("one delta") << QStringLiteral(
+        "patch") << QStringLiteral("A patch of 131 bytes for 1 new or changed file of 200 bytes.")
                                << 1 << 1;
-    QTest::newRow("one new file") << QStringLiteral("copy")
-                                  << QStringLiteral("1 byte bring players 1 file of 1 byte.") << 1
-                                  << 1;
+    QTest::newRow("one new file") << QStringLiteral(
+        "copy") << QStringLiteral("A patch of 1 byte for 1 new or changed file of 1 byte.")
+                                  << 1 << 1;
     QTest::newRow("one empty file")
-        << QStringLiteral("empty") << QStringLiteral("0 bytes bring players 1 file of 0 bytes.")
-        << 0 << 1;
+        << QStringLiteral("empty")
+        << QStringLiteral("A patch of 0 bytes for 1 new or changed file of 0 bytes.") << 0 << 1;
     QTest::newRow("one deleted file")
         << QStringLiteral("delete") << QStringLiteral("This patch deletes 1 file and brings none.")
         << 0 << 1;
     QTest::newRow("one file, deep down")
-        << QStringLiteral("deep") << QStringLiteral("9 bytes bring players 1 file of 9 bytes.") << 1
-        << 1;
+        << QStringLiteral("deep")
+        << QStringLiteral("A patch of 9 bytes for 1 new or changed file of 9 bytes.") << 1 << 1;
 }
 
 void tst_Report::littlePatches()

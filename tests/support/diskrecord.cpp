@@ -93,7 +93,7 @@ void DiskRecord::readFolder()
         require(file.open(QIODevice::ReadOnly) && ::fstat(file.handle(), &status) == 0,
             "read the folder");
         m_before.names.insert(name, static_cast<int>(m_before.files.size()));
-        m_before.files.push_back({file.readAll(), status.st_mode & 07777U});
+        m_before.files.push_back({file.readAll(), status.st_mode & 07777U, status.st_mtim});
     }
 }
 
@@ -235,9 +235,11 @@ void DiskRecord::lay(int at, const Chance &chance) const
         }
         const File &file = disk.files[static_cast<std::size_t>(name.value())];
         QFile output(path);
-        require(output.open(QIODevice::WriteOnly)
+        const timespec times[] = {{0, UTIME_OMIT}, file.modified};
+        require(output.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
                 && output.write(file.content) == file.content.size()
-                && ::fchmod(output.handle(), file.mode) == 0,
+                && ::fchmod(output.handle(), file.mode) == 0
+                && ::futimens(output.handle(), times) == 0,
             "write a file");
     }
 }

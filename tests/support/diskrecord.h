@@ -10,6 +10,8 @@
 #include <random>
 #include <vector>
 
+#include <sys/stat.h>
+
 /**
  * What a program has changed in a folder, call by call, and what a power cut at any point may have
  * left of it. Calls that were synced are there; of all others each may be there or not, in any
@@ -58,6 +60,7 @@ private:
     {
         QByteArray content;
         uint mode = 0644;
+        timespec modified = {0, UTIME_OMIT}; ///< of one that was there before
     };
     struct Disk
     {

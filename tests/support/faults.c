@@ -6,8 +6,9 @@
  *   FAULTS_PATH    counts calls on this file or folder (canonical path) and all that lies in it
  *   FAULTS_CALLS   counts calls of these kinds alone, with commas between them: open, read, write,
  *                  close, sync, rename, link, remove, mkdir, truncate, copy, list, entry, mode;
- *                  "list" and "entry" open a folder and read the next of it; "create" is an open
- *                  that may make or empty the file, and only where it is named here
+ *                  "list" and "entry" open a folder and read the next of it; only where they are
+ *                  named here "create" is an open that may make or empty the file, and "look"
+ *                  asks for a file's status by its path
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
  *                    a number  the call fails with that errno
@@ -20,6 +21,8 @@
  *                              file's time back, "replace" puts another file of the same size there
  *   FAULTS_REPEAT  not empty: it happens at every later call as well
  *   FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk
+ *   FAULTS_ROOM    so many bytes are free on each file system
+ *   FAULTS_ROOM_FILES so many more files can be made on each
  *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
  *
  * Any thread may call. Nothing happens when FAULTS_PATH is not set.
@@ -38,6 +41,7 @@
 #include <string.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -290,6 +294,21 @@ int openat64(int folder, const char *path, int flags, ...)
         : REAL(openat64)(folder, path, flags, mode);
 }
 
+static enum verdict meet_look(int folder, const char *path)
+{
+    return s_kinds && *s_kinds ? meet_at("look", folder, path) : GO_ON;
+}
+
+int lstat(const char *path, struct stat *status)
+{
+    return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(lstat)(path, status);
+}
+
+int fstatat(int folder, const char *path, struct stat *status, int flags)
+{
+    return meet_look(folder, path) == FAIL ? -1 : REAL(fstatat)(folder, path, status, flags);
+}
+
 FILE *fopen(const char *path, const char *mode)
 {
     return meet_at("open", AT_FDCWD, path) == FAIL ? NULL : REAL(fopen)(path, mode);
@@ -513,4 +532,31 @@ int chmod(const char *path, mode_t mode)
 int fchmod(int file, mode_t mode)
 {
     return meet_descriptor("mode", file) == FAIL ? -1 : REAL(fchmod)(file, mode);
+}
+
+/* What a file system has free, where the environment says so. */
+#define TAKE_ROOM(status)                                                                          \
+    do {                                                                                           \
+        const char *bytes = getenv("FAULTS_ROOM");                                                 \
+        const char *files = getenv("FAULTS_ROOM_FILES");                                           \
+        if (bytes && *bytes)                                                                       \
+            (status)->f_bavail = strtoull(bytes, NULL, 10) / (status)->f_frsize;                   \
+        if (files && *files)                                                                       \
+            (status)->f_favail = (status)->f_files = strtoull(files, NULL, 10);                    \
+    } while (0)
+
+int statvfs(const char *path, struct statvfs *status)
+{
+    const int result = REAL(statvfs)(path, status);
+    if (result == 0)
+        TAKE_ROOM(status);
+    return result;
+}
+
+int statvfs64(const char *path, struct statvfs64 *status)
+{
+    const int result = REAL(statvfs64)(path, status);
+    if (result == 0)
+        TAKE_ROOM(status);
+    return result;
 }

@@ -137,6 +137,36 @@ int open64(const char *path, int flags, ...)
     return opened(path, flags, REAL(open64)(path, flags, mode));
 }
 
+/* The path of NAME in an open folder. */
+static const char *path_in(int folder, const char *name, char *path, size_t size)
+{
+    if (*name == '/' || folder == AT_FDCWD)
+        return name;
+    path_of(folder, path, size);
+    const size_t length = strlen(path);
+    if (length == 0 || length + strlen(name) + 2 > size)
+        abort();
+    path[length] = '/';
+    strcpy(path + length + 1, name);
+    return path;
+}
+
+int openat(int folder, const char *name, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    char path[4096];
+    const int file = REAL(openat)(folder, name, flags, mode);
+    return file < 0 ? file : opened(path_in(folder, name, path, sizeof path), flags, file);
+}
+
+int openat64(int folder, const char *name, int flags, ...)
+{
+    TAKE_MODE(flags, mode)
+    char path[4096];
+    const int file = REAL(openat64)(folder, name, flags, mode);
+    return file < 0 ? file : opened(path_in(folder, name, path, sizeof path), flags, file);
+}
+
 ssize_t write(int file, const void *data, size_t size)
 {
     char path[4096];
@@ -151,6 +181,48 @@ int rename(const char *from, const char *to)
     const int result = REAL(rename)(from, to);
     if (result == 0 && is_wanted(to))
         record("rename", from, to);
+    return result;
+}
+
+int renameat(int from_folder, const char *from, int to_folder, const char *to)
+{
+    char from_path[4096];
+    char to_path[4096];
+    const int result = REAL(renameat)(from_folder, from, to_folder, to);
+    to = path_in(to_folder, to, to_path, sizeof to_path);
+    if (result == 0 && is_wanted(to))
+        record("rename", path_in(from_folder, from, from_path, sizeof from_path), to);
+    return result;
+}
+
+int linkat(int from_folder, const char *from, int to_folder, const char *to, int flags)
+{
+    char from_path[4096];
+    char to_path[4096];
+    const int result = REAL(linkat)(from_folder, from, to_folder, to, flags);
+    to = path_in(to_folder, to, to_path, sizeof to_path);
+    if (result == 0 && is_wanted(to))
+        record("link", path_in(from_folder, from, from_path, sizeof from_path), to);
+    return result;
+}
+
+int unlinkat(int folder, const char *name, int flags)
+{
+    char path[4096];
+    const int result = REAL(unlinkat)(folder, name, flags);
+    name = path_in(folder, name, path, sizeof path);
+    if (result == 0 && is_wanted(name))
+        record(flags & AT_REMOVEDIR ? "rmdir" : "unlink", name, NULL);
+    return result;
+}
+
+int mkdirat(int folder, const char *name, mode_t mode)
+{
+    char path[4096];
+    const int result = REAL(mkdirat)(folder, name, mode);
+    name = path_in(folder, name, path, sizeof path);
+    if (result == 0 && is_wanted(name))
+        record("mkdir", name, NULL);
     return result;
 }
 
@@ -253,18 +325,6 @@ int remove(const char *path)
 {
     refuse("remove", path);
     return REAL(remove)(path);
-}
-
-int linkat(int from_folder, const char *from, int to_folder, const char *to, int flags)
-{
-    refuse("linkat", to);
-    return REAL(linkat)(from_folder, from, to_folder, to, flags);
-}
-
-int renameat(int from_folder, const char *from, int to_folder, const char *to)
-{
-    refuse("renameat", to);
-    return REAL(renameat)(from_folder, from, to_folder, to);
 }
 
 int renameat2(int from_folder, const char *from, int to_folder, const char *to, unsigned flags)

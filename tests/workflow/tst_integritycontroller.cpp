@@ -2,6 +2,7 @@
 #include "faultrun.h"
 #include "leftovers.h"
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "testtree.h"
 #include "updatescenario.h"
 
@@ -23,9 +24,11 @@
 #include <atomic>
 #include <cerrno>
 #include <functional>
+#include <new>
 #include <optional>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using Pellox::IntegrityController;
 using Pellox::IntegrityReport;
@@ -114,10 +117,18 @@ private Q_SLOTS:
     void cancelledRepairChangesNothing();
     void cancelCountsForOneRun();
     void destroyedInMidRun();
+    void destroyedAfterASlowSlot();
+    void exceptionEndsTheRun();
+    void exceptionDuringARepair();
+    void outOfMemory();
     void onlyOneRunAtATime();
     void repairIsRefusedDuringAnUpdate();
     void progressNeverFalls();
 
+    void tellsWhatCannotBeReached();
+    void tellsAllInOrder();
+    void repairedFilesCanBeRead_data();
+    void repairedFilesCanBeRead();
     void repairKilledAtAnyCall();
     void anyCallOfARepairMayFail_data();
     void anyCallOfARepairMayFail();
@@ -568,6 +579,117 @@ void tst_IntegrityController::destroyedInMidRun()
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
 }
 
+/// The destructor waits for slots that are still at work, also of a run before the last, and the
+/// next run begins behind them.
+void tst_IntegrityController::destroyedAfterASlowSlot()
+{
+    std::atomic<int> slotsBegun{0};
+    std::atomic<int> slotsEnded{0};
+    std::atomic<int> phases{0};
+    std::atomic<int> phasesAtFirstEnd{0};
+    {
+        IntegrityController controller;
+        connect(
+            &controller, &IntegrityController::finished, &controller,
+            [&] {
+                const bool isFirst = ++slotsBegun == 1;
+                if (isFirst) {
+                    QThread::msleep(300);
+                    phasesAtFirstEnd = phases.load();
+                }
+                ++slotsEnded;
+            },
+            Qt::DirectConnection);
+        connect(
+            &controller, &IntegrityController::phaseChanged, &controller, [&] { ++phases; },
+            Qt::DirectConnection);
+        QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+        while (controller.isRunning())
+            QThread::msleep(1);
+        QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+    }
+    QCOMPARE(slotsEnded, 2);
+    QCOMPARE(phasesAtFirstEnd, 1);
+    QCOMPARE(phases, 2);
+}
+
+void tst_IntegrityController::exceptionEndsTheRun()
+{
+    IntegrityController controller;
+    QSignalSpy finished(&controller, &IntegrityController::finished);
+    QSignalSpy errors(&controller, &IntegrityController::integrityError);
+    const auto throwing = connect(
+        &controller, &IntegrityController::phaseChanged, &controller,
+        [] { throw std::bad_alloc(); }, Qt::DirectConnection);
+    QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+    QTRY_COMPARE(finished.size(), 1);
+    QVERIFY(!finished.at(0).at(0).toBool());
+    QCOMPARE(errors.size(), 1);
+    QCOMPARE(errors.at(0).at(0).toString(), m_scenario->build() + ": out of memory"_s);
+    disconnect(throwing);
+    QVERIFY(controller.check(m_scenario->build(), m_scenario->signatures()));
+    QTRY_COMPARE(finished.size(), 2);
+    QVERIFY(finished.at(1).at(0).toBool());
+}
+
+void tst_IntegrityController::exceptionDuringARepair()
+{
+    using Phase = Pellox::UpdateController::UpdatePhase;
+    damage();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    for (const Phase phase : {Phase::Staging, Phase::Committing}) {
+        Result result = Result::Updated;
+        const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+            QObject::connect(
+                &controller, &IntegrityController::phaseChanged, &controller,
+                [phase](Phase now) {
+                    if (now == phase)
+                        throw std::bad_alloc();
+                },
+                Qt::DirectConnection);
+            QObject::connect(
+                &controller, &IntegrityController::finished, &controller,
+                [&] { result = controller.repairResult(); }, Qt::DirectConnection);
+            return controller.repair(
+                m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild());
+        });
+        QVERIFY(!outcome.success);
+        QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": out of memory"_s));
+        QCOMPARE(result, Result::Failed);
+        QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    }
+    QVERIFY(repair().success);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_IntegrityController::outOfMemory()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    constexpr int Records = 200;
+    constexpr int Length = 400000;
+    QByteArray json = "[\n";
+    for (int i = 0; i < Records; ++i) {
+        json += "    {\n        \"relative_path\": \"/" + QByteArray::number(i)
+            + QByteArray(Length, 'n') + "\"\n    }" + (i + 1 < Records ? ",\n" : "\n");
+    }
+    const TestTree large;
+    large.write("signatures/signatures.json"_s, json + "]\n");
+    std::optional<MemoryLimit> limit;
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        QObject::connect( // by then the run has its thread
+            &controller, &IntegrityController::phaseChanged, &controller,
+            [&] { limit.emplace(rlim_t(32) << 20); }, Qt::DirectConnection);
+        QObject::connect(
+            &controller, &IntegrityController::problemFound, &controller, [&] { limit.reset(); },
+            Qt::DirectConnection);
+        return controller.check(m_scenario->build(), large.path("signatures"_s));
+    });
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": out of memory"_s));
+    QVERIFY(check().success);
+}
+
 void tst_IntegrityController::onlyOneRunAtATime()
 {
     IntegrityController controller;
@@ -666,6 +788,81 @@ QString tst_IntegrityController::brokenPromise() const
     if (!m_scenario->hasJournal() && anyRepaired && anyDamaged)
         return "nothing to finish, and only some are repaired"_s;
     return m_scenario->touchedFile();
+}
+
+/// Whether a file is missing nobody knows where the way to it cannot be gone.
+void tst_IntegrityController::tellsWhatCannotBeReached()
+{
+    m_scenario->tree().remove("build/added/deep"_s);
+    m_scenario->tree().link("build/added/deep"_s, file("added/deep"_s)); // to itself
+    m_scenario->tree().remove("build/moved to here"_s);
+    m_scenario->tree().remove("build/file to folder"_s);
+    m_scenario->tree().write("build/file to folder"_s, "a file");
+    const Outcome outcome = check();
+    QVERIFY(outcome.success);
+    QCOMPARE(outcome.report.unreadable, QStringList("/added/deep/program"_s));
+    const QStringList missing{"/file to folder/inside"_s, "/moved to here"_s};
+    QCOMPARE(outcome.report.missing, missing);
+}
+
+void tst_IntegrityController::tellsAllInOrder()
+{
+    damage();
+    const TestTree signatures;
+    QJsonArray records
+        = QJsonDocument::fromJson(m_scenario->tree().read("signatures/signatures.json"_s)).array();
+    QJsonArray backwards;
+    for (const QJsonValue &record : records)
+        backwards.prepend(record);
+    QVERIFY(records.size() > 3);
+    for (const QJsonArray &order : {records, backwards}) {
+        signatures.write("signatures.json"_s, QJsonDocument(order).toJson());
+        const IntegrityReport report = outcomeOf([&](IntegrityController &controller) {
+            return controller.check(m_scenario->build(), signatures.path());
+        }).report;
+        QCOMPARE(
+            report.changed, (QStringList{"/data/emptied"_s, "/data/large.pak"_s, "/game.exe"_s}));
+        QCOMPARE(report.missing,
+            (QStringList{"/added/deep/program"_s, "/added/large.pak"_s, "/moved to here"_s}));
+        QStringList extra = report.extra;
+        extra.sort();
+        QVERIFY(extra.size() > 2);
+        QCOMPARE(report.extra, extra);
+    }
+}
+
+void tst_IntegrityController::repairedFilesCanBeRead_data()
+{
+    QTest::addColumn<uint>("before");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<uint>("after");
+    QTest::newRow("no permission") << 0U << EACCES << 0755U; // that of the source
+    QTest::newRow("not for its owner") << 0044U << EACCES << 0755U;
+    QTest::newRow("of somebody else") << 0640U << EACCES << 0640U;
+    QTest::newRow("broken") << 0640U << EIO << 0640U;
+    QTest::newRow("changed") << 0640U << 0 << 0640U;
+    QTest::newRow("changed, not for its owner") << 0040U << 0 << 0440U; // read by root
+}
+
+void tst_IntegrityController::repairedFilesCanBeRead()
+{
+    QFETCH(uint, before);
+    QFETCH(int, error);
+    QFETCH(uint, after);
+    if (error == 0 && (before & S_IRUSR) == 0 && ::geteuid() != 0)
+        QSKIP("nobody else can read it");
+    m_scenario->tree().write("build/game.exe"_s, "damaged");
+    const QByteArray path = QFile::encodeName(file("game.exe"_s));
+    QCOMPARE(::chmod(path.constData(), before), 0);
+    const FaultRun run = this->run(
+        {file("game.exe"_s), "open", error == 0 ? 0 : 1, QByteArray::number(error), true});
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.status, 0);
+    struct stat status = {};
+    QCOMPARE(::stat(path.constData(), &status), 0);
+    QCOMPARE(status.st_mode & 0777U, after);
+    QCOMPARE(m_scenario->tree().read("build/game.exe"_s),
+        m_scenario->newFiles().value("game.exe"_s).content);
 }
 
 void tst_IntegrityController::repairKilledAtAnyCall()

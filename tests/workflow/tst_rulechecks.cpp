@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "rulechecks.h"
 #include "testtree.h"
 #include "updatescenario.h"
@@ -139,6 +140,14 @@ private Q_SLOTS:
     void manifests_data();
     void manifests();
     void hugeManifest();
+    void errorsAreBounded();
+    void errorsTogetherAreBounded();
+    void rulesAreBounded();
+    void pathsAreBounded();
+    void valuesAreBounded();
+    void longPathIsToldInPart();
+    void readingStops_data();
+    void readingStops();
     void manifestThatIsTooLarge();
     void layouts_data();
     void layouts();
@@ -296,6 +305,32 @@ void tst_RuleChecks::paths_data()
     good("path of 4,000 bytes", ("/"_s + QString(199, QLatin1Char('d'))).repeated(20));
     bad("path of 4,200 bytes", ("/"_s + QString(199, QLatin1Char('d'))).repeated(21));
     bad("path of a million bytes", QString("/d"_s).repeated(500000));
+    bad("second name of a long one", "/PROGRA~1"_s);
+    bad("second name of the update's own folder", "/PELLOX~1/journal"_s);
+    bad("second name in small letters", "/pellox~1"_s);
+    bad("second name with an extension", "/dir/LONGNA~2.TXT"_s);
+    bad("second name with a short extension", "/LONGNA~2.c"_s);
+    bad("second name, the tenth", "/LONGN~10.TXT"_s);
+    bad("second name of a short one", "/A~1"_s);
+    bad("second name of a folder", "/FOLDER~1/a"_s);
+    good("nine characters with a number", "/PROGRAM~1"_s);
+    good("longer extension", "/PROGRA~1.text"_s);
+    good("two extensions", "/PROGRA~1.a.b"_s);
+    good("tilde without a number", "/backup~"_s);
+    good("tilde with a letter", "/PROGRA~a"_s);
+    good("tilde with a number and a letter", "/PROGR~1a"_s);
+    good("tilde at the beginning", "/~1"_s);
+
+    for (const uint ignorable : {0xadU, 0x34fU, 0x200bU, 0x200fU, 0x202aU, 0x202eU, 0x2060U,
+             0x2064U, 0x206fU, 0xfeffU, 0xfe00U, 0xfe0fU, 0x180eU, 0xe0001U, 0xe0100U, 0xe0fffU}) {
+        const QString text = QString::fromUcs4(&ignorable, 1);
+        const QByteArray number = QByteArray::number(ignorable, 16);
+        bad("own folder, and " + number, "/.pel"_s + text + "lox/journal"_s);
+        bad("own folder behind " + number, "/"_s + text + ".PELLOX"_s);
+        good("another name with " + number, "/a"_s + text + "b"_s);
+    }
+    good("own folder with a letter more", "/.pelloxx/a"_s);
+    good("own folder elsewhere", "/dir/.pellox/a"_s);
     bad("half of a surrogate pair", "/a"_s + QChar(0xd83d));
     bad("surrogates in the wrong order", "/a"_s + QChar(0xde00) + QChar(0xd83d));
     good("surrogate pair", "/"_s + QString::fromUtf8("\xf0\x9f\x98\x80"));
@@ -581,6 +616,15 @@ void tst_RuleChecks::nameKeys_data()
                                  << "/e\u0301"_s << true << false << false;
     QTest::newRow("both") << "/\u00c9"_s
                           << "/e\u0301"_s << true << true << true;
+    QTest::newRow("overlooked character") << "/a\u200db"_s
+                                          << "/ab"_s << true << false << true;
+    QTest::newRow("overlooked character beyond the first plane")
+        << "/a\U000e0101b"_s
+        << "/ab"_s << false << true << true;
+    QTest::newRow("overlooked character counts") << "/a\u200db"_s
+                                                 << "/ab"_s << false << false << false;
+    QTest::newRow("character beyond the first plane") << "/\U0001F600"_s
+                                                      << "/\U0001F601"_s << true << true << false;
     QTest::newRow("final sigma") << "/\u03c3"_s
                                  << "/\u03c2"_s << true << false << true;
 }
@@ -660,6 +704,131 @@ void tst_RuleChecks::hugeManifest()
     QCOMPARE(outcome.result, Result::Refused);
     QCOMPARE(outcome.errors.size(), 1);
     QVERIFY(outcome.errors.at(0).contains("record 100002 "_s));
+}
+
+namespace {
+
+/// @p count records in the form of the library, with the paths that @p path gives.
+QByteArray manyRecords(int count, const std::function<QByteArray(int)> &path)
+{
+    QByteArray json = "[\n";
+    for (int i = 0; i < count; ++i) {
+        json += R"(    {
+        "relative_path": ")"
+            + path(i) + R"(",
+        "rule": "delete"
+    })";
+        json += i + 1 < count ? ",\n" : "\n";
+    }
+    return json + "]\n";
+}
+
+QByteArray numbered(int number)
+{
+    return "/" + QByteArray::number(number);
+}
+
+} // namespace
+
+/// Very many of them say no more than some do.
+void tst_RuleChecks::errorsAreBounded()
+{
+    for (const int count : {100, 101, 250000}) {
+        m_tree->write(
+            "rules.json"_s, manyRecords(count, [](int) { return QByteArray("no path"); }));
+        QStringList errors;
+        QVERIFY(Pellox::readRules(m_tree->path("rules.json"_s), &errors).empty());
+        QCOMPARE(errors.size(), std::min(count, 101));
+        QVERIFY(errors.at(99).startsWith(m_tree->path("rules.json: record 100 "_s)));
+        if (count > 100)
+            QCOMPARE(errors.at(100), m_tree->path("rules.json: and %1 more"_s.arg(count - 100)));
+    }
+}
+
+void tst_RuleChecks::errorsTogetherAreBounded()
+{
+    std::vector<UpdateRule> rules(5001);
+    for (UpdateRule &same : rules)
+        same.relativePath = "/same"_s;
+    QStringList errors;
+    Pellox::checkTogether(rules, NameSense(), &errors);
+    QCOMPARE(errors.size(), 101);
+    QCOMPARE(errors.last(), "and 4900 more"_s);
+}
+
+void tst_RuleChecks::rulesAreBounded()
+{
+    constexpr int Most = 1000000;
+    m_tree->write("rules.json"_s, manyRecords(Most + 1, numbered));
+    QStringList errors;
+    const auto rules = Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    QCOMPARE(errors,
+        QStringList(m_tree->path("rules.json: has more rules or longer paths than any build"_s)));
+    QCOMPARE(rules.size(), std::size_t(Most) + 1); // it was let up to there
+}
+
+/// Long paths are no way around it.
+void tst_RuleChecks::pathsAreBounded()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    const QByteArray folders = ("/" + QByteArray(250, 'n')).repeated(15);
+    m_tree->write(
+        "rules.json"_s, manyRecords(40000, [&](int number) { return folders + numbered(number); }));
+    QStringList errors;
+    {
+        const MemoryLimit limit(256 << 20); // all of them take more
+        Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    }
+    QCOMPARE(errors,
+        QStringList(m_tree->path("rules.json: has more rules or longer paths than any build"_s)));
+}
+
+/// In another form than the library's each takes much more memory than text.
+void tst_RuleChecks::valuesAreBounded()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    constexpr int Pairs = 20 << 20;
+    m_tree->write("rules.json"_s, "[[]" + QByteArray(",[]").repeated(Pairs) + "]");
+    QStringList errors;
+    {
+        const MemoryLimit limit(256 << 20);
+        Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    }
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.at(0).contains("has too many parts"_s), qPrintable(errors.at(0)));
+}
+
+void tst_RuleChecks::longPathIsToldInPart()
+{
+    m_tree->write(
+        "rules.json"_s, manyRecords(1, [](int) { return "/" + QByteArray(500000, 'n'); }));
+    QStringList errors;
+    Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY(errors.at(0).size() < 10000);
+}
+
+void tst_RuleChecks::readingStops_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    const QByteArray json = manyRecords(1000, numbered);
+    QTest::newRow("in the library's form") << json;
+    QTest::newRow("in another") << QJsonDocument::fromJson(json).toJson(QJsonDocument::Compact);
+}
+
+void tst_RuleChecks::readingStops()
+{
+    QFETCH(QByteArray, json);
+    m_tree->write("rules.json"_s, json);
+    QStringList errors;
+    int asked = 0;
+    const auto rules
+        = Pellox::readRules(m_tree->path("rules.json"_s), &errors, [&] { return ++asked < 10; });
+    QCOMPARE(errors, QStringList());
+    QCOMPARE(asked, 10);
+    QVERIFY(rules.size() < 20);
 }
 
 void tst_RuleChecks::manifestThatIsTooLarge()

@@ -2,13 +2,16 @@
 #include "logcapture.h"
 #include "updatescenario.h"
 
+#include <Pellox/IntegrityController>
 #include <Pellox/PatchSeal>
 #include <Pellox/PublishController>
 
+#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSignalSpy>
 #include <QtTest>
 
 #include <optional>
@@ -45,7 +48,8 @@ private Q_SLOTS:
     void patchMustBeSealed();
     void sealMustBeByATrustedKey();
     void anyOfTheKeysWillDo();
-    void keyMustBeReadable();
+    void trustedKeyMustBeOne_data();
+    void trustedKeyMustBeOne();
     void alteredPatchIsRefused_data();
     void alteredPatchIsRefused();
     void strangeFilesAreRefusedAllAtOnce();
@@ -53,12 +57,22 @@ private Q_SLOTS:
     void fallbackMustHaveThem();
     void newFilesAreNewWhateverElseIs();
     void copiedFilesAreCompared();
+    void hiddenFilesInThePatchDoNotMatter();
+    void otherFilesInThePatchAreNamed_data();
+    void otherFilesInThePatchAreNamed();
+    void checkTellsHowFarItIs();
+    void cancelledCheck();
     void olderReleaseIsRefused();
+    void installedReleaseIsRecordedInAnyCase();
+    void recordThatCannotBeWritten();
+    void olderPatchToTheSameBuild();
     void olderReleaseMayBeAllowed();
     void patchOfAnotherBuildIsRefused();
     void updateWithoutASealForgetsTheRelease();
     void rollbackBringsTheReleaseBack();
     void damagedRecordIsTold();
+    void repairSettlesTheRecord_data();
+    void repairSettlesTheRecord();
 
 private:
     QString key(const char *name) const { return m_scenario->tree().path(QLatin1String(name)); }
@@ -67,6 +81,7 @@ private:
     void verifyRefused(const UpdateOutcome &outcome, Code code, const QString &file) const;
     qint64 installedRelease() const;
     void removeRecord() const;
+    bool repair() const;
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
@@ -190,12 +205,28 @@ void tst_SealedUpdate::anyOfTheKeysWillDo()
     seal({key("key")});
 }
 
-void tst_SealedUpdate::keyMustBeReadable()
+void tst_SealedUpdate::trustedKeyMustBeOne_data()
 {
-    const UpdateOutcome outcome = update([this](UpdateController &updater) {
-        updater.setTrustedKeys({key("key.pub"), key("no such key")});
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("content");
+    QTest::newRow("missing") << "no such key"_s << QByteArray();
+    QTest::newRow("text") << "text"_s << QByteArray("no key");
+    QTest::newRow("path with a colon") << "odd: /odd: key"_s << QByteArray("no key");
+    QTest::newRow("private key") << "key"_s << QByteArray();
+}
+
+/// The patch is not to blame for it.
+void tst_SealedUpdate::trustedKeyMustBeOne()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, content);
+    if (!content.isEmpty())
+        m_scenario->tree().write(name, content);
+    const QString file = m_scenario->tree().path(name);
+    const UpdateOutcome outcome = update([&](UpdateController &updater) {
+        updater.setTrustedKeys({key("key.pub"), file});
     });
-    verifyRefused(outcome, Code::NotTrusted, key("no such key"));
+    verifyRefused(outcome, Code::BadKey, file);
 }
 
 void tst_SealedUpdate::alteredPatchIsRefused_data()
@@ -302,6 +333,102 @@ void tst_SealedUpdate::copiedFilesAreCompared()
     QVERIFY(!outcome.staged.contains("/moved to here"_s));
 }
 
+/// As desktops leave them. No rule leads to them, and nothing of them is read.
+void tst_SealedUpdate::hiddenFilesInThePatchDoNotMatter()
+{
+    const TestTree &tree = m_scenario->tree();
+    tree.write("patch/.DS_Store"_s, "icons");
+    tree.write("patch/data/.cache/deep/x"_s, "pictures");
+    tree.link("patch/.link"_s, "nowhere"_s);
+    const UpdateOutcome outcome = update();
+    for (const QString &path : {"patch/.DS_Store"_s, "patch/data/.cache"_s, "patch/.link"_s})
+        tree.remove(path);
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_SealedUpdate::otherFilesInThePatchAreNamed_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::newRow("plain") << "more"_s;
+    QTest::newRow("in a folder") << "data/more"_s;
+    QTest::newRow("with a colon") << "data/more: of it"_s;
+    QTest::newRow("in a folder with a colon") << "data: more/of: it/x: y"_s;
+    QTest::newRow("in an update's folder") << ".pellox/journal"_s;
+}
+
+void tst_SealedUpdate::otherFilesInThePatchAreNamed()
+{
+    QFETCH(QString, path);
+    const QString file = m_scenario->patch() + QLatin1Char('/') + path;
+    m_scenario->tree().write("patch/"_s + path, "x");
+    const UpdateOutcome outcome = update();
+    QVERIFY(QFile::remove(file));
+    for (QString folder = QFileInfo(file).path(); QDir().rmdir(folder);)
+        folder = QFileInfo(folder).path();
+    verifyRefused(outcome, Code::NotTrusted, file);
+    QCOMPARE(outcome.problems.first().reason, "is no part of the patch"_s);
+}
+
+/// In bytes of the patch and of the installed files, up to all; then staging begins anew.
+void tst_SealedUpdate::checkTellsHowFarItIs()
+{
+    QVector<QPair<qlonglong, qlonglong>> checked;
+    qlonglong staged = 0;
+    UpdateController::UpdatePhase phase = UpdateController::UpdatePhase::Finishing;
+    const UpdateOutcome outcome = update([&](UpdateController &updater) {
+        connect(
+            &updater, &UpdateController::phaseChanged, &updater,
+            [&](UpdateController::UpdatePhase now) { phase = now; }, Qt::DirectConnection);
+        connect(
+            &updater, &UpdateController::updateProgress, &updater,
+            [&](qlonglong done, qlonglong total) {
+                if (phase == UpdateController::UpdatePhase::Checking)
+                    checked.append({done, total});
+                else
+                    staged = total;
+            },
+            Qt::DirectConnection);
+    });
+    QCOMPARE(outcome.result, Result::Updated);
+    qint64 patch = 0;
+    QDirIterator files(m_scenario->patch(), QDir::Files, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        files.next();
+        patch += files.fileName() == "patchSeal.json"_s ? 0 : files.fileInfo().size();
+    }
+    qint64 bases = 0;
+    for (const char *name :
+        {"data/changed", "data/emptied", "data/filled", "data/large.pak", "game.exe"})
+        bases += m_scenario->oldFiles().value(QString::fromLatin1(name)).content.size();
+    QVERIFY(checked.size() >= 2);
+    qlonglong last = 0;
+    for (const auto &[done, total] : checked) {
+        QVERIFY(done >= last);
+        QVERIFY(total >= patch + bases);
+        QVERIFY(total < patch + bases + 100000); // the file with the long name
+        last = done;
+    }
+    QCOMPARE(last, checked.last().second);
+    QVERIFY(staged > 0 && staged != last);
+}
+
+void tst_SealedUpdate::cancelledCheck()
+{
+    const UpdateOutcome outcome = update([](UpdateController &updater) {
+        connect(
+            &updater, &UpdateController::updateProgress, &updater, [&] { updater.cancel(); },
+            Qt::DirectConnection);
+    });
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Cancelled);
+    QVERIFY(outcome.phases
+        == QVector<UpdateController::UpdatePhase>{UpdateController::UpdatePhase::Checking});
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
 void tst_SealedUpdate::olderReleaseIsRefused()
 {
     m_scenario->tree().write(
@@ -312,6 +439,62 @@ void tst_SealedUpdate::olderReleaseIsRefused()
     QCOMPARE(outcome.problems.size(), 1);
     QVERIFY(outcome.problems.first().code == Code::OlderRelease);
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+/// Else a build that was installed whole could be brought to an older release.
+void tst_SealedUpdate::installedReleaseIsRecordedInAnyCase()
+{
+    m_scenario->layNew();
+    const UpdateOutcome outcome = update();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release);
+
+    seal({key("key")}, Release + 2);
+    QCOMPARE(update().result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release + 2);
+    const QString record = m_scenario->build() + "/.pellox/release"_s;
+    const QDateTime written = QFileInfo(record).lastModified();
+    QCOMPARE(update().result, Result::AlreadyUpToDate);
+    QCOMPARE(QFileInfo(record).lastModified(), written);
+    seal({key("key")});
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_SealedUpdate::recordThatCannotBeWritten()
+{
+    m_scenario->layNew();
+    m_scenario->tree().write("build/.pellox/release.new/in the way"_s, "x");
+    const UpdateOutcome outcome = update();
+    QCOMPARE(outcome.result, Result::Failed);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().file.startsWith(m_scenario->build() + "/.pellox/release"_s));
+    QCOMPARE(installedRelease(), 0);
+    m_scenario->tree().remove("build/.pellox"_s);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// It is refused like any other; where that is allowed, the same build has gone back nowhere.
+void tst_SealedUpdate::olderPatchToTheSameBuild()
+{
+    seal({key("key")}, Release + 2);
+    QCOMPARE(update().result, Result::Updated);
+    QCOMPARE(installedRelease(), Release + 2);
+    seal({key("key")});
+    const UpdateOutcome refused = update();
+    QCOMPARE(refused.result, Result::Refused);
+    QCOMPARE(refused.problems.size(), 1);
+    QVERIFY(refused.problems.first().code == Code::OlderRelease);
+    const auto allow = [](UpdateController &updater) { updater.setOlderAllowed(true); };
+    QCOMPARE(update(allow).result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release + 2);
+
+    m_scenario->tree().remove("build/moved to here"_s);
+    QCOMPARE(update(allow).result, Result::Updated);
+    QCOMPARE(installedRelease(), Release + 2);
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
 void tst_SealedUpdate::olderReleaseMayBeAllowed()
@@ -383,6 +566,47 @@ void tst_SealedUpdate::damagedRecordIsTold()
     QCOMPARE(outcome.result, Result::Refused);
     QVERIFY(outcome.problems.first().code == Code::DamagedInstall);
     QCOMPARE(outcome.problems.first().file, m_scenario->build() + "/.pellox/release"_s);
+}
+
+/// By the signatures of the new build.
+bool tst_SealedUpdate::repair() const
+{
+    Pellox::IntegrityController controller;
+    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    return controller.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild())
+        && (!finished.isEmpty() || finished.wait(60000)) && finished.at(0).at(0).toBool();
+}
+
+void tst_SealedUpdate::repairSettlesTheRecord_data()
+{
+    QTest::addColumn<bool>("isDamaged");
+    QTest::newRow("of an intact build") << false;
+    QTest::newRow("of a damaged build") << true;
+}
+
+/// So that its advice for a damaged record helps; one that fits the build is as good as before.
+void tst_SealedUpdate::repairSettlesTheRecord()
+{
+    QFETCH(bool, isDamaged);
+    m_scenario->layNew();
+    const auto damage = [&] {
+        if (isDamaged)
+            m_scenario->tree().write("build/game.exe"_s, "modded");
+    };
+    for (const QByteArray &record :
+        {QByteArray("torn"), R"({"build":")" + QByteArray(128, 'a') + R"(","release":8})"}) {
+        damage();
+        m_scenario->tree().write("build/.pellox/release"_s, record);
+        QVERIFY(repair());
+        QCOMPARE(m_scenario->differenceToNew(), QString());
+    }
+    QCOMPARE(update().result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release);
+    damage();
+    QVERIFY(repair());
+    QCOMPARE(installedRelease(), Release);
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
 QTEST_GUILESS_MAIN(tst_SealedUpdate)

@@ -2,6 +2,7 @@
 #include "faultrun.h"
 #include "leftovers.h"
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "updatescenario.h"
 
 #include <QDir>
@@ -18,20 +19,27 @@
 
 #include <atomic>
 #include <cerrno>
+#include <mutex>
+#include <new>
 #include <optional>
 #include <random>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using Pellox::UpdateController;
 using Pellox::UpdatePlan;
+using Code = Pellox::UpdateProblem::Code;
 using Result = UpdateController::UpdateResult;
 
 namespace {
 
 constexpr int MiB = 1 << 20;
 constexpr int FirstResult = 10; ///< status of updatecall
+constexpr rlim_t LittleMemory = 32 << 20;
 
 QString operator""_s(const char *text, size_t size)
 {
@@ -103,17 +111,28 @@ private Q_SLOTS:
     void cancelCountsForOneRun();
     void destroyedInMidRun();
     void destroyedAfterASlowSlot();
+    void destroyedWhileASlotStartsAnew();
+    void nextRunComesAfterTheEndOfTheLast();
+    void exceptionEndsTheRun_data();
+    void exceptionEndsTheRun();
+    void exceptionDuringACommit();
+    void outOfMemory();
 
     void progressIsInBytesAndNeverFalls();
     void endsOnce();
     void onlyOneRunAtATime();
     void onlyOneObjectAtABuild();
+    void mayStartTheNextRunAtTheEnd_data();
     void mayStartTheNextRunAtTheEnd();
 
     void planOfAnUpdate();
     void planOfTheNewBuild();
     void planTellsRefusals();
     void planAfterACancelledRun();
+    void cancelledPlanIsTold();
+    void planOfALockedBuild();
+    void planOfAnInterruptedUpdate();
+    void planOutOfMemory();
 
     void recoverWithNothingToDo();
     void damagedJournalIsToldAndKept();
@@ -121,8 +140,11 @@ private Q_SLOTS:
 private:
     FaultRun countedRun(const QString &command, const QByteArray &calls) const;
     void write(const QString &path, const QByteArray &content) const;
+    void stageAndDie() const;
     QString file(const QString &path) const { return m_scenario->tree().path("build/"_s + path); }
     QStringList namedBy(const QStringList &errors) const;
+    void interruptUpdate() const;
+    void layLargePatch() const;
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
@@ -175,6 +197,29 @@ QStringList tst_UpdateController::namedBy(const QStringList &errors) const
         names.append(error.section(": "_s, 0, 0).mid(m_scenario->build().size() + 1));
     names.sort();
     return names;
+}
+
+/// In the middle of its commit.
+void tst_UpdateController::interruptUpdate() const
+{
+    const Faults noRename{file("game.exe"_s), "rename", 1, QByteArray::number(EIO), true};
+    const FaultRun run = runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, "update"_s, m_scenario->build(), m_scenario->patch()}, noRename);
+    QCOMPARE(run.status, FirstResult + static_cast<int>(Result::Interrupted));
+    QVERIFY(m_scenario->hasJournal());
+}
+
+/// With paths that take several times LittleMemory.
+void tst_UpdateController::layLargePatch() const
+{
+    constexpr int Records = 20000;
+    const QByteArray folders = ("/" + QByteArray(250, 'n')).repeated(12);
+    QByteArray json = "[\n";
+    for (int i = 0; i < Records; ++i) {
+        json += "    {\n        \"rule\": \"delete\",\n        \"relative_path\": \"" + folders
+            + "/" + QByteArray::number(i) + "\"\n    }" + (i + 1 < Records ? ",\n" : "\n");
+    }
+    m_scenario->tree().write("large/patchRules.json"_s, json + "]\n");
 }
 
 void tst_UpdateController::bringsTheNewBuild_data()
@@ -362,16 +407,28 @@ void tst_UpdateController::emptyFoldersDoNotMatter()
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
+/// Leaves what a run leaves that is killed when all is staged.
+void tst_UpdateController::stageAndDie() const
+{
+    const Faults atTheJournal{file(".pellox/journal.new"_s), "create", 1, "kill"};
+    QVERIFY(runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"2"_s, "update"_s, m_scenario->build(), m_scenario->patch()}, atTheJournal)
+                .crashed);
+}
+
 /// What a run that was killed has left is taken where it is whole, with the right permissions.
 void tst_UpdateController::reusesWhatIsStaged()
 {
+    stageAndDie();
     const QStringList paths{"data/changed"_s, "data/large.pak"_s, "added/deep/program"_s,
         "data/taken whole"_s, "game.exe"_s};
     for (const QString &path : paths) {
-        write(path + ".temp"_s, m_scenario->newFiles().value(path).content);
+        QCOMPARE(m_scenario->tree().read("build/"_s + path + ".temp"_s),
+            m_scenario->newFiles().value(path).content);
         QVERIFY(QFile::setPermissions(
             file(path + ".temp"_s), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther));
     }
+    m_scenario->tree().remove("build/data/filled.temp"_s);
     const FaultRun run = countedRun("update"_s, "create,write");
     QCOMPARE(run.output, QByteArray());
     QCOMPARE(run.status, FirstResult + static_cast<int>(Result::Updated));
@@ -395,6 +452,7 @@ void tst_UpdateController::makesAnewWhatIsStagedBadly_data()
 void tst_UpdateController::makesAnewWhatIsStagedBadly()
 {
     QFETCH(QByteArray, content);
+    stageAndDie();
     for (const QString &path : {"data/changed"_s, "data/large.pak"_s, "added/deep/program"_s,
              "data/taken whole"_s, "data/emptied"_s}) {
         const QByteArray right = m_scenario->newFiles().value(path).content;
@@ -771,6 +829,7 @@ void tst_UpdateController::destroyedInMidRun()
 /// The destructor waits for slots that are still at work, also of a run before the last.
 void tst_UpdateController::destroyedAfterASlowSlot()
 {
+    std::atomic<int> slotsBegun{0};
     std::atomic<int> slotsEnded{0};
     {
         UpdateController updater;
@@ -778,7 +837,8 @@ void tst_UpdateController::destroyedAfterASlowSlot()
         connect(
             &updater, &UpdateController::finished, &updater,
             [&] {
-                QThread::msleep(slotsEnded == 0 ? 300 : 0);
+                if (++slotsBegun == 1)
+                    QThread::msleep(300);
                 ++slotsEnded;
             },
             Qt::DirectConnection);
@@ -788,6 +848,139 @@ void tst_UpdateController::destroyedAfterASlowSlot()
         QVERIFY(updater.recover(m_scenario->build()));
     }
     QCOMPARE(slotsEnded, 2);
+}
+
+void tst_UpdateController::destroyedWhileASlotStartsAnew()
+{
+    std::atomic<int> ends{0};
+    {
+        UpdateController updater;
+        connect(
+            &updater, &UpdateController::finished, &updater,
+            [&] {
+                ++ends;
+                updater.recover(m_scenario->build());
+            },
+            Qt::DirectConnection);
+        QVERIFY(updater.recover(m_scenario->build()));
+        QTRY_VERIFY(ends > 3);
+    }
+    const int atTheEnd = ends;
+    QTest::qWait(20);
+    QCOMPARE(ends, atTheEnd);
+}
+
+/// A run that is started while the end of the last is being told begins behind that.
+void tst_UpdateController::nextRunComesAfterTheEndOfTheLast()
+{
+    UpdateController updater;
+    updater.setSynced(false);
+    std::mutex mutex;
+    QStringList events;
+    const auto note = [&](const QString &event) {
+        const std::lock_guard lock(mutex);
+        events.append(event);
+    };
+    std::atomic<bool> isSlow{true};
+    connect(
+        &updater, &UpdateController::finished, &updater,
+        [&] { QThread::msleep(isSlow.exchange(false) ? 200 : 0); }, Qt::DirectConnection);
+    connect(
+        &updater, &UpdateController::finished, &updater, [&] { note("end"_s); },
+        Qt::DirectConnection);
+    connect(
+        &updater, &UpdateController::phaseChanged, &updater, [&] { note("phase"_s); },
+        Qt::DirectConnection);
+    QSignalSpy finished(&updater, &UpdateController::finished);
+    QVERIFY(updater.recover(m_scenario->build()));
+    while (updater.isRunning())
+        QThread::msleep(1);
+    QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
+    QVERIFY(updater.isRunning());
+    QVERIFY(!updater.recover(m_scenario->build()));
+    QTRY_COMPARE(finished.size(), 2);
+    const std::lock_guard lock(mutex);
+    QCOMPARE(events, (QStringList{"end"_s, "phase"_s, "phase"_s, "phase"_s, "end"_s}));
+}
+
+void tst_UpdateController::exceptionEndsTheRun_data()
+{
+    QTest::addColumn<UpdateController::UpdatePhase>("phase");
+    QTest::newRow("check") << UpdateController::UpdatePhase::Checking;
+    QTest::newRow("staging") << UpdateController::UpdatePhase::Staging;
+    QTest::newRow("before the commit") << UpdateController::UpdatePhase::Committing;
+}
+
+/// As it comes when there is no more memory.
+void tst_UpdateController::exceptionEndsTheRun()
+{
+    using Phase = UpdateController::UpdatePhase;
+    QFETCH(Phase, phase);
+    UpdateController updater;
+    updater.setSynced(false);
+    QVector<Code> codes;
+    connect(
+        &updater, &UpdateController::problemFound, &updater,
+        [&](const Pellox::UpdateProblem &problem) { codes.append(problem.code); },
+        Qt::DirectConnection);
+    const auto throwing = connect(
+        &updater, &UpdateController::phaseChanged, &updater,
+        [phase](Phase now) {
+            if (now == phase)
+                throw std::bad_alloc();
+        },
+        Qt::DirectConnection);
+    QSignalSpy finished(&updater, &UpdateController::finished);
+    QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
+    QTRY_COMPARE(finished.size(), 1);
+    QCOMPARE(finished.at(0).at(0).value<Result>(), Result::Failed);
+    QCOMPARE(codes, QVector<Code>{Code::NoMemory});
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+
+    disconnect(throwing);
+    QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
+    QTRY_COMPARE(finished.size(), 2);
+    QCOMPARE(finished.at(1).at(0).value<Result>(), Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// With a journal the next run finishes what was begun.
+void tst_UpdateController::exceptionDuringACommit()
+{
+    interruptUpdate();
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        connect(
+            &updater, &UpdateController::phaseChanged, &updater, [] { throw std::bad_alloc(); },
+            Qt::DirectConnection);
+        return updater.recover(m_scenario->build());
+    });
+    QCOMPARE(outcome.result, Result::Interrupted);
+    QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": out of memory"_s));
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// With rules that are as long as they may be, and more than there is memory for.
+void tst_UpdateController::outOfMemory()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    layLargePatch();
+    std::optional<MemoryLimit> limit;
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        connect( // by then the run has its thread
+            &updater, &UpdateController::phaseChanged, &updater,
+            [&] { limit.emplace(LittleMemory); }, Qt::DirectConnection);
+        connect(
+            &updater, &UpdateController::problemFound, &updater, [&] { limit.reset(); },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->tree().path("large"_s));
+    });
+    QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": out of memory"_s));
+    QCOMPARE(outcome.result, Result::Failed);
+    QVERIFY(outcome.problems.at(0).code == Code::NoMemory);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->update().result, Result::Updated);
 }
 
 void tst_UpdateController::progressIsInBytesAndNeverFalls()
@@ -892,16 +1085,27 @@ void tst_UpdateController::onlyOneObjectAtABuild()
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
+void tst_UpdateController::mayStartTheNextRunAtTheEnd_data()
+{
+    QTest::addColumn<int>("connection");
+    QTest::newRow("on the thread of the object") << static_cast<int>(Qt::AutoConnection);
+    QTest::newRow("on the thread of the run") << static_cast<int>(Qt::DirectConnection);
+}
+
 void tst_UpdateController::mayStartTheNextRunAtTheEnd()
 {
+    QFETCH(int, connection);
     UpdateController updater;
     updater.setSynced(false);
     QSignalSpy finished(&updater, &UpdateController::finished);
     bool started = false;
-    connect(&updater, &UpdateController::finished, &updater, [&] {
-        if (!started)
-            started = updater.recover(m_scenario->build());
-    });
+    connect(
+        &updater, &UpdateController::finished, &updater,
+        [&] {
+            if (!started)
+                started = updater.recover(m_scenario->build());
+        },
+        static_cast<Qt::ConnectionType>(connection));
     QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
     QTRY_COMPARE(finished.size(), 2);
     QVERIFY(started);
@@ -932,8 +1136,9 @@ void tst_UpdateController::planOfAnUpdate()
     QCOMPARE(m_scenario->differenceToOld(), QString());
 
     const FaultRun run = countedRun("update"_s, "rename");
-    const QSet<QString> calls(run.calls.cbegin(), run.calls.cend());  // some are tried twice
-    QCOMPARE(calls.size(), plan.filesToPatch + plan.filesToCopy + 1); // and the journal
+    const QSet<QString> calls(run.calls.cbegin(), run.calls.cend()); // some are tried twice
+    // And the journal, and the record of what is staged.
+    QCOMPARE(calls.size(), plan.filesToPatch + plan.filesToCopy + 2);
 }
 
 void tst_UpdateController::planOfTheNewBuild()
@@ -975,6 +1180,74 @@ void tst_UpdateController::planAfterACancelledRun()
     QTRY_COMPARE(finished.size(), 1);
     QCOMPARE(finished.at(0).at(0).value<Result>(), Result::Cancelled);
     QCOMPARE(updater.plan(m_scenario->build(), m_scenario->patch()).filesToPatch, 6);
+}
+
+/// It is not the plan of an update that has nothing to do.
+void tst_UpdateController::cancelledPlanIsTold()
+{
+    UpdateController updater;
+    std::atomic<bool> done{false};
+    std::atomic<bool> begun{false};
+    std::thread other([&] {
+        while (!done) {
+            updater.cancel();
+            begun = true;
+        }
+    });
+    while (!begun)
+        std::this_thread::yield();
+    UpdatePlan plan;
+    for (int i = 0; i < 1000 && !plan.isCancelled; ++i) // the other thread may not get its turn
+        plan = updater.plan(m_scenario->build(), m_scenario->patch());
+    done = true;
+    other.join();
+    QVERIFY(plan.isCancelled);
+    QVERIFY(plan.refusals.isEmpty());
+    QVERIFY(!updater.plan(m_scenario->build(), m_scenario->patch()).isCancelled);
+}
+
+void tst_UpdateController::planOfALockedBuild()
+{
+    const int folder
+        = ::open(QFile::encodeName(m_scenario->build()).constData(), O_RDONLY | O_DIRECTORY);
+    QVERIFY(folder >= 0 && ::flock(folder, LOCK_EX | LOCK_NB) == 0);
+    const UpdatePlan plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    ::close(folder);
+    QCOMPARE(plan.refusals.size(), 1);
+    QVERIFY(plan.refusals.at(0).code == Code::Busy);
+    QCOMPARE(plan.refusals.at(0).file, m_scenario->build());
+
+    // A plan keeps nobody out afterwards.
+    UpdateController updater;
+    QVERIFY(updater.plan(m_scenario->build(), m_scenario->patch()).refusals.isEmpty());
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+}
+
+void tst_UpdateController::planOfAnInterruptedUpdate()
+{
+    interruptUpdate();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const UpdatePlan plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    QCOMPARE(plan.refusals.size(), 1);
+    QVERIFY(plan.refusals.at(0).code == Code::Unfinished);
+    QCOMPARE(plan.refusals.at(0).file, file(".pellox/journal"_s));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_UpdateController::planOutOfMemory()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    layLargePatch();
+    UpdateController updater;
+    UpdatePlan plan;
+    {
+        const MemoryLimit limit(LittleMemory);
+        plan = updater.plan(m_scenario->build(), m_scenario->tree().path("large"_s));
+    }
+    QCOMPARE(plan.refusals.size(), 1);
+    QVERIFY(plan.refusals.at(0).code == Code::NoMemory);
+    QVERIFY(updater.plan(m_scenario->build(), m_scenario->patch()).refusals.isEmpty());
 }
 
 void tst_UpdateController::recoverWithNothingToDo()

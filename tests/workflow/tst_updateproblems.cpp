@@ -8,10 +8,14 @@
 #include <QSet>
 #include <QtTest>
 
+#include <cerrno>
+#include <functional>
 #include <optional>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using Pellox::UpdateController;
@@ -31,7 +35,33 @@ QString operator""_s(const char *text, size_t size)
     return QString::fromUtf8(text, static_cast<int>(size));
 }
 
+// What the file system says of locks. Only one run is at work when they are changed.
+QVector<int> s_errors;     ///< of the next calls
+bool s_foldersLock = true; ///< whether folders can be locked
+std::function<void()> s_beforeLock;
+
+bool isFolder(int handle)
+{
+    struct stat status = {};
+    return ::fstat(handle, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 } // namespace
+
+// The library calls this instead of the system's.
+extern "C" __attribute__((visibility("default"))) int flock(int handle, int operation) noexcept
+{
+    static auto *const original = reinterpret_cast<int (*)(int, int)>(::dlsym(RTLD_NEXT, "flock"));
+    if (s_beforeLock)
+        s_beforeLock();
+    if (!s_errors.isEmpty())
+        errno = s_errors.takeFirst();
+    else if (!s_foldersLock && isFolder(handle))
+        errno = EBADF;
+    else
+        return original(handle, operation);
+    return -1;
+}
 
 /// What a host's program learns of a run besides its texts.
 class tst_UpdateProblems : public QObject
@@ -47,8 +77,16 @@ private Q_SLOTS:
     void eachProblemHasItsCode_data();
     void eachProblemHasItsCode();
     void lockedBuildIsBusy();
+    void lockIsTriedAgainAfterASignal();
+    void buildThatCannotBeLocked();
+    void foldersThatLockNothing();
+    void lockFileThatCannotBeLocked();
+    void lockFileThatGoesMeanwhile();
     void rollbackWithNothingKept();
     void namesAndAdviceAreThereForAll();
+    void adviceLeadsOut_data();
+    void adviceLeadsOut();
+    void folderWithoutRules();
     void phasesInTheirOrder();
     void phasesOfARunThatDoesNothing();
     void phasesAfterACrash();
@@ -133,6 +171,91 @@ void tst_UpdateProblems::lockedBuildIsBusy()
     QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 
+void tst_UpdateProblems::lockIsTriedAgainAfterASignal()
+{
+    s_errors = {EINTR, EINTR, EINTR};
+    const UpdateOutcome outcome = m_scenario->update();
+    QVERIFY(s_errors.isEmpty());
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+}
+
+/// It is not that somebody else would have it.
+void tst_UpdateProblems::buildThatCannotBeLocked()
+{
+    s_errors = {ENOLCK};
+    const UpdateOutcome outcome = m_scenario->update();
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().code != Code::Busy);
+    QCOMPARE(outcome.problems.first().file, m_scenario->build());
+    QVERIFY(outcome.problems.first().reason.startsWith("cannot be locked: "_s));
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+/// As on NFS, where only what is open for writing can be locked.
+void tst_UpdateProblems::foldersThatLockNothing()
+{
+    s_foldersLock = false;
+    const UpdateOutcome outcome = m_scenario->update();
+    const UpdateOutcome again = m_scenario->update();
+    m_scenario->tree().write("build/.pellox/lock"_s, QByteArray()); // of a run that was killed
+    const int lock
+        = ::open(QFile::encodeName(m_scenario->build() + "/.pellox/lock"_s).constData(), O_RDWR);
+    const UpdateOutcome afterCrash = m_scenario->update();
+    const bool isRemoved = !m_scenario->tree().exists("build/.pellox"_s);
+    m_scenario->tree().write("build/.pellox/lock"_s, QByteArray());
+    const int held
+        = ::open(QFile::encodeName(m_scenario->build() + "/.pellox/lock"_s).constData(), O_RDWR);
+    const bool isHeld = ::flock(held, LOCK_EX | LOCK_NB) == 0;
+    const UpdateOutcome busy = m_scenario->update();
+    const auto plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    ::close(held);
+    ::close(lock);
+    s_foldersLock = true;
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(again.result, Result::AlreadyUpToDate);
+    QCOMPARE(afterCrash.result, Result::AlreadyUpToDate);
+    QVERIFY(isRemoved);
+    QVERIFY(isHeld);
+    QCOMPARE(busy.result, Result::Refused);
+    QVERIFY(busy.problems.first().code == Code::Busy);
+    QCOMPARE(busy.problems.first().file, m_scenario->build());
+    QCOMPARE(plan.refusals.size(), 1);
+    QVERIFY(plan.refusals.first().code == Code::Busy);
+    m_scenario->tree().remove("build/.pellox"_s);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateProblems::lockFileThatCannotBeLocked()
+{
+    s_errors = {EBADF, ENOLCK};
+    const UpdateOutcome outcome = m_scenario->update();
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().file, m_scenario->build() + "/.pellox/lock"_s);
+    QVERIFY(outcome.problems.first().reason.startsWith("cannot be locked: "_s));
+}
+
+/// Who has had it removes it, between our opening and our locking it.
+void tst_UpdateProblems::lockFileThatGoesMeanwhile()
+{
+    const QString lock = m_scenario->build() + "/.pellox/lock"_s;
+    s_errors = {EBADF};
+    s_beforeLock = [&] {
+        if (QFile::remove(lock))
+            s_beforeLock = nullptr;
+    };
+    const UpdateOutcome outcome = m_scenario->update();
+    const bool wasRemoved = !s_beforeLock;
+    s_beforeLock = nullptr;
+    QVERIFY(wasRemoved);
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
 void tst_UpdateProblems::rollbackWithNothingKept()
 {
     const UpdateOutcome outcome = m_scenario->rollback();
@@ -144,7 +267,7 @@ void tst_UpdateProblems::rollbackWithNothingKept()
 void tst_UpdateProblems::namesAndAdviceAreThereForAll()
 {
     QSet<QString> names;
-    for (int code = static_cast<int>(Code::BadFolder); code <= static_cast<int>(Code::ForeignPatch);
+    for (int code = static_cast<int>(Code::BadFolder); code <= static_cast<int>(Code::NoMemory);
          ++code) {
         const UpdateProblem problem{static_cast<Code>(code), QString(), "reason"_s};
         QVERIFY2(QRegularExpression("^[a-z]+(-[a-z]+)*$"_s).match(problem.codeName()).hasMatch(),
@@ -153,7 +276,40 @@ void tst_UpdateProblems::namesAndAdviceAreThereForAll()
         QCOMPARE(problem.message(), "reason"_s);
         names.insert(problem.codeName());
     }
-    QCOMPARE(names.size(), static_cast<int>(Code::ForeignPatch));
+    QCOMPARE(names.size(), static_cast<int>(Code::NoMemory));
+}
+
+void tst_UpdateProblems::adviceLeadsOut_data()
+{
+    QTest::addColumn<Code>("code");
+    QTest::addColumn<QString>("words");
+    QTest::newRow("patch for another release")
+        << Code::DamagedInstall << "the patch is for another release"_s;
+    QTest::newRow("damaged build") << Code::DamagedInstall << "check and repair the build"_s;
+    QTest::newRow("newer patch") << Code::OlderRelease << "a newer patch"_s;
+    QTest::newRow("going back") << Code::OlderRelease << "allow older releases"_s;
+    QTest::newRow("not a patch's folder") << Code::BadManifest << "the right folder"_s;
+    QTest::newRow("wrong key") << Code::BadKey << "public key"_s;
+}
+
+void tst_UpdateProblems::adviceLeadsOut()
+{
+    QFETCH(Code, code);
+    QFETCH(QString, words);
+    const QString advice = UpdateProblem{code, QString(), QString()}.advice();
+    QVERIFY2(advice.contains(words), qPrintable(advice));
+}
+
+void tst_UpdateProblems::folderWithoutRules()
+{
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        return updater.update(m_scenario->build(), m_scenario->newBuild());
+    });
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().code == Code::BadManifest);
+    QCOMPARE(outcome.problems.first().file, m_scenario->newBuild() + "/patchRules.json"_s);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 
 void tst_UpdateProblems::phasesInTheirOrder()

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 // One call of UpdateController or IntegrityController, for tests that need a process for it:
 //   updatecall THREADS update|update-keeping BUILD PATCH [FALLBACK]
+//   updatecall THREADS plan BUILD PATCH
 //   updatecall THREADS recover|rollback|discard BUILD
 //   updatecall THREADS check BUILD SIGNATURES
 //   updatecall THREADS repair BUILD SIGNATURES SOURCE
-// Prints each error on a line. Status of the first two lines but for "discard": 10 and the number
-// of the result; of the others 0: the call was successful; 1: it was not. 2: wrong usage.
+// Prints each error on a line, and what a plan refuses. Status of updates, "recover" and
+// "rollback": 10 and the number of the result; of the others 0: the call was successful; 1: it was
+// not. 2: wrong usage. UPDATECALL_KEY in the environment names the trusted key.
 #include <Pellox/integritycontroller.h>
 #include <Pellox/updatecontroller.h>
 
@@ -32,12 +34,22 @@ bool startUpdate(UpdateController &updater, const QString &command, const QStrin
 {
     updater.setKeepPrevious(command == QLatin1String("update-keeping"));
     updater.setFallbackSource(paths.value(2));
+    if (qEnvironmentVariableIsSet("UPDATECALL_KEY"))
+        updater.setTrustedKeys({qEnvironmentVariable("UPDATECALL_KEY")});
     if (command == QLatin1String("recover"))
         return updater.recover(paths.value(0));
     if (command == QLatin1String("rollback"))
         return updater.rollback(paths.value(0));
     return command.startsWith(QLatin1String("update"))
         && updater.update(paths.value(0), paths.value(1));
+}
+
+int plan(const QStringList &paths)
+{
+    const auto plan = UpdateController().plan(paths.value(0), paths.value(1));
+    for (const Pellox::UpdateProblem &refusal : plan.refusals)
+        print(refusal.message());
+    return plan.refusals.isEmpty() ? 0 : 1;
 }
 
 int update(int threads, const QString &command, const QStringList &paths)
@@ -77,5 +89,7 @@ int main(int argc, char **argv)
     const QString command = arguments.value(2);
     if (command == QLatin1String("check") || command == QLatin1String("repair"))
         return checkOrRepair(threads, command, arguments.mid(3));
+    if (command == QLatin1String("plan"))
+        return plan(arguments.mid(3));
     return update(threads, command, arguments.mid(3));
 }

@@ -53,8 +53,12 @@ QString problemOfRestart(
     }
     if (!isBack)
         return problemOfEnd(scenario.update(command == "update-keeping"_s), false);
-    if (scenario.hasJournal() && !isGood(scenario.recover().result))
-        return "recovery does not end well"_s;
+    if (scenario.hasJournal()) {
+        const UpdateOutcome outcome = scenario.rollback();
+        if (outcome.result != Result::Updated)
+            return "goes on to %1: %2"_s.arg(static_cast<int>(outcome.result))
+                .arg(outcome.errors.join("; "_s));
+    }
     if (!scenario.isOld())
         return problemOfEnd(scenario.rollback(), true);
     // What was kept is of no use any more, but may still be there.

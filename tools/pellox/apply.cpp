@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "buildstate.h"
 #include "commands.h"
 #include "failedrules.h"
 #include "folders.h"
@@ -88,6 +89,7 @@ bool apply(Console &console, const Arguments &arguments)
     requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to patch"));
+    const BuildLock lock(build);
 
     refuseInterruptedVerify(build, rules);
     requireInstalledFiles(build, rules);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr char StoppedBefore[]
 constexpr char StoppedMeanwhile[]
     = "pellox: interrupted while files were put in place: run \"pellox recover\", or the same "
       "again, to finish it\n";
-constexpr char Cancelled[] = "pellox: interrupted: nothing was changed; run the same again\n";
+constexpr char Cancelled[] = "pellox: interrupted: nothing was changed: run the same again\n";
 
 struct PhaseWords
 {
@@ -48,29 +49,51 @@ PhaseWords wordsOf(Phase phase)
     return {"committing", "putting the new files in place"};
 }
 
-struct CodeStatus
+struct CodeEnd
 {
     Code code;
     ExitStatus status;
+    const char *lastWords; ///< null: those of the status
 };
 
 // Of several problems the first here decides.
-constexpr CodeStatus Statuses[] = {
-    {Code::Busy, Busy},
-    {Code::DamagedJournal, DamagedJournal},
-    {Code::NothingKept, NothingKept},
-    {Code::DamagedInstall, DamagedInstall},
-    {Code::NotTrusted, RefusedPatch},
-    {Code::OlderRelease, RefusedPatch},
-    {Code::ForeignPatch, RefusedPatch},
-    {Code::BadManifest, RefusedPatch},
-    {Code::BadPatch, RefusedPatch},
-    {Code::NoSpace, NoSpace},
-    {Code::BadFolder, InTheWay},
-    {Code::BadFallback, InTheWay},
-    {Code::NotWritable, InTheWay},
-    {Code::Obstructed, InTheWay},
+constexpr CodeEnd Ends[] = {
+    {Code::Busy, Busy, nullptr},
+    {Code::DamagedJournal, DamagedJournal, nullptr},
+    {Code::Unfinished, Unfinished,
+        "nothing was changed: run \"pellox recover\" first, or the update, which does that too"},
+    {Code::NothingKept, NothingKept, nullptr},
+    {Code::DamagedKept, NothingKept,
+        "nothing was changed: what was kept cannot be brought back; \"pellox discard\" gives it "
+        "up"},
+    {Code::BadKey, WrongUsage,
+        "nothing was changed: give --trusted-key the publisher's public key"},
+    {Code::DamagedInstall, DamagedInstall, nullptr},
+    {Code::NotTrusted, RefusedPatch,
+        "nothing was changed: get the patch from the one whose key is trusted"},
+    {Code::OlderRelease, RefusedPatch,
+        "nothing was changed: use a newer patch, or give --allow-older to go back"},
+    {Code::ForeignPatch, RefusedPatch,
+        "nothing was changed: get the patch that leads on from the installed release"},
+    {Code::BadManifest, RefusedPatch,
+        "nothing was changed: see whether that is the right folder; if it is, get it anew"},
+    {Code::BadPatch, RefusedPatch, "nothing was changed: get the patch anew"},
+    {Code::NoSpace, NoSpace, nullptr},
+    {Code::BadFolder, InTheWay, nullptr},
+    {Code::BadFallback, InTheWay, nullptr},
+    {Code::NotWritable, InTheWay, nullptr},
+    {Code::Obstructed, InTheWay, nullptr},
 };
+
+/// The first of Ends that @p codes has.
+const CodeEnd *decisive(const QSet<int> &codes)
+{
+    const auto *const found = std::find_if(std::begin(Ends), std::end(Ends),
+        [&](const CodeEnd &end) { return codes.contains(static_cast<int>(end.code)); });
+    return found == std::end(Ends) ? nullptr : found;
+}
+
+constexpr int MostTold = 10; // errors, where a person reads them
 
 } // namespace
 
@@ -128,7 +151,8 @@ BuildRun::Result BuildRun::block(UpdateController &controller, const Start &call
     listen(controller);
     if (call())
         return Result::Updated;
-    return m_phase == Phase::Finishing ? Result::Interrupted : Result::Failed;
+    const bool isLost = m_codes.contains(static_cast<int>(Code::DamagedInstall));
+    return m_phase == Phase::Finishing && !isLost ? Result::Interrupted : Result::Failed;
 }
 
 template <typename Controller> void BuildRun::listen(Controller &controller)
@@ -241,6 +265,7 @@ void BuildRun::endProgress()
     if (m_console.tellsJson() && m_total > 0)
         tellProgress();
     m_console.stopProgress();
+    tellProblems();
     m_barVisible = false;
     m_done = 0;
     m_total = 0;
@@ -255,14 +280,39 @@ void BuildRun::showStaged(const QString &path)
 
 void BuildRun::problem(const UpdateProblem &problem)
 {
-    m_console.error(problem.file, problem.reason,
-        {{QStringLiteral("code"), problem.codeName()},
-            {QStringLiteral("advice"), problem.advice()}});
+    m_problems.append(problem);
     const int code = static_cast<int>(problem.code);
     if (m_codes.contains(code))
         return;
     m_codes.insert(code);
     m_advices.append(problem.codeName() + QLatin1String(": ") + problem.advice());
+}
+
+/// Those that came since the last call, by path: threads find them in any order.
+void BuildRun::tellProblems()
+{
+    const auto first = m_problems.begin() + m_toldProblems;
+    std::stable_sort(first, m_problems.end(),
+        [](const UpdateProblem &one, const UpdateProblem &other) { return one.file < other.file; });
+    for (; m_toldProblems < m_problems.size(); ++m_toldProblems) {
+        if (m_toldProblems < MostTold || m_console.tellsAll())
+            tell(m_problems.at(m_toldProblems));
+        else
+            ++m_untoldErrors;
+    }
+}
+
+void BuildRun::tell(const UpdateProblem &problem)
+{
+    m_console.error(problem.file, problem.reason,
+        {{QStringLiteral("code"), problem.codeName()},
+            {QStringLiteral("advice"), problem.advice()}});
+}
+
+void BuildRun::explain(const QString &note, const QString &lastWords)
+{
+    m_explanation = note;
+    m_explainedWords = lastWords;
 }
 
 int BuildRun::statusOf(Result result) const
@@ -281,17 +331,24 @@ int BuildRun::statusOf(Result result) const
     case Result::Failed:
         break;
     }
-    for (const auto &[code, status] : Statuses) {
-        if (m_codes.contains(static_cast<int>(code)))
-            return status;
-    }
-    return Unchanged;
+    const CodeEnd *end = decisive(m_codes);
+    return end ? end->status : Unchanged;
+}
+
+QString BuildRun::lastWordsOf(int status) const
+{
+    if (!m_explainedWords.isEmpty())
+        return m_explainedWords;
+    const CodeEnd *end = decisive(m_codes);
+    return end && end->lastWords && end->status == status ? QString::fromLatin1(end->lastWords)
+                                                          : lastWords(status);
 }
 
 Ending BuildRun::end(Result result, const QString &done, const QString &nothingToDo)
 {
     if (result == Result::Cancelled)
         return interrupted();
+    tellProblems();
     const int status = statusOf(result);
     if (status != Done && status != NothingToDo)
         return fail(status);
@@ -304,12 +361,20 @@ Ending BuildRun::end(Result result, const QString &done, const QString &nothingT
 
 Ending BuildRun::fail(int status)
 {
+    if (m_untoldErrors > 0)
+        m_console.note(
+            QStringLiteral("and %1; -v names them all").arg(counted(m_untoldErrors, "more error")));
+    if (!m_explanation.isEmpty())
+        m_console.note(m_explanation);
     for (const QString &advice : qAsConst(m_advices))
         m_console.note(advice);
-    QString message = lastWords(status);
+    QString message = lastWordsOf(status);
     if (m_hasFinishedEarlier)
         message.replace(QLatin1String("nothing was changed"),
             QLatin1String("what an earlier run has begun is finished, nothing else was changed"));
+    else if (m_shownPhase == Phase::Finishing && status == DamagedInstall)
+        message = QStringLiteral("what an interrupted run had begun is finished but for these "
+                                 "files: run \"pellox repair\", or \"pellox update --fallback\"");
     m_console.note(message);
     return {status, message};
 }

@@ -11,6 +11,7 @@
 #include <QEventLoop>
 #include <QSet>
 #include <QStringList>
+#include <QVector>
 
 #include <atomic>
 #include <functional>
@@ -47,8 +48,12 @@ public:
     /// Whether the run has done the rest of an earlier one.
     bool hasFinishedEarlier() const { return m_hasFinishedEarlier; }
 
-    /// Tells a problem.
+    /// Takes a problem that is to be told.
     void problem(const Pellox::UpdateProblem &problem);
+    /// All that came.
+    const QVector<Pellox::UpdateProblem> &problems() const { return m_problems; }
+    /// Explains the problems as a whole: @p note is told behind them, @p lastWords at the end.
+    void explain(const QString &note, const QString &lastWords);
     /// Tells how it ended: as @p result says and the problems told. @p done and @p nothingToDo are
     /// what to say in these cases.
     Ending end(Result result, const QString &done, const QString &nothingToDo);
@@ -67,7 +72,10 @@ private:
     void tellProgress();
     void endProgress();
     void showStaged(const QString &path);
+    void tellProblems();
+    void tell(const Pellox::UpdateProblem &problem);
 
+    QString lastWordsOf(int status) const;
     Ending fail(int status);
     Ending interrupted();
     int statusOf(Result result) const;
@@ -95,8 +103,13 @@ private:
     int m_stagedFiles = 0;
     qint64 m_stagedBytes = 0;
 
-    QSet<int> m_codes;     ///< of the problems
-    QStringList m_advices; ///< one for each
+    QVector<Pellox::UpdateProblem> m_problems;
+    int m_toldProblems = 0; ///< from the first on
+    int m_untoldErrors = 0; ///< of these, as there are too many
+    QSet<int> m_codes;      ///< of the problems
+    QStringList m_advices;  ///< one for each
+    QString m_explanation;
+    QString m_explainedWords; ///< to end with; empty: as the problems say
 };
 
 /// The name of @p relativePath for people and machines: without the separator in front.

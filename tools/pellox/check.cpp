@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "buildrun.h"
+#include "buildstate.h"
 #include "commands.h"
 #include "engine.h"
 #include "folders.h"
 #include "integrity.h"
+#include "manifests.h"
+
+#include <Pellox/rules.h>
 
 #include <memory>
 
@@ -21,7 +25,9 @@ Ending check(Console &console, const Arguments &arguments)
     const QString build = existingFolder(arguments.build);
     const QString signatures = existingFolder(arguments.signatures);
     requireApart(signatures, build);
+    requireManifest(signatures, Pellox::SIGNATURES_FILE);
 
+    noteState(console, build);
     Pellox::IntegrityController controller;
     controller.setThreadCount(arguments.threads);
     BuildRun run(console, "check");
@@ -36,6 +42,7 @@ Ending check(Console &console, const Arguments &arguments)
     console.result(summary);
     if (report.isIntact())
         return {Done, summary};
+    noteOtherBuild(console, report, build);
     console.note(QStringLiteral("to bring back what is not intact: pellox repair"));
     return {Failed, summary};
 }
@@ -59,7 +66,8 @@ void addCheckCommand(CLI::App &app, Invocation &invocation)
     addThreadsOption(*command, arguments->threads);
     command->footer("Files that the signatures do not name, a player's saves say, are listed apart "
                     "and do not\ncount; hidden ones are not listed.\n\n"
-        + exitStatusHelp() + "\nExample:\n  pellox check installed/game signatures/1.1");
+        + exitStatusHelp({Unchanged, RefusedPatch})
+        + "\nExample:\n  pellox check installed/game signatures/1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return check(console, *arguments); };
     });

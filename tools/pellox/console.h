@@ -51,6 +51,8 @@ public:
 
     /// Whether standard output holds JSON.
     bool tellsJson() const { return m_options.json; }
+    /// Whether long lists are told to their end, as for machines and with --verbose.
+    bool tellsAll() const { return m_options.json || m_options.verbose; }
     int errorCount() const;
     /// True when something that belongs on standard output could not be written there.
     bool outputLost() const;

@@ -40,7 +40,7 @@ QString reasonOf(FileCopier::CopyError error, qint64 size, const QString &target
     case FileCopier::OpenSourceFileForReadError:
         return QStringLiteral("cannot be read");
     case FileCopier::OpenDestinationFileForWriteError:
-        return QStringLiteral("cannot be created");
+        return QLatin1String("cannot be created") + systemReason(target);
     case FileCopier::WriteError:
         return reasonNotWritten(size, target);
     case FileCopier::DestinationFileExistsError:

@@ -133,7 +133,8 @@ bool Transfer::copyOne(FileCopier &copier, const QString &file)
         m_console.error(m_copy.target, reasonNotWritten(m_size - m_done, m_copy.target));
         return false;
     default:
-        m_console.error(m_copy.target + relativePath(file), QStringLiteral("cannot be created"));
+        m_console.error(m_copy.target + relativePath(file),
+            QLatin1String("cannot be created") + systemReason(copy));
         return false;
     }
 }

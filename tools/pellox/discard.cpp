@@ -9,15 +9,28 @@
 
 namespace {
 
+/// Whether an earlier build is kept in @p build, or an update that may keep one is unfinished.
+bool hasSomethingToDiscard(const QString &build)
+{
+    for (const char *name : {"previous", "previous.json", "journal"}) {
+        if (isThere(build + QLatin1String("/.pellox/") + QLatin1String(name)))
+            return true;
+    }
+    return false;
+}
+
 Ending discard(Console &console, const std::string &argument)
 {
     const QString build = existingFolder(argument);
     const Interrupt::Advice advice("pellox: interrupted: run \"pellox discard\" again\n");
     Pellox::UpdateController controller;
     BuildRun run(console, "discard");
-    const auto result = run.block(controller, [&] { return controller.discardPrevious(build); });
-    return run.end(
-        result, QStringLiteral("No earlier build is kept any more: ") + build, QString());
+    const bool isKept = hasSomethingToDiscard(build);
+    auto result = run.block(controller, [&] { return controller.discardPrevious(build); });
+    if (result == BuildRun::Result::Updated && !isKept)
+        result = BuildRun::Result::AlreadyUpToDate;
+    return run.end(result, QStringLiteral("No earlier build is kept any more: ") + build,
+        QStringLiteral("Nothing to discard, no earlier build is kept: ") + build);
 }
 
 } // namespace
@@ -31,7 +44,8 @@ void addDiscardCommand(CLI::App &app, Invocation &invocation)
         ->type_name("FOLDER")
         ->required();
     command->footer("From then on \"pellox rollback\" has nothing to bring back.\n\n"
-        + exitStatusHelp() + "\nExample:\n  pellox discard installed/game");
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, Busy, DamagedJournal})
+        + "\nExample:\n  pellox discard installed/game");
     command->callback([build, &invocation] {
         invocation.run = [build](Console &console) { return discard(console, *build); };
     });

@@ -19,7 +19,8 @@ constexpr Meaning Meanings[] = {
     {Done, "done", "done; of \"check\": all is intact", ""},
     {Failed, "not-intact",
         "of \"check\": something is not intact; else: standard output cannot be written", ""},
-    {WrongUsage, "refused", "wrong usage, a folder that is not there; nothing was touched", ""},
+    {WrongUsage, "refused", "wrong usage, a folder that is not there; nothing was touched",
+        "nothing was changed"},
     {NothingToDo, "nothing-to-do", "there was nothing to do", ""},
     {Unchanged, "failed", "failed; the build is as it was",
         "nothing was changed: run the same again once the cause is gone"},
@@ -40,8 +41,7 @@ constexpr Meaning Meanings[] = {
     {DamagedJournal, "damaged-journal",
         "what a crash has left cannot be read; only a person can go on",
         "nothing was changed, and what had been begun is not finished"},
-    {NothingKept, "nothing-kept", "of \"rollback\": no earlier build is kept",
-        "nothing was changed"},
+    {NothingKept, "nothing-kept", "no earlier build is kept", "nothing was changed"},
 };
 
 const Meaning *meaningOf(int status)
@@ -65,16 +65,20 @@ QString lastWords(int status)
     return QString::fromLatin1(meaning ? meaning->lastWords : "");
 }
 
-std::string exitStatusHelp()
+std::string exitStatusHelp(std::initializer_list<int> statuses)
 {
     constexpr size_t Width = 4;
+    constexpr int LastOfAll = WrongUsage;
     std::string text = "Exit status:\n";
     for (const Meaning &meaning : Meanings) {
+        const bool isAsked
+            = std::find(statuses.begin(), statuses.end(), meaning.status) != statuses.end();
+        if (meaning.status > LastOfAll && !isAsked)
+            continue;
         const std::string number = std::to_string(meaning.status);
         text += "  " + number + std::string(Width - number.size(), ' ') + meaning.meaning + '\n';
     }
     return text
         + "  130 Ctrl-C (128 and the signal's number); the last line of standard error tells what "
-          "to "
-          "do\n";
+          "to do\n";
 }

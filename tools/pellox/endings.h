@@ -3,6 +3,7 @@
 
 #include <QString>
 
+#include <initializer_list>
 #include <string>
 #include <utility>
 
@@ -53,5 +54,5 @@ struct Ending
 /// success, and what to do next.
 QString lastWords(int status);
 
-/// The statuses of the commands on an installed build, for --help.
-std::string exitStatusHelp();
+/// For --help: those of @p statuses, of the commands on an installed build, and what all have.
+std::string exitStatusHelp(std::initializer_list<int> statuses);

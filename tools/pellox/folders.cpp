@@ -6,6 +6,13 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 /// The path with ".." followed as the system does it, which counts behind a link.
@@ -33,6 +40,12 @@ QString resolved(const QString &folder)
     const QString ancestor = existingAncestor(folder);
     return QDir::cleanPath(QFileInfo(ancestor).canonicalFilePath()
         + folder.mid(ancestor.size()).prepend(QLatin1Char('/')));
+}
+
+/// False with errno.
+bool mayMakeIn(const QString &folder)
+{
+    return ::access(QFile::encodeName(folder).constData(), W_OK | X_OK) == 0;
 }
 
 bool isWithin(const QString &path, const QString &folder)
@@ -65,7 +78,34 @@ QString folderToFill(const std::string &argument)
     const QFileInfo info(folder);
     if (info.exists() && !info.isDir())
         throw Refusal(folder, QStringLiteral("is not a folder"));
+    requireWritable(folder);
     return folder;
+}
+
+void requireWritable(const QString &folder)
+{
+    const QString ancestor = existingAncestor(folder);
+    if (QFileInfo(ancestor).isDir() && !mayMakeIn(ancestor))
+        throw Refusal(ancestor, QLatin1String("cannot be written: ") + qt_error_string(errno));
+}
+
+void makeFolder(const QString &folder)
+{
+    std::error_code problem;
+    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), problem);
+    if (problem)
+        throw Refusal(
+            folder, QLatin1String("cannot be created: ") + qt_error_string(problem.value()));
+}
+
+QString systemReason(const QString &path)
+{
+    struct stat standing = {};
+    int error = 0;
+    if (!mayMakeIn(QFileInfo(path).path())
+        || (::lstat(QFile::encodeName(path).constData(), &standing) != 0 && errno != ENOENT))
+        error = errno;
+    return error == 0 ? QString() : QLatin1String(": ") + qt_error_string(error);
 }
 
 QString absoluteFile(const std::string &argument)

@@ -34,8 +34,18 @@ QString existingFolder(const std::string &argument);
 /// Throws Refusal unless the folder @p folder is there.
 void requireFolder(const QString &folder);
 
-/// The folder @p argument, which may be missing. Throws Refusal when something else stands there.
+/// The folder @p argument, which may be missing. Throws Refusal when something else stands there,
+/// or as requireWritable() does.
 QString folderToFill(const std::string &argument);
+
+/// Throws Refusal where nothing can be made in @p folder, or in the nearest above it that is there.
+void requireWritable(const QString &folder);
+
+/// Makes @p folder and those above it, as far as they are missing. Throws Refusal.
+void makeFolder(const QString &folder);
+
+/// ": " and why the system does not let @p path be made; nothing where that is not known.
+QString systemReason(const QString &path);
 
 /// The absolute path of @p argument, whatever stands there. Throws Refusal when it is empty.
 QString absoluteFile(const std::string &argument);

@@ -1,19 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
+#include "engine.h"
 #include "folders.h"
 #include "inspectreport.h"
 #include "interrupt.h"
+#include "keyfiles.h"
 #include "manifests.h"
 #include "newfolders.h"
 #include "patchsums.h"
+#include "sealview.h"
 
 #include <Pellox/PatchInspector>
+#include <Pellox/PatchSeal>
 #include <Pellox/rules.h>
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QSet>
 
 #include <algorithm>
 #include <memory>
@@ -29,6 +35,7 @@ struct Arguments
     std::optional<std::string> report;
     bool force = false;
     int top = 10;
+    std::vector<std::string> trustedKeys;
 };
 
 /// The absolute path of the report to write, empty where none is wanted.
@@ -47,6 +54,7 @@ QString checkedReport(const Arguments &arguments, const QString &patch)
             QStringLiteral("exists and is no report of this program (--force replaces it)"));
     }
     requireOutside(report, patch); // or it would be shipped
+    requireWritable(info.path());
     return report;
 }
 
@@ -215,18 +223,122 @@ bool writeReport(Console &console, const QString &path, const QByteArray &page)
     return true;
 }
 
+constexpr int MostTold = 10; // of many alike, where a person reads them
+
+/// Calls @p tell for each of @p count things, or for the first of them.
+template <typename Tell> void tellFirst(Console &console, int count, const Tell &tell)
+{
+    const int told = console.tellsAll() ? count : std::min(count, MostTold);
+    for (int i = 0; i < told; ++i)
+        tell(i);
+    if (told < count)
+        console.note(QStringLiteral("and so for %1; -v names them all")
+                         .arg(counted(count - told, "more file")));
+}
+
+/// Names what stands in an unsealed patch and belongs to no rule.
+void noteStrayFiles(Console &console, const QString &patch, const QVector<InspectedFile> &files)
+{
+    QSet<QString> known{pathIn(patch, Pellox::PATCH_RULES_FILE)};
+    for (const InspectedFile &file : files) {
+        if (file.rule != Pellox::DELETE_RULE)
+            known.insert(patch + file.relativePath);
+    }
+    QStringList strays;
+    for (const QString &path : filesOfBuild(patch)) {
+        if (!known.contains(path))
+            strays.append(path);
+    }
+    strays.sort();
+    tellFirst(console, strays.size(), [&](int i) {
+        console.event(QStringLiteral("stray"), {{QStringLiteral("file"), strays.at(i)}});
+        console.note(printable(strays.at(i)) + QLatin1String(" is no part of the patch"));
+    });
+}
+
+/// The public keys, of @p keys, that have signed the seal of @p patch. Nothing after
+/// Console::error() where none of them has.
+std::optional<QStringList> checkedSigners(
+    Console &console, const QString &patch, const QStringList &keys)
+{
+    if (keys.isEmpty())
+        return QStringList();
+    QString error;
+    const QStringList signers = Pellox::PatchSeal::signersOf(patch, keys, &error);
+    if (!signers.isEmpty())
+        return signers;
+    console.error(culpritOf(error), error);
+    return {};
+}
+
+SealView::Differences comparedWithSeal(Console &console, const SealView &seal)
+{
+    console.startProgress(QStringLiteral("compare"), Progress::Unit::Bytes, seal.size());
+    const auto differences = seal.allDifferences([&](qint64 done) { console.advanceTo(done); });
+    console.stopProgress();
+    return differences;
+}
+
+/// Tells what the seal says and whether it holds.
+bool checkSeal(
+    Console &console, const SealView &seal, const QString &patch, const QStringList &keys)
+{
+    const SealView::Differences differences = comparedWithSeal(console, seal);
+    tellFirst(console, differences.size(),
+        [&](int i) { console.error(differences.at(i).path, differences.at(i).reason); });
+    const auto signers = checkedSigners(console, patch, keys);
+    console.event(QStringLiteral("seal"),
+        {{QStringLiteral("release"), seal.release()}, {QStringLiteral("keys"), seal.keys()},
+            {QStringLiteral("files"), seal.files()},
+            {QStringLiteral("intact"), differences.isEmpty()},
+            {QStringLiteral("signed_by"),
+                QJsonArray::fromStringList(signers.value_or(QStringList()))}});
+    console.result(QString());
+    console.result(QStringLiteral("Sealed release %1, %2, with %3: %4")
+                       .arg(QString::number(seal.release()), fileCount(seal.files()),
+                           counted(seal.keys(), "key"),
+                           differences.isEmpty()
+                               ? QStringLiteral("all is as it was sealed")
+                               : fileCount(differences.size()) + QLatin1String(" not as sealed")));
+    for (const QString &signer : signers.value_or(QStringList()))
+        console.result(QLatin1String("Signed with the private key of ") + printable(signer));
+    return differences.isEmpty() && signers;
+}
+
+/// What there is to say of a seal, or where there is none. False after Console::error().
+bool checkTrust(Console &console, const QString &patch, const QVector<InspectedFile> &files,
+    const std::optional<SealView> &seal, const QStringList &keys)
+{
+    if (seal)
+        return checkSeal(console, *seal, patch, keys);
+    noteStrayFiles(console, patch, files);
+    if (keys.isEmpty())
+        return true;
+    console.error(
+        pathIn(patch, SealFile), QStringLiteral("is missing, so the patch is not sealed"));
+    return false;
+}
+
 bool inspect(Console &console, const Arguments &arguments)
 {
     const QString patch = existingFolder(arguments.patch);
     const QString report = checkedReport(arguments, patch);
     const int rules = readManifest(patch, Pellox::PATCH_RULES_FILE).size();
 
+    const QStringList keys = existingPublicKeys(arguments.trustedKeys);
+    const auto seal = SealView::read(patch);
+
     Pellox::PatchInspector inspector;
     QObject::connect(&inspector, &Pellox::PatchInspector::inspectError,
         [&](const QString &message, const QString &path) { console.error(path, message); });
-    console.startProgress(QStringLiteral("inspect"), Progress::Unit::Files, rules);
-    const bool whole = inspector.inspect(patch,
-        [&](double percent) { console.advanceTo(static_cast<qint64>(percent / 100 * rules)); });
+    bool isUnderWay = false;
+    const bool whole = inspector.inspect(patch, [&](double percent) {
+        // Not before, as a manifest that will not do is refused without a look at the files.
+        if (!isUnderWay)
+            console.startProgress(QStringLiteral("inspect"), Progress::Unit::Files, rules);
+        isUnderWay = true;
+        console.advanceTo(static_cast<qint64>(percent / 100 * rules));
+    });
     if (whole)
         console.advanceTo(rules);
     console.stopProgress();
@@ -238,8 +350,10 @@ bool inspect(Console &console, const Arguments &arguments)
     printRules(console, files, patch);
     printDeltas(console, files, arguments.top);
     printFolders(console, files, arguments.top);
-    return report.isEmpty()
+    const bool isSound = checkTrust(console, patch, files, seal, keys);
+    const bool isReported = report.isEmpty()
         || writeReport(console, report, inspectReport(QFileInfo(patch).fileName(), files));
+    return isSound && isReported;
 }
 
 } // namespace
@@ -264,9 +378,12 @@ void addInspectCommand(CLI::App &app, Invocation &invocation)
             "--top", arguments->top, "How many deltas and folders to list, 10 if not given")
         ->type_name("N")
         ->check(CLI::Range(0, 1000000));
-    command->footer("Exit status 1 means that the patch is damaged: a file is missing, a delta is\n"
-                    "broken, or a rule is not as it should be.\n\n"
-                    "Example:\n  pellox inspect patches/1.0-1.1 --html 1.0-1.1.html");
+    addKeysOption(*command, "--trusted-key", arguments->trustedKeys,
+        "A public key: tells whether it belongs to one of those that the patch is sealed with");
+    command->footer(
+        "Exit status 1 means that the patch is damaged: a file is missing, a delta is\n"
+        "broken, or a rule is not as it should be; or that it is not what was sealed.\n\n"
+        "Example:\n  pellox inspect patches/1.0-1.1 --html 1.0-1.1.html");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return inspect(console, *arguments); };
     });

@@ -4,6 +4,7 @@
 #include <Pellox/rules.h>
 
 #include <QCryptographicHash>
+#include <QDate>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -35,6 +36,7 @@ QByteArray reportData(const QString &name, const QVector<InspectedFile> &files)
             file.patchBytes, file.copiedBytes, file.literalBytes, file.commands});
     }
     const QJsonObject data{{QStringLiteral("name"), name},
+        {QStringLiteral("date"), QDate::currentDate().toString(Qt::ISODate)},
         {QStringLiteral("program"), QStringLiteral("pellox inspect " PELLOX_VERSION)},
         {QStringLiteral("files"), rows}};
     // In HTML a "<" could end the script element that holds this; in JSON it is within a text.

@@ -44,6 +44,15 @@ void tellExtraFiles(Console &console, const Pellox::IntegrityReport &report)
             {QStringLiteral("extra"), report.extra.size()}});
 }
 
+void noteOtherBuild(Console &console, const Pellox::IntegrityReport &report, const QString &build)
+{
+    const bool anyThere
+        = report.intactFiles > 0 || !report.changed.isEmpty() || !report.unreadable.isEmpty();
+    if (!anyThere && !report.missing.isEmpty())
+        console.note(
+            build + QLatin1String(": nothing of the build was there: is this the right folder?"));
+}
+
 QString integritySummary(const Pellox::IntegrityReport &report)
 {
     QString text = fileCount(report.intactFiles) + QLatin1String(" intact");

@@ -3,7 +3,42 @@
 
 #include "folders.h"
 
+#include <QFile>
 #include <QFileInfo>
+
+namespace {
+
+constexpr qint64 LargestKeyFile = 64 * 1024; // bytes: others are no keys
+
+/// The beginning of @p path. Throws Refusal when it cannot be read.
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw Refusal(path, QStringLiteral("cannot be read: ") + file.errorString());
+    return file.read(LargestKeyFile);
+}
+
+bool holdsPrivateKey(const QByteArray &content)
+{
+    return content.contains("PRIVATE KEY-----");
+}
+
+bool holdsPublicKey(const QByteArray &content)
+{
+    // RFC 8410: what stands before the 32 bytes of each such key.
+    static const QByteArray Head = QByteArray::fromHex("302a300506032b6570032100");
+    constexpr int KeySize = 32;
+    static const QByteArray Begin("-----BEGIN PUBLIC KEY-----");
+    const int begin = content.indexOf(Begin) + Begin.size();
+    const int end = content.indexOf("-----END PUBLIC KEY-----");
+    if (!content.contains(Begin) || end < begin)
+        return false;
+    const QByteArray key = QByteArray::fromBase64(content.mid(begin, end - begin));
+    return key.startsWith(Head) && key.size() == Head.size() + KeySize;
+}
+
+} // namespace
 
 CLI::Option *addKeysOption(CLI::App &command, const std::string &name,
     std::vector<std::string> &keys, const std::string &description)
@@ -28,4 +63,32 @@ QStringList existingKeys(const std::vector<std::string> &keys)
         paths.append(path);
     }
     return paths;
+}
+
+QStringList existingPublicKeys(const std::vector<std::string> &keys)
+{
+    QStringList paths = existingKeys(keys);
+    for (const QString &path : qAsConst(paths)) {
+        const QByteArray content = contentOf(path);
+        if (holdsPrivateKey(content))
+            throw Refusal(path,
+                QStringLiteral("holds a private key, and the public one belongs here; keep the "
+                               "private one to yourself"));
+        if (!holdsPublicKey(content))
+            throw Refusal(path, QStringLiteral("holds no public key for Ed25519 in PEM"));
+    }
+    return paths;
+}
+
+void requirePrivateKeys(const QStringList &keys)
+{
+    for (const QString &path : keys) {
+        const QByteArray content = contentOf(path);
+        if (holdsPrivateKey(content))
+            continue;
+        throw Refusal(path,
+            holdsPublicKey(content)
+                ? QStringLiteral("is a public key, and a patch is sealed with the private one")
+                : QStringLiteral("holds no private key in PEM"));
+    }
 }

@@ -5,6 +5,9 @@
 
 #include <Pellox/PatchSeal>
 
+#include <QFileInfo>
+#include <QJsonObject>
+
 #include <memory>
 
 namespace {
@@ -29,6 +32,8 @@ bool makeKey(Console &console, const Arguments &arguments)
         throw Refusal(privateKey, QStringLiteral("cannot be both the private and the public key"));
     requireFree(privateKey);
     requireFree(publicKey);
+    for (const QString &key : {privateKey, publicKey})
+        requireWritable(QFileInfo(key).path());
 
     // It takes a moment, and half a key helps nobody: the first signal waits for the end.
     const Interrupt::Watch watch([] {});
@@ -38,6 +43,8 @@ bool makeKey(Console &console, const Arguments &arguments)
         console.error(isPublic ? publicKey : privateKey, error);
         return false;
     }
+    console.event(QStringLiteral("keys"),
+        {{QStringLiteral("private"), privateKey}, {QStringLiteral("public"), publicKey}});
     console.result(QStringLiteral("Private key, to seal with and to keep secret: ") + privateKey);
     console.result(QStringLiteral("Public key, for the players: ") + publicKey);
     return true;

@@ -14,12 +14,17 @@
 
 #include <numeric>
 
+void requireManifest(const QString &folder, const QString &fileName)
+{
+    if (!QFileInfo::exists(QDir(folder).absoluteFilePath(fileName)))
+        throw Refusal(folder, QStringLiteral("holds no ") + fileName);
+}
+
 QJsonArray readManifest(const QString &folder, const QString &fileName)
 {
     const QString path = QDir(folder).absoluteFilePath(fileName);
     QFile file(path);
-    if (!QFileInfo::exists(path))
-        throw Refusal(folder, QStringLiteral("holds no ") + fileName);
+    requireManifest(folder, fileName);
     if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
         throw Refusal(path, QStringLiteral("cannot be read"));
     QJsonParseError parseError;

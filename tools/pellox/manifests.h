@@ -11,6 +11,9 @@ class Console;
 
 /// The program's own look at the library's manifests: before a run, and for its summary.
 
+/// Throws Refusal when @p folder holds no manifest @p fileName.
+void requireManifest(const QString &folder, const QString &fileName);
+
 /**
  * The records of manifest @p fileName in @p folder. Throws Refusal when it is missing,
  * cannot be read or is not a JSON array.

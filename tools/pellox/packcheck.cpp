@@ -3,7 +3,7 @@
 
 #include "folders.h"
 #include "interrupt.h"
-#include "listing.h"
+#include "sealview.h"
 #include "sevenzip.h"
 
 #include <QFile>
@@ -82,24 +82,45 @@ void refuseNameForSevenZip(const QString &path, const QString &folder)
     }
 }
 
-PackedContent requirePackable(const QString &folder)
+PackedContent requirePackable(const QString &folder, Hidden hidden)
 {
     PackedContent content;
+    visitEntries(folder, hidden, [&](const fs::directory_entry &entry, const QString &path) {
+        Interrupt::throwIfStopped();
+        refuseNameForSevenZip(path, folder);
+        if (entry.is_symlink()) {
+            content.size += sizeOfLink(entry.path(), path);
+        } else if (entry.is_directory()) {
+            return;
+        } else if (entry.is_regular_file()) {
+            requireReadable(path);
+            content.size += static_cast<qint64>(entry.file_size());
+        } else {
+            throw Refusal(path, QStringLiteral("is neither a file nor a folder nor a link"));
+        }
+        ++content.files;
+    });
+    return content;
+}
+
+PackedContent requirePackablePatch(const QString &patch, const SealView &seal)
+{
+    const SealView::Differences differences = seal.differences();
+    if (!differences.isEmpty()) {
+        const SealView::Difference &first = differences.first();
+        throw Refusal(first.path,
+            first.reason
+                + QStringLiteral(": players would refuse the patch; remove it, or seal it again "
+                                 "with \"pellox seal\""));
+    }
+    PackedContent content = requirePackable(patch, Hidden::LeftOut);
     visitEntries(
-        folder, Hidden::Visited, [&](const fs::directory_entry &entry, const QString &path) {
-            Interrupt::throwIfStopped();
-            refuseNameForSevenZip(path, folder);
-            if (entry.is_symlink()) {
-                content.size += sizeOfLink(entry.path(), path);
-            } else if (entry.is_directory()) {
-                return;
-            } else if (entry.is_regular_file()) {
-                requireReadable(path);
-                content.size += static_cast<qint64>(entry.file_size());
-            } else {
-                throw Refusal(path, QStringLiteral("is neither a file nor a folder nor a link"));
-            }
-            ++content.files;
+        patch, Hidden::Visited, [&](const fs::directory_entry &entry, const QString &path) {
+            const QString above = path.mid(patch.size()).section(QLatin1Char('/'), 0, -2);
+            const bool isHidden = entry.path().filename().string().front() == '.';
+            if (isHidden && !above.contains(QLatin1String("/.")))
+                content.leftOut.append(path);
         });
+    content.leftOut.sort();
     return content;
 }

@@ -7,16 +7,20 @@
 #include "interrupt.h"
 #include "manifests.h"
 #include "renames.h"
+#include "sealview.h"
 #include "sevenzip.h"
 
 #include <Pellox/ArchiveController>
 
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QStorageInfo>
 
+#include <filesystem>
 #include <memory>
 #include <numeric>
+#include <system_error>
 
 namespace {
 
@@ -37,7 +41,9 @@ bool tellsOfFullDisk(const QString &problem)
 /// In few words; what else 7-Zip has said would fill the screen.
 QString reasonIn(const QString &problem)
 {
-    const QString error = errorIn(problem);
+    static const QRegularExpression Number(QStringLiteral("errno=\\d+ : "));
+    const QString error = errorIn(problem).remove(Number).simplified().replace(
+        QLatin1String(" : "), QLatin1String(": "));
     return error.isEmpty() ? problem.section(QLatin1Char('\n'), 0, 0)
                            : QLatin1String("7-Zip: ") + error;
 }
@@ -53,6 +59,7 @@ Packing::Packing(const QString &folder, const QString &archive, PackOptions opti
     refuseWildcards(folder);
     requireOutside(m_target.name(), folder);
     requireFree();
+    requireWritable(QFileInfo(m_target.name()).path());
 }
 
 void Packing::requireFree() const
@@ -70,6 +77,8 @@ void Packing::requireFree() const
 
 PackedContent Packing::content() const
 {
+    if (const auto seal = SealView::read(m_folder))
+        return requirePackablePatch(m_folder, *seal);
     const PackedContent content = requirePackable(m_folder);
     if (QDir(m_folder).isEmpty(
             QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
@@ -81,18 +90,21 @@ void Packing::begin()
 {
     const QString targetFolder = QFileInfo(m_target.name()).path();
     m_newFolders.expect(targetFolder);
-    if (!QDir().mkpath(targetFolder))
-        throw Refusal(targetFolder, QStringLiteral("cannot be created"));
+    makeFolder(targetFolder);
     requireRoom(SmallestArchive, targetFolder);
     m_workFolder.emplace(targetFolder + QLatin1String("/.pellox-XXXXXX"));
     if (!m_workFolder->isValid())
-        throw Refusal(targetFolder, QStringLiteral("cannot be written to"));
+        throw Refusal(
+            targetFolder, QLatin1String("cannot be written to: ") + m_workFolder->errorString());
 }
 
 bool Packing::run(Console &console, const PackedContent &content)
 {
     noteScarceRoom(console, content);
-    if (!runSevenZip(console, content))
+    for (const QString &path : content.leftOut)
+        console.note(path + QLatin1String(" is hidden and no part of the patch: it is left out"));
+    const QString source = content.leftOut.isEmpty() ? m_folder : withoutHidden();
+    if (!runSevenZip(console, source, content))
         return false;
     const Volumes made(m_workFolder->filePath(ArchiveName));
     reportShortVolumes(console, made.paths());
@@ -125,7 +137,30 @@ void Packing::endWork()
     m_workFolder.reset();
 }
 
-bool Packing::runSevenZip(Console &console, const PackedContent &content)
+/// A folder with what the seal lists, and the seal: 7-Zip packs whatever it finds.
+QString Packing::withoutHidden() const
+{
+    namespace fs = std::filesystem;
+    const QString folder = m_workFolder->filePath(QStringLiteral("sealed"));
+    QStringList paths = SealView::read(m_folder)->paths();
+    paths.append(QLatin1Char('/') + SealFile);
+    for (const QString &path : qAsConst(paths)) {
+        const fs::path from = QFile::encodeName(m_folder + path).toStdString();
+        const fs::path to = QFile::encodeName(folder + path).toStdString();
+        std::error_code problem;
+        fs::create_directories(to.parent_path(), problem);
+        fs::create_hard_link(from, to, problem);
+        if (problem) // on another disk, or on one that knows no second names
+            fs::copy_file(from, to, problem);
+        if (problem)
+            throw Refusal(m_folder + path,
+                QLatin1String("cannot be copied to be packed: ")
+                    + QString::fromLocal8Bit(problem.message().c_str()));
+    }
+    return folder;
+}
+
+bool Packing::runSevenZip(Console &console, const QString &source, const PackedContent &content)
 {
     const qint64 size = content.size;
     QString problem;
@@ -136,11 +171,11 @@ bool Packing::runSevenZip(Console &console, const PackedContent &content)
         [&](const QStringList &errors) { problem = errors.last(); });
 
     console.startProgress(QStringLiteral("pack"), Progress::Unit::EstimatedBytes, size);
-    const bool packed = controller->createArchive(
-        m_workFolder->path(), ArchiveName, m_folder, [&](double percent) {
-            if (percent < 100) // the last report comes whatever the outcome
-                console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
-        });
+    const bool packed
+        = controller->createArchive(m_workFolder->path(), ArchiveName, source, [&](double percent) {
+              if (percent < 100) // the last report comes whatever the outcome
+                  console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+          });
     if (packed)
         console.advanceTo(size);
     console.stopProgress();

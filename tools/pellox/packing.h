@@ -46,7 +46,8 @@ public:
 private:
     void requireFree() const;
     void noteScarceRoom(Console &console, const PackedContent &content) const;
-    bool runSevenZip(Console &console, const PackedContent &content);
+    QString withoutHidden() const;
+    bool runSevenZip(Console &console, const QString &source, const PackedContent &content);
     void reportFailure(Console &console, const QString &problem, const PackedContent &content);
     void reportShortVolumes(Console &console, const QStringList &volumes) const;
     void reportMissingFiles(

@@ -10,6 +10,7 @@ namespace {
 constexpr qint64 MillisecondsPerSecond = 1000;
 constexpr qint64 SecondsPerMinute = 60;
 constexpr qint64 MinutesPerHour = 60;
+const QString Gap = QStringLiteral("  ");
 
 /// "0:07", "12:34" or "1:02:03"
 QString clockTime(qint64 seconds)
@@ -52,34 +53,56 @@ QString Progress::amount(qint64 count) const
                                  : QLocale::c().formattedDataSize(count, 1);
 }
 
-QString Progress::text() const
+QStringList Progress::parts(qint64 elapsed) const
 {
-    const qint64 elapsed = std::max<qint64>(m_clock.elapsed(), 1);
+    constexpr qint64 ShortestTime = 100; // milliseconds: what is faster than that is chance
+    const QString mark = m_unit == Unit::EstimatedBytes ? QStringLiteral("~") : QString();
+    QString counts = mark + amount(m_done) + QLatin1String(" of ") + amount(m_total);
+    if (m_unit == Unit::Files)
+        counts += QLatin1String(" files");
+    QStringList parts{counts};
+    if (elapsed < ShortestTime)
+        return parts;
     const double perMillisecond = static_cast<double>(m_done) / static_cast<double>(elapsed);
     const auto speed = static_cast<qint64>(perMillisecond * MillisecondsPerSecond);
-
-    QString text = m_unit == Unit::EstimatedBytes ? QStringLiteral("~") : QString();
-    text += amount(m_done) + QLatin1String(" of ") + amount(m_total);
-    text += m_unit == Unit::Files ? QStringLiteral(" files  %1 files/s").arg(amount(speed))
-                                  : QStringLiteral("  %1/s").arg(amount(speed));
+    parts.append(amount(speed) + QLatin1String(m_unit == Unit::Files ? " files/s" : "/s"));
     if (m_done > 0 && m_done < m_total) {
         const double left = static_cast<double>(m_total - m_done) / perMillisecond;
-        text += QStringLiteral("  %1 left")
-                    .arg(clockTime(static_cast<qint64>(left / MillisecondsPerSecond)));
+        parts.append(
+            clockTime(static_cast<qint64>(left / MillisecondsPerSecond)) + QLatin1String(" left"));
     }
-    return text;
+    return parts;
 }
 
-QString Progress::bar(int columns) const
+QString Progress::textAfter(qint64 elapsed) const
+{
+    return parts(elapsed).join(Gap);
+}
+
+QString Progress::barAfter(qint64 elapsed, int columns) const
 {
     constexpr int Frame = 10; // "100 % [", "] " and one column that stays free
     constexpr int Shortest = 5;
     const QString label = QStringLiteral("%1 %").arg(percent(), 3);
-    const QString tail = text();
+    const QString tail = textAfter(elapsed);
     const int width = columns - Frame - tail.size();
     if (width < Shortest)
-        return (label + QLatin1Char(' ') + tail).left(std::max(columns - 1, 0));
+        return withoutBar(label, elapsed, columns);
     const int filled = width * percent() / 100;
     return label + QLatin1String(" [") + QString(filled, QLatin1Char('='))
         + QString(width - filled, QLatin1Char(' ')) + QLatin1String("] ") + tail;
+}
+
+/// With as many parts as fit, the first ones first.
+QString Progress::withoutBar(const QString &label, qint64 elapsed, int columns) const
+{
+    QString line = label;
+    QString gap = QStringLiteral(" ");
+    for (const QString &part : parts(elapsed)) {
+        if (line.size() + gap.size() + part.size() >= columns)
+            break;
+        line += gap + part;
+        gap = Gap;
+    }
+    return line.left(std::max(columns - 1, 0));
 }

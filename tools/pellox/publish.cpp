@@ -171,14 +171,6 @@ struct PlannedFile
 
 const QString Ignored = QStringLiteral("ignore");
 
-QString kindAndSize(const PlannedFile &file)
-{
-    const QString size = file.size < 0 ? QString() : byteCount(file.size);
-    constexpr int KindWidth = 6;
-    constexpr int SizeWidth = 10;
-    return file.kind.leftJustified(KindWidth) + QLatin1Char(' ') + size.rightJustified(SizeWidth);
-}
-
 void tellPlannedFile(Console &console, const PlannedFile &file)
 {
     QJsonObject object{{QStringLiteral("file"), file.path}};
@@ -187,7 +179,7 @@ void tellPlannedFile(Console &console, const PlannedFile &file)
     if (file.kind != Ignored)
         object.insert(QStringLiteral("rule"), file.kind);
     console.event(file.kind == Ignored ? Ignored : QStringLiteral("rule"), object);
-    console.result(kindAndSize(file) + QLatin1String("  ") + file.path);
+    console.result(plannedFileLine(file.kind, file.size, file.path));
 }
 
 /// Sorted by path, so that two plans can be compared.

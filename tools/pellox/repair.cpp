@@ -6,6 +6,8 @@
 #include "integrity.h"
 #include "manifests.h"
 
+#include <Pellox/rules.h>
+
 #include <memory>
 
 namespace {
@@ -24,6 +26,7 @@ Ending repair(Console &console, const Arguments &arguments)
     const QString signatures = existingFolder(arguments.signatures);
     const QString source = existingFolder(arguments.source);
     requireApart(signatures, build);
+    requireManifest(signatures, Pellox::SIGNATURES_FILE);
     requireApart(source, build);
 
     Pellox::IntegrityController controller;
@@ -34,6 +37,7 @@ Ending repair(Console &console, const Arguments &arguments)
     const Pellox::IntegrityReport report = controller.report();
     if (result == BuildRun::Result::Updated)
         tellDifferences(console, report);
+    noteOtherBuild(console, report, build);
     const int repaired = report.changed.size() + report.missing.size() + report.unreadable.size();
     return run.end(result,
         QStringLiteral("Repaired %1 (%2): %3")
@@ -65,7 +69,8 @@ void addRepairCommand(CLI::App &app, Invocation &invocation)
     addThreadsOption(*command, arguments->threads);
     command->footer("Each file is checked while it is copied. All are put in place or none; intact "
                     "files and\nthose that the signatures do not name are not touched.\n\n"
-        + exitStatusHelp()
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, NoSpace, RefusedPatch, InTheWay, Busy,
+            DamagedJournal})
         + "\nExample:\n  pellox repair installed/game signatures/1.1 --from releases/1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return repair(console, *arguments); };

@@ -30,7 +30,9 @@ void addRollbackCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command->footer("Needs what \"pellox update --keep-previous\" has kept; that is used up. To "
                     "free its space\ninstead: \"pellox discard\".\n\n"
-        + exitStatusHelp() + "\nExample:\n  pellox rollback installed/game");
+        + exitStatusHelp({Unchanged, Unfinished, DamagedInstall, NoSpace, InTheWay, Busy,
+            DamagedJournal, NothingKept})
+        + "\nExample:\n  pellox rollback installed/game");
     command->callback([build, &invocation] {
         invocation.run = [build](Console &console) { return rollback(console, *build); };
     });

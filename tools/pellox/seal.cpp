@@ -5,9 +5,12 @@
 #include "interrupt.h"
 #include "keyfiles.h"
 #include "manifests.h"
+#include "sealview.h"
 
 #include <Pellox/PatchSeal>
 #include <Pellox/rules.h>
+
+#include <QJsonObject>
 
 #include <memory>
 #include <vector>
@@ -46,8 +49,10 @@ Job checkedJob(const Arguments &arguments)
         requireOutside(key, job.patch);
     readManifest(job.patch, Pellox::PATCH_RULES_FILE);
     readManifest(job.oldSignatures, Pellox::SIGNATURES_FILE);
+    requirePrivateKeys(job.keys);
+    requireWritable(job.patch);
     job.files = filesOfBuild(job.patch);
-    job.files.removeAll(pathIn(job.patch, QStringLiteral("patchSeal.json")));
+    job.files.removeAll(pathIn(job.patch, SealFile));
     job.size = totalSize(job.files);
     return job;
 }
@@ -59,12 +64,16 @@ bool seal(Console &console, const Arguments &arguments)
     sealer.setThreadCount(arguments.threads);
     // Sealing blocks the event loop, in which the watch would call: its progress asks instead.
     const Interrupt::Watch watch([] {});
+    bool isUnderWay = false;
     const auto progress = [&](double percent) {
         if (Interrupt::isStopped())
             sealer.cancel();
+        // Not before, so that what is refused earlier shows none.
+        if (!isUnderWay)
+            console.startProgress(QStringLiteral("seal"), Progress::Unit::EstimatedBytes, job.size);
+        isUnderWay = true;
         console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(job.size)));
     };
-    console.startProgress(QStringLiteral("seal"), Progress::Unit::EstimatedBytes, job.size);
     const bool isSealed
         = sealer.seal(job.patch, job.oldSignatures, arguments.release, job.keys, progress);
     console.stopProgress();
@@ -74,6 +83,11 @@ bool seal(Console &console, const Arguments &arguments)
         console.error(culpritOf(sealer.error()), sealer.error());
         return false;
     }
+    console.event(QStringLiteral("seal"),
+        {{QStringLiteral("file"), pathIn(job.patch, SealFile)},
+            {QStringLiteral("release"), arguments.release},
+            {QStringLiteral("keys"), job.keys.size()}, {QStringLiteral("files"), job.files.size()},
+            {QStringLiteral("bytes"), job.size}});
     console.result(QStringLiteral("Sealed release %1, %2 (%3), with %4: %5")
                        .arg(QString::number(arguments.release), fileCount(job.files.size()),
                            byteCount(job.size), counted(job.keys.size(), "key"), job.patch));

@@ -34,9 +34,8 @@ struct ArchivedEntry
     bool isEncrypted;
 };
 
-/// What is in an archive by its own list. Throws Refusal as requireSevenZip() does, when 7-Zip cannot
-/// read it or when it is no 7z
-/// archive, and Interrupt::Stopped.
+/// What is in an archive by its own list. Throws Refusal as requireSevenZip() does, when 7-Zip
+/// cannot read it or when it is no 7z archive, and Interrupt::Stopped.
 std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume);
 
 /// How many of them are no folders.

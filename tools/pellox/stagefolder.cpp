@@ -33,11 +33,10 @@ std::optional<dev_t> diskOf(const QString &path)
 StageFolder::StageFolder(const QString &folder)
 {
     m_newFolders.expect(folder);
-    if (!QDir().mkpath(folder))
-        throw Refusal(folder, QStringLiteral("cannot be created"));
+    makeFolder(folder);
     m_dir.emplace(pathIn(folder, QStringLiteral(".pellox-XXXXXX")));
     if (!m_dir->isValid())
-        throw Refusal(folder, QStringLiteral("cannot be written to"));
+        throw Refusal(folder, QLatin1String("cannot be written to: ") + m_dir->errorString());
 }
 
 void StageFolder::finish()

@@ -55,6 +55,15 @@ QString planSummary(const QJsonArray &rules)
     return summary(rules, fileSizeOf, QString());
 }
 
+QString plannedFileLine(const QString &kind, qint64 size, const QString &path)
+{
+    constexpr int KindWidth = 6;
+    constexpr int SizeWidth = 10;
+    const QString shownSize = size < 0 ? QString() : byteCount(size);
+    return kind.leftJustified(KindWidth) + QLatin1Char(' ') + shownSize.rightJustified(SizeWidth)
+        + QLatin1String("  ") + path;
+}
+
 QString signedSummary(qint64 files, qint64 bytes, const QString &signatures)
 {
     return QStringLiteral("Signed %1 (%2): %3").arg(fileCount(files), byteCount(bytes), signatures);

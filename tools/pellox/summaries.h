@@ -12,5 +12,8 @@ QString patchSummary(const QJsonArray &rules, const QString &patch);
 /// files: "2 files to patch (45.8 MiB), 1 file to copy (23.3 KiB), 1 file to delete".
 QString planSummary(const QJsonArray &rules);
 
+/// "patch    43.9 MiB  data/world.pak"; @p size is below 0 where there is none.
+QString plannedFileLine(const QString &kind, qint64 size, const QString &path);
+
 /// "Signed 5 files (45.8 MiB): SIGNATURES"
 QString signedSummary(qint64 files, qint64 bytes, const QString &signatures);

@@ -5,11 +5,17 @@
 #include "folders.h"
 #include "keyfiles.h"
 #include "manifests.h"
+#include "summaries.h"
 
+#include <Pellox/rules.h>
 #include <Pellox/UpdateController>
 
+#include <QFileInfo>
+#include <QHash>
 #include <QJsonObject>
+#include <QSet>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -50,18 +56,78 @@ Folders checkedFolders(const Arguments &arguments)
     return folders;
 }
 
+/// Whether none of the old files that the patch names is in the build, or what it should be. One
+/// alone proves nothing.
+bool isOtherBuild(const QVector<Pellox::UpdateProblem> &problems, const Folders &folders)
+{
+    QSet<QString> damaged;
+    for (const Pellox::UpdateProblem &problem : problems) {
+        if (problem.code == Pellox::UpdateProblem::Code::DamagedInstall)
+            damaged.insert(problem.file);
+    }
+    if (damaged.isEmpty())
+        return false;
+    int named = 0;
+    for (const QJsonValue &rule : readManifest(folders.patch, Pellox::PATCH_RULES_FILE)) {
+        if (ruleNameOf(rule) == Pellox::COPY_RULE)
+            continue;
+        ++named;
+        const QString path = folders.build + relativePathOf(rule);
+        if (!damaged.contains(path) && (ruleNameOf(rule) == Pellox::PATCH_RULE || isThere(path)))
+            return false;
+    }
+    return named > 1;
+}
+
+void explainOtherBuild(BuildRun &run, const Folders &folders)
+{
+    if (isOtherBuild(run.problems(), folders))
+        run.explain(QStringLiteral("%1: this is not the build that the patch is for: none of the "
+                                   "files that the patch names fits")
+                        .arg(folders.build),
+            QStringLiteral("nothing was changed: give the build that the patch is for"));
+}
+
 QString upToDate(const QString &build)
 {
     return QStringLiteral("Nothing to do, it is up to date already: ") + build;
 }
 
-void tellDeletions(Console &console, const UpdatePlan &plan)
+struct PlannedFile
 {
-    for (const QString &deletion : plan.deletions) {
-        const QString path = withoutSeparator(deletion);
-        console.event(QStringLiteral("rule"),
-            {{QStringLiteral("rule"), QStringLiteral("delete")}, {QStringLiteral("file"), path}});
-        console.result(QStringLiteral("delete  ") + path);
+    QString path; ///< relative to the build
+    QString rule;
+    qint64 size; ///< of the new file; -1 where there is none
+};
+
+/// By path, so that two plans can be compared.
+std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch)
+{
+    QHash<QString, qint64> sizes; // of patched files
+    for (const QJsonValue &rule : readManifest(patch, Pellox::PATCH_RULES_FILE))
+        sizes.insert(relativePathOf(rule), fileSizeOf(rule));
+    std::vector<PlannedFile> files;
+    for (const QString &path : plan.patches)
+        files.push_back({withoutSeparator(path), Pellox::PATCH_RULE, sizes.value(path)});
+    for (const QString &path : plan.copies)
+        files.push_back(
+            {withoutSeparator(path), Pellox::COPY_RULE, QFileInfo(patch + path).size()});
+    for (const QString &path : plan.deletions)
+        files.push_back({withoutSeparator(path), Pellox::DELETE_RULE, -1});
+    std::sort(files.begin(), files.end(),
+        [](const PlannedFile &one, const PlannedFile &other) { return one.path < other.path; });
+    return files;
+}
+
+void tellFiles(Console &console, const UpdatePlan &plan, const QString &patch)
+{
+    for (const PlannedFile &file : filesOf(plan, patch)) {
+        QJsonObject members{
+            {QStringLiteral("rule"), file.rule}, {QStringLiteral("file"), file.path}};
+        if (file.size >= 0)
+            members.insert(QStringLiteral("size"), file.size);
+        console.event(QStringLiteral("rule"), members);
+        console.result(plannedFileLine(file.rule, file.size, file.path));
     }
 }
 
@@ -83,10 +149,11 @@ Ending tellPlan(Console &console, UpdateController &controller, const Folders &f
     const UpdatePlan plan = controller.plan(folders.build, folders.patch);
     for (const Pellox::UpdateProblem &problem : plan.refusals)
         run.problem(problem);
+    explainOtherBuild(run, folders);
     if (!plan.refusals.isEmpty())
         return run.end(BuildRun::Result::Refused, QString(), QString());
 
-    tellDeletions(console, plan);
+    tellFiles(console, plan, folders.patch);
     console.event(QStringLiteral("plan"),
         {{QStringLiteral("patch"), plan.filesToPatch}, {QStringLiteral("copy"), plan.filesToCopy},
             {QStringLiteral("delete"), plan.deletions.size()},
@@ -105,8 +172,12 @@ QString updated(const BuildRun &run, const Arguments &arguments, const QString &
     const QString wayBack = arguments.keepsPrevious
         ? QStringLiteral(" (to bring the build before back: pellox rollback)")
         : QString();
-    return QStringLiteral("Updated, %1 written (%2): %3%4")
-        .arg(fileCount(run.stagedFiles()), byteCount(run.stagedBytes()), build, wayBack);
+    const QString files = fileCount(run.stagedFiles());
+    // An interrupted run may have written all of them.
+    const QString work = run.stagedBytes() == 0
+        ? files + QLatin1String(" put in place")
+        : QStringLiteral("%1 written (%2)").arg(files, byteCount(run.stagedBytes()));
+    return QStringLiteral("Updated, %1: %2%3").arg(work, build, wayBack);
 }
 
 Ending update(Console &console, const Arguments &arguments)
@@ -115,7 +186,7 @@ Ending update(Console &console, const Arguments &arguments)
     UpdateController controller;
     controller.setThreadCount(arguments.threads);
     controller.setFallbackSource(folders.fallback);
-    controller.setTrustedKeys(existingKeys(arguments.trustedKeys));
+    controller.setTrustedKeys(existingPublicKeys(arguments.trustedKeys));
     controller.setOlderAllowed(arguments.allowsOlder);
     controller.setKeepPrevious(arguments.keepsPrevious);
     controller.setSynced(!arguments.doesNotSync);
@@ -125,6 +196,7 @@ Ending update(Console &console, const Arguments &arguments)
     BuildRun run(console, "update");
     const auto result
         = run.carryOut(controller, [&] { return controller.update(folders.build, folders.patch); });
+    explainOtherBuild(run, folders);
     return run.end(result, updated(run, arguments, folders.build), upToDate(folders.build));
 }
 
@@ -169,7 +241,8 @@ void addUpdateCommand(CLI::App &app, Invocation &invocation)
     command->footer("Until all new content is written and checked the build stays as it is, and "
                     "Ctrl-C takes back\nwhat was written. A run that was killed is finished by "
                     "the next one, or by \"pellox recover\".\n\n"
-        + exitStatusHelp()
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, NoSpace, RefusedPatch,
+            InTheWay, Busy, DamagedJournal})
         + "\nExample:\n  pellox update installed/game patches/1.0-1.1 --keep-previous");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return update(console, *arguments); };

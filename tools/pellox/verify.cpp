@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "buildstate.h"
 #include "commands.h"
 #include "failedrules.h"
 #include "folders.h"
@@ -90,6 +91,7 @@ bool verify(Console &console, const Arguments &arguments)
     requireInside(build, rules);
     if (QDir(build).isEmpty())
         throw Refusal(build, QStringLiteral("is empty: there is no build to verify"));
+    const BuildLock lock(build);
 
     const auto patched = std::count_if(rules.begin(), rules.end(), isPatchRule);
     const auto missing = std::count_if(rules.begin(), rules.end(),

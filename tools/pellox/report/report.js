@@ -81,11 +81,10 @@
     }
     const file = { name, parent, path, rule: RULES[rule], size, bytes: inPatch, copied, literal, commands,
       count: 1, whole: RULES[rule] === 'copy' ? inPatch : 0, share: size ? literal / size : 0 };
-    if (inPatch > 0) {
+    if (inPatch > 0)
       parent.items.push(file);
-      for (let folder = parent; folder; folder = folder.parent)
-        addTo(folder, file);
-    }
+    for (let folder = parent; folder && file.rule !== 'delete'; folder = folder.parent)
+      addTo(folder, file);
     return file;
   });
 
@@ -137,8 +136,8 @@
       return 'This patch has no rules: it changes nothing.';
     if (made === 0)
       return `This patch deletes ${counted(deleted, 'file')} and brings none.`;
-    return `${bytes(root.bytes)} bring players ${counted(made, 'file')} of ${bytes(size)}`
-      + (deleted ? ` and delete ${number(deleted)}.` : '.');
+    return `A patch of ${bytes(root.bytes)} for ${counted(made, 'new or changed file')} of ${bytes(size)}`
+      + (deleted ? `; ${counted(deleted, 'file')} ${deleted === 1 ? 'is' : 'are'} deleted.` : '.');
   }
 
   function drawSums() {
@@ -153,13 +152,15 @@
       make('div', { className: 'what' }, what), make('div', { className: 'much' }, much),
       make('div', { className: 'more' }, more));
     byId('cards').append(
-      card('all', 'The whole patch', bytes(root.bytes), `${percent(root.bytes, size)} of the new files`),
+      card('all', 'The whole patch', bytes(root.bytes), size ? `${percent(root.bytes, size)} of the new files` : 'no new files'),
       card('patch', 'Deltas of changed files', bytes(sum(patched, 'bytes')),
         `${counted(patched.length, 'file')} of ${bytes(sum(patched, 'size'))}`),
       card('copy', 'New files, whole', bytes(sum(copied, 'bytes')), counted(copied.length, 'file')),
-      card('delete', 'Deleted', number(deleted.length), deleted.length === 1 ? 'file' : 'files'));
+      card('delete', 'Deleted', counted(deleted.length, 'file'), 'no longer in the build'));
 
     byId('sources').hidden = size === 0;
+    byId('places').hidden = root.bytes === 0;
+    byId('files').hidden = files.length === 0;
     for (const [kind, text, much] of [
       ['old', 'taken from the old files', sum(patched, 'copied')],
       ['literal', 'new bytes in deltas', sum(patched, 'literal')],
@@ -172,7 +173,9 @@
       byId('bar-keys').append(make('li', {}, make('span', { className: 'swatch ' + kind }),
         make('span', {}, text + ' ', make('b', {}, bytes(much)), ` ${percent(much, size)}`)));
     }
-    byId('made').textContent = `Written by ${data.program}. Sizes are those of the files in the patch folder.`;
+    byId('kind').textContent = `Patch, looked at on ${data.date}`;
+    byId('made').textContent = `Written on ${data.date} by ${data.program}. `
+      + 'Sizes are those of the files in the patch folder.';
   }
 
   /* ---- The map ---- */
@@ -332,8 +335,7 @@
     if (view.bytes > 0) {
       drawItems(view, { x: 0, y: 0, w: map.clientWidth, h: map.clientHeight }, 0);
     } else {
-      map.append(make('div', { className: 'nothing' },
-        files.length === 0 ? 'Nothing to see: the patch is empty.' : 'Nothing to see: no bytes, only files to delete.'));
+      map.append(make('div', { className: 'nothing' }, 'Nothing to see: no bytes, only files to delete.'));
     }
     dimTiles();
   }

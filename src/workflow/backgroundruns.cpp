@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: MIT
+#include "backgroundruns.h"
+
+#include <QtConcurrent>
+
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace Pellox {
+
+namespace {
+
+/// Nothing may leave a thread of the pool: it would end the process, or reach whoever waits.
+void callSafely(const std::function<void()> &function)
+{
+    try {
+        function();
+    } catch (...) { // NOLINT(bugprone-empty-catch): there is nobody left to tell it to
+    }
+}
+
+} // namespace
+
+BackgroundRuns::BackgroundRuns(std::function<void()> tellEnd)
+    : m_tellEnd(std::move(tellEnd))
+{
+}
+
+bool BackgroundRuns::start(std::function<void()> run)
+{
+    const std::lock_guard lock(m_mutex);
+    if (isTaken())
+        return false;
+    m_isCancelled = false;
+    m_next = std::move(run);
+    return m_state == State::Telling || startThread();
+}
+
+/// Called with the lock held, as isTaken() is.
+bool BackgroundRuns::startThread()
+{
+    m_thread.waitForFinished(); // it has nothing left to do but to return
+    try {
+        m_thread = QtConcurrent::run([this] { work(); });
+        m_state = State::Working;
+    } catch (const std::exception &) {
+        m_next = nullptr;
+    }
+    return m_state == State::Working;
+}
+
+bool BackgroundRuns::block(const std::function<void()> &run)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (isTaken())
+            return false;
+        m_isCancelled = false;
+        m_isBlocking = true;
+    }
+    callSafely(run);
+    const std::lock_guard lock(m_mutex);
+    m_isBlocking = false;
+    return true;
+}
+
+bool BackgroundRuns::isTaken() const
+{
+    return m_isStopped || m_isBlocking || m_state == State::Working || m_next;
+}
+
+bool BackgroundRuns::isUnderWay() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_isBlocking || m_state == State::Working || m_next;
+}
+
+void BackgroundRuns::stop()
+{
+    QFuture<void> thread;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isStopped = true;
+        m_isCancelled = true;
+        thread = m_thread;
+    }
+    thread.waitForFinished();
+}
+
+/// What the thread does.
+void BackgroundRuns::work()
+{
+    do {
+        std::function<void()> run;
+        {
+            const std::lock_guard lock(m_mutex);
+            run.swap(m_next);
+            m_state = State::Working;
+        }
+        callSafely(run);
+        enter(State::Telling);
+        callSafely(m_tellEnd);
+    } while (!isLast());
+}
+
+void BackgroundRuns::enter(State state)
+{
+    const std::lock_guard lock(m_mutex);
+    m_state = state;
+}
+
+/// Whether no run has been started meanwhile.
+bool BackgroundRuns::isLast()
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_next)
+        m_state = State::Idle;
+    return !m_next;
+}
+
+UpdateProblem problemOfException(const QString &build)
+{
+    using Code = UpdateProblem::Code;
+    const UpdateProblem noMemory{Code::NoMemory, build, QStringLiteral("out of memory")};
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        return noMemory;
+    } catch (const std::length_error &) { // of a container that became too large
+        return noMemory;
+    } catch (const std::exception &exception) {
+        return {Code::ReadOrWrite, build, QString::fromLocal8Bit(exception.what())};
+    } catch (...) {
+        return {Code::ReadOrWrite, build, QStringLiteral("an unknown error has occurred")};
+    }
+}
+
+} // namespace Pellox

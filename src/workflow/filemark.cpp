@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+#include "filemark.h"
+
+#include "digest.h"
+
+#include <QJsonValue>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+namespace Pellox {
+
+namespace {
+
+const QString SizeMember = QStringLiteral("size");
+const QString Sha512Member = QStringLiteral("sha512");
+const QString ModifiedMember = QStringLiteral("modified");
+
+qint64 modifiedOf(const struct stat &status)
+{
+    constexpr qint64 NanosecondsPerSecond = 1000LL * 1000 * 1000;
+    return status.st_mtim.tv_sec * NanosecondsPerSecond + status.st_mtim.tv_nsec;
+}
+
+/// Nothing when it cannot be read.
+std::optional<Sha512> sha512Of(InputFile &file)
+{
+    constexpr qint64 PartSize = 1 << 20;
+    Digest digest(QCryptographicHash::Sha512);
+    std::vector<uchar> part(static_cast<std::size_t>(std::min(PartSize, file.size())));
+    for (qint64 at = 0; at < file.size(); at += PartSize) {
+        const qint64 size = std::min(PartSize, file.size() - at);
+        if (!file.readAt(at, part.data(), size))
+            return {};
+        digest.add(reinterpret_cast<const char *>(part.data()), size);
+    }
+    return Sha512::fromDigest(digest.finish());
+}
+
+} // namespace
+
+FileMark FileMark::of(const Standing &standing)
+{
+    if (!standing.isFile())
+        return {};
+    return {standing.status->st_size, std::nullopt, modifiedOf(*standing.status)};
+}
+
+bool FileMark::fits(const Standing &standing) const
+{
+    return standing.isFile() && standing.status->st_size == size
+        && (!modified || modifiedOf(*standing.status) == *modified);
+}
+
+/// The time is a text: numbers in JSON are not exact to the nanosecond.
+QJsonObject FileMark::toJson() const
+{
+    QJsonObject object{{SizeMember, size}};
+    if (sha512)
+        object.insert(Sha512Member, sha512->toText());
+    if (modified)
+        object.insert(ModifiedMember, QString::number(*modified));
+    return object;
+}
+
+std::optional<FileMark> FileMark::fromJson(const QJsonObject &object)
+{
+    constexpr double NoSize = -2;
+    constexpr double LargestSize = 1LL << 53;
+    const double size = object.value(SizeMember).toDouble(NoSize);
+    if (!(size >= -1 && size <= LargestSize))
+        return {};
+    FileMark mark;
+    mark.size = static_cast<qint64>(size);
+    bool isGood = true;
+    if (object.contains(Sha512Member)) {
+        mark.sha512 = Sha512::fromText(object.value(Sha512Member).toString());
+        isGood = mark.sha512.has_value();
+    }
+    bool isNumber = true;
+    if (object.contains(ModifiedMember))
+        mark.modified = object.value(ModifiedMember).toString().toLongLong(&isNumber);
+    return isGood && isNumber ? std::optional(mark) : std::nullopt;
+}
+
+std::optional<bool> isThere(
+    BuildFiles &files, const QString &path, const FileMark &mark, FileError *error)
+{
+    const Standing standing = files.look(path);
+    if (standing.error != 0) {
+        errno = standing.error;
+        *error = files.error(path, "cannot be looked at: ");
+        return {};
+    }
+    if (!mark.fits(standing) || !mark.sha512)
+        return mark.fits(standing);
+    InputFile file;
+    if (!files.open(path, &file)) {
+        *error = file.error();
+        return {};
+    }
+    const auto sha512 = sha512Of(file);
+    if (sha512 || file.error().system == 0)
+        return sha512 == mark.sha512; // else it is changed this very moment
+    *error = file.error();
+    return {};
+}
+
+} // namespace Pellox

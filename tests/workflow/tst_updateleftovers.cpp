@@ -1,0 +1,580 @@
+// SPDX-License-Identifier: MIT
+#include "faultrun.h"
+#include "logcapture.h"
+#include "updatescenario.h"
+
+#include <Pellox/UpdateProblem>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QtTest>
+
+#include <cerrno>
+#include <functional>
+#include <optional>
+
+using Pellox::UpdateController;
+using Phase = UpdateController::UpdatePhase;
+using Result = UpdateController::UpdateResult;
+using Code = Pellox::UpdateProblem::Code;
+using Change = std::function<void(const TestTree &tree, const QString &path)>;
+
+Q_DECLARE_METATYPE(Change)
+
+namespace {
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
+constexpr int FirstResult = 10; ///< status of updatecall
+
+/// With bytes that are not what they were, and its time set back.
+void spoil(const TestTree &tree, const QString &path)
+{
+    QFile file(tree.path(path));
+    const QDateTime time = QFileInfo(file).lastModified();
+    QVERIFY(file.open(QIODevice::ReadWrite) && file.putChar('#') && file.flush());
+    QVERIFY(file.setFileTime(time, QFileDevice::FileModificationTime));
+}
+
+void append(const TestTree &tree, const QString &path)
+{
+    tree.write(path, tree.read(path) + "more");
+}
+
+void takeAway(const TestTree &tree, const QString &path)
+{
+    tree.remove(path);
+}
+
+void touch(const TestTree &tree, const QString &path)
+{
+    QFile file(tree.path(path));
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QVERIFY(file.setFileTime(
+        QDateTime::fromSecsSinceEpoch(1000000000), QFileDevice::FileModificationTime));
+}
+
+} // namespace
+
+/// Between a run that was interrupted and the one that finishes it somebody has been at the build.
+class tst_UpdateLeftovers : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase() { m_scenario.reset(); }
+    void init();
+    void cleanup();
+
+    void lostContentIsTold_data();
+    void lostContentIsTold();
+    void lostContentIsMadeAgain_data();
+    void lostContentIsMadeAgain();
+    void lostContentIsRepaired();
+    void otherPatchTellsOfLostContent();
+    void buildWithLostContentIsNoRelease();
+    void lostContentDoesNotForgetWhatIsKept();
+    void otherVersionsAreRefused();
+    void journalThatCannotBeSeen_data();
+    void journalThatCannotBeSeen();
+    void keptFilesAreCheckedFirst_data();
+    void keptFilesAreCheckedFirst();
+    void keptFileThatIsSpoiledMeanwhileStays();
+    void rollbackGoesOn();
+    void repairForgetsNothing();
+    void fileThatCameBackStays_data();
+    void fileThatCameBackStays();
+    void changedFileIsNotDeleted();
+    void linkOnTheWay_data();
+    void linkOnTheWay();
+    void linkThatComesWhileItStages();
+    void buildThatIsMovedIsFinished();
+
+private:
+    QString build(const QString &path) const
+    {
+        return m_scenario->build() + QLatin1Char('/') + path;
+    }
+    const TestTree &tree() const { return m_scenario->tree(); }
+    FaultRun run(const QString &command, const Faults &faults) const;
+    void repair() const;
+    void killBeforeItPlaces(const QString &command = "update"_s);
+    QString stagedPath(const QString &path) const;
+    void changeJournal(const std::function<void(QJsonObject &)> &change) const;
+    void verifyAllIsNewBut(const QString &path) const;
+
+    std::optional<LogCapture> m_log;
+    std::optional<UpdateScenario> m_scenario;
+};
+
+void tst_UpdateLeftovers::initTestCase()
+{
+    useMemoryForFiles();
+    m_scenario.emplace();
+}
+
+void tst_UpdateLeftovers::init()
+{
+    m_log.emplace();
+    m_scenario->lay();
+    if (tree().exists("outside"_s))
+        tree().remove("outside"_s);
+}
+
+void tst_UpdateLeftovers::cleanup()
+{
+    QCOMPARE(m_log->troubleLeft(), QStringList());
+    m_log.reset();
+}
+
+FaultRun tst_UpdateLeftovers::run(const QString &command, const Faults &faults) const
+{
+    QStringList arguments{"1"_s, command, m_scenario->build()};
+    if (command.startsWith("update"_s))
+        arguments.append(m_scenario->patch());
+    return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM), arguments, faults);
+}
+
+/// From the new build.
+void tst_UpdateLeftovers::repair() const
+{
+    const FaultRun repair = runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, "repair"_s, m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild()},
+        {});
+    QCOMPARE(repair.output, QByteArray());
+    QCOMPARE(repair.status, 0);
+}
+
+/// With its journal on the disk and nothing done yet.
+void tst_UpdateLeftovers::killBeforeItPlaces(const QString &command)
+{
+    const QStringList calls = run(command, {m_scenario->build(), "rename"}).calls;
+    const int journal = calls.indexOf("rename "_s + build(".pellox/journal"_s));
+    QVERIFY(journal >= 0 && journal + 1 < calls.size());
+    m_scenario->lay();
+    QVERIFY(
+        run(command, {m_scenario->build(), "rename", journal + 2, "kill", false, true}).crashed);
+    QVERIFY(m_scenario->hasJournal());
+    QVERIFY(m_scenario->isOld());
+}
+
+/// Where the new content of @p path waits; relative to the tree.
+QString tst_UpdateLeftovers::stagedPath(const QString &path) const
+{
+    const QByteArray journal = tree().read("build/.pellox/journal"_s);
+    const QJsonObject object
+        = QJsonDocument::fromJson(journal.left(journal.indexOf('\n'))).object();
+    for (const QString &part : {"first"_s, "last"_s}) {
+        for (const QJsonValue &entry : object.value(part).toArray()) {
+            if (entry[1].toString() == QLatin1Char('/') + path)
+                return "build"_s + entry[0].toString();
+        }
+    }
+    return QString();
+}
+
+/// Its checksum follows.
+void tst_UpdateLeftovers::changeJournal(const std::function<void(QJsonObject &)> &change) const
+{
+    const QByteArray journal = tree().read("build/.pellox/journal"_s);
+    QJsonObject object = QJsonDocument::fromJson(journal.left(journal.indexOf('\n'))).object();
+    change(object);
+    const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+    const QByteArray sum = QCryptographicHash::hash(line, QCryptographicHash::Sha512).toHex();
+    tree().write("build/.pellox/journal"_s, line + sum + '\n');
+}
+
+/// @p path is as it was before.
+void tst_UpdateLeftovers::verifyAllIsNewBut(const QString &path) const
+{
+    for (auto file = m_scenario->newFiles().cbegin(); file != m_scenario->newFiles().cend();
+         ++file) {
+        if (file.key() != path)
+            QVERIFY2(tree().read("build/"_s + file.key()) == file->content, qPrintable(file.key()));
+    }
+    const auto &old = m_scenario->oldFiles();
+    QCOMPARE(QFileInfo::exists(build(path)), old.contains(path));
+    if (old.contains(path))
+        QCOMPARE(tree().read("build/"_s + path), old.value(path).content);
+    QVERIFY(!QFileInfo::exists(build("gone"_s)));
+}
+
+void tst_UpdateLeftovers::lostContentIsTold_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<Change>("change");
+    const QString replaced = "data/changed"_s;
+    const QString added = "added/deep/program"_s;
+    const QString last = "file to folder/inside"_s;
+    QTest::newRow("replaced, gone") << replaced << Change(takeAway);
+    QTest::newRow("replaced, other bytes") << replaced << Change(spoil);
+    QTest::newRow("replaced, longer") << replaced << Change(append);
+    QTest::newRow("copied, other bytes") << "data/taken whole"_s << Change(spoil);
+    QTest::newRow("added, gone") << added << Change(takeAway);
+    QTest::newRow("added, other bytes") << added << Change(spoil);
+    QTest::newRow("of the last, gone") << last << Change(takeAway);
+    QTest::newRow("of the last, longer") << last << Change(append);
+}
+
+/// Recovery finishes all else, and says which file is not what it should be.
+void tst_UpdateLeftovers::lostContentIsTold()
+{
+    QFETCH(QString, path);
+    QFETCH(Change, change);
+    killBeforeItPlaces();
+    const QString staged = stagedPath(path);
+    QVERIFY(tree().exists(staged));
+    change(tree(), staged);
+
+    const UpdateOutcome outcome = m_scenario->recover();
+    QCOMPARE(outcome.result, Result::Failed);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().code, Code::DamagedInstall);
+    QCOMPARE(outcome.problems.first().file, build(path));
+    verifyAllIsNewBut(path);
+    QVERIFY(!tree().exists(staged));
+    QVERIFY(!m_scenario->hasJournal());
+    QCOMPARE(m_scenario->touchedFile(), QString());
+
+    QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateLeftovers::lostContentIsMadeAgain_data()
+{
+    lostContentIsTold_data();
+}
+
+/// An update that brings the file anyway has nothing to complain of.
+void tst_UpdateLeftovers::lostContentIsMadeAgain()
+{
+    QFETCH(QString, path);
+    QFETCH(Change, change);
+    killBeforeItPlaces();
+    change(tree(), stagedPath(path));
+    const UpdateOutcome outcome = m_scenario->update();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+    QCOMPARE(m_scenario->touchedFile(), QString());
+}
+
+void tst_UpdateLeftovers::lostContentIsRepaired()
+{
+    killBeforeItPlaces();
+    tree().remove(stagedPath("data/changed"_s));
+    repair();
+    QVERIFY(!m_scenario->hasJournal());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// One that does not name the file would end with a build that is no release, and say nothing.
+void tst_UpdateLeftovers::otherPatchTellsOfLostContent()
+{
+    killBeforeItPlaces();
+    tree().remove(stagedPath("data/changed"_s));
+    tree().write(
+        "other patch/patchRules.json"_s, "[{\"rule\": \"copy\", \"relative_path\": \"/brought\"}]");
+    tree().write("other patch/brought"_s, "content");
+    const auto update = [this] {
+        return outcomeOf([this](UpdateController &updater) {
+            updater.setSynced(false);
+            return updater.update(m_scenario->build(), tree().path("other patch"_s));
+        });
+    };
+    const UpdateOutcome outcome = update();
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().file, build("data/changed"_s));
+    QVERIFY(!QFileInfo::exists(build("brought"_s)));
+    verifyAllIsNewBut("data/changed"_s);
+    QCOMPARE(update().result, Result::Updated); // it has been told
+}
+
+void tst_UpdateLeftovers::buildWithLostContentIsNoRelease()
+{
+    const QJsonObject release{{"release"_s, 7}, {"build"_s, QString(128, QLatin1Char('a'))}};
+    for (const bool lost : {false, true}) {
+        m_scenario->lay();
+        killBeforeItPlaces();
+        changeJournal([&](QJsonObject &journal) { journal.insert("release"_s, release); });
+        tree().write("build/.pellox/release"_s, "that of before");
+        if (lost)
+            tree().remove(stagedPath("data/changed"_s));
+        QCOMPARE(m_scenario->recover().result, lost ? Result::Failed : Result::Updated);
+        QCOMPARE(tree().exists("build/.pellox/release"_s), !lost);
+        if (!lost)
+            QVERIFY(tree().read("build/.pellox/release"_s).contains("7"));
+    }
+}
+
+/// The way back is still open, and it is whole.
+void tst_UpdateLeftovers::lostContentDoesNotForgetWhatIsKept()
+{
+    killBeforeItPlaces("update-keeping"_s);
+    tree().remove(stagedPath("data/changed"_s));
+    QCOMPARE(m_scenario->recover().result, Result::Failed);
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+void tst_UpdateLeftovers::otherVersionsAreRefused()
+{
+    killBeforeItPlaces();
+    changeJournal([](QJsonObject &journal) { journal.insert("version"_s, 1); });
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const UpdateOutcome outcome = m_scenario->update();
+    QCOMPARE(outcome.result, Result::Interrupted);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().code, Code::DamagedJournal);
+    QVERIFY2(outcome.errors.first().contains("version 1"_s), qPrintable(outcome.errors.first()));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_UpdateLeftovers::journalThatCannotBeSeen_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("error");
+    for (const char *command : {"update", "recover", "rollback"}) {
+        QTest::addRow("%s, EACCES", command) << QString::fromLatin1(command) << EACCES;
+        QTest::addRow("%s, EIO", command) << QString::fromLatin1(command) << EIO;
+    }
+}
+
+/// What is staged may be the only new content there is.
+void tst_UpdateLeftovers::journalThatCannotBeSeen()
+{
+    QFETCH(QString, command);
+    QFETCH(int, error);
+    killBeforeItPlaces();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const QString journal = build(".pellox/journal"_s);
+    const FaultRun blind
+        = run(command, {journal, "look", 1, QByteArray::number(error), true, true});
+    QVERIFY(!blind.calls.isEmpty());
+    QCOMPARE(blind.status, FirstResult + static_cast<int>(Result::Interrupted));
+    QVERIFY2(blind.output.startsWith(journal.toLocal8Bit() + ": "), blind.output.constData());
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateLeftovers::keptFilesAreCheckedFirst_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<Change>("change");
+    for (const QString &path : {"data/changed"_s, "gone"_s, "folder to file/sub/two"_s}) {
+        QTest::newRow(qPrintable(path + ", gone"_s)) << path << Change(takeAway);
+        QTest::newRow(qPrintable(path + ", longer"_s)) << path << Change(append);
+        QTest::newRow(qPrintable(path + ", touched"_s)) << path << Change(touch);
+    }
+}
+
+void tst_UpdateLeftovers::keptFilesAreCheckedFirst()
+{
+    QFETCH(QString, path);
+    QFETCH(Change, change);
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    const QString kept = ".pellox/previous/"_s + path;
+    change(tree(), "build/"_s + kept);
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().code, Code::DamagedKept);
+    QCOMPARE(outcome.problems.first().file, build(kept));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    QVERIFY(m_scenario->discardPrevious());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// It may be the only copy, so that it is neither placed nor thrown away.
+void tst_UpdateLeftovers::keptFileThatIsSpoiledMeanwhileStays()
+{
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    const Faults killed{m_scenario->build(), "rename", 2, "kill", false, true};
+    QVERIFY(run("rollback"_s, killed).crashed);
+    QVERIFY(m_scenario->hasJournal());
+    const QString kept = ".pellox/previous/game.exe"_s;
+    QVERIFY(tree().exists("build/"_s + kept));
+    append(tree(), "build/"_s + kept);
+    const QByteArray content = tree().read("build/"_s + kept);
+
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.result, Result::Failed);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().code, Code::DamagedInstall);
+    QCOMPARE(outcome.problems.first().file, build("game.exe"_s));
+    QCOMPARE(tree().read("build/"_s + kept), content);
+    QCOMPARE(tree().read("build/game.exe"_s), m_scenario->newFiles().value("game.exe"_s).content);
+    QCOMPARE(tree().read("build/gone"_s), m_scenario->oldFiles().value("gone"_s).content);
+    QVERIFY(!m_scenario->hasJournal());
+}
+
+/// Not that nothing is kept: what was kept has just been brought back.
+void tst_UpdateLeftovers::rollbackGoesOn()
+{
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    const Faults killed{m_scenario->build(), "rename", 3, "kill", false, true};
+    QVERIFY(run("rollback"_s, killed).crashed);
+    QVERIFY(m_scenario->hasJournal());
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+/// What is kept is the build before, whatever happens to this one's files.
+void tst_UpdateLeftovers::repairForgetsNothing()
+{
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    tree().write("build/game.exe"_s, "damaged");
+    repair();
+    QCOMPARE(tree().read("build/game.exe"_s), m_scenario->newFiles().value("game.exe"_s).content);
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QVERIFY(m_scenario->isOld());
+}
+
+void tst_UpdateLeftovers::fileThatCameBackStays_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("update") << "update"_s;
+    QTest::newRow("update that keeps") << "update-keeping"_s;
+}
+
+/// The game has been started meanwhile and has made a file of a name that was deleted.
+void tst_UpdateLeftovers::fileThatCameBackStays()
+{
+    QFETCH(QString, command);
+    const Faults killed{build(".pellox/journal"_s), "remove", 1, "kill", false, true};
+    QVERIFY(run(command, killed).crashed);
+    QVERIFY(!QFileInfo::exists(build("gone"_s)));
+    tree().write("build/gone"_s, "made anew");
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QVERIFY(tree().exists("build/gone"_s));
+    QCOMPARE(tree().read("build/gone"_s), QByteArray("made anew"));
+    if (command != "update-keeping"_s)
+        return;
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+void tst_UpdateLeftovers::changedFileIsNotDeleted()
+{
+    killBeforeItPlaces();
+    append(tree(), "build/gone"_s);
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QVERIFY(tree().exists("build/gone"_s));
+    QCOMPARE(tree().read("build/gone"_s), m_scenario->oldFiles().value("gone"_s).content + "more");
+}
+
+void tst_UpdateLeftovers::linkOnTheWay_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("folder");
+    for (const char *command : {"update", "update-keeping"}) {
+        for (const char *folder : {"data", "saves", "left empty", ".pellox"})
+            QTest::addRow("%s, %s", command, folder)
+                << QString::fromLatin1(command) << QString::fromLatin1(folder);
+    }
+}
+
+/// Somebody has put a link in the place of a folder: nothing behind it is touched.
+void tst_UpdateLeftovers::linkOnTheWay()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, folder);
+    killBeforeItPlaces(command);
+    tree().makeFolder("outside"_s);
+    const QString moved = tree().path("outside/folder"_s);
+    QVERIFY(QDir().rename(build(folder), moved));
+    tree().link("build/"_s + folder, moved);
+    const auto outside = TestTree::snapshot(moved);
+
+    const UpdateOutcome outcome = m_scenario->recover();
+    QCOMPARE(outcome.result, Result::Interrupted);
+    QCOMPARE(outcome.errors.size(), 1);
+    QVERIFY2(outcome.errors.first().startsWith(build(folder) + QLatin1Char('/')),
+        qPrintable(outcome.errors.first()));
+    QVERIFY2(outcome.errors.first().contains("link"_s), qPrintable(outcome.errors.first()));
+    QCOMPARE(TestTree::snapshot(moved), outside);
+
+    tree().remove("build/"_s + folder);
+    QVERIFY(QDir().rename(moved, build(folder)));
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QVERIFY(command != "update-keeping"_s || m_scenario->discardPrevious());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// After the check and before the commit.
+void tst_UpdateLeftovers::linkThatComesWhileItStages()
+{
+    const QString moved = tree().path("outside/saves"_s);
+    tree().makeFolder("outside"_s);
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setSynced(false);
+        updater.setThreadCount(1);
+        QObject::connect(
+            &updater, &UpdateController::fileStaged, &updater,
+            [&] {
+                if (QDir().rename(build("saves"_s), moved))
+                    tree().link("build/saves"_s, moved);
+            },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->patch());
+    });
+    QVERIFY(QFileInfo(build("saves"_s)).isSymLink());
+    QVERIFY(outcome.result == Result::Interrupted || outcome.result == Result::Failed);
+    QVERIFY2(outcome.errors.join(QLatin1Char(';')).contains(build("saves/"_s)),
+        qPrintable(outcome.errors.join(QLatin1Char(';'))));
+    QCOMPARE(
+        tree().read("outside/saves/gone"_s), m_scenario->oldFiles().value("saves/gone"_s).content);
+
+    tree().remove("build/saves"_s);
+    QVERIFY(QDir().rename(moved, build("saves"_s)));
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// The build gets another path just before the commit begins.
+void tst_UpdateLeftovers::buildThatIsMovedIsFinished()
+{
+    const QString moved = tree().path("outside/build"_s);
+    tree().makeFolder("outside"_s);
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        QObject::connect(
+            &updater, &UpdateController::phaseChanged, &updater,
+            [&](Phase phase) {
+                if (phase == Phase::Committing)
+                    QDir().rename(m_scenario->build(), moved);
+            },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->patch());
+    });
+    QVERIFY(!QFileInfo::exists(m_scenario->build()));
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QVERIFY(QDir().rename(moved, m_scenario->build()));
+    m_scenario->removeEmptyWorkFolder();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+QTEST_GUILESS_MAIN(tst_UpdateLeftovers)
+
+#include "tst_updateleftovers.moc"

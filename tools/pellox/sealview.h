@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+#include <map>
+#include <optional>
+
+class Console;
+
+/// The name of a patch's seal, directly in its folder.
+extern const QString SealFile;
+
+/**
+ * What the seal of a patch says, whoever has made it: for people to look at, and to compare the
+ * patch with. Whether a trusted key has signed it only PatchSeal::signersOf() tells.
+ */
+class SealView
+{
+public:
+    /// Of the seal in folder @p patch; nothing when there is none. Throws Refusal when it is no
+    /// seal.
+    static std::optional<SealView> read(const QString &patch);
+
+    qint64 release() const { return m_release; }
+    int keys() const { return m_keys; }
+    /// How many files the patch has besides its seal.
+    int files() const { return static_cast<int>(m_files.size()); }
+    qint64 size() const; ///< theirs, in bytes
+    /// Their paths relative to the patch, in ascending order.
+    QStringList paths() const;
+
+    struct Difference
+    {
+        QString path; ///< absolute
+        QString reason;
+    };
+    using Differences = QVector<Difference>;
+
+    /// What tells the files of @p patch from those that were sealed without reading them, by path:
+    /// names and sizes. Hidden files that the seal does not name do not count.
+    Differences differences() const;
+    /// The same, and which of the others have another content. @p progress gets the bytes read.
+    Differences allDifferences(const std::function<void(qint64 done)> &progress) const;
+
+private:
+    struct File
+    {
+        qint64 size;
+        QByteArray sha512; ///< in hexadecimal digits
+    };
+
+    QString reasonOf(const QString &path, const File &file) const;
+
+    QString m_patch;
+    qint64 m_release = 0;
+    int m_keys = 0;
+    std::map<QString, File> m_files; ///< by relative path, with a separator in front
+};
