@@ -21,19 +21,6 @@ std::optional<TestTree> tree;
 QString folder;
 QString manifest;
 
-QString nameOf(UpdateRule::Kind kind)
-{
-    switch (kind) {
-    case UpdateRule::Kind::Patch:
-        return PATCH_RULE;
-    case UpdateRule::Kind::Copy:
-        return COPY_RULE;
-    case UpdateRule::Kind::Delete:
-        break;
-    }
-    return DELETE_RULE;
-}
-
 std::optional<std::vector<UpdateRule>> read(const QString &path)
 {
     QStringList errors;

@@ -232,7 +232,7 @@ bool Commit::settleRelease()
 {
     FileError error;
     const bool settled = m_journal.release && m_lost.isEmpty()
-        ? m_journal.release->write(m_files, &error)
+        ? m_journal.release->write(m_files, false, &error)
         : InstalledRelease::remove(m_files, &error);
     if (!settled)
         m_error = error;

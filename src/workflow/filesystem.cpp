@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "filesystem.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <cerrno>
 #include <cstdio>
@@ -45,24 +43,6 @@ bool renameFile(const QString &from, const QString &to)
 bool removeFile(const QString &path)
 {
     return ::unlink(QFile::encodeName(path).constData()) == 0 || errno == ENOENT;
-}
-
-bool makeFolders(const QString &path)
-{
-    constexpr mode_t All = 0777; // less what the user's mask takes away
-    const auto make
-        = [&] { return ::mkdir(QFile::encodeName(path).constData(), All) == 0 || errno == EEXIST; };
-    const bool made = make() || (errno == ENOENT && makeFolders(QFileInfo(path).path()) && make());
-    return made && isFolder(path);
-}
-
-bool removeEmptyFolders(const QString &path)
-{
-    const auto entries
-        = QDir(path).entryList(QDir::Dirs | QDir::Hidden | QDir::NoSymLinks | QDir::NoDotAndDotDot);
-    for (const QString &name : entries)
-        removeEmptyFolders(path + QLatin1Char('/') + name);
-    return ::rmdir(QFile::encodeName(path).constData()) == 0;
 }
 
 } // namespace Pellox

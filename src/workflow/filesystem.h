@@ -23,9 +23,5 @@ bool isFolder(const QString &path);
 bool renameFile(const QString &from, const QString &to);
 /// True also when there was none.
 bool removeFile(const QString &path);
-/// @p path and those above it, as far as they are missing.
-bool makeFolders(const QString &path);
-/// Removes @p path when it holds nothing but folders, down to the last.
-bool removeEmptyFolders(const QString &path);
 
 } // namespace Pellox

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "installedrelease.h"
 
-#include "filesystem.h"
 #include "sealfile.h"
 #include "wholefile.h"
 #include "workfolder.h"
@@ -9,7 +8,6 @@
 #include <QJsonDocument>
 
 #include <cerrno>
-
 #include <cmath>
 
 namespace Pellox {
@@ -69,38 +67,19 @@ std::optional<InstalledRelease> InstalledRelease::take(
     return release;
 }
 
-bool InstalledRelease::write(const QString &folder, FileError *error) const
+bool InstalledRelease::write(BuildFiles &files, bool syncs, FileError *error) const
 {
-    const QString path = folder + WorkFolder::Release;
-    const QString unfinished = folder + WorkFolder::NewRelease;
-    removeFile(unfinished);
-    if (!writeWhole(unfinished, bytes(), false, error))
-        return false;
-    if (!renameFile(unfinished, path))
-        *error = FileError::ofSystem(path, "cannot be written: ");
-    return error->isEmpty();
-}
-
-bool InstalledRelease::remove(const QString &folder, FileError *error)
-{
-    const QString path = folder + WorkFolder::Release;
-    if (!removeFile(path))
-        *error = FileError::ofSystem(path, "cannot be removed: ");
-    return error->isEmpty();
-}
-
-QByteArray InstalledRelease::bytes() const
-{
-    return QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
-}
-
-bool InstalledRelease::write(BuildFiles &files, FileError *error) const
-{
-    files.removeFile(WorkFolder::NewRelease); // if it stays, the file cannot be made
-    if (!writeWhole(files, WorkFolder::NewRelease, bytes(), false, error))
-        return false;
-    if (!files.rename(WorkFolder::NewRelease, WorkFolder::Release))
-        *error = files.error(WorkFolder::Release, "cannot be written: ");
+    const QByteArray json = QJsonDocument(toJson()).toJson(QJsonDocument::Compact);
+    if (!files.removeFile(WorkFolder::NewRelease)) {
+        *error = files.error(WorkFolder::NewRelease, "cannot be removed: ");
+    } else if (writeWhole(files, WorkFolder::NewRelease, json, syncs, error)) {
+        if (!files.rename(WorkFolder::NewRelease, WorkFolder::Release))
+            *error = files.error(WorkFolder::Release, "cannot be written: ");
+        else if (syncs && !files.sync())
+            *error = files.error(WorkFolder::Release, "cannot be synced: ");
+    }
+    if (!error->isEmpty())
+        files.removeFile(WorkFolder::NewRelease);
     return error->isEmpty();
 }
 

@@ -27,15 +27,13 @@ struct InstalledRelease
     /// read or understood.
     static std::optional<InstalledRelease> read(const QString &folder, FileError *error);
     static std::optional<InstalledRelease> read(BuildFiles &files, FileError *error);
-    /// Writes it in one step. False with @p error.
-    bool write(const QString &folder, FileError *error) const;
-    bool write(BuildFiles &files, FileError *error) const;
+    /// Writes it in one step; @p syncs: of which a power cut leaves nothing or all, and waits until
+    /// it is on the disk. False with @p error.
+    bool write(BuildFiles &files, bool syncs, FileError *error) const;
     /// True also when there was none.
-    static bool remove(const QString &folder, FileError *error);
     static bool remove(BuildFiles &files, FileError *error);
 
 private:
-    QByteArray bytes() const;
     static std::optional<InstalledRelease> take(InputFile &file, bool isOpen, FileError *error);
 };
 

@@ -131,17 +131,6 @@ QString problemOfName(const QString &name)
     return {};
 }
 
-std::optional<UpdateRule::Kind> kindOf(const QString &name)
-{
-    if (name == PATCH_RULE)
-        return UpdateRule::Kind::Patch;
-    if (name == COPY_RULE)
-        return UpdateRule::Kind::Copy;
-    if (name == DELETE_RULE)
-        return UpdateRule::Kind::Delete;
-    return {};
-}
-
 /// Of a text from outside, which may be of any length.
 QString beginOf(const QString &path)
 {
@@ -184,6 +173,30 @@ QString problemOfRecord(const QJsonValue &record, UpdateRule *rule)
 }
 
 } // namespace
+
+QString nameOf(UpdateRule::Kind kind)
+{
+    switch (kind) {
+    case UpdateRule::Kind::Patch:
+        return PATCH_RULE;
+    case UpdateRule::Kind::Copy:
+        return COPY_RULE;
+    case UpdateRule::Kind::Delete:
+        break;
+    }
+    return DELETE_RULE;
+}
+
+std::optional<UpdateRule::Kind> kindOf(const QString &name)
+{
+    if (name == PATCH_RULE)
+        return UpdateRule::Kind::Patch;
+    if (name == COPY_RULE)
+        return UpdateRule::Kind::Copy;
+    if (name == DELETE_RULE)
+        return UpdateRule::Kind::Delete;
+    return {};
+}
 
 QString problemOfPath(const QString &path)
 {

@@ -25,6 +25,10 @@ struct UpdateRule
     Sha512 oldSha512; ///< of what a patch is for; under a seal
 };
 
+/// As manifests and seals name it.
+QString nameOf(UpdateRule::Kind kind);
+std::optional<UpdateRule::Kind> kindOf(const QString &name);
+
 /// Why @p path is no path below a folder that it is appended to, on any file system; empty when it
 /// is one.
 QString problemOfPath(const QString &path);

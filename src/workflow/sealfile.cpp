@@ -220,29 +220,6 @@ std::optional<SealParts> readParts(const QByteArray &bytes)
     return seal;
 }
 
-QString nameOf(UpdateRule::Kind kind)
-{
-    switch (kind) {
-    case UpdateRule::Kind::Patch:
-        return PATCH_RULE;
-    case UpdateRule::Kind::Copy:
-        return COPY_RULE;
-    case UpdateRule::Kind::Delete:
-        break;
-    }
-    return DELETE_RULE;
-}
-
-std::optional<UpdateRule::Kind> kindOf(const QString &name)
-{
-    using Kind = UpdateRule::Kind;
-    for (const Kind kind : {Kind::Patch, Kind::Copy, Kind::Delete}) {
-        if (name == nameOf(kind))
-            return kind;
-    }
-    return {};
-}
-
 bool hasOldFile(UpdateRule::Kind kind)
 {
     return kind != UpdateRule::Kind::Copy;

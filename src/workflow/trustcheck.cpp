@@ -5,9 +5,6 @@
 #include "ed25519.h"
 #include "filesystem.h"
 #include "patchfiles.h"
-#include "wholefile.h"
-
-#include <QJsonDocument>
 
 #include <algorithm>
 
@@ -32,23 +29,6 @@ std::optional<Sha512> identityOf(const std::vector<SignedFile> &files)
 bool equals(const std::optional<InstalledRelease> &one, const InstalledRelease &other)
 {
     return one && one->number == other.number && one->build == other.build;
-}
-
-/// In one step, of which a power cut leaves nothing or all.
-bool writeRecord(BuildFiles &files, const InstalledRelease &release, bool syncs, FileError *error)
-{
-    const QByteArray json = QJsonDocument(release.toJson()).toJson(QJsonDocument::Compact);
-    if (!files.removeFile(WorkFolder::NewRelease)) {
-        *error = files.error(WorkFolder::NewRelease, "cannot be removed: ");
-    } else if (writeWhole(files, WorkFolder::NewRelease, json, syncs, error)) {
-        if (!files.rename(WorkFolder::NewRelease, WorkFolder::Release))
-            *error = files.error(WorkFolder::Release, "cannot be written: ");
-        else if (syncs && !files.sync())
-            *error = files.error(WorkFolder::Release, "cannot be synced: ");
-    }
-    if (!error->isEmpty())
-        files.removeFile(WorkFolder::NewRelease);
-    return error->isEmpty();
 }
 
 } // namespace
@@ -165,7 +145,7 @@ bool TrustCheck::record(const SealedPatch &sealed, BuildFiles &files)
     FileError error;
     if (!files.makeFolders(WorkFolder::Name))
         error = files.error(WorkFolder::Name, "cannot be made: ");
-    else if (!writeRecord(files, release, m_settings.syncs, &error))
+    else if (!release.write(files, m_settings.syncs, &error))
         files.removeFolder(WorkFolder::Name); // if it is empty
     if (!error.isEmpty())
         m_problems.add(Code::ReadOrWrite, error);

@@ -2,6 +2,7 @@
 #include "foldercompare.h"
 #include "leftovers.h"
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "testtree.h"
 
 #include <Pellox/deltacontroller.h>
@@ -20,8 +21,6 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 using Pellox::DeltaController;
 using Pellox::PatchInspector;
@@ -74,39 +73,6 @@ __attribute__((visibility("default"))) int EVP_DigestFinal_ex(
     return take(s_digestsLeft) ? final(context, digest, size) : 0;
 }
 }
-
-namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool HasSanitizer = true;
-#else
-constexpr bool HasSanitizer = false;
-#endif
-
-/// Gives the process no more than so much memory beyond what it has, while it lives.
-class MemoryLimit
-{
-public:
-    explicit MemoryLimit(rlim_t bytes)
-    {
-        QFile status("/proc/self/statm"_s);
-        if (!status.open(QIODevice::ReadOnly))
-            qFatal("cannot read how much memory there is in use");
-        const auto pages = status.readAll().split(' ').first().toULongLong();
-        getrlimit(RLIMIT_AS, &m_previous);
-        rlimit lowered = m_previous;
-        lowered.rlim_cur = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + bytes;
-        setrlimit(RLIMIT_AS, &lowered);
-    }
-    ~MemoryLimit() { setrlimit(RLIMIT_AS, &m_previous); }
-    MemoryLimit(const MemoryLimit &) = delete;
-    MemoryLimit &operator=(const MemoryLimit &) = delete;
-
-private:
-    rlimit m_previous{};
-};
-
-} // namespace
 
 /// PublishController and PatchInspector where the system or a library has no more to give, and
 /// with inputs that were made to ask for much.
