@@ -4,6 +4,7 @@
 // read again.
 #include "fuzzing.h"
 
+#include "buildfiles.h"
 #include "installedrelease.h"
 #include "journal.h"
 #include "sealfile.h"
@@ -87,7 +88,10 @@ void tryRelease(const QByteArray &bytes)
     if (!release)
         return;
     checkRelease(*release);
-    require(release->write(build, &error), "a record can be written again");
+    WorkFolder folder(build);
+    require(folder.lock(), "nobody else is at work on the build");
+    BuildFiles files(folder);
+    require(release->write(files, false, &error), "a record can be written again");
     const auto again = InstalledRelease::read(build, &error);
     require(again && again->number == release->number && again->build == release->build,
         "a record is read again as it was written");
