@@ -14,8 +14,8 @@ cores=$(nproc)
 main() {
     local step=$1 way=$2
     case $way in
-    core | publish | rdiff) "${step}_$way" ;;
-    xdelta3-* | zstd-* | rsync) "${step}_${way%%-*}" "${way#*-}" ;;
+    core | publish | rdiff | bsdiff) "${step}_$way" ;;
+    effort-* | xdelta3-* | zstd-* | rsync) "${step}_${way%%-*}" "${way#*-}" ;;
     *)
         echo "contestants.sh: no such way: $way" >&2
         exit 2
@@ -47,6 +47,16 @@ make_publish() {
 }
 
 apply_publish() { apply_core; }
+
+# With the old build at hand, EFFORT.
+keep_effort() { keep_publish; }
+
+make_effort() {
+    "$PELLOX" publish --quiet new --old-signatures before/core --old-build old --effort "$1" \
+        --patch out/patch --signatures out/signatures
+}
+
+apply_effort() { apply_core; }
 
 # --- steps that the others share
 
@@ -186,6 +196,25 @@ apply_zstd() {
 patch_by_zstd() {
     zstd -d -q -f --long=31 "--patch-from=install/$1" "out/patch/deltas/$1" -o patched
 }
+
+# --- bsdiff: which needs 17 bytes of memory for each of the old file
+
+keep_bsdiff() { :; }
+
+make_bsdiff() {
+    sums_of_both
+    folders new out/patch/deltas
+    awk '{ print "old/" $0; print "new/" $0; print "out/patch/deltas/" $0 }' out/changed |
+        parallel -n 3 bsdiff
+    copy_new
+}
+
+apply_bsdiff() {
+    apply_copies_and_deletes
+    apply_deltas patch_by_bsdiff
+}
+
+patch_by_bsdiff() { bspatch "install/$1" patched "out/patch/deltas/$1"; }
 
 # --- rsync: a batch for the whole build, which it makes with processes of its own
 

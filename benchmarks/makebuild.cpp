@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Makes a pair of game builds, the old and the new one, the same bytes on every machine and run.
 // Usage: bench_makebuild PROFILE SIZE OLD NEW
-// PROFILE is mixed, unchanged or huge with SIZE in bytes, or small with SIZE in files. A "-" for
-// OLD or NEW leaves that build out. Prints as CSV what the pair consists of.
+// PROFILE is mixed, unchanged, huge or program with SIZE in bytes, or small with SIZE in files. A
+// "-" for OLD or NEW leaves that build out. Prints as CSV what the pair consists of.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -189,11 +189,11 @@ std::string content(Kind kind, std::uint64_t seed, std::size_t size)
 
 // --- what becomes of a file
 
-enum class Fate { Unchanged, Edited, Appended, Rewritten, New, Deleted };
-constexpr std::array<Fate, 6> Fates{
-    Fate::Unchanged, Fate::Edited, Fate::Appended, Fate::Rewritten, Fate::New, Fate::Deleted};
-constexpr std::array<const char *, 6> FateNames{
-    "unchanged", "edited", "appended to", "rewritten", "new", "deleted"};
+enum class Fate { Unchanged, Edited, Appended, Rewritten, New, Deleted, Relinked };
+constexpr std::array<Fate, 7> Fates{Fate::Unchanged, Fate::Edited, Fate::Appended, Fate::Rewritten,
+    Fate::New, Fate::Deleted, Fate::Relinked};
+constexpr std::array<const char *, 7> FateNames{
+    "unchanged", "edited", "appended to", "rewritten", "new", "deleted", "relinked"};
 
 /// How often an edited file is edited: times per MiB, but for what holds for whole files.
 struct Edits
@@ -346,10 +346,111 @@ void addRewritten(Output &output, File file)
     addPlain(output, file);
 }
 
+/**
+ * A program as a linker leaves it: functions that call one another by distance, which a change
+ * anywhere between the two changes too, and tables of addresses.
+ */
+class Linked
+{
+public:
+    explicit Linked(const File &file)
+        : m_seed(file.seed)
+    {
+        Random random(m_seed);
+        for (std::uint64_t size = 0; size < file.size; size += m_functions.back().size)
+            m_functions.push_back({random.next(), random.between(48, 1200), Change::None});
+    }
+
+    /// What a few changed sources make of it: three functions in a hundred have another size.
+    void edit()
+    {
+        Random random(seedOf(m_seed, ~std::uint64_t{0}));
+        for (Function &function : m_functions) {
+            const std::uint64_t pick = random.below(100);
+            if (pick < 2)
+                function.change = Change::Edited;
+            else if (pick == 2)
+                function.change = Change::Doubled;
+        }
+    }
+
+    std::string content() const
+    {
+        std::vector<std::string> codes;
+        std::vector<std::uint64_t> places;
+        std::uint64_t place = 0;
+        for (const Function &function : m_functions) {
+            codes.push_back(codeOf(function));
+            places.push_back(place);
+            place += codes.back().size();
+        }
+        std::string out;
+        for (std::size_t i = 0; i < m_functions.size(); ++i) {
+            setDistances(codes[i], i, places);
+            out += codes[i];
+        }
+        for (std::size_t i = 0; i < places.size(); i += 8) // a table of what is called by address
+            append(out, std::uint64_t{0x400000} + places[i]);
+        return out;
+    }
+
+private:
+    enum class Change { None, Edited, Doubled };
+    struct Function
+    {
+        std::uint64_t seed;
+        std::uint64_t size; ///< about
+        Change change;
+    };
+    static constexpr char Call = '\xe8'; ///< followed by four bytes
+    static constexpr std::size_t CallSize = 5;
+
+    static std::string codeOf(const Function &function)
+    {
+        std::string code = ::content(Kind::Program, function.seed, function.size);
+        std::replace(code.begin(), code.end(), Call, '\x90');
+        for (std::size_t at = 20; at + CallSize <= code.size(); at += 20 + code.size() % 23)
+            code.replace(at, CallSize, std::string(1, Call) + "    ");
+        Random random(seedOf(function.seed, 1));
+        if (function.change == Change::Edited)
+            code.insert(
+                code.size() / 2, ::content(Kind::Text, function.seed, random.between(1, 60)));
+        else if (function.change == Change::Doubled)
+            code += code;
+        return code;
+    }
+
+    void setDistances(
+        std::string &code, std::size_t caller, const std::vector<std::uint64_t> &places) const
+    {
+        Random random(seedOf(m_functions[caller].seed, 2));
+        for (std::size_t at = code.find(Call);
+             at != std::string::npos && at + CallSize <= code.size();
+             at = code.find(Call, at + CallSize)) {
+            // Most calls stay near, some go anywhere, many of these to the same few.
+            const double far = random.unit();
+            const std::size_t step = random.below(200);
+            const std::size_t callee = random.below(3) != 0
+                ? (caller + places.size() + step - 100) % places.size()
+                : static_cast<std::size_t>(far * far * far * static_cast<double>(places.size()));
+            const auto distance
+                = static_cast<std::int32_t>(static_cast<std::int64_t>(places[callee])
+                    - static_cast<std::int64_t>(places[caller] + at + CallSize));
+            std::memcpy(code.data() + at + 1, &distance, sizeof distance);
+        }
+    }
+
+    std::uint64_t m_seed;
+    std::vector<Function> m_functions;
+};
+
 std::uint64_t writeOld(const File &file, const std::string &folder)
 {
     Output output(folder + '/' + file.path);
-    addPlain(output, file);
+    if (file.fate == Fate::Relinked)
+        output.add(Linked(file).content());
+    else
+        addPlain(output, file);
     return output.close();
 }
 
@@ -366,6 +467,12 @@ std::uint64_t writeNew(const File &file, const std::string &folder)
     case Fate::Rewritten:
         addRewritten(output, file);
         break;
+    case Fate::Relinked: {
+        Linked program(file);
+        program.edit();
+        output.add(program.content());
+        break;
+    }
     default:
         addPlain(output, file);
     }
@@ -404,11 +511,13 @@ std::vector<std::uint64_t> mixedSizes(std::uint64_t total, Random &random)
     return sizes;
 }
 
+using FateShares = std::array<double, 6>; ///< of those up to Deleted
+
 /**
  * Largest first, each file takes the fate and kind that lack the most bytes, so that the shares
  * hold for both, whatever the sizes.
  */
-std::vector<File> mixed(std::uint64_t bytes, const std::array<double, 6> &fateShares)
+std::vector<File> mixed(std::uint64_t bytes, const FateShares &fateShares)
 {
     Random random(20240229);
     const double ofOld = 1 - fateShares[static_cast<std::size_t>(Fate::New)];
@@ -416,7 +525,7 @@ std::vector<File> mixed(std::uint64_t bytes, const std::array<double, 6> &fateSh
     std::vector<std::uint64_t> sizes = mixedSizes(static_cast<std::uint64_t>(total), random);
     std::sort(sizes.rbegin(), sizes.rend());
 
-    std::array<double, Fates.size() * Kinds.size()> lacking{};
+    std::array<double, std::tuple_size_v<FateShares> * Kinds.size()> lacking{};
     for (std::size_t i = 0; i < lacking.size(); ++i)
         lacking[i] = total * fateShares[i / Kinds.size()] * KindShares[i % Kinds.size()];
     Edits edits;
@@ -488,6 +597,23 @@ std::vector<File> small(std::size_t count)
     return files;
 }
 
+/// Programs and libraries of one application, the next version of which is linked anew.
+std::vector<File> program(std::uint64_t bytes)
+{
+    Random random(20240303);
+    std::vector<File> files;
+    for (std::uint64_t left = bytes; left > 0; left -= files.back().size) {
+        File file;
+        file.path = pathOf(Kind::Program, files.size());
+        file.kind = Kind::Program;
+        file.fate = Fate::Relinked;
+        file.size = files.empty() ? (left + 1) / 2 : std::min(left, random.between(KiB, bytes / 8));
+        file.seed = random.next();
+        files.push_back(file);
+    }
+    return files;
+}
+
 std::vector<File> filesOf(const std::string &profile, std::uint64_t size)
 {
     if (profile == "mixed")
@@ -498,6 +624,8 @@ std::vector<File> filesOf(const std::string &profile, std::uint64_t size)
         return huge(size);
     if (profile == "small")
         return small(size);
+    if (profile == "program")
+        return program(size);
     fail("no such profile: " + profile);
 }
 
@@ -523,7 +651,7 @@ int main(int argc, char **argv)
 {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (arguments.size() != 4)
-        fail("usage: bench_makebuild mixed|unchanged|huge|small SIZE OLD NEW");
+        fail("usage: bench_makebuild mixed|unchanged|huge|program|small SIZE OLD NEW");
     const std::uint64_t size = std::strtoull(arguments[1].c_str(), nullptr, 10);
     const std::string &oldFolder = arguments[2];
     const std::string &newFolder = arguments[3];

@@ -3,6 +3,7 @@
 // signature that is taken gives the same delta by the core and by the workflow.
 #include "fuzzing.h"
 
+#include "blockmatcher.h"
 #include "deltamaker.h"
 #include "manifestfile.h"
 #include "patchhelp.h"
@@ -70,12 +71,14 @@ QByteArray deltaBy(const SignatureSet &oldBlocks)
     QFile::remove(world->delta);
     OutputFile output;
     require(output.open(world->delta), "the delta can be made");
-    DeltaMaker maker(output, oldBlocks);
+    BlockMatchFinder finder(oldBlocks);
+    DeltaMaker maker(output, finder);
     const qint64 size = world->newContent.size();
     const Stretch all{
         reinterpret_cast<const uchar *>(world->newContent.constData()), 0, size, size, true};
     std::vector<Match> matches;
-    maker.find(all, {}, &matches);
+    FileError error;
+    require(finder.find(all, {}, &matches, &error), "blocks are found without a file");
     maker.write(all, {}, matches);
     require(output.close(), "the delta is written");
     return readFile(world->delta);

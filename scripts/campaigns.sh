@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Long tests, each at all its points; docs/reliability.md says what they show.
-# Usage: scripts/campaigns.sh [crash|power|cancel|hostile|trees|threads]...   (default: all)
+# Usage: scripts/campaigns.sh [crash|power|cancel|hostile|trees|deltas|threads]...   (default: all)
 # Environment: CANCELS (1000), TREES (1000).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,7 +13,7 @@ main() {
     scripts/setup.sh build test >&2
     cmake --preset release >/dev/null
     cmake --build --preset release >&2
-    [ $# -gt 0 ] || set -- crash power cancel hostile trees threads
+    [ $# -gt 0 ] || set -- crash power cancel hostile trees deltas threads
     local campaign
     for campaign; do
         printf '\n== %s\n' "$campaign"
@@ -40,11 +40,14 @@ campaign_power() { PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_updatepowerloss; }
 campaign_cancel() { PELLOX_CANCELS=${CANCELS:-1000} run $bin/tst_updatecontroller cancelAtAnyInstant; }
 campaign_hostile() { run $bin/tst_rulechecks; }
 campaign_trees() { PELLOX_TREES=${TREES:-1000} run $bin/tst_publishequalscore; }
+campaign_deltas() {
+    PELLOX_HUGE=1 PELLOX_TREES=$((${TREES:-1000} / 4)) run $bin/tst_smalldeltas
+}
 
 campaign_threads() {
     cmake --preset tsan >/dev/null
     cmake --build --preset tsan >&2
-    ctest --preset tsan -R 'tst_(publish|update|sealed|integrity|patchinspector)' | tail -n 25
+    ctest --preset tsan -R 'tst_(publish|smalldeltas|update|sealed|integrity|patchinspector)' | tail -n 25
 }
 
 main "$@"

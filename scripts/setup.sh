@@ -10,7 +10,7 @@ packages_for() {
     test) echo rdiff python3-jsonschema ;;
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
-    bench) echo libbenchmark-dev rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
+    bench) echo libbenchmark-dev bsdiff rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
     fuzz) echo clang libclang-rt-dev llvm ;; # its runtimes, and names in stacks
     ci) echo clang clang-format clang-tidy ;;
     *)

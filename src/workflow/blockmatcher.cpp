@@ -30,7 +30,7 @@ void BlockMatcher::find(qint64 from, qint64 to, std::vector<Match> *matches, std
             continue;
         }
         const qint64 length = std::min(BlockLength, m_stretch.available - position);
-        matches->push_back({position, static_cast<quint32>(length), block});
+        matches->push_back({position, qint64{block} * BlockLength, length});
         position += length;
         ++found;
     }
@@ -94,6 +94,46 @@ qint64 BlockMatcher::nextCandidate(qint64 position, quint32 weakSum, qint64 to) 
             return position;
     }
     return to;
+}
+
+bool BlockMatchFinder::find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+    std::vector<Match> *matches, FileError * /*error*/)
+{
+    if (!m_oldBlocks.isEmpty())
+        BlockMatcher(m_oldBlocks, stretch, alignedSums).find(stretch.begin, stretch.end, matches);
+    return true;
+}
+
+/**
+ * The matches in @p stretch that a search from the file's beginning would find. The stretch was
+ * searched from its first byte, but where the last match of the one before reaches into it, that
+ * search would have gone on behind that match. From a position that lies in no match of either
+ * search, both find the same.
+ */
+std::vector<Match> BlockMatchFinder::join(const Stretch &stretch,
+    const std::vector<BlockRecord> &alignedSums, std::vector<Match> matches, qint64 from)
+{
+    if (from <= stretch.begin)
+        return matches;
+    std::vector<Match> joined;
+    qint64 position = from;
+    auto match = matches.cbegin();
+    const auto last = matches.cend();
+    BlockMatcher matcher(m_oldBlocks, stretch, alignedSums);
+    while (position < stretch.end) {
+        while (match != last && match->end() <= position)
+            ++match;
+        if (match == last || match->position >= position) {
+            joined.insert(joined.end(), match, last);
+            break;
+        }
+        // Inside a match that the search from here has not made.
+        const std::size_t before = joined.size();
+        const qint64 to = std::min(match->end(), stretch.end);
+        matcher.find(position, to, &joined, 1);
+        position = joined.size() > before ? joined.back().end() : to;
+    }
+    return joined;
 }
 
 } // namespace Pellox

@@ -1,31 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "matchfinder.h"
 #include "signatureset.h"
 
 #include <vector>
 
 namespace Pellox {
-
-/// A block of the old file that stands in the new one.
-struct Match
-{
-    qint64 position; ///< in the new file
-    quint32 length;  ///< a block's, or less for the old file's last block
-    quint32 block;   ///< index in the old file
-
-    qint64 end() const { return position + length; }
-};
-
-/// A part of the new file in memory.
-struct Stretch
-{
-    const uchar *data;
-    qint64 begin;     ///< position of the first byte; a multiple of the block length
-    qint64 end;       ///< up to here positions are searched ...
-    qint64 available; ///< ... and up to here goes the data: a block further, or to the file's end
-    bool endsFile;
-};
 
 /**
  * Finds old blocks in a stretch of a new file as librsync's own delta does: at each position in
@@ -53,6 +34,26 @@ private:
     const std::vector<BlockRecord> &m_alignedSums;
     qint64 m_runBegin = 0; ///< sums computed ahead: of blocks one behind the other from here
     std::vector<BlockRecord> m_run;
+};
+
+/// Finds whole blocks of the old file by their sums, as librsync does.
+class BlockMatchFinder : public MatchFinder
+{
+public:
+    /// @p oldBlocks must outlive the finder.
+    explicit BlockMatchFinder(const SignatureSet &oldBlocks)
+        : m_oldBlocks(oldBlocks)
+    {
+    }
+
+    bool find(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+        std::vector<Match> *matches, FileError *error) override;
+    std::vector<Match> join(const Stretch &stretch, const std::vector<BlockRecord> &alignedSums,
+        std::vector<Match> matches, qint64 from) override;
+    bool hasContent() const override { return !m_oldBlocks.isEmpty(); }
+
+private:
+    const SignatureSet &m_oldBlocks;
 };
 
 } // namespace Pellox

@@ -20,6 +20,12 @@ Crew::Crew(int threadCount, const std::atomic<bool> &cancelled)
 {
 }
 
+void Crew::limit(std::vector<qint64> weights, qint64 most)
+{
+    m_weights = std::move(weights);
+    m_mostWeight = most;
+}
+
 bool Crew::run(const std::vector<qint64> &sizes, qint64 large, const Task &task,
     const std::function<void()> &report)
 {
@@ -116,6 +122,7 @@ void Crew::carryOut(std::size_t task)
     if (task < m_largeCount) {
         const std::lock_guard lock(m_mutex);
         --m_largeUnderWay;
+        m_weightUnderWay -= weightOf(task);
         m_changed.notify_all();
     }
 }
@@ -124,8 +131,17 @@ std::optional<std::size_t> Crew::nextTask()
 {
     if (m_nextLarge == m_largeCount)
         return nextSmallTask();
+    const qint64 weight = weightOf(m_nextLarge);
+    if (m_largeUnderWay > 0 && m_weightUnderWay + weight > m_mostWeight)
+        return std::nullopt;
     ++m_largeUnderWay;
+    m_weightUnderWay += weight;
     return m_nextLarge++;
+}
+
+qint64 Crew::weightOf(std::size_t task) const
+{
+    return m_weights.empty() ? 0 : m_weights[m_order[task]];
 }
 
 std::optional<std::size_t> Crew::nextSmallTask()

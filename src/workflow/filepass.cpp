@@ -28,6 +28,7 @@ struct FilePass::Chunk
     bool isWritten = false;
     std::vector<BlockRecord> sums;
     std::vector<Match> matches;
+    std::vector<quint32> samples; ///< for the index
 
     qint64 end() const { return begin + size; }
 };
@@ -44,7 +45,7 @@ FilePass::FilePass(Crew &crew, Content &input, const Targets &targets, std::atom
     if (targets.signature)
         targets.signature->write(signatureHeader().data(), signatureHeader().size());
     if (targets.delta)
-        m_deltaMaker.emplace(*targets.delta, *targets.oldBlocks);
+        m_deltaMaker.emplace(*targets.delta, *targets.finder);
 }
 
 FilePass::~FilePass() = default;
@@ -122,7 +123,7 @@ FilePass::Chunk *FilePass::firstToCompute() const
         const Chunk &chunk = *m_chunks[i];
         if (chunk.isBeingComputed || chunk.isComputed)
             continue;
-        const bool needsNext = m_targets.delta && chunk.end() < m_input.size();
+        const bool needsNext = wantsOverlap() && chunk.end() < m_input.size();
         const bool hasNext = i + 1 < m_chunks.size() && m_chunks[i + 1]->isRead;
         return chunk.isRead && (!needsNext || hasNext) ? m_chunks[i].get() : nullptr;
     }
@@ -144,8 +145,8 @@ FilePass::Chunk &FilePass::addChunk()
     chunk->begin = m_chunksRead * ChunkSize;
     chunk->size = std::min(ChunkSize, m_input.size() - chunk->begin);
     chunk->isDigested = !m_targets.digest;
-    chunk->isComputed = !wantsSums();
-    chunk->isWritten = !wantsOutput();
+    chunk->isComputed = !wantsComputing();
+    chunk->isWritten = !wantsWriting();
     if (!m_spare.empty()) {
         chunk->bytes = std::move(m_spare.back());
         m_spare.pop_back();
@@ -168,14 +169,14 @@ void FilePass::read(Chunk &chunk, Chunk *previous)
     if (!m_contentGiven) {
         const bool isLast = chunk.end() == m_input.size();
         chunk.bytes.resize(
-            static_cast<std::size_t>(chunk.size + (m_targets.delta && !isLast ? Overlap : 0)));
+            static_cast<std::size_t>(chunk.size + (wantsOverlap() && !isLast ? Overlap : 0)));
         if (!m_input.readAt(chunk.begin, chunk.bytes.data(), chunk.size)
             || (isLast && !m_input.isUnchanged())) {
             fail(m_input.error());
             return;
         }
     }
-    if (previous && m_targets.delta) {
+    if (previous && wantsOverlap()) {
         previous->overlap = std::min(Overlap, chunk.size);
         std::copy_n(chunk.bytes.data(), previous->overlap, previous->bytes.data() + previous->size);
     }
@@ -199,8 +200,14 @@ void FilePass::compute(Chunk &chunk)
     const auto size = static_cast<std::size_t>(chunk.size);
     if (m_targets.signature)
         computeBlockSums(chunk.bytes.data(), size, &chunk.sums);
-    if (m_targets.delta)
-        m_deltaMaker->find(stretchOf(chunk), chunk.sums, &chunk.matches);
+    FileError error;
+    if (m_targets.delta
+        && !m_targets.finder->find(stretchOf(chunk), chunk.sums, &chunk.matches, &error))
+        fail(error);
+    if (m_targets.index) {
+        const qint64 windows = chunk.size + chunk.overlap - m_targets.index->window() + 1;
+        m_targets.index->sample(chunk.bytes.data(), std::min(chunk.size, windows), &chunk.samples);
+    }
 }
 
 Stretch FilePass::stretchOf(const Chunk &chunk) const
@@ -209,7 +216,7 @@ Stretch FilePass::stretchOf(const Chunk &chunk) const
     return {chunk.bytes.data(), chunk.begin, chunk.end(), available, available == m_input.size()};
 }
 
-void FilePass::write(const Chunk &chunk)
+void FilePass::write(Chunk &chunk)
 {
     const auto check = [this](const OutputFile *file) {
         if (file && !file->error().isEmpty())
@@ -222,7 +229,9 @@ void FilePass::write(const Chunk &chunk)
     if (m_targets.copy)
         m_targets.copy->write(chunk.bytes.data(), static_cast<std::size_t>(chunk.size));
     if (m_targets.delta)
-        m_deltaMaker->write(stretchOf(chunk), chunk.sums, chunk.matches);
+        m_deltaMaker->write(stretchOf(chunk), chunk.sums, std::move(chunk.matches));
+    if (m_targets.index)
+        m_targets.index->insert(chunk.bytes.data(), chunk.begin, chunk.samples);
     check(m_targets.signature);
     check(m_targets.copy);
     check(m_targets.delta);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "contentindex.h"
 #include "crew.h"
 #include "deltamaker.h"
 #include "digest.h"
@@ -15,11 +16,12 @@
 namespace Pellox {
 
 /**
- * Reads a file once and does with its content all that is wanted: digest, signature, copy, delta.
+ * Reads a file once and does with its content all that is wanted: digest, signature, copy, delta,
+ * index.
  *
- * The file goes through memory in chunks. Sums and matches of chunks are computed side by side on
- * all threads; reading, the digest and the writing go from chunk to chunk, each on one thread at a
- * time.
+ * The file goes through memory in chunks. Sums, matches and samples of chunks are computed side by
+ * side on all threads; reading, the digest and the writing go from chunk to chunk, each on one
+ * thread at a time.
  */
 class FilePass : public SharedWork
 {
@@ -33,7 +35,8 @@ public:
         OutputFile *signature = nullptr;
         OutputFile *copy = nullptr;
         OutputFile *delta = nullptr;
-        const SignatureSet *oldBlocks = nullptr; ///< for the delta
+        MatchFinder *finder = nullptr; ///< for the delta
+        ContentIndex *index = nullptr; ///< takes in the content
     };
 
     using Bytes = std::vector<uchar>;
@@ -70,8 +73,13 @@ private:
     };
 
     Next next() const;
-    bool wantsSums() const { return m_targets.signature || m_targets.delta; }
-    bool wantsOutput() const { return wantsSums() || m_targets.copy; }
+    bool wantsComputing() const
+    {
+        return m_targets.signature || m_targets.delta || m_targets.index;
+    }
+    bool wantsWriting() const { return wantsComputing() || m_targets.copy; }
+    /// Whether what is computed of a chunk looks into the next one.
+    bool wantsOverlap() const { return m_targets.delta || m_targets.index; }
     Chunk *firstWithout(bool Chunk::*mark) const;
     Chunk *firstToCompute() const;
     std::size_t window() const;
@@ -83,7 +91,7 @@ private:
     void read(Chunk &chunk, Chunk *previous);
     void digest(const Chunk &chunk);
     void compute(Chunk &chunk);
-    void write(const Chunk &chunk);
+    void write(Chunk &chunk);
     Stretch stretchOf(const Chunk &chunk) const;
     void releaseDone();
     void fail(const FileError &error);

@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "filetask.h"
 
+#include "blockmatcher.h"
+#include "contentmatcher.h"
+#include "rsyncpatched.h"
 #include "signaturefile.h"
 
 #include <algorithm>
 
 namespace Pellox {
 
-FileTask::FileTask(Crew &crew, const PublishFolders &folders, NewFile &file, Progress &progress)
+FileTask::FileTask(Crew &crew, const PublishFolders &folders, const DeltaSettings &deltas,
+    NewFile &file, Progress &progress)
     : m_crew(crew)
     , m_folders(folders)
+    , m_deltas(deltas)
     , m_file(file)
     , m_progress(progress)
 {
@@ -172,7 +177,11 @@ struct FileTask::Outputs
 {
     OutputFile signature;
     OutputFile delta;
-    std::optional<SignatureSet> oldBlocks;
+    std::unique_ptr<MatchFinder> finder;
+    std::optional<SignatureSet> oldBlocks; ///< what it looks into ...
+    InputFile oldInput;                    ///< ... or these
+    std::optional<ContentIndex> oldIndex;
+    std::optional<OldFile> old;
 };
 
 /// Makes signature and delta of a file that changed, as wanted; @p content is that of a small one.
@@ -198,11 +207,20 @@ bool FileTask::describeChange(bool digest, FilePass::Bytes content)
         return false;
     if (digest)
         m_file.sha512 = reading.sha512();
-    return (!targets.delta || close(outputs.delta))
-        && (!targets.signature || close(outputs.signature));
+    return (!targets.signature || close(outputs.signature))
+        && (!targets.delta || finishDelta(outputs));
 }
 
 bool FileTask::openDelta(Outputs &outputs, FilePass::Targets &targets)
+{
+    const bool isRead
+        = m_folders.oldBuild.isEmpty() ? readOldSignature(outputs) : readOldContent(outputs);
+    targets.finder = outputs.finder.get();
+    targets.delta = &outputs.delta;
+    return isRead && open(outputs.delta, m_folders.patch);
+}
+
+bool FileTask::readOldSignature(Outputs &outputs)
 {
     SignatureFile signature;
     std::vector<BlockRecord> records;
@@ -210,11 +228,61 @@ bool FileTask::openDelta(Outputs &outputs, FilePass::Targets &targets)
         || !signature.readAll(&records, goOn()))
         return !signature.error().isEmpty() && fail(signature.error());
     outputs.oldBlocks.emplace(std::move(records), goOn());
-    if (m_crew.isStopped())
+    outputs.finder = std::make_unique<BlockMatchFinder>(*outputs.oldBlocks);
+    return !m_crew.isStopped();
+}
+
+/// Once, for its index and to see that it is the file that players have.
+bool FileTask::readOldContent(Outputs &outputs)
+{
+    InputFile &old = outputs.oldInput;
+    if (!old.open(m_folders.oldBuild + m_file.relativePath))
+        return fail(old.error());
+    outputs.oldIndex.emplace(old.size(), m_deltas.effort, m_file.indexMemory);
+    FilePass::Targets targets;
+    targets.digest = true;
+    targets.index = &*outputs.oldIndex;
+    m_progress.total += old.size();
+    FilePass reading(m_crew, old, targets, m_progress.done);
+    if (!pass(reading))
         return false;
-    targets.oldBlocks = &*outputs.oldBlocks;
-    targets.delta = &outputs.delta;
-    return open(outputs.delta, m_folders.patch);
+    if (reading.sha512() != *m_file.oldSha512)
+        return fail(
+            aboutFile(old.path(), QStringLiteral("is not the file that the signatures describe")));
+    outputs.old.emplace(
+        old.path(), old.size(), isLarge(old.size()) ? FilePass::Bytes() : reading.takeContent());
+    outputs.finder
+        = std::make_unique<ContentMatchFinder>(m_deltas.effort, *outputs.oldIndex, *outputs.old);
+    return true;
+}
+
+bool FileTask::finishDelta(Outputs &outputs)
+{
+    if (!close(outputs.delta))
+        return false;
+    if (m_folders.oldBuild.isEmpty())
+        return true;
+    if (!outputs.oldInput.isUnchanged())
+        return fail(outputs.oldInput.error());
+    outputs.oldIndex.reset(); // its memory is for others
+    return !m_deltas.verifies || verifyDelta();
+}
+
+/// Applies the delta as a player's machine will.
+bool FileTask::verifyDelta()
+{
+    const QString delta = m_folders.patch + m_file.relativePath;
+    RsyncPatched patched;
+    if (!patched.open(m_folders.oldBuild + m_file.relativePath, delta, m_file.size))
+        return fail(patched.error());
+    FilePass::Targets targets;
+    targets.digest = true;
+    m_progress.total += m_file.size;
+    FilePass reading(m_crew, patched, targets, m_progress.done);
+    if (!pass(reading))
+        return false;
+    return reading.sha512() == m_file.sha512
+        || fail(aboutFile(delta, QStringLiteral("does not make the new file")));
 }
 
 GoOn FileTask::goOn() const

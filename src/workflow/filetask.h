@@ -15,6 +15,15 @@ struct PublishFolders
     QString oldSignatures;
     QString patch;
     QString newSignatures;
+    QString oldBuild;
+};
+
+/// How deltas are made where the old build is at hand.
+struct DeltaSettings
+{
+    SearchEffort effort;
+    qint64 memory; ///< bytes, of all indexes together
+    bool verifies; ///< applies each delta before it counts
 };
 
 /// A file of the new build, and what became of it.
@@ -26,6 +35,7 @@ struct NewFile
     qint64 size = 0;
     bool isIgnored = false;
     const Sha512 *oldSha512 = nullptr; ///< of the old build's file of this name, if there is one
+    qint64 indexMemory = 0;            ///< what an index of that file may take
 
     Rule rule = Rule::None;
     Sha512 sha512; ///< where it was needed
@@ -41,7 +51,9 @@ public:
         std::atomic<qint64> total{0};
     };
 
-    FileTask(Crew &crew, const PublishFolders &folders, NewFile &file, Progress &progress);
+    /// All must outlive the task.
+    FileTask(Crew &crew, const PublishFolders &folders, const DeltaSettings &deltas, NewFile &file,
+        Progress &progress);
 
     /// What fails stops the crew.
     void carryOut();
@@ -62,6 +74,10 @@ private:
 
     struct Outputs;
     bool openDelta(Outputs &outputs, FilePass::Targets &targets);
+    bool readOldSignature(Outputs &outputs);
+    bool readOldContent(Outputs &outputs);
+    bool finishDelta(Outputs &outputs);
+    bool verifyDelta();
     GoOn goOn() const;
     bool open(OutputFile &output, const QString &folder);
     bool close(OutputFile &output);
@@ -70,6 +86,7 @@ private:
 
     Crew &m_crew;
     const PublishFolders &m_folders;
+    const DeltaSettings &m_deltas;
     NewFile &m_file;
     Progress &m_progress;
     InputFile m_input;

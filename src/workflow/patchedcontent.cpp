@@ -18,6 +18,10 @@ bool PatchedContent::open(
         return fail(outcome.error);
     }
     m_fits = outcome.oldSize <= m_old.size();
+    constexpr int OldPages = 16;
+    constexpr int DeltaPages = 1;
+    m_oldPages.emplace(m_old, OldPages);
+    m_deltaPages.emplace(m_deltaBytes, DeltaPages);
     return rewind();
 }
 
@@ -89,8 +93,13 @@ bool PatchedContent::readAt(qint64 /*position*/, uchar *data, qint64 size)
 /// @p size bytes of what the command makes, from @p offset on.
 bool PatchedContent::readPart(qint64 offset, uchar *data, qint64 size)
 {
+    constexpr qint64 Short = 4096;
     InputFile &source = m_command->isCopy ? m_old : m_deltaBytes;
-    return source.readAt(m_command->place + offset, data, size) || failAs(source);
+    const qint64 position = m_command->place + offset;
+    if (size >= Short)
+        return source.readAt(position, data, size) || failAs(source);
+    PagedView &pages = m_command->isCopy ? *m_oldPages : *m_deltaPages;
+    return pages.copy(position, size, data) || failAs(source);
 }
 
 bool PatchedContent::isUnchanged()

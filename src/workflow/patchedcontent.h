@@ -3,10 +3,12 @@
 
 #include "deltareader.h"
 #include "diskfile.h"
+#include "pagedview.h"
 
 #include <QFile>
 
 #include <functional>
+#include <optional>
 
 namespace Pellox {
 
@@ -55,6 +57,8 @@ private:
 
     InputFile m_old;
     InputFile m_deltaBytes;
+    std::optional<PagedView> m_oldPages; ///< for short pieces, as some deltas have very many
+    std::optional<PagedView> m_deltaPages;
     QFile m_deltaFile; ///< for the commands
     qint64 m_size = 0;
     bool m_fits = false;

@@ -18,6 +18,21 @@ namespace Pellox {
 namespace {
 
 constexpr int MostThreads = 1024;
+constexpr qint64 LeastDeltaMemory = 1 << 20;
+
+/// Found by measuring, see docs/benchmarks.md.
+SearchEffort searchEffortOf(PublishController::DeltaEffort effort)
+{
+    switch (effort) {
+    case PublishController::DeltaEffort::Fastest:
+        return {32, 5, 2, 16, 4};
+    case PublishController::DeltaEffort::Balanced:
+        break;
+    case PublishController::DeltaEffort::Smallest:
+        return {12, 1, 16, 128, 8};
+    }
+    return {16, 3, 4, 64, 8};
+}
 
 QString problemOf(const QString &folder, const QString &manifestName)
 {
@@ -53,8 +68,10 @@ public:
         wasCancelled = false;
         QString error;
         try {
-            PublishRun run(absolute(folders), ignoreFiles,
-                threadCount > 0 ? threadCount : QThread::idealThreadCount(), isCancelled);
+            PublishRun run(absolute(folders),
+                {ignoreFiles, threadCount > 0 ? threadCount : QThread::idealThreadCount(),
+                    {searchEffortOf(deltaEffort), deltaMemory, areDeltasVerified}},
+                isCancelled);
             if (run.carryOut(progress)) {
                 auto rules = wantsRules ? run.rulesWithSizes() : QVariantList();
                 if (progress)
@@ -75,6 +92,10 @@ public:
 
     PublishController &q;
     int threadCount = 0;
+    QString oldBuild;
+    DeltaEffort deltaEffort = DeltaEffort::Balanced;
+    qint64 deltaMemory = 1 << 30;
+    bool areDeltasVerified = true;
     std::atomic<bool> isCancelled{false};
     std::atomic<bool> wasCancelled{false};
 
@@ -84,7 +105,8 @@ private:
     static PublishFolders absolute(const PublishFolders &folders)
     {
         return {absoluteFolder(folders.newBuild), absoluteFolder(folders.oldSignatures),
-            absoluteFolder(folders.patch), absoluteFolder(folders.newSignatures)};
+            absoluteFolder(folders.patch), absoluteFolder(folders.newSignatures),
+            absoluteFolder(folders.oldBuild)};
     }
     static QString outOfMemory(const PublishFolders &folders)
     {
@@ -110,18 +132,59 @@ int PublishController::threadCount() const
     return d->threadCount;
 }
 
+void PublishController::setOldBuild(const QString &folder)
+{
+    d->oldBuild = folder;
+}
+
+QString PublishController::oldBuild() const
+{
+    return d->oldBuild;
+}
+
+void PublishController::setDeltaEffort(DeltaEffort effort)
+{
+    d->deltaEffort = effort;
+}
+
+PublishController::DeltaEffort PublishController::deltaEffort() const
+{
+    return d->deltaEffort;
+}
+
+void PublishController::setDeltaMemory(qint64 bytes)
+{
+    d->deltaMemory = std::max(bytes, LeastDeltaMemory);
+}
+
+qint64 PublishController::deltaMemory() const
+{
+    return d->deltaMemory;
+}
+
+void PublishController::setDeltasVerified(bool verified)
+{
+    d->areDeltasVerified = verified;
+}
+
+bool PublishController::areDeltasVerified() const
+{
+    return d->areDeltasVerified;
+}
+
 bool PublishController::createSignatures(
     const QString &build, const QString &signatures, const PROGRESS_CALLBACK &progress)
 {
     return d->areGiven({build, signatures})
-        && d->carryOut({build, QString(), QString(), signatures}, {}, progress);
+        && d->carryOut({build, QString(), QString(), signatures, QString()}, {}, progress);
 }
 
 bool PublishController::createPatch(const QString &newBuild, const QString &signatures,
     const QString &patch, const QStringList &ignoreFiles, const PROGRESS_CALLBACK &progress)
 {
     return d->areGiven({newBuild, signatures, patch})
-        && d->carryOut({newBuild, signatures, patch, QString()}, ignoreFiles, progress);
+        && d->carryOut(
+            {newBuild, signatures, patch, QString(), d->oldBuild}, ignoreFiles, progress);
 }
 
 bool PublishController::publish(const QString &newBuild, const QString &oldSignatures,
@@ -129,7 +192,8 @@ bool PublishController::publish(const QString &newBuild, const QString &oldSigna
     const PROGRESS_CALLBACK &progress)
 {
     return d->areGiven({newBuild, oldSignatures, patch, newSignatures})
-        && d->carryOut({newBuild, oldSignatures, patch, newSignatures}, ignoreFiles, progress);
+        && d->carryOut(
+            {newBuild, oldSignatures, patch, newSignatures, d->oldBuild}, ignoreFiles, progress);
 }
 
 std::optional<QVariantList> PublishController::plan(const QString &newBuild,
@@ -137,7 +201,8 @@ std::optional<QVariantList> PublishController::plan(const QString &newBuild,
 {
     if (!d->areGiven({newBuild, signatures}))
         return {};
-    return d->carryOut({newBuild, signatures, QString(), QString()}, ignoreFiles, progress, true);
+    return d->carryOut(
+        {newBuild, signatures, QString(), QString(), QString()}, ignoreFiles, progress, true);
 }
 
 QString PublishController::problemOfPatchFolder(const QString &folder)

@@ -15,7 +15,8 @@ namespace Pellox {
 
 /**
  * Publishes a release in one call, on all cores: the work of SignaturesController and
- * DeltaController, with the same files as a result, byte for byte.
+ * DeltaController, with the same files as a result, byte for byte, or with smaller deltas where the
+ * old build is at hand.
  *
  * Each file of the new build is read once to be hashed and signed; only one that changed without
  * showing it at once is read once more for its delta. A large file is worked on by all threads.
@@ -37,8 +38,8 @@ namespace Pellox {
  * of a build.
  *
  * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
- * 2,048 bytes of the old file), and about half a KiB for each file of the build, its path and its
- * checksums.
+ * 2,048 bytes of the old file) or, where the old build is at hand, deltaMemory(), and about half a
+ * KiB for each file of the build, its path and its checksums.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that
  * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none. It is
@@ -58,6 +59,41 @@ public:
     /// the next call. Where the system gives fewer, those do it all.
     void setThreadCount(int count);
     int threadCount() const;
+
+    /**
+     * The build that players have, where it is at hand; an empty path, the default, means that it
+     * is not. createPatch() and publish() then look for what a changed file has in common with the
+     * old one byte by byte, not in whole blocks, which makes deltas a good deal smaller. They are
+     * librsync deltas as before. An old file that is not what the signatures describe, is missing
+     * or cannot be read ends the call.
+     *
+     * This and the settings below count from the next call.
+     */
+    void setOldBuild(const QString &folder);
+    QString oldBuild() const;
+
+    /// How thoroughly the old build is searched. docs/benchmarks.md has figures for each.
+    enum class DeltaEffort {
+        Fastest,
+        Balanced, ///< the default: most of what can be found, for a build farm
+        Smallest,
+    };
+    Q_ENUM(DeltaEffort)
+    void setDeltaEffort(DeltaEffort effort);
+    DeltaEffort deltaEffort() const;
+
+    /**
+     * How many bytes of memory that search may use for what it knows of the old files, all threads
+     * together; 1 GiB by default, 1 MiB at least. Where it is less than the search would like, it
+     * knows less of them, and deltas become larger.
+     */
+    void setDeltaMemory(qint64 bytes);
+    qint64 deltaMemory() const;
+
+    /// Whether each delta that was made from the old build is applied by librsync's own patch and
+    /// the outcome held against the new file, before the patch has a manifest; on by default.
+    void setDeltasVerified(bool verified);
+    bool areDeltasVerified() const;
 
     /// Writes into folder @p signatures a signature for each file of @p build, and signatures.json.
     [[nodiscard]] bool createSignatures(const QString &build, const QString &signatures,

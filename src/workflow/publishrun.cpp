@@ -24,11 +24,10 @@ constexpr double Percent = 100;
 
 } // namespace
 
-PublishRun::PublishRun(PublishFolders folders, QStringList ignoreFiles, int threadCount,
-    const std::atomic<bool> &cancelled)
+PublishRun::PublishRun(
+    PublishFolders folders, Settings settings, const std::atomic<bool> &cancelled)
     : m_folders(std::move(folders))
-    , m_ignoreFiles(std::move(ignoreFiles))
-    , m_threadCount(threadCount)
+    , m_settings(std::move(settings))
     , m_cancelled(cancelled)
 {
 }
@@ -126,12 +125,12 @@ bool PublishRun::complete(const Outputs &folders)
 
 bool PublishRun::checkFolders()
 {
-    for (const QString &input : {m_folders.newBuild, m_folders.oldSignatures}) {
+    for (const QString &input : {m_folders.newBuild, m_folders.oldSignatures, m_folders.oldBuild}) {
         if (!input.isEmpty() && !QFileInfo(input).isDir())
             return fail(input, QStringLiteral("there is no such folder"));
     }
-    QStringList folders{
-        m_folders.newBuild, m_folders.oldSignatures, m_folders.patch, m_folders.newSignatures};
+    QStringList folders{m_folders.newBuild, m_folders.oldSignatures, m_folders.oldBuild,
+        m_folders.patch, m_folders.newSignatures};
     folders.removeAll(QString());
     for (int i = 0; i < folders.size(); ++i) {
         for (int j = 0; j < i; ++j) {
@@ -163,7 +162,7 @@ bool PublishRun::findNewFiles()
 {
     const QDir build(m_folders.newBuild);
     QSet<QString> ignored;
-    for (const QString &path : m_ignoreFiles)
+    for (const QString &path : m_settings.ignoreFiles)
         ignored.insert(QDir::cleanPath(build.absoluteFilePath(path)));
 
     QString error;
@@ -241,7 +240,10 @@ bool PublishRun::checkSignatures()
 bool PublishRun::decideBeforehand(const std::vector<NewFile *> &files)
 {
     FileTask::Progress aside;
-    if (!work({m_folders.newBuild, m_folders.oldSignatures, QString(), QString()}, files, aside))
+    PublishFolders inputs;
+    inputs.newBuild = m_folders.newBuild;
+    inputs.oldSignatures = m_folders.oldSignatures;
+    if (!work(inputs, files, aside))
         return false;
     for (NewFile *file : files) {
         SignatureFile signature;
@@ -263,6 +265,28 @@ bool PublishRun::workOnFiles()
     return work(m_folders, files, m_bytes);
 }
 
+/// Most of the memory for indexes is for the large files, of which only so many are worked on at
+/// once; each thread has its part of the rest for a small one.
+void PublishRun::shareMemory(const std::vector<NewFile *> &files, Crew *crew) const
+{
+    constexpr qint64 Parts = 8;
+    const qint64 forSmall = m_settings.deltas.memory / Parts;
+    const qint64 forLarge = m_settings.deltas.memory - forSmall;
+    std::vector<qint64> weights;
+    weights.reserve(files.size());
+    for (NewFile *file : files) {
+        const bool isLarge = file->oldSha512 && FileTask::isLarge(file->size);
+        file->indexMemory = forSmall / m_settings.threadCount;
+        if (isLarge) {
+            const qint64 oldSize = QFileInfo(m_folders.oldBuild + file->relativePath).size();
+            file->indexMemory
+                = std::min(forLarge, ContentIndex::memoryFor(oldSize, m_settings.deltas.effort));
+        }
+        weights.push_back(isLarge ? file->indexMemory : 0);
+    }
+    crew->limit(std::move(weights), forLarge);
+}
+
 /// Does for @p files what @p folders ask for.
 bool PublishRun::work(
     const PublishFolders &folders, const std::vector<NewFile *> &files, FileTask::Progress &bytes)
@@ -270,10 +294,14 @@ bool PublishRun::work(
     std::vector<qint64> sizes(files.size());
     std::transform(files.cbegin(), files.cend(), sizes.begin(),
         [](const NewFile *file) { return file->size; });
-    Crew crew(m_threadCount, m_cancelled);
+    Crew crew(m_settings.threadCount, m_cancelled);
+    if (!folders.oldBuild.isEmpty())
+        shareMemory(files, &crew);
     const bool done = crew.run(
         sizes, FilePass::ChunkSize,
-        [&](std::size_t i) { FileTask(crew, folders, *files[i], bytes).carryOut(); },
+        [&](std::size_t i) {
+            FileTask(crew, folders, m_settings.deltas, *files[i], bytes).carryOut();
+        },
         [this] { report(); });
     if (done)
         return true;

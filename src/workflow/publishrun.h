@@ -21,9 +21,15 @@ class ReleaseFolder;
 class PublishRun
 {
 public:
+    struct Settings
+    {
+        QStringList ignoreFiles;
+        int threadCount;
+        DeltaSettings deltas;
+    };
+
     /// All folders absolute, without a separator at the end. @p cancelled may change at any time.
-    PublishRun(PublishFolders folders, QStringList ignoreFiles, int threadCount,
-        const std::atomic<bool> &cancelled);
+    PublishRun(PublishFolders folders, Settings settings, const std::atomic<bool> &cancelled);
 
     /// False with error(), which is empty when the run was cancelled. What @p progress throws is
     /// thrown on, once all has been cleaned up.
@@ -52,6 +58,7 @@ private:
     bool forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step);
     bool begin(ReleaseFolder &folder);
     bool workOnFiles();
+    void shareMemory(const std::vector<NewFile *> &files, Crew *crew) const;
     bool work(const PublishFolders &folders, const std::vector<NewFile *> &files,
         FileTask::Progress &bytes);
     bool complete(const Outputs &folders);
@@ -63,8 +70,7 @@ private:
     bool fail(const QString &path, const QString &reason);
 
     const PublishFolders m_folders;
-    const QStringList m_ignoreFiles;
-    const int m_threadCount;
+    const Settings m_settings;
     const std::atomic<bool> &m_cancelled;
     QString m_error;
 

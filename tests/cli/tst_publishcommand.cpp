@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <memory>
+#include <tuple>
 
 #include <sys/types.h>
 
@@ -54,8 +55,10 @@ private Q_SLOTS:
 
     void releaseFollowsRelease_data();
     void releaseFollowsRelease();
-    void writesWhatSignAndDiffWrite_data();
     void writesWhatSignAndDiffWrite();
+    void oldBuildMakesSmallerDeltas_data();
+    void oldBuildMakesSmallerDeltas();
+    void oldBuildMustBeWhatWasSigned();
     void fastSignAndDiffWriteTheSame_data();
     void fastSignAndDiffWriteTheSame();
     void replacesAnEarlierReleaseAsAWhole();
@@ -173,24 +176,63 @@ void tst_PublishCommand::releaseFollowsRelease()
     QVERIFY(m_tree->exists(QStringLiteral("b/sigs/levels/two.map")));
 }
 
-void tst_PublishCommand::writesWhatSignAndDiffWrite_data()
-{
-    QTest::addColumn<QString>("command");
-
-    QTest::newRow("from signatures") << PublishNew;
-    QTest::newRow("from a build") << PublishFirst;
-}
-
 void tst_PublishCommand::writesWhatSignAndDiffWrite()
 {
-    QFETCH(QString, command);
     QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
     QCOMPARE(run(QStringLiteral("sign new expected-sigs")).status, Done);
     QCOMPARE(run(QStringLiteral("diff new sigs expected-patch")).status, Done);
-    const Outcome outcome = run(command);
+    const Outcome outcome = run(PublishNew);
     QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
     QCOMPARE(content("sigs-new"), content("expected-sigs"));
     QCOMPARE(content("patch"), content("expected-patch"));
+}
+
+void tst_PublishCommand::oldBuildMakesSmallerDeltas_data()
+{
+    QTest::addColumn<QString>("options");
+
+    QTest::newRow("alone") << QStringLiteral("publish new --patch patch --signatures sigs-new");
+    QTest::newRow("with signatures") << PublishNew;
+    QTest::newRow("fastest") << PublishNew + QStringLiteral(" --effort fastest");
+    QTest::newRow("smallest") << PublishNew + QStringLiteral(" --effort smallest");
+    QTest::newRow("little memory") << PublishNew + QStringLiteral(" --memory 1M");
+    QTest::newRow("not verified") << PublishNew + QStringLiteral(" --no-verify");
+    QTest::newRow("diff") << QStringLiteral("diff new sigs patch --fast");
+}
+
+void tst_PublishCommand::oldBuildMakesSmallerDeltas()
+{
+    QFETCH(QString, options);
+    QByteArray world = randomBytes(20000, 1);
+    m_tree->write(QStringLiteral("old/world.pak"), world);
+    for (int i = 500; i < world.size(); i += 1000) // one in each block
+        world[i] = static_cast<char>(~world[i]);
+    m_tree->write(QStringLiteral("new/world.pak"), world);
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    QCOMPARE(run(QStringLiteral("diff new sigs larger")).status, Done);
+    const Outcome outcome = run(options + QStringLiteral(" --old-build old"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->read(QStringLiteral("patch/patchRules.json")),
+        m_tree->read(QStringLiteral("larger/patchRules.json")));
+    const auto size = [this](const char *delta) { return QFileInfo(path(delta)).size(); };
+    QVERIFY(size("patch/world.pak") < 400);
+    QVERIFY(size("larger/world.pak") > 10000);
+    QCOMPARE(run(QStringLiteral("apply old patch")).status, Done);
+    QCOMPARE(run(QStringLiteral("verify old patch")).status, Done);
+    QCOMPARE(content("old"), content("new"));
+}
+
+void tst_PublishCommand::oldBuildMustBeWhatWasSigned()
+{
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->write(QStringLiteral("old/game.exe"), "another game");
+    const Outcome outcome = run(PublishNew + QStringLiteral(" --old-build old"));
+    QCOMPARE(outcome.status, Failed);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: ") + path("old/game.exe")
+            + QStringLiteral(": is not the file that the signatures describe")));
+    QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
+    QVERIFY(!m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
 }
 
 void tst_PublishCommand::fastSignAndDiffWriteTheSame_data()
@@ -250,7 +292,10 @@ void tst_PublishCommand::goesOnWhereARunWasKilled()
 
 void tst_PublishCommand::dryRunTellsAndWritesNothing_data()
 {
-    writesWhatSignAndDiffWrite_data();
+    QTest::addColumn<QString>("command");
+
+    QTest::newRow("from signatures") << PublishNew;
+    QTest::newRow("from a build") << PublishFirst;
 }
 
 void tst_PublishCommand::dryRunTellsAndWritesNothing()
@@ -408,7 +453,7 @@ void tst_PublishCommand::helpTeachesWithAnExample()
                  "pellox publish releases/1.1 --old-signatures signatures/1.0 --patch "
                  "patches/1.0-1.1 --signatures signatures/1.1")),
         qPrintable(outcome.out));
-    for (const char *hint : {"Exactly one of --old-signatures and --old-build is needed",
+    for (const char *hint : {"One of --old-signatures and --old-build is needed",
              "Hidden files are no part", "--strict-ignore", "--allow-empty"})
         QVERIFY2(outcome.out.contains(QLatin1String(hint)), hint);
 }
@@ -555,8 +600,18 @@ void tst_PublishCommand::wrongUsage_data()
     const QString outputs = QStringLiteral(" --patch patch --signatures sigs-new");
     QTest::newRow("neither old build nor signatures") << QStringLiteral("publish new")
             + outputs << QStringLiteral("--old-signatures or --old-build is required");
-    QTest::newRow("both") << PublishNew + QStringLiteral(" --old-build old")
-                          << QStringLiteral("excludes");
+    QTest::newRow("effort for nothing") << PublishNew + QStringLiteral(" --effort smallest")
+                                        << QStringLiteral("--effort requires --old-build");
+    QTest::newRow("memory for nothing") << PublishNew + QStringLiteral(" --memory 1G")
+                                        << QStringLiteral("--memory requires --old-build");
+    QTest::newRow("nothing to verify") << PublishNew + QStringLiteral(" --no-verify")
+                                       << QStringLiteral("--no-verify requires --old-build");
+    QTest::newRow("unknown effort")
+        << PublishFirst + QStringLiteral(" --effort most") << QStringLiteral("--effort");
+    QTest::newRow("memory that is no size")
+        << PublishFirst + QStringLiteral(" --memory all") << QStringLiteral("all is no size");
+    QTest::newRow("old build for a slow diff") << QStringLiteral(
+        "diff new sigs patch --old-build old") << QStringLiteral("--old-build requires --fast");
     QTest::newRow("no patch") << QStringLiteral("publish new --old-build old --signatures sigs-new")
                               << QStringLiteral("--patch is required");
     QTest::newRow("no signatures") << QStringLiteral("publish new --old-build old --patch patch")
@@ -851,8 +906,8 @@ void tst_PublishCommand::failsWhenTheDiskIsFull()
 void tst_PublishCommand::summariesGoToStandardOutput()
 {
     const Outcome outcome = run(PublishFirst);
-    const qint64 deltas
-        = QFileInfo(path("patch/game.exe")).size() + QFileInfo(path("patch/data/grüße.pak")).size();
+    const qint64 deltas = QFileInfo(path("patch/game.exe")).size()
+        + QFileInfo(m_tree->path(QStringLiteral("patch/data/grüße.pak"))).size();
     QCOMPARE(outcome.out,
         QStringLiteral("2 files to patch (%1 of deltas), 1 file to copy (3 bytes), 1 file to "
                        "delete: %2\nSigned 4 files (9.8 KiB): %3\n")

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
+#include "deltaoptions.h"
 #include "diskroom.h"
 #include "engine.h"
 #include "failedrules.h"
@@ -18,6 +19,7 @@
 #include <QtEndian>
 
 #include <memory>
+#include <optional>
 
 namespace {
 
@@ -29,6 +31,8 @@ struct Arguments
     NewBuildOptions newBuildOptions;
     bool fast = false;
     int threads = 0;
+    std::optional<std::string> oldBuild;
+    DeltaOptions deltas;
 };
 
 /// Whether a delta can be made by it, as far as its head and size tell.
@@ -99,11 +103,12 @@ void noteStrayFiles(Console &console, const QString &patch, const QJsonArray &ru
 }
 
 bool makePatchFast(Console &console, const NewBuild &newBuild, const QString &signatures,
-    const QString &patch, int threads)
+    const QString &patch, const QString &oldBuild, const Arguments &arguments)
 {
-    return Engine(console, threads)
+    return Engine(console, arguments.threads)
         .run(QStringLiteral("diff"), newBuild.size,
             [&](Pellox::PublishController &controller, const PROGRESS_CALLBACK &progress) {
+                arguments.deltas.applyTo(controller, oldBuild);
                 return controller.createPatch(
                     newBuild.folder, signatures, patch, newBuild.ignored, progress);
             });
@@ -118,12 +123,18 @@ bool diff(Console &console, const Arguments &arguments)
     requireApart(patch, folder);
     requireApart(signatures, folder);
     requireApart(patch, signatures);
+    QString oldBuild;
+    if (arguments.oldBuild) {
+        oldBuild = existingFolder(*arguments.oldBuild);
+        for (const QString &other : {folder, signatures, patch})
+            requireApart(other, oldBuild);
+    }
     if (arguments.fast)
         requireReplaceable(patch, Pellox::PATCH_RULES_FILE);
     const NewBuild newBuild = checkedNewBuild(folder, oldFiles, arguments.newBuildOptions);
 
     const bool made = arguments.fast
-        ? makePatchFast(console, newBuild, signatures, patch, arguments.threads)
+        ? makePatchFast(console, newBuild, signatures, patch, oldBuild, arguments)
         : makePatch(console, newBuild, signatures, patch);
     if (!made)
         return false;
@@ -155,7 +166,13 @@ void addDiffCommand(CLI::App &app, Invocation &invocation)
         ->type_name("FOLDER")
         ->required();
     addNewBuildOptions(*command, arguments->newBuildOptions);
-    addFastOptions(*command, arguments->fast, arguments->threads);
+    CLI::Option *fast = addFastOptions(*command, arguments->fast, arguments->threads);
+    CLI::Option *oldBuild = command
+                                ->add_option("--old-build", arguments->oldBuild,
+                                    "The build that players have, for much smaller deltas")
+                                ->type_name("FOLDER")
+                                ->needs(fast);
+    addDeltaOptions(*command, arguments->deltas, oldBuild);
     command->footer(
         "Use a new or empty folder for PATCH: files of an earlier patch stay in it, but "
         "with --fast\nit is replaced as a whole, and refused when it holds more than a release.\n\n"

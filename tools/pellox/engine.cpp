@@ -84,11 +84,12 @@ CLI::Option *addThreadsOption(CLI::App &command, int &threads)
         ->type_name("N");
 }
 
-void addFastOptions(CLI::App &command, bool &fast, int &threads)
+CLI::Option *addFastOptions(CLI::App &command, bool &fast, int &threads)
 {
     CLI::Option *fastOption = command.add_flag("--fast", fast,
         "Work on all cores, stop at the first error, and replace the folder to write as a whole");
     addThreadsOption(command, threads)->needs(fastOption);
+    return fastOption;
 }
 
 void requireReplaceable(const QString &folder, const QString &manifest)

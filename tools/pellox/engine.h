@@ -47,8 +47,8 @@ private:
 
 /// Adds --threads; @p threads stays as it is where that is not given.
 CLI::Option *addThreadsOption(CLI::App &command, int &threads);
-/// Adds --fast, and --threads that needs it.
-void addFastOptions(CLI::App &command, bool &fast, int &threads);
+/// Adds --fast, and --threads that needs it. Returns the former.
+CLI::Option *addFastOptions(CLI::App &command, bool &fast, int &threads);
 
 /// Throws Refusal when the engine would not replace what is in @p folder by a release with
 /// manifest @p manifest: anything but an earlier release or what an interrupted run has left.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "buildcheck.h"
 #include "commands.h"
+#include "deltaoptions.h"
 #include "engine.h"
 #include "folders.h"
 #include "manifests.h"
@@ -35,6 +36,7 @@ struct Arguments
     std::string signatures;
     std::optional<std::string> archive;
     NewBuildOptions newBuildOptions;
+    DeltaOptions deltas;
     int threads = 0;
     bool dryRun = false;
     bool force = false;
@@ -44,8 +46,9 @@ struct Arguments
 struct Job
 {
     NewBuild newBuild;
-    QString oldBuild;      ///< empty where there are signatures of it
-    QString oldSignatures; ///< else empty until it is signed
+    QString oldBuild;      ///< may be empty where there are signatures of it
+    QString oldSignatures; ///< empty until it is signed where there are none
+    DeltaOptions deltas;
     QString patch;
     QString signatures;
 };
@@ -91,7 +94,7 @@ QStringList signedFilesOf(const Job &job)
 
 QStringList oldFilesOf(const Job &job, bool allowEmpty)
 {
-    if (job.oldBuild.isEmpty())
+    if (!job.oldSignatures.isEmpty())
         return signedFilesOf(job);
     requireListable(job.oldBuild);
     refuseManifestName(job.oldBuild, Pellox::SIGNATURES_FILE, {});
@@ -106,17 +109,21 @@ Job checkedJob(const Arguments &arguments)
     Job job;
     const QString newBuild = existingFolder(arguments.newBuild);
     job.newBuild.folder = newBuild;
-    if (arguments.oldBuild)
+    job.deltas = arguments.deltas;
+    std::vector<NamedFolder> folders{{QStringLiteral("NEW_BUILD"), newBuild}};
+    if (arguments.oldBuild) {
         job.oldBuild = existingFolder(*arguments.oldBuild);
-    else
-        job.oldSignatures = existingFolder(arguments.oldSignatures.value());
+        folders.push_back({QStringLiteral("--old-build"), job.oldBuild});
+    }
+    if (arguments.oldSignatures) {
+        job.oldSignatures = existingFolder(*arguments.oldSignatures);
+        folders.push_back({QStringLiteral("--old-signatures"), job.oldSignatures});
+    }
     job.patch = folderToFill(arguments.patch);
     job.signatures = folderToFill(arguments.signatures);
-    const NamedFolder old = arguments.oldBuild
-        ? NamedFolder{QStringLiteral("--old-build"), job.oldBuild}
-        : NamedFolder{QStringLiteral("--old-signatures"), job.oldSignatures};
-    requireAllApart({{QStringLiteral("NEW_BUILD"), newBuild}, old,
-        {QStringLiteral("--patch"), job.patch}, {QStringLiteral("--signatures"), job.signatures}});
+    folders.push_back({QStringLiteral("--patch"), job.patch});
+    folders.push_back({QStringLiteral("--signatures"), job.signatures});
+    requireAllApart(folders);
     requireReplaceable(job.patch, Pellox::PATCH_RULES_FILE);
     requireReplaceable(job.signatures, Pellox::SIGNATURES_FILE);
     const QStringList oldFiles = oldFilesOf(job, arguments.newBuildOptions.allowEmpty);
@@ -240,6 +247,7 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
     const NewBuild &newBuild = job.newBuild;
     const bool made = engine.run(QStringLiteral("publish"), newBuild.size,
         [&](PublishController &controller, const PROGRESS_CALLBACK &progress) {
+            job.deltas.applyTo(controller, job.oldBuild);
             return controller.publish(newBuild.folder, job.oldSignatures, job.patch, job.signatures,
                 newBuild.ignored, progress);
         });
@@ -286,7 +294,7 @@ bool publish(Console &console, const Arguments &arguments)
     if (packing && !arguments.dryRun)
         packing->begin();
     std::unique_ptr<QTemporaryDir> temporary;
-    if (!job.oldBuild.isEmpty()) {
+    if (job.oldSignatures.isEmpty()) {
         temporary = temporarySignatures(job);
         job.oldSignatures = temporary->path();
         const qint64 size = totalSize(filesOfBuild(job.oldBuild));
@@ -303,16 +311,16 @@ void addFolders(CLI::App &command, Arguments &arguments)
     command.add_option("NEW_BUILD", arguments.newBuild, "The build to bring players to")
         ->type_name("FOLDER")
         ->required();
-    CLI::Option *oldSignatures = command
-                                     .add_option("--old-signatures", arguments.oldSignatures,
-                                         "What \"pellox publish\" or \"pellox sign\" wrote for the "
-                                         "build that players have")
-                                     ->type_name("FOLDER");
     command
-        .add_option("--old-build", arguments.oldBuild,
-            "That build itself, for a first release: it is signed into a temporary folder")
-        ->type_name("FOLDER")
-        ->excludes(oldSignatures);
+        .add_option("--old-signatures", arguments.oldSignatures,
+            "What \"pellox publish\" or \"pellox sign\" wrote for the build that players have")
+        ->type_name("FOLDER");
+    CLI::Option *oldBuild = command
+                                .add_option("--old-build", arguments.oldBuild,
+                                    "That build itself, for much smaller deltas; without "
+                                    "--old-signatures it is signed first, into a temporary folder")
+                                ->type_name("FOLDER");
+    addDeltaOptions(command, arguments.deltas, oldBuild);
     command
         .add_option("--patch", arguments.patch,
             "The folder to write: deltas, new files and patchRules.json")
@@ -342,12 +350,13 @@ void addPublishCommand(CLI::App &app, Invocation &invocation)
     command->add_flag("--force", arguments->force, "Replace an archive that exists")->needs(pack);
     command->add_flag(
         "--dry-run", arguments->dryRun, "Tell what would be done, with sizes, and write nothing");
-    command->footer("Exactly one of --old-signatures and --old-build is needed. Hidden files are "
-                    "no part\nof a build and left out.\n"
-                    "The folders to write are replaced as a whole; one that holds anything but an "
-                    "earlier\nrelease is refused.\n\n"
-                    "Example:\n  pellox publish releases/1.1 --old-signatures signatures/1.0 "
-                    "--patch patches/1.0-1.1 --signatures signatures/1.1");
+    command->footer(
+        "One of --old-signatures and --old-build is needed; give both where you have both.\n"
+        "Hidden files are no part of a build and left out.\n"
+        "The folders to write are replaced as a whole; one that holds anything but an "
+        "earlier\nrelease is refused.\n\n"
+        "Example:\n  pellox publish releases/1.1 --old-signatures signatures/1.0 "
+        "--patch patches/1.0-1.1 --signatures signatures/1.1");
     command->callback([arguments, &invocation] {
         if (!arguments->oldSignatures && !arguments->oldBuild)
             throw CLI::RequiredError("--old-signatures or --old-build");
