@@ -7,20 +7,17 @@ Usage: deltas.py BIN [PROFILE...]
 BIN holds pellox and the bench_ programs. PROFILE is mixed, program, phaser, monaco, swc or rollup
 (default: all). Every way must rebuild the new build. Sizes are those of the whole patch, new files
 among them, as it is and packed by 7zr; seconds are the medians of making it, of all ways in turn.
-Environment: as releases.py, but REPETITIONS is 3 by default.
+Environment: as releases.py, but REPETITIONS is 3 by default; 0 leaves all times out.
 """
 
 import os
-import subprocess
 import sys
 import tempfile
 from pathlib import Path
 from statistics import median
 
-from releases import (CONTESTANTS, GIB, HERE, MADE, PACKAGES, Bench, Failure, bytes_under, say,
-                      scratch_root)
+from releases import CONTESTANTS, GIB, MADE, Bench, Failure, say, scratch_root
 
-UPDATERS = str(HERE / "updaters.sh")
 EFFORTS = ["fastest", "balanced", "smallest"]
 WAYS = ["core", *(f"effort-{effort}" for effort in EFFORTS), "xdelta3-1", "xdelta3-9", "zstd-3",
         "zstd-19", "bsdiff"]
@@ -42,7 +39,7 @@ class Deltas(Bench):
             except Failure as failure:
                 say(f"{self.name}: {way} FAILED: {failure}")
                 continue
-            if figures[0] > slow:
+            if figures[0] > slow and repetitions > 0:
                 seconds[way].append(figures[0])
             else:
                 good.append(way)
@@ -53,11 +50,11 @@ class Deltas(Bench):
                 self.clear_output()
                 self.warm()
                 seconds[way].append(self.measure("once", CONTESTANTS, "make", way)[0])
-        for way in ways:
-            if seconds[way]:
-                print(f"| {self.name} | {NAMES.get(way, way.replace('effort-', 'old build, '))} "
-                      f"| {sizes[way]:,} | {packed[way]:,} | {median(seconds[way]):.2f} |",
-                      flush=True)
+        for way in sizes:
+            name = NAMES.get(way, way.replace("effort-", "old build, "))
+            time = f"{median(seconds[way]):.2f}" if seconds[way] else ""
+            print(f"| {self.name} | {name} | {sizes[way]:,} | {packed[way]:,} | {time} |",
+                  flush=True)
 
 
 def main():

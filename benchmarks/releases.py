@@ -39,6 +39,7 @@ MADE = {
     "huge": ("huge", GIB, 5),
     "small": ("small", 20000, 4),
     "unchanged": ("unchanged", GIB, 5),
+    "program": ("program", GIB // 16, 1),
     "growth-1GiB": ("mixed", GIB, 5),
     "growth-2GiB": ("mixed", 2 * GIB, 8),
     "growth-4GiB": ("mixed", 4 * GIB, 15),
@@ -49,6 +50,8 @@ MADE = {
 PACKAGES = {
     "phaser": ("phaser", "3.88.1", "3.88.2"),
     "monaco": ("monaco-editor", "0.52.0", "0.52.2"),
+    "swc": ("@swc/core-linux-x64-gnu", "1.7.39", "1.7.40"),
+    "rollup": ("@rollup/rollup-linux-x64-gnu", "4.24.0", "4.24.2"),
 }
 PROFILES = ["mixed", "huge", "small", "unchanged", "phaser", "monaco", "growth"]
 SOME_FAILED = 3  # exit status: there are figures, but not of every way
@@ -87,7 +90,7 @@ def write_csv(path, header, rows):
 def fetch_package(package, release, folder):
     """One release from the npm registry, by way of a cache folder."""
     cache = HERE.parent / "build" / "npm"
-    archive = cache / f"{package}-{release}.tgz"
+    archive = cache / f"{package.lstrip('@').replace('/', '-')}-{release}.tgz"
     if not archive.exists():
         cache.mkdir(parents=True, exist_ok=True)
         subprocess.run(["npm", "pack", "--silent", f"{package}@{release}"], cwd=cache,

@@ -47,6 +47,23 @@ std::optional<SealedPatch> read(
     return sealed;
 }
 
+void checkSource(const SealedPatch &sealed, const QString &path, const SealedRule &rule)
+{
+    require(mayBeLeftOut(sealed, path)
+            == (!rule.source.isEmpty() && path != QLatin1String("/patchRules.json")),
+        "what has a source may be left out, but never the rules");
+    if (rule.source.isEmpty())
+        return;
+    require(
+        rule.kind == UpdateRule::Kind::Copy && rule.size > 0, "only copied content has a source");
+    require(staysInside(rule.source), "every source stays in the build");
+    require(rule.source != path, "no file is its own source");
+    const auto other = sealed.rules.find(rule.source);
+    require(other == sealed.rules.cend() || other->second.kind == UpdateRule::Kind::Copy
+            || other->second.oldSha512 == rule.sha512,
+        "a source has the content that is made of it");
+}
+
 void checkPatch(const SealedPatch &sealed)
 {
     require(sealed.release >= 1 && sealed.release <= LargestRelease, "a release has a number");
@@ -58,6 +75,7 @@ void checkPatch(const SealedPatch &sealed)
         require(staysInside(path), "every rule stays in the build");
         require(rule.kind == UpdateRule::Kind::Delete || sealed.files.count(path) == 1,
             "every rule has its file");
+        checkSource(sealed, path, rule);
     }
 }
 
@@ -79,8 +97,10 @@ QByteArray sample()
     patch.release = 7;
     patch.files["/patchRules.json"_s] = {2, Sha512()};
     patch.files["/new \""_s] = {3, Sha512()};
-    patch.rules["/new \""_s] = {UpdateRule::Kind::Copy, Sha512(), 3, Sha512()};
-    patch.rules["/gone"_s] = {UpdateRule::Kind::Delete, Sha512(), 0, Sha512()};
+    patch.files["/to"_s] = {3, Sha512()};
+    patch.rules["/new \""_s] = {UpdateRule::Kind::Copy, Sha512(), 3, Sha512(), QString()};
+    patch.rules["/gone"_s] = {UpdateRule::Kind::Delete, Sha512(), 0, Sha512(), QString()};
+    patch.rules["/to"_s] = {UpdateRule::Kind::Copy, Sha512(), 3, Sha512(), "/gone"_s};
     return sealedText(patch);
 }
 

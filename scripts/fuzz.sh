@@ -19,7 +19,7 @@ main() {
         seconds=$1
         shift
     fi
-    [ $# -gt 0 ] || set -- rules seal journal outputparsers signatures delta update core
+    [ $# -gt 0 ] || set -- rules seal journal outputparsers signatures delta contentdelta update core
     local target
     for target; do
         [ -d "fuzz/seeds/$target" ] || { echo "fuzz.sh: no target '$target'" >&2; exit 2; }
@@ -45,7 +45,7 @@ fuzz() { # TARGET SECONDS
     [ ! -f "$dictionary" ] || options+=(-dict="$dictionary")
     mkdir -p "$corpus" "$scratch/$target"
     TMPDIR=$scratch/$target UBSAN_OPTIONS=print_stacktrace=1 \
-        "$build/bin/fuzz_$target" "${options[@]}" -max_total_time="$seconds" -timeout=20 \
+        "$build/bin/fuzz_$target" "${options[@]}" -max_total_time="$seconds" -timeout=60 \
         -print_final_stats=1 -artifact_prefix="$findings/$target-" \
         "$corpus" "fuzz/seeds/$target" >"$log" 2>&1 || found=$?
     [ "$found" -ne "$interrupted" ] || exit 130

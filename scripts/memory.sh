@@ -3,7 +3,8 @@
 # Measures the peak memory of each command, and fails when it grows with the build.
 # Usage: scripts/memory.sh   (a few minutes, 8 GiB in $TMPDIR)
 #
-# On one 4 GiB file: 64 MiB for sign, apply, verify and copy; for diff the signature and 64 MiB.
+# On one 4 GiB file: 64 MiB for sign, apply, verify, copy, check, repair, update and recover; for diff
+# the signature and 64 MiB.
 # publish, on made-up builds: 64 MiB and the signatures in memory, up to 80 bytes for each 2,048
 # bytes of the old file; and what does not belong to them may grow by no more than 8 MiB from a file
 # of 1 GiB to one of 4 GiB, and by 640 bytes for each file, whose path and checksums are kept.
@@ -19,14 +20,16 @@ failed=0
 main() {
     scripts/setup.sh build bench >&2
     cmake --preset release -DPELLOX_BUILD_BENCHMARKS=ON >/dev/null
-    cmake --build --preset release --target pellox bench_makebuild >&2
+    cmake --build --preset release --target pellox bench_makebuild faults >&2
     pellox=$PWD/build/release/bin/pellox
     makebuild=$PWD/build/release/bin/bench_makebuild
+    faults=$(find "$PWD/build/release" -name libfaults.so)
     scratch=$(mktemp -d)
     trap 'rm -rf "$scratch"' EXIT
 
     cd "$(mktemp -d -p "$scratch")"
     single_steps
+    installed_build
     rm -rf "${scratch:?}"/*
 
     publish huge 1 GiB $((1 << 30)) "$set_of_gibibyte"
@@ -62,6 +65,31 @@ single_steps() {
     measure verify $limit verify install patch
     measure copy $limit copy new/file copy
     cmp new/file install/file
+    rm copy
+}
+
+# What single_steps has left is brought back to the old build, and to the new one again.
+installed_build() {
+    measure repair $limit repair install signatures --from old
+    measure check $limit check install signatures
+    measure update $limit update install patch
+    cmp new/file install/file
+
+    truncate -s 0 install/file
+    truncate -s 4G install/file
+    die_putting_in_place
+    measure recover $limit recover install
+    cmp new/file install/file
+}
+
+# An update that is killed when all is staged.
+die_putting_in_place() {
+    if LD_PRELOAD=$faults FAULTS_PATH=$PWD/install/file FAULTS_CALLS=rename FAULTS_AT=1 \
+        FAULTS_DO=kill "$pellox" update install patch --quiet; then
+        echo 'the update was not killed' >&2
+        exit 1
+    fi
+    [ -e install/.pellox/journal ]
 }
 
 # The old build makes room for the new one: only its signatures are needed.

@@ -4,6 +4,7 @@
 #include "goon.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 #include <vector>
@@ -21,8 +22,12 @@ struct BuildFile
  * Nothing, after @p error, when a folder cannot be listed to its end, or when a name cannot be
  * told in the locale's encoding; filesUnder() would leave those out. Nothing without an error when
  * @p goOn says no.
+ *
+ * Where @p odd is given, the relative paths of such folders and names, as far as they can be told,
+ * are appended to it, and the walk goes on without them: only the build's own folder must be
+ * listed. Folders that disappear meanwhile are gone.
  */
 std::optional<std::vector<BuildFile>> walkBuild(
-    const QString &build, QString *error, const GoOn &goOn = GoOn());
+    const QString &build, QString *error, const GoOn &goOn = GoOn(), QStringList *odd = nullptr);
 
 } // namespace Pellox

@@ -36,23 +36,48 @@ Commit::Found Commit::findUnfinished()
     return Found::Journal;
 }
 
-Commit::Begun Commit::begin(Journal journal)
+// On the disk there is first what the journal relies on, then the journal itself, then its name.
+
+bool Commit::prepare(Journal journal, const GoOn &goOn)
 {
     m_journal = std::move(journal);
     m_isResumed = false;
-    const auto prepare = [this] {
-        return m_journal.keepsPrevious ? m_setAside.begin(m_journal) || failAs(m_setAside)
-                                       : m_setAside.abandon() || failAs(m_setAside);
-    };
-    // First what it relies on, then the journal itself, then its name.
-    if (!markDeletions() || !prepare() || !sync() || !writeJournal()) {
-        if (!m_files.look(WorkFolder::Journal).isNothing())
-            return Begun::Uncertain;
-        m_files.removeFile(WorkFolder::NewJournal);
-        m_setAside.abandon();
-        return Begun::No;
-    }
-    return sync() ? Begun::Yes : Begun::Uncertain;
+    m_error = {};
+    if (markDeletions() && setAside(goOn) && sync() && mayGoOn(goOn))
+        return true;
+    takeBack();
+    return false;
+}
+
+bool Commit::setAside(const GoOn &goOn)
+{
+    return (m_journal.keepsPrevious ? m_setAside.begin(m_journal, goOn) : m_setAside.abandon())
+        || failAs(m_setAside);
+}
+
+bool Commit::abandon()
+{
+    return (m_files.removeFile(WorkFolder::NewJournal)
+               || failBySystem(WorkFolder::NewJournal, "cannot be removed: "))
+        && (m_setAside.abandon() || failAs(m_setAside));
+}
+
+/// The error that there is already, if any, is the one to tell.
+void Commit::takeBack()
+{
+    const FileError error = m_error;
+    if (abandon() || !error.isEmpty())
+        m_error = error;
+}
+
+Commit::Begun Commit::begin()
+{
+    if (writeJournal())
+        return sync() ? Begun::Yes : Begun::Uncertain;
+    if (!m_files.look(WorkFolder::Journal).isNothing())
+        return Begun::Uncertain;
+    takeBack();
+    return Begun::No;
 }
 
 /// What stands there now, and nothing else, will be deleted.
@@ -86,19 +111,11 @@ bool Commit::carryOut()
     return place(m_journal.last) && sync() && settleRecords() && clearUp();
 }
 
-/// Between a crash and now anybody may have been there. What a rollback would place is an earlier
-/// build's only copy: it is not placed either, but stays for somebody to look at.
+/// Between a crash and now anybody may have been there, with a file of such a name too.
 bool Commit::findSpoiled()
 {
     m_spoiled.clear();
-    if (!m_isResumed)
-        return true;
-    if (!findSpoiled(m_journal.first) || !findSpoiled(m_journal.last))
-        return false;
-    return m_journal.isRollback
-        || std::all_of(m_spoiled.cbegin(), m_spoiled.cend(), [this](const QString &path) {
-               return m_files.removeFile(path) || failBySystem(path, "cannot be removed: ");
-           });
+    return !m_isResumed || (findSpoiled(m_journal.first) && findSpoiled(m_journal.last));
 }
 
 bool Commit::findSpoiled(const std::vector<Journal::Placement> &placements)
@@ -208,7 +225,8 @@ bool Commit::settleRecords()
 {
     // What does not fit the build any more, or is used up. A rollback that could not use all of it
     // leaves the rest.
-    const bool isOutdated = m_journal.isRollback ? m_lost.isEmpty() : m_journal.changesRelease;
+    const bool isOutdated
+        = m_journal.isRollback ? m_lost.isEmpty() : m_journal.changesRelease && !m_journal.isRepair;
     const bool forgets = !m_journal.keepsPrevious && isOutdated && !m_setAside.isEmpty();
     const bool changesRelease = m_journal.changesRelease
         && (m_journal.release || !m_files.look(WorkFolder::Release).isNothing());
@@ -244,7 +262,7 @@ bool Commit::clearUp()
     if (!m_files.removeFile(WorkFolder::Journal))
         return failBySystem(WorkFolder::Journal, "cannot be removed: ");
     m_files.removeFile(WorkFolder::StagedRecord); // if it is still there, as the build was moved
-    m_files.removeFolder(WorkFolder::Staged);
+    m_files.removeAll(WorkFolder::Staged); // what was not placed, too: there it is nobody else's
     m_files.removeFolder(WorkFolder::Name);
     sync(); // if that cannot be, a crash brings the journal back, and that does no harm
     return true;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "buildfiles.h"
+#include "goon.h"
 #include "journal.h"
 #include "setaside.h"
 
@@ -33,17 +34,26 @@ public:
     /// when there is none for certain.
     Found findUnfinished();
     /**
-     * Writes @p journal. What it places must be staged. Unless the answer is Yes there is an
-     * error(). No: nothing has changed. Uncertain: the journal is there or may be, but the system
-     * could not say that it will survive a crash, so nothing is done yet.
+     * Sets aside what @p journal says, and waits until that and what is staged for it are on the
+     * disk, which may take long. False, with nothing changed, after an error(), or without one when
+     * @p goOn said no.
      */
-    Begun begin(Journal journal);
+    bool prepare(Journal journal, const GoOn &goOn);
+    /// Takes prepare() back, that of a run that was killed too. False with error().
+    bool abandon();
+    /**
+     * Writes the journal that was prepared. Unless the answer is Yes there is an error(). No:
+     * nothing has changed. Uncertain: the journal is there or may be, but the system could not say
+     * that it will survive a crash, so nothing is done yet.
+     */
+    Begun begin();
     /**
      * Does or finishes it. False with error(); the journal stays, and it can be tried again.
      *
      * What an earlier run has left is looked at before anything is placed. Content that is gone by
      * now or another one is never placed: all else is done, lost() names it, and no release is
-     * installed.
+     * installed. Another one is somebody else's, as what was staged has come to the disk before the
+     * journal: it stays where it is.
      */
     bool carryOut();
     /// Makes sure that no journal comes back after a crash. False with error().
@@ -59,7 +69,9 @@ private:
     using Identity = std::pair<dev_t, ino_t>;
 
     bool markDeletions();
+    bool setAside(const GoOn &goOn);
     bool writeJournal();
+    void takeBack();
     bool findSpoiled();
     bool findSpoiled(const std::vector<Journal::Placement> &placements);
     bool place(const std::vector<Journal::Placement> &placements);

@@ -145,8 +145,11 @@ bool InputFile::isUnchanged()
     if (got < 0)
         return failBySystem("cannot be read: ");
     struct stat now = {};
-    if (::stat(QFile::encodeName(path()).constData(), &now) != 0)
-        return fail(QStringLiteral("disappeared while it was read"));
+    if (::stat(QFile::encodeName(path()).constData(), &now) != 0) {
+        return errno == ENOENT || errno == ENOTDIR
+            ? fail(QStringLiteral("disappeared while it was read"))
+            : failBySystem("cannot be read: ");
+    }
     return (got == 0 && now.st_dev == m_status.st_dev && now.st_ino == m_status.st_ino
                && now.st_size == m_status.st_size && sameTime(now.st_mtim, m_status.st_mtim))
         || fail(QStringLiteral("changed while it was read"));
@@ -167,6 +170,17 @@ bool OutputFile::open(const QString &path)
     if (folderIsMissing && QDir().mkpath(QFileInfo(path).path()) && m_file.open(path, ToMake))
         return true;
     return fail();
+}
+
+bool FileOwner::areUnknown(int error)
+{
+    return error == EPERM || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
+}
+
+void OutputFile::setOwner(const FileOwner &owner)
+{
+    if (::fchown(m_file.get(), owner.user, owner.group) != 0 && !FileOwner::areUnknown(errno))
+        fail();
 }
 
 void OutputFile::setPermissions(mode_t permissions)

@@ -107,6 +107,15 @@ private:
     struct stat m_status = {};
 };
 
+struct FileOwner
+{
+    uid_t user = 0;
+    gid_t group = 0;
+
+    /// What a failed call leaves in errno where there are no such owners on a file system.
+    static bool areUnknown(int error);
+};
+
 /// A new file, written from one end to the other. After a failure it takes everything and keeps
 /// the first error().
 class OutputFile
@@ -117,6 +126,8 @@ public:
     /// Makes @p name in the open folder @p folder; errors name @p path.
     bool openIn(int folder, const QString &name, const QString &path);
 
+    /// As far as the file system keeps owners. Before the permissions, which it may take away.
+    void setOwner(const FileOwner &owner);
     void setPermissions(mode_t permissions);
     /// Waits until all is on the disk. False with error().
     bool sync();

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
 
 namespace Pellox {
@@ -76,6 +77,17 @@ qint64 DiskRoom::taken(qint64 size) const
 {
     const qint64 blocks = size / blockSize + (size % blockSize == 0 ? 0 : 1) + 1;
     return saturatedProduct(static_cast<quint64>(blocks), blockSize);
+}
+
+bool givesSecondNames(const QString &folder)
+{
+    constexpr quint32 Fat = 0x4d44;
+    constexpr quint32 ExFat = 0x2011bab0;
+    struct statfs status = {};
+    if (::statfs(QFile::encodeName(folder).constData(), &status) != 0)
+        return true;
+    const auto kind = static_cast<quint32>(status.f_type);
+    return kind != Fat && kind != ExFat;
 }
 
 bool isOneMount(const QString &folder, const QString &other)

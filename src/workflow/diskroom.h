@@ -24,6 +24,9 @@ struct DiskRoom
     qint64 taken(qint64 size) const;
 };
 
+/// Whether the file system that @p folder is on gives files second names, as far as its kind tells.
+bool givesSecondNames(const QString &folder);
+
 /// Whether files can be renamed from one folder to the other: the same file system, seen through
 /// the same mount.
 bool isOneMount(const QString &folder, const QString &other);

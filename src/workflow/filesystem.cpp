@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "filesystem.h"
 
+#include "diskfile.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -10,6 +12,16 @@
 
 namespace Pellox {
 
+namespace {
+
+/// Of a call that looks: whether nothing can stand there.
+bool tellsNothing(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
+}
+
+} // namespace
+
 std::optional<struct stat> statusOf(const QString &path)
 {
     struct stat status = {};
@@ -18,9 +30,17 @@ std::optional<struct stat> statusOf(const QString &path)
     return {};
 }
 
+std::optional<struct stat> statusOf(const QString &path, FileError *error)
+{
+    const auto status = statusOf(path);
+    if (!status && !tellsNothing(errno))
+        *error = FileError::ofSystem(path, "cannot be looked at: ");
+    return status;
+}
+
 bool mayStand(const QString &path)
 {
-    return statusOf(path) || (errno != ENOENT && errno != ENOTDIR);
+    return statusOf(path) || !tellsNothing(errno);
 }
 
 bool isRegularFile(const QString &path)

@@ -9,10 +9,14 @@
 
 namespace Pellox {
 
+struct FileError;
+
 // Single calls on files by path. Those that fail leave the reason in errno.
 
 /// Of what stands at @p path itself, were it a link.
 std::optional<struct stat> statusOf(const QString &path);
+/// The same; nothing with @p error where the system does not tell whether anything stands there.
+std::optional<struct stat> statusOf(const QString &path, FileError *error);
 /// False only when nothing stands there for certain; where the system does not tell, something may.
 bool mayStand(const QString &path);
 /// No link to one.

@@ -99,6 +99,15 @@ bool IntegrityController::repair(
         &IntegrityRun::repair);
 }
 
+bool IntegrityController::recordRelease(const QString &build, const QString &signatures,
+    const QString &patch, const QStringList &trustedKeys)
+{
+    const int threads = d->threadCount > 0 ? d->threadCount : QThread::idealThreadCount();
+    return d->start({absoluteFolder(build), absoluteFolder(signatures), QString(), threads,
+                        absoluteFolder(patch), trustedKeys},
+        &IntegrityRun::recordRelease);
+}
+
 void IntegrityController::cancel()
 {
     d->runs.cancel();

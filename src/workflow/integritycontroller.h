@@ -19,7 +19,9 @@ struct IntegrityReport
     QStringList changed;
     QStringList missing;
     QStringList unreadable;
-    QStringList extra; ///< that the manifest does not name; hidden ones do not count
+    /// Files that the manifest does not name; hidden ones do not count. And folders that cannot be
+    /// listed, and files and folders whose names the locale's encoding cannot tell.
+    QStringList extra;
 
     /// Whether every file of the manifest is as it should be; extra files do not matter.
     bool isIntact() const { return changed.isEmpty() && missing.isEmpty() && unreadable.isEmpty(); }
@@ -64,14 +66,26 @@ public:
      */
     bool repair(const QString &build, const QString &signatures, const QString &source);
 
-    /// Ends a run soon. A repair that is cancelled changes nothing. Any thread.
+    /**
+     * Starts to record which release is installed, as a sealed update does: for installers, so that
+     * already the first update proves what it starts from. The release is the one that the sealed
+     * patch in folder @p patch leads to, of which patchSeal.json is enough; one of @p trustedKeys,
+     * PEM files of public keys, must have made the seal. Refused, and nothing written, unless
+     * @p signatures are those of that release and every file is intact; and where the build's
+     * record tells of another build with a number that is no smaller. What a crash has interrupted
+     * is finished first.
+     */
+    bool recordRelease(const QString &build, const QString &signatures, const QString &patch,
+        const QStringList &trustedKeys);
+
+    /// Ends a run soon. One that is cancelled changes nothing. Any thread.
     void cancel();
     bool isRunning() const;
 
     /// What the last run found, before it repaired anything. Valid after finished().
     IntegrityReport report() const;
-    /// How the last repair() ended: AlreadyUpToDate when there was nothing to repair. Valid after
-    /// finished().
+    /// How the last repair() or recordRelease() ended: AlreadyUpToDate when there was nothing to
+    /// repair or to record, Updated when that was done. Valid after finished().
     UpdateController::UpdateResult repairResult() const;
 
 Q_SIGNALS:
@@ -85,7 +99,7 @@ Q_SIGNALS:
     void phaseChanged(Pellox::UpdateController::UpdatePhase phase);
     /**
      * The end of a run. Of check(): true when it was carried out, whatever the report says; of
-     * repair(): true when the build is intact now.
+     * repair(): true when the build is intact now; of recordRelease(): true when it is recorded.
      */
     void finished(bool success);
 

@@ -41,7 +41,7 @@ bool IntegrityRun::carryOutCheck()
             return fail(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
     }
     QString error;
-    auto files = readSignedFiles(m_settings.signatures, &error);
+    auto files = readSignedFiles(m_settings.signatures, &error, [this] { return !m_cancelled; });
     if (!files)
         return fail(
             Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE, error);
@@ -123,7 +123,8 @@ bool IntegrityRun::findExtra()
     for (const SignedFile &file : m_files)
         known.insert(file.relativePath);
     QString error;
-    const auto files = walkBuild(m_settings.build, &error);
+    const auto files = walkBuild(
+        m_settings.build, &error, [this] { return !m_cancelled; }, &m_report.extra);
     if (!files)
         return fail(Code::ReadOrWrite, m_settings.build, error);
     for (const BuildFile &file : *files) {
@@ -149,29 +150,119 @@ bool IntegrityRun::repair()
     if (!check())
         return false;
     Transaction::Aim aim;
+    aim.isRepair = true;
     for (const SignedFile &file : m_files)
         aim.otherFiles.insert(file.relativePath);
     if (m_report.isIntact()) {
-        transaction.clearLeftovers(aim.otherFiles);
-        return endIntact(transaction.files(), Result::AlreadyUpToDate);
+        return transaction.clearLeftovers(aim.otherFiles) ? endIntact(transaction.files())
+                                                          : end(Result::Failed);
     }
     std::vector<UpdateWork> works = this->works();
     if (!m_problems.isEmpty() || !hasRoom(works))
         return end(Result::Refused);
+    aim.changesRelease = !isRecordRight(transaction.files());
     m_reports.phase(Phase::Staging);
-    const auto outcome = transaction.carryOut(works, aim);
-    return outcome == Transaction::Outcome::Done ? endIntact(transaction.files(), Result::Updated)
-                                                 : end(outcome);
+    return end(transaction.carryOut(works, aim));
 }
 
-/// The build is what the signatures say now, whatever its record did.
-bool IntegrityRun::endIntact(BuildFiles &files, Result result)
+/// The build is what the signatures say, whatever its record did.
+bool IntegrityRun::endIntact(BuildFiles &files)
 {
     FileError error;
-    if (settleReleaseRecord(files, m_files, &error))
-        return end(result);
-    m_problems.add(Code::ReadOrWrite, error);
-    return end(Result::Failed);
+    if (isRecordRight(files))
+        return end(Result::AlreadyUpToDate);
+    const bool removed = InstalledRelease::remove(files, &error);
+    files.removeFolder(WorkFolder::Name); // if it is empty
+    if (!removed)
+        m_problems.add(Code::ReadOrWrite, error);
+    return end(removed ? Result::AlreadyUpToDate : Result::Failed);
+}
+
+/// Whether the record of the installed release, where there is one, is of what the signatures say.
+bool IntegrityRun::isRecordRight(BuildFiles &files) const
+{
+    FileError damage;
+    const auto record = InstalledRelease::read(files, &damage);
+    return record ? identity() == record->build : damage.isEmpty();
+}
+
+/// That of the build of the signatures; nothing when they lack a checksum.
+std::optional<Sha512> IntegrityRun::identity() const
+{
+    ByPath<Sha512> build;
+    for (const SignedFile &file : m_files) {
+        if (!file.sha512)
+            return {};
+        build.emplace(file.relativePath, *file.sha512);
+    }
+    return identityOf(build);
+}
+
+bool IntegrityRun::recordRelease()
+{
+    Transaction transaction({{m_settings.build, QString(), QString()}, 1, true, false},
+        {{m_reports.progress, [](const QString &) {}}, [] {}}, m_cancelled, m_problems);
+    if (!transaction.lock())
+        return end(Result::Refused);
+    if (transaction.hasUnfinished())
+        m_reports.phase(Phase::Finishing);
+    if (transaction.finishUnfinished() == Transaction::Outcome::Interrupted)
+        return end(Result::Interrupted);
+    const auto sealed = readSeal();
+    if (!sealed)
+        return end(Result::Refused);
+    if (!check())
+        return false;
+    return end(isReleaseOf(*sealed) ? record(*sealed, transaction.files()) : Result::Refused);
+}
+
+/// Nothing with a problem.
+std::optional<SealedPatch> IntegrityRun::readSeal()
+{
+    if (QFileInfo(m_settings.patch).isDir())
+        return readTrustedSeal(m_settings.patch, m_settings.keys, m_problems);
+    fail(Code::BadFolder, m_settings.patch, QStringLiteral("there is no such folder"));
+    return {};
+}
+
+/// Whether the build, which has been checked, is what the patch of @p sealed leads to: then its
+/// publisher has said so of every file. False with a problem.
+bool IntegrityRun::isReleaseOf(const SealedPatch &sealed)
+{
+    const auto tell = [this](const QStringList &paths, const QString &reason) {
+        for (const QString &path : paths)
+            m_problems.add(Code::DamagedInstall, m_settings.build + path, reason);
+    };
+    tell(m_report.changed, QStringLiteral("is not as the signatures say"));
+    tell(m_report.missing, QStringLiteral("is missing"));
+    tell(m_report.unreadable, QStringLiteral("cannot be read"));
+    if (identity() != sealed.to)
+        m_problems.add(Code::BadManifest,
+            m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE,
+            QStringLiteral("is of another build than the one that the patch leads to"));
+    return m_problems.isEmpty();
+}
+
+/// The number does not fall here either: a repair forgets one that is of another build.
+IntegrityRun::Result IntegrityRun::record(const SealedPatch &sealed, BuildFiles &files)
+{
+    FileError error;
+    const auto installed = InstalledRelease::read(files, &error);
+    if (error.system != 0) {
+        m_problems.add(Code::ReadOrWrite, error);
+        return Result::Failed;
+    }
+    const bool isSame = installed && installed->build == sealed.to;
+    if (isSame && installed->number >= sealed.release)
+        return Result::AlreadyUpToDate;
+    if (installed && installed->number >= sealed.release) {
+        m_problems.add(Code::OlderRelease, files.absolute(WorkFolder::Release),
+            QStringLiteral("says that release %1 is installed, which is no older than %2")
+                .arg(QString::number(installed->number), QString::number(sealed.release)));
+        return Result::Refused;
+    }
+    return writeRelease({sealed.release, sealed.to}, files, true, m_problems) ? Result::Updated
+                                                                              : Result::Failed;
 }
 
 bool IntegrityRun::hasRoom(std::vector<UpdateWork> &works)

@@ -3,6 +3,7 @@
 
 #include "integritycontroller.h"
 #include "manifestfile.h"
+#include "sealfile.h"
 #include "transaction.h"
 #include "updatework.h"
 
@@ -22,6 +23,8 @@ public:
         QString signatures;
         QString source; ///< of a repair
         int threadCount = 1;
+        QString patch = {};    ///< whose seal tells the release that is to be recorded
+        QStringList keys = {}; ///< PEM files: who may have made that
     };
 
     struct Reports
@@ -35,6 +38,7 @@ public:
 
     bool check();
     bool repair();
+    bool recordRelease();
 
     const IntegrityReport &report() const { return m_report; }
     UpdateController::UpdateResult result() const { return m_result; }
@@ -46,6 +50,10 @@ private:
     enum class State { Intact, Changed, Missing, Unreadable };
 
     bool carryOutCheck();
+    std::optional<Sha512> identity() const;
+    std::optional<SealedPatch> readSeal();
+    bool isReleaseOf(const SealedPatch &sealed);
+    Result record(const SealedPatch &sealed, BuildFiles &files);
     bool compare();
     State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
     void addToReport(const QString &path, State state);
@@ -55,7 +63,8 @@ private:
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
     bool fail(Code code, const QString &file, const QString &error);
     bool end(Result result);
-    bool endIntact(BuildFiles &files, Result result);
+    bool endIntact(BuildFiles &files);
+    bool isRecordRight(BuildFiles &files) const;
     bool end(Transaction::Outcome outcome);
     QString installed(const SignedFile &file) const { return m_settings.build + file.relativePath; }
 

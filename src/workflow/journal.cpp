@@ -26,6 +26,7 @@ const QString KeepsMember = QStringLiteral("keep_previous");
 const QString ChangesMember = QStringLiteral("changes_release");
 const QString ReleaseMember = QStringLiteral("release");
 const QString RollbackMember = QStringLiteral("rollback");
+const QString RepairMember = QStringLiteral("repair");
 
 QByteArray checksum(const QByteArray &line)
 {
@@ -115,6 +116,7 @@ QByteArray Journal::toBytes() const
         {VersionMember, Version},
         {KeepsMember, keepsPrevious},
         {RollbackMember, isRollback},
+        {RepairMember, isRepair},
         {ChangesMember, changesRelease},
         {ReleaseMember, release ? QJsonValue(release->toJson()) : QJsonValue()},
     };
@@ -135,6 +137,7 @@ std::optional<Journal> Journal::fromBytes(const QByteArray &bytes)
     Journal journal;
     journal.keepsPrevious = object.value(KeepsMember).toBool();
     journal.isRollback = object.value(RollbackMember).toBool();
+    journal.isRepair = object.value(RepairMember).toBool();
     journal.changesRelease = object.value(ChangesMember).toBool();
     journal.release = InstalledRelease::fromJson(object.value(ReleaseMember).toObject());
     if (!fromJson(object.value(FirstMember), &journal.first)

@@ -40,6 +40,9 @@ struct Journal
     bool keepsPrevious = false;
     /// Whether these are the steps back, which use up what was set aside.
     bool isRollback = false;
+    /// Whether the build becomes what it was meant to be: then what was set aside is still the
+    /// build before.
+    bool isRepair = false;
     /// Whether the build becomes another one; then release says which, where that is known.
     bool changesRelease = false;
     std::optional<InstalledRelease> release;

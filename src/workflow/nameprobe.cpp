@@ -11,10 +11,11 @@ namespace Pellox {
 
 namespace {
 
-bool isSameFile(const QString &path, const QString &other)
+/// False also with @p error, where the system does not tell.
+bool isSameFile(const QString &path, const QString &other, FileError *error)
 {
-    const auto status = statusOf(path);
-    const auto otherStatus = statusOf(other);
+    const auto status = statusOf(path, error);
+    const auto otherStatus = statusOf(other, error);
     return status && otherStatus && status->st_dev == otherStatus->st_dev
         && status->st_ino == otherStatus->st_ino;
 }
@@ -35,60 +36,48 @@ QString withOtherForm(const QString &text)
     return composed == text ? text.normalized(QString::NormalizationForm_D) : composed;
 }
 
-/// Learns from files that are there, until it knows.
+/// Learns from files that are there. That one folder tells names apart says nothing of another.
 class Witness
 {
 public:
-    explicit Witness(NameSense sense = {})
-        : m_sense(sense)
-        , m_caseIsKnown(sense.foldsCase)
-        , m_unicodeIsKnown(sense.foldsUnicode)
-    {
-    }
-
     void hear(const QString &folder, const QString &name)
     {
-        const bool tellsCase = !m_caseIsKnown && withOtherCase(name) != name;
-        const bool tellsUnicode = !m_unicodeIsKnown && withOtherForm(name) != name;
+        const bool tellsCase = !m_sense.foldsCase && withOtherCase(name) != name;
+        const bool tellsUnicode = !m_sense.foldsUnicode && withOtherForm(name) != name;
         if ((!tellsCase && !tellsUnicode) || !statusOf(folder + name))
             return;
         const auto isSame = [&](const QString &otherName) {
-            return isSameFile(folder + name, folder + otherName);
+            FileError unknown; // a trial tells more
+            return isSameFile(folder + name, folder + otherName, &unknown);
         };
         m_sense.foldsCase |= tellsCase && isSame(withOtherCase(name));
         m_sense.foldsUnicode |= tellsUnicode && isSame(withOtherForm(name));
-        m_caseIsKnown |= tellsCase;
-        m_unicodeIsKnown |= tellsUnicode;
     }
 
-    bool knowsAll() const { return m_caseIsKnown && m_unicodeIsKnown; }
+    bool knowsAll() const { return m_sense.foldsCase && m_sense.foldsUnicode; }
     NameSense sense() const { return m_sense; }
 
 private:
     NameSense m_sense;
-    bool m_caseIsKnown;
-    bool m_unicodeIsKnown;
 };
 
 } // namespace
 
 NameSense seenNameSense(const QString &build, const std::vector<UpdateRule> &rules)
 {
-    Witness files;
+    Witness witness;
     for (const UpdateRule &rule : rules) {
         const QString path = build + rule.relativePath;
         const int nameStart = path.lastIndexOf(QLatin1Char('/')) + 1;
-        files.hear(path.left(nameStart), path.mid(nameStart));
+        witness.hear(path.left(nameStart), path.mid(nameStart));
     }
-    // A folder may have a sense of its own, so this does not take back what the files have told.
-    Witness entries(files.sense());
     QDirIterator entry(
         build, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-    while (entry.hasNext() && !entries.knowsAll()) {
+    while (entry.hasNext() && !witness.knowsAll()) {
         entry.next();
-        entries.hear(build + QLatin1Char('/'), entry.fileName());
+        witness.hear(build + QLatin1Char('/'), entry.fileName());
     }
-    return entries.sense();
+    return witness.sense();
 }
 
 std::optional<NameSense> triedNameSense(const QString &build, FileError *error)
@@ -100,12 +89,11 @@ std::optional<NameSense> triedNameSense(const QString &build, FileError *error)
     if (!writeWhole(folder + name, QByteArray(), false, error))
         return {};
     NameSense sense;
-    sense.foldsCase = isSameFile(folder + name, folder + withOtherCase(name));
-    sense.foldsUnicode = isSameFile(folder + name, folder + withOtherForm(name));
-    if (removeFile(folder + name))
-        return sense;
-    *error = FileError::ofSystem(folder + name, "cannot be removed: ");
-    return {};
+    sense.foldsCase = isSameFile(folder + name, folder + withOtherCase(name), error);
+    sense.foldsUnicode = isSameFile(folder + name, folder + withOtherForm(name), error);
+    if (!removeFile(folder + name))
+        *error = FileError::ofSystem(folder + name, "cannot be removed: ");
+    return error->isEmpty() ? std::optional(sense) : std::nullopt;
 }
 
 } // namespace Pellox

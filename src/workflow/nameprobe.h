@@ -11,8 +11,8 @@ namespace Pellox {
 
 // How the file system of the build in folder @p build tells names apart.
 
-/// What can be seen without a change: on the first files of @p rules that are there, and on what
-/// lies at the top of the build.
+/// What can be seen without a change: on the files of @p rules that are there, and on what lies at
+/// the top of the build. A folder in it may have a sense of its own; what folds anywhere counts.
 NameSense seenNameSense(const QString &build, const std::vector<UpdateRule> &rules);
 
 /// For certain, by a file in the build's hidden folder, which must be there; it is removed again.

@@ -8,6 +8,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <mutex>
 #include <numeric>
@@ -88,7 +89,7 @@ bool Hashing::carryOut(FileError *error)
     const bool done = m_crew.run(
         sizes, FilePass::ChunkSize, [&](std::size_t i) { hash(i); }, report);
     if (!done)
-        *error = m_firstError.isEmpty() ? FileError{m_patch, m_crew.error()} : m_firstError;
+        *error = m_firstError.isEmpty() ? FileError{m_patch, m_crew.error(), ENOMEM} : m_firstError;
     return done;
 }
 
@@ -169,7 +170,8 @@ void addMissing(const SealedPatch &sealed, const QString &patch,
     for (const auto &[path, content] : sealed.files) {
         while (file != found.cend() && InByteOrder()(file->relativePath, path))
             ++file;
-        if (file == found.cend() || file->relativePath != path)
+        const bool isThere = file != found.cend() && file->relativePath == path;
+        if (!isThere && !mayBeLeftOut(sealed, path))
             errors->push_back({patch + path, QStringLiteral("is missing")});
     }
 }
@@ -178,8 +180,8 @@ void addMissing(const SealedPatch &sealed, const QString &patch,
 
 std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, FileError *error)
 {
-    const auto fail = [&](const fs::path &path, const QString &reason) {
-        *error = {textOf(path), reason};
+    const auto fail = [&](const fs::path &path, const QString &reason, int system = 0) {
+        *error = {textOf(path), reason, system};
         return std::nullopt;
     };
     std::vector<PatchFile> files;
@@ -197,8 +199,9 @@ std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, FileError 
             break;
     }
     if (code)
-        return fail(
-            last, QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()));
+        return fail(last,
+            QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()),
+            code.value());
     std::sort(files.begin(), files.end(), [](const PatchFile &one, const PatchFile &other) {
         return InByteOrder()(one.relativePath, other.relativePath);
     });

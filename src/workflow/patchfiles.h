@@ -56,11 +56,11 @@ std::optional<std::vector<HashedFile>> hashFiles(const QString &patch,
 
 /**
  * What in folder @p patch is not as @p sealed says: an error for each file that is altered,
- * missing, no regular one, cannot be read, or is no part of the patch, sorted by path. The seal
- * itself is not looked at, and neither are hidden files that it does not name, as desktops leave
- * them: no rule leads to them. An update's own folder may not be there, though. Hashes on all
- * threads and blocks. When cancelled, the last error says that not all was compared; so none at all
- * means that every byte of the patch is as it was sealed.
+ * missing, no regular one, cannot be read, or is no part of the patch, sorted by path. What a slim
+ * patch may lack may be missing. The seal itself is not looked at, and neither are hidden files
+ * that it does not name, as desktops leave them: no rule leads to them. An update's own folder may
+ * not be there, though. Hashes on all threads and blocks. When cancelled, the last error says that
+ * not all was compared; so none at all means that every byte of the patch is as it was sealed.
  */
 std::vector<FileError> differences(
     const SealedPatch &sealed, const QString &patch, const HashSettings &settings);

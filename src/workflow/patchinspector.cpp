@@ -4,9 +4,12 @@
 #include "canonicalpath.h"
 #include "deltareader.h"
 #include "diskfile.h"
+#include "filesystem.h"
 #include "manifest.h"
 #include "manifestfile.h"
+#include "movedcontent.h"
 #include "rules.h"
+#include "sealfile.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -15,6 +18,7 @@
 #include <QSet>
 
 #include <cmath>
+#include <functional>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -53,6 +57,7 @@ public:
 
     bool failed = false;
     QVector<InspectedFile> files;
+    QString oldSignatures; ///< may be empty
 
 private:
     /// A rule of the manifest, by itself.
@@ -64,10 +69,15 @@ private:
 
     void inspectFolder(const PROGRESS_CALLBACK &progress);
     void readRules(std::vector<Rule> *rules);
+    void readSeal();
+    void readMovedContent(const std::vector<Rule> &rules);
     Rule checkedRule(const QJsonValue &rule, int number);
     InspectedFile fileOf(const QJsonValue &rule, int number);
-    void inspectRule(const Rule &rule);
-    void inspectPayload(InspectedFile &file);
+    using Report = std::function<void(double share)>; ///< of 1
+    void inspectRule(const Rule &rule, const Report &report);
+    void inspectPayload(InspectedFile &file, const Report &report);
+    bool isLeftOut(const InspectedFile &file) const;
+    void findMovedContent(const QString &path, InspectedFile &file, const Report &report);
     QString text(const QJsonObject &rule, const QString &member, int number) const;
     qint64 sizeOf(const QJsonObject &rule, const QString &path) const;
     void checkPayload(const QString &path) const;
@@ -80,6 +90,8 @@ private:
     QString m_realFolder; ///< links resolved
     QString m_manifest;
     QSet<QString> m_paths;
+    std::optional<SealedPatch> m_sealed;
+    std::optional<MovedContent> m_moved;
     qint64 m_newBytes = 0;
     qint64 m_patchBytes = 0;
 };
@@ -91,6 +103,11 @@ PatchInspector::PatchInspector(QObject *parent)
 }
 
 PatchInspector::~PatchInspector() = default;
+
+void PatchInspector::setOldSignatures(const QString &folder)
+{
+    d->oldSignatures = folder;
+}
 
 bool PatchInspector::inspect(const QString &patch, const PROGRESS_CALLBACK &progress)
 {
@@ -118,6 +135,8 @@ void PatchInspector::Private::inspect(const QString &patch, const PROGRESS_CALLB
         tellOutOfMemory();
     }
     m_paths.clear();
+    m_sealed.reset();
+    m_moved.reset();
     if (failed)
         files.clear();
 }
@@ -132,10 +151,15 @@ void PatchInspector::Private::inspectFolder(const PROGRESS_CALLBACK &progress)
     progress(0);
     std::vector<Rule> rules;
     readRules(&rules);
+    readSeal();
+    readMovedContent(rules);
     files.reserve(static_cast<int>(rules.size()));
     for (std::size_t i = 0; i < rules.size(); ++i) {
-        inspectRule(rules[i]);
-        progress(static_cast<double>(i + 1) / static_cast<double>(rules.size()) * 100);
+        const auto report = [&](double share) {
+            progress((static_cast<double>(i) + share) / static_cast<double>(rules.size()) * 100);
+        };
+        inspectRule(rules[i], report);
+        report(1);
     }
     if (rules.empty())
         progress(100);
@@ -156,6 +180,32 @@ void PatchInspector::Private::readRules(std::vector<Rule> *rules)
         tell({m_manifest, error.mid(aboutFile(m_manifest, QString()).size())});
     if (failed)
         rules->clear();
+}
+
+/// One that is damaged counts as none: what is wrong with it others tell.
+void PatchInspector::Private::readSeal()
+{
+    FileError ignored;
+    const auto bytes = readSealFile(m_folder, &ignored);
+    QString problem;
+    if (bytes)
+        m_sealed = readSealOfAnybody(*bytes, &problem);
+}
+
+void PatchInspector::Private::readMovedContent(const std::vector<Rule> &rules)
+{
+    if (oldSignatures.isEmpty() || failed)
+        return;
+    const QString folder = absoluteFolder(oldSignatures);
+    QStringList touched;
+    for (const Rule &rule : rules)
+        touched.append(rule.file.relativePath);
+    FileError error;
+    m_moved.emplace(folder);
+    if (m_moved->read(touched, &error))
+        return;
+    m_moved.reset();
+    tell({error.path, error.reason});
 }
 
 PatchInspector::Private::Rule PatchInspector::Private::checkedRule(
@@ -198,29 +248,65 @@ InspectedFile PatchInspector::Private::fileOf(const QJsonValue &rule, int number
     throw Problem{path, QStringLiteral("has the unknown rule \"%1\"").arg(file.rule)};
 }
 
-void PatchInspector::Private::inspectRule(const Rule &rule)
+void PatchInspector::Private::inspectRule(const Rule &rule, const Report &report)
 {
     try {
         if (!rule.problem.reason.isEmpty())
             throw Problem(rule.problem);
         files.append(rule.file);
-        inspectPayload(files.last());
+        inspectPayload(files.last(), report);
     } catch (const Problem &problem) {
         tell(problem);
     }
 }
 
-void PatchInspector::Private::inspectPayload(InspectedFile &file)
+void PatchInspector::Private::inspectPayload(InspectedFile &file, const Report &report)
 {
     const QString path = m_folder + file.relativePath;
     if (file.rule == DELETE_RULE)
         return;
-    checkPayload(path);
+    file.isLeftOut = isLeftOut(file);
+    if (!file.isLeftOut)
+        checkPayload(path);
     if (file.rule == PATCH_RULE)
         readDelta(path, file);
+    else if (file.isLeftOut)
+        file.newSize = file.copiedBytes = m_sealed->rules.at(file.relativePath).size;
     else
         file.newSize = file.patchBytes = file.literalBytes = QFileInfo(path).size();
     addUp(path, file);
+    if (file.rule == COPY_RULE)
+        findMovedContent(path, file, report);
+}
+
+/// Whether the patch has not got @p file, and need not.
+bool PatchInspector::Private::isLeftOut(const InspectedFile &file) const
+{
+    return file.rule == COPY_RULE && m_sealed && mayBeLeftOut(*m_sealed, file.relativePath)
+        && !mayStand(m_folder + file.relativePath);
+}
+
+/// What stands at @p path may be another file than was sealed, but what is left out is not.
+void PatchInspector::Private::findMovedContent(
+    const QString &path, InspectedFile &file, const Report &report)
+{
+    FoundContent found;
+    if (file.isLeftOut || (!m_moved && m_sealed)) {
+        const auto rule = m_sealed->rules.find(file.relativePath);
+        const bool isKnown = rule != m_sealed->rules.cend() && rule->second.size == file.newSize;
+        if (isKnown && !rule->second.source.isEmpty())
+            found = {rule->second.source, file.newSize, true, false};
+    } else if (m_moved) {
+        FileError error;
+        const auto sought = m_moved->find(path, file.relativePath, report, &error);
+        if (!sought)
+            throw Problem{error.path, error.reason};
+        found = *sought;
+    }
+    file.oldPath = found.path;
+    file.oldBytes = found.bytes;
+    file.isMoved = found.isWhole;
+    file.isOldEstimated = found.isEstimated;
 }
 
 QString PatchInspector::Private::text(

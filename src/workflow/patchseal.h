@@ -21,7 +21,13 @@ namespace Pellox {
  * Several keys make several signatures, and a player needs one of them. So a key is replaced: seal
  * with the old and the new one until all players trust the new one.
  *
- * Needs OpenSSL's libcrypto; where the library is built without it, every call fails and says so.
+ * A new file that only moved, or that was doubled, is in the patch as a whole, though players have
+ * its content: the seal names the old file that has it. So writeSlim() can leave it out for players
+ * who use UpdateController with a trusted key. All others need the full patch: the core,
+ * BinariesController, and UpdateController without a key know of no seal. One seal is for both.
+ *
+ * Needs OpenSSL's libcrypto; where the library is built without it, every call but writeSlim()
+ * fails and says so.
  *
  * The calls block, one at a time, and may be made on any thread; progress comes on that thread.
  */
@@ -43,6 +49,9 @@ public:
      * and keys make the same seal, byte for byte.
      *
      * @p release is from 1 to 2^53 - 1 and rises from one release to the next.
+     * For each file that a rule copies, is not empty and has the content of a file of the old
+     * build, the seal names that one as its source; of several one that no rule touches, and of
+     * these the first in byte order.
      * @p privateKeys are PEM files of Ed25519 keys without a password, from 1 to 16, which nobody
      * but their owner may read or write and which do not lie in the patch folder.
      * @p progress runs from 0 to 100 and never falls, by bytes; an empty callback is none.
@@ -57,8 +66,28 @@ public:
         const QStringList &privateKeys, const PROGRESS_CALLBACK &progress = PROGRESS_CALLBACK());
 
     /**
+     * Writes into folder @p slim the patch in folder @p patch, which is sealed, without the files
+     * that the seal names a source of: players make these of what they have, see
+     * UpdateController::setTrustedKeys(). What the seal lists besides is copied, with the seal;
+     * patchRules.json comes last, in one step.
+     *
+     * @p slim is made where it is missing, and emptied where it holds an earlier release's patch.
+     * Hidden files stay, and are not copied either. Each file is compared with the seal while it is
+     * copied; who has made the seal is not asked, and what is left out not looked at.
+     * @p progress runs from 0 to 100 and never falls, by bytes; an empty callback is none.
+     *
+     * False with error() when one of the folders is or holds the other, when @p slim holds anything
+     * but an earlier patch or another run writes there, when there is no seal or it is damaged,
+     * when a file is not what was sealed, cannot be read or cannot be written. Then @p slim holds
+     * nothing of the patch; what it held before is gone unless it was refused.
+     */
+    [[nodiscard]] bool writeSlim(const QString &patch, const QString &slim,
+        const PROGRESS_CALLBACK &progress = PROGRESS_CALLBACK());
+
+    /**
      * Ends a call that is running, within one block of each thread: it returns false, without an
-     * error, and the older seal is as it was. Does nothing when none runs. Any thread.
+     * error, and the older seal is as it was, or the slim patch is gone. Does nothing when none
+     * runs. Any thread.
      */
     void cancel();
     /// Whether the last call ended because of cancel(). Any thread.

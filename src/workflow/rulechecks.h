@@ -23,6 +23,7 @@ struct UpdateRule
     qint64 size = 0; ///< likewise
     bool isSealed = false;
     Sha512 oldSha512; ///< of what a patch is for; under a seal
+    QString source;   ///< of a copied file: one of the old build with its content; under a seal
 };
 
 /// As manifests and seals name it.

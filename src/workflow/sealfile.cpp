@@ -41,9 +41,12 @@ constexpr char BeforeRule[] = R"(,"rule":")";
 constexpr char BeforeOldSha512[] = R"(,"old_sha512":")";
 constexpr char BeforeSize[] = R"(,"size":)";
 constexpr char BeforeSha512[] = R"(,"sha512":")";
+constexpr char BeforeSource[] = R"(,"source":")";
 constexpr char Quote[] = "\"";
 constexpr char RecordEnd[] = "}";
 constexpr char Comma[] = ",";
+
+const QString NoForm = QStringLiteral("is damaged: it has not the form of a seal");
 
 struct Signature
 {
@@ -243,6 +246,8 @@ QByteArray toText(const SealedRule &rule)
         text += BeforeOldSha512 + rule.oldSha512.toText().toLatin1() + Quote;
     if (hasNewFile(rule.kind))
         text += toText(SealedFile{rule.size, rule.sha512});
+    if (!rule.source.isEmpty())
+        text += BeforeSource + escaped(rule.source.toUtf8()) + Quote;
     return text;
 }
 
@@ -257,7 +262,17 @@ template <typename Value> QByteArray toText(const ByPath<Value> &records)
     return text;
 }
 
-void take(Scanner &scanner, SealedFile *file)
+/// @p problem becomes that of the first path that no file can have.
+QString takePath(Scanner &scanner, QString *problem)
+{
+    QString path = scanner.text();
+    const QString wrong = problemOfRelativePath(path);
+    if (scanner.isFine() && problem->isEmpty() && !wrong.isEmpty())
+        *problem = QStringLiteral("names a file that %1: %2").arg(wrong, path);
+    return path;
+}
+
+void take(Scanner &scanner, SealedFile *file, QString * /*problem*/)
 {
     scanner.expect(BeforeSize);
     file->size = scanner.number();
@@ -265,7 +280,7 @@ void take(Scanner &scanner, SealedFile *file)
     file->sha512 = scanner.sha512();
 }
 
-void take(Scanner &scanner, SealedRule *rule)
+void take(Scanner &scanner, SealedRule *rule, QString *problem)
 {
     scanner.expect(BeforeRule);
     const auto kind = kindOf(scanner.text());
@@ -280,29 +295,42 @@ void take(Scanner &scanner, SealedRule *rule)
     }
     if (hasNewFile(*kind)) {
         SealedFile file;
-        take(scanner, &file);
+        take(scanner, &file, problem);
         rule->size = file.size;
         rule->sha512 = file.sha512;
     }
+    if (*kind == UpdateRule::Kind::Copy && scanner.skip(BeforeSource))
+        rule->source = takePath(scanner, problem);
 }
 
-/// @p problem becomes that of the first path that no file can have.
 template <typename Value> void take(Scanner &scanner, ByPath<Value> *records, QString *problem)
 {
     bool moreCome = scanner.skip(BeforePath);
     while (moreCome && scanner.isFine()) {
-        const QString path = scanner.text();
-        const QString wrong = problemOfRelativePath(path);
-        if (scanner.isFine() && problem->isEmpty() && !wrong.isEmpty())
-            *problem = QStringLiteral("names a file that %1: %2").arg(wrong, path);
+        const QString path = takePath(scanner, problem);
         if (!records->empty() && !InByteOrder()(records->rbegin()->first, path))
             scanner.fail();
-        take(scanner, &records->emplace_hint(records->end(), path, Value())->second);
+        take(scanner, &records->emplace_hint(records->end(), path, Value())->second, problem);
         scanner.expect(RecordEnd);
         moreCome = scanner.skip(Comma);
         if (moreCome)
             scanner.expect(BeforePath);
     }
+}
+
+/// Whether a rule of @p patch can have the source that it has. That the old build has it cannot be
+/// known here, but what a rule says of that file must not differ.
+QString contradictionOfSource(const SealedPatch &patch, const QString &path, const SealedRule &rule)
+{
+    if (rule.size == 0)
+        return QStringLiteral("has a source for an empty file: ") + path;
+    if (rule.source == path)
+        return QStringLiteral("has a file as its own source: ") + path;
+    const auto other = patch.rules.find(rule.source);
+    const bool isKnown = other != patch.rules.cend() && hasOldFile(other->second.kind);
+    if (isKnown && other->second.oldSha512 != rule.sha512)
+        return QStringLiteral("has a source of another content: ") + path;
+    return {};
 }
 
 /// Whether what @p patch says of its rules fits what it says of its files.
@@ -321,6 +349,10 @@ QString contradictionOf(const SealedPatch &patch)
         const bool isCopied = rule.kind == UpdateRule::Kind::Copy;
         if (isCopied && (file->second.size != rule.size || file->second.sha512 != rule.sha512))
             return QStringLiteral("has a rule that does not fit its file: ") + path;
+        QString wrong
+            = rule.source.isEmpty() ? QString() : contradictionOfSource(patch, path, rule);
+        if (!wrong.isEmpty())
+            return wrong;
     }
     return {};
 }
@@ -368,8 +400,11 @@ FileError errorAbout(const QString &path, const QString &text)
     return {path, text.startsWith(begin) ? text.mid(begin.size()) : text};
 }
 
-std::optional<QByteArray> readFile(const QString &path, FileError *error)
+} // namespace
+
+std::optional<QByteArray> readSealFile(const QString &patch, FileError *error)
 {
+    const QString path = Manifest::pathIn(patch, SealFileName);
     const auto status = statusOf(path);
     const bool isMissing = !status && (errno == ENOENT || errno == ENOTDIR);
     const auto fail = [&](const QString &reason) {
@@ -387,14 +422,19 @@ std::optional<QByteArray> readFile(const QString &path, FileError *error)
     }
     if (file.size() > LargestSeal)
         return fail(QStringLiteral("is damaged: it is larger than any seal"));
-    QString text;
+    QString text; // the same as the file's own error
     auto bytes = readWhole(file, LargestSeal, &text);
     if (!bytes)
-        *error = errorAbout(path, text);
+        *error = file.error();
     return bytes;
 }
 
-} // namespace
+bool mayBeLeftOut(const SealedPatch &patch, const QString &path)
+{
+    const auto rule = patch.rules.find(path);
+    return rule != patch.rules.cend() && !rule->second.source.isEmpty()
+        && path != Manifest::pathIn(QString(), PATCH_RULES_FILE);
+}
 
 bool InByteOrder::operator()(const QString &text, const QString &other) const
 {
@@ -470,15 +510,23 @@ std::optional<std::vector<Ed25519::PublicKey>> readPublicKeys(
 std::optional<SealedPatch> readSeal(
     const QString &patch, const std::vector<Ed25519::PublicKey> &trusted, FileError *error)
 {
-    const QString path = Manifest::pathIn(patch, SealFileName);
-    const auto bytes = readFile(path, error);
+    const auto bytes = readSealFile(patch, error);
     if (!bytes)
         return {};
     QString problem;
     auto sealed = readSealBytes(*bytes, trusted, &problem);
     if (!sealed)
-        *error = {path, problem};
+        *error = {Manifest::pathIn(patch, SealFileName), problem};
     return sealed;
+}
+
+std::optional<SealedPatch> readSealOfAnybody(const QByteArray &bytes, QString *problem)
+{
+    const auto seal = readParts(bytes);
+    if (seal)
+        return readSealedText(seal->text, problem);
+    *problem = NoForm;
+    return {};
 }
 
 std::optional<SealedPatch> readSealBytes(
@@ -486,7 +534,7 @@ std::optional<SealedPatch> readSealBytes(
 {
     const auto seal = readParts(bytes);
     if (!seal) {
-        *problem = QStringLiteral("is damaged: it has not the form of a seal");
+        *problem = NoForm;
         return {};
     }
     bool isTrusted = false;

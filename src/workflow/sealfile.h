@@ -39,7 +39,8 @@ class PublicKey;
  *    "rules":[{"path":"/data/x.pak","rule":"patch","old_sha512":"SHA512","size":30,
  *              "sha512":"SHA512"},
  *             {"path":"/gone","rule":"delete","old_sha512":"SHA512"},
- *             {"path":"/new","rule":"copy","size":5,"sha512":"SHA512"},...]}
+ *             {"path":"/new","rule":"copy","size":5,"sha512":"SHA512"},
+ *             {"path":"/to","rule":"copy","size":9,"sha512":"SHA512","source":"/from"},...]}
  *
  *   release   from 1 to 2^53 - 1; the later release has the greater number
  *   from, to  the builds that the patch leads between, see identityOf(): that of signatures.json,
@@ -47,6 +48,8 @@ class PublicKey;
  *   files     every file of the patch folder but the seal, patchRules.json among them
  *   rules     those of patchRules.json: the file of the old build, and the size and content of the
  *             new file
+ *   source    a file of the old build that has the content of the copied one, which is not empty;
+ *             there where the old build has such a file. A slim patch may lack the copied one
  *
  * SHA512 is lowercase hexadecimal text, sizes are bytes. Files and rules are in ascending order of
  * the UTF-8 bytes of their paths, no path twice. There is exactly one form of each seal: a reader
@@ -78,6 +81,7 @@ struct SealedRule
     Sha512 oldSha512; ///< of a patched or deleted file
     qint64 size = 0;  ///< of the new content, patched or copied
     Sha512 sha512;    ///< likewise
+    QString source;   ///< of a copied file: one of the old build with its content; may be empty
 };
 
 /// What a seal says of a patch.
@@ -89,6 +93,9 @@ struct SealedPatch
     ByPath<SealedFile> files; ///< of the patch folder
     ByPath<SealedRule> rules; ///< by the path in the build
 };
+
+/// Whether a slim patch may lack @p path, a file of @p patch: players have its content already.
+bool mayBeLeftOut(const SealedPatch &patch, const QString &path);
 
 /**
  * What tells a build from all others: SHA-512 over one record for each of its files, in the order
@@ -124,5 +131,12 @@ std::optional<SealedPatch> readSeal(
 /// The same for a seal's bytes. @p problem is without a path.
 std::optional<SealedPatch> readSealBytes(
     const QByteArray &bytes, const std::vector<Ed25519::PublicKey> &trusted, QString *problem);
+
+/// The bytes of the seal in folder @p patch. Nothing after @p error.
+std::optional<QByteArray> readSealFile(const QString &patch, FileError *error);
+
+/// What a seal's bytes say, whoever has made it: for those who look at a patch or copy it, never
+/// for those who install it. @p problem is without a path.
+std::optional<SealedPatch> readSealOfAnybody(const QByteArray &bytes, QString *problem);
 
 } // namespace Pellox

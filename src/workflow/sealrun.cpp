@@ -12,6 +12,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <set>
 
 namespace Pellox {
 
@@ -179,8 +180,27 @@ bool SealRun::hashPatch(const PROGRESS_CALLBACK &progress)
     return true;
 }
 
+/// Which old files have the content of new ones.
+void SealRun::findSources()
+{
+    std::set<Sha512> copied;
+    for (const UpdateRule &rule : m_rules) {
+        m_sources.noteRule(rule.relativePath);
+        const auto payload = m_sealed.files.find(rule.relativePath);
+        const bool isCopied
+            = rule.kind == UpdateRule::Kind::Copy && payload != m_sealed.files.cend();
+        if (isCopied && payload->second.size > 0)
+            copied.insert(payload->second.sha512);
+    }
+    for (const auto &[path, sha512] : m_oldBuild) {
+        if (copied.count(sha512) != 0 && problemOfRelativePath(path).isEmpty())
+            m_sources.offer(path, sha512);
+    }
+}
+
 bool SealRun::sealRules()
 {
+    findSources();
     ByPath<Sha512> build = m_oldBuild;
     for (const UpdateRule &rule : m_rules) {
         if (!sealRule(rule, &build))
@@ -193,7 +213,7 @@ bool SealRun::sealRules()
 /// Takes down what @p rule does, and does it to @p build.
 bool SealRun::sealRule(const UpdateRule &rule, ByPath<Sha512> *build)
 {
-    SealedRule sealed{rule.kind, {}, rule.size, rule.sha512};
+    SealedRule sealed{rule.kind, {}, rule.size, rule.sha512, {}};
     const QString &path = rule.relativePath;
     if (rule.kind != UpdateRule::Kind::Copy) {
         const auto old = m_oldBuild.find(path);
@@ -211,6 +231,7 @@ bool SealRun::sealRule(const UpdateRule &rule, ByPath<Sha512> *build)
         if (rule.kind == UpdateRule::Kind::Copy) {
             sealed.size = payload->second.size;
             sealed.sha512 = payload->second.sha512;
+            sealed.source = m_sources.sourceOf(path, sealed.sha512);
         }
         build->insert_or_assign(path, sealed.sha512);
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "manifestfile.h"
+#include "movesources.h"
 #include "patchfiles.h"
 #include "progresscallback.h"
 
@@ -41,6 +42,7 @@ private:
     bool readOldBuild();
     bool findFiles();
     bool hashPatch(const PROGRESS_CALLBACK &progress);
+    void findSources();
     bool sealRules();
     bool sealRule(const UpdateRule &rule, ByPath<Sha512> *build);
     bool fail(const QString &error);
@@ -53,6 +55,7 @@ private:
     std::vector<Ed25519::PrivateKey> m_keys;
     std::vector<UpdateRule> m_rules;
     ByPath<Sha512> m_oldBuild;
+    MoveSources m_sources;
     std::vector<PatchFile> m_files; ///< of the patch folder, but for the seal
     SealedPatch m_sealed;
 };

@@ -2,6 +2,7 @@
 #include "setaside.h"
 
 #include "diskfile.h"
+#include "rulechecks.h"
 #include "wholefile.h"
 
 #include <algorithm>
@@ -17,10 +18,31 @@ QString folderOf(const QString &path)
     return path.left(path.lastIndexOf(QLatin1Char('/')));
 }
 
+/// The same of all names that some file system takes for one.
+QString broadKey(const QString &path)
+{
+    return NameSense{true, true}.key(path);
+}
+
+bool isSameFile(const Standing &one, const Standing &other)
+{
+    return one.isFile() && other.isFile() && one.status->st_dev == other.status->st_dev
+        && one.status->st_ino == other.status->st_ino;
+}
+
+/// After a link was refused: whether this file system gives a file, or this one, no second name.
+bool givesNoLink(int error)
+{
+    return error == EPERM || error == EOPNOTSUPP || error == ENOSYS || error == EMLINK;
+}
+
 } // namespace
 
-bool SetAside::begin(const Journal &journal)
+bool SetAside::begin(const Journal &journal, const GoOn &goOn)
 {
+    m_error = {};
+    m_goOn = goOn;
+    m_otherNames.clear();
     if (!abandon())
         return false;
     if (!m_files.makeFolders(WorkFolder::Keeping))
@@ -30,20 +52,27 @@ bool SetAside::begin(const Journal &journal)
     wayBack.changesRelease = journal.changesRelease;
     FileError unknown; // what cannot be read is not worth keeping
     wayBack.release = InstalledRelease::read(m_files, &unknown);
-    for (const auto *placements : {&journal.first, &journal.last}) {
-        for (const Journal::Placement &placement : *placements) {
-            if (!addReplaced(placement.to, &wayBack))
-                return false;
-        }
-    }
-    for (const auto &[path, mark] : journal.deletions) {
-        if (mark.size >= 0) // else it is gone already
-            wayBack.first.push_back({WorkFolder::Previous + path, path, mark});
-    }
+    if (!addAllReplaced(journal, &wayBack))
+        return false;
+    addDeleted(journal, &wayBack);
     return writeWhole(m_files, WorkFolder::KeepingRecord, wayBack.toBytes(), false, &m_error);
 }
 
-bool SetAside::addReplaced(const QString &path, Journal *wayBack)
+bool SetAside::addAllReplaced(const Journal &journal, Journal *wayBack)
+{
+    Names deleted;
+    for (const Journal::Deletion &deletion : journal.deletions)
+        deleted.insert(broadKey(deletion.path), deletion.path);
+    for (const auto *placements : {&journal.first, &journal.last}) {
+        for (const Journal::Placement &placement : *placements) {
+            if (!mayGoOn(m_goOn) || !addReplaced(placement.to, deleted, wayBack))
+                return false;
+        }
+    }
+    return true;
+}
+
+bool SetAside::addReplaced(const QString &path, const Names &deleted, Journal *wayBack)
 {
     const Standing standing = m_files.look(path);
     errno = standing.error;
@@ -53,23 +82,54 @@ bool SetAside::addReplaced(const QString &path, Journal *wayBack)
         wayBack->deletions.push_back({path});
         return true;
     }
-    if (!keep(path))
+    const QString name = nameOf(path, standing, deleted);
+    if (!keep(path, name))
         return false;
-    const FileMark mark = FileMark::of(m_files.look(WorkFolder::Keeping + path));
-    wayBack->first.push_back({WorkFolder::Previous + path, path, mark});
+    const FileMark mark = FileMark::of(m_files.look(WorkFolder::Keeping + name));
+    wayBack->first.push_back({WorkFolder::Previous + name, name, mark});
     return mark.size >= 0 || fail(path, QStringLiteral("disappeared while it was set aside"));
 }
 
-/// Where the file system knows no second names, the content is copied.
-bool SetAside::keep(const QString &path)
+/// Under which it is brought back. Where names fold, the file that is replaced may be the one that
+/// is deleted under the name that it has had.
+QString SetAside::nameOf(const QString &path, const Standing &standing, const Names &deleted)
 {
-    const QString to = WorkFolder::Keeping + path;
+    const QString other = deleted.value(broadKey(path));
+    if (other.isEmpty() || !isSameFile(standing, m_files.look(other)))
+        return path;
+    m_otherNames.insert(other);
+    return other;
+}
+
+void SetAside::addDeleted(const Journal &journal, Journal *wayBack) const
+{
+    for (const auto &[path, mark] : journal.deletions) {
+        const bool isGone = mark.size < 0;
+        if (!isGone && !m_otherNames.contains(path))
+            wayBack->first.push_back({WorkFolder::Previous + path, path, mark});
+    }
+}
+
+/// Where the file system knows no second names, the content is copied.
+bool SetAside::keep(const QString &path, const QString &name)
+{
+    const QString to = WorkFolder::Keeping + name;
     if (!m_files.makeFolders(folderOf(to)))
         return failBySystem(to, "cannot be made: ");
     if (m_files.link(path, to))
         return true;
-    const bool isUnknown = errno == EPERM || errno == EOPNOTSUPP || errno == EMLINK;
-    return isUnknown ? copy(path, to) : failBySystem(path, "cannot be set aside: ");
+    return givesNoLink(errno) ? copy(path, to) : failBySystem(path, "cannot be set aside: ");
+}
+
+bool SetAside::copies()
+{
+    const QString one = WorkFolder::Keeping + QLatin1String("/one");
+    const QString two = WorkFolder::Keeping + QLatin1String("/two");
+    OutputFile file;
+    const bool isRefused = m_files.makeFolders(WorkFolder::Keeping) && m_files.make(one, &file)
+        && !m_files.link(one, two) && givesNoLink(errno);
+    abandon();
+    return isRefused;
 }
 
 bool SetAside::copy(const QString &from, const QString &to)
@@ -84,7 +144,7 @@ bool SetAside::copy(const QString &from, const QString &to)
     std::vector<uchar> part(static_cast<std::size_t>(std::min(PartSize, source.size())));
     bool isRead = true;
     if (m_files.make(to, &output)) {
-        for (qint64 at = 0; at < source.size() && isRead; at += PartSize) {
+        for (qint64 at = 0; at < source.size() && isRead && mayGoOn(m_goOn); at += PartSize) {
             const qint64 size = std::min(PartSize, source.size() - at);
             isRead = source.readAt(at, part.data(), size);
             output.write(part.data(), static_cast<std::size_t>(size));
@@ -92,7 +152,7 @@ bool SetAside::copy(const QString &from, const QString &to)
         output.setPermissions(source.permissions());
     }
     if (output.close() && isRead)
-        return true;
+        return mayGoOn(m_goOn);
     m_error = isRead ? output.error() : source.error();
     return false;
 }

@@ -22,6 +22,8 @@ public:
 
     bool operator==(const Sha512 &other) const { return m_bytes == other.m_bytes; }
     bool operator!=(const Sha512 &other) const { return m_bytes != other.m_bytes; }
+    /// For maps: the order means nothing.
+    bool operator<(const Sha512 &other) const { return m_bytes < other.m_bytes; }
 
 private:
     static constexpr int Size = 64;

@@ -40,14 +40,19 @@ bool isInStagedFolder(const QString &path)
 bool StagedRecord::read()
 {
     const QString path = m_build + WorkFolder::StagedRecord;
+    FileError error;
+    const auto folder = statusOf(m_build + WorkFolder::Name, &error);
     // Where the hidden folder is a link, it is none.
-    if (!isFolder(m_build + WorkFolder::Name) || !statusOf(path))
+    const bool isThere = folder && S_ISDIR(folder->st_mode) && statusOf(path, &error);
+    if (!error.isEmpty())
+        return fail(error); // else what it names would become somebody's
+    if (!isThere)
         return true;
     InputFile file;
     if (!file.open(path))
         return fail(file.error());
-    QString error;
-    const auto bytes = file.size() <= Largest ? readWhole(file, Largest, &error) : QByteArray();
+    QString text; // the same as the file's own error
+    const auto bytes = file.size() <= Largest ? readWhole(file, Largest, &text) : QByteArray();
     if (!bytes)
         return fail(file.error());
     if (takeBytes(*bytes)) {
@@ -135,10 +140,10 @@ bool StagedRecord::removeFiles(const QSet<QString> &kept)
 /// What a run has left whose record was damaged.
 void StagedRecord::addStrays()
 {
-    const QString folder = m_build + WorkFolder::Staged;
-    if (!isFolder(folder))
+    if (!isPlainFolder(WorkFolder::Staged))
         return;
-    const auto names = QDir(folder).entryList(QDir::Files | QDir::Hidden | QDir::System);
+    const QDir folder(m_build + WorkFolder::Staged);
+    const auto names = folder.entryList(QDir::Files | QDir::Hidden | QDir::System);
     for (const QString &name : names)
         m_files.insert(WorkFolder::Staged + Separator + name);
 }
@@ -147,17 +152,37 @@ void StagedRecord::addStrays()
 bool StagedRecord::isReached(const QString &path)
 {
     const QStringList folders = foldersAbove(path);
-    return std::all_of(folders.cbegin(), folders.cend(), [this](const QString &folder) {
-        if (!m_plainFolders.contains(folder) && isFolder(m_build + folder))
-            m_plainFolders.insert(folder);
-        return m_plainFolders.contains(folder);
-    });
+    return std::all_of(folders.cbegin(), folders.cend(),
+        [this](const QString &folder) { return isPlainFolder(folder); });
+}
+
+/// False also with an error.
+bool StagedRecord::isPlainFolder(const QString &path)
+{
+    if (m_plainFolders.contains(path))
+        return true;
+    const auto status = look(path);
+    if (!status || !S_ISDIR(status->st_mode))
+        return false;
+    m_plainFolders.insert(path);
+    return true;
+}
+
+/// Nothing also with an error.
+std::optional<struct stat> StagedRecord::look(const QString &path)
+{
+    FileError error;
+    const auto status = statusOf(m_build + path, &error);
+    if (!error.isEmpty())
+        m_errors.push_back(error);
+    return status;
 }
 
 void StagedRecord::removeFile(const QString &path)
 {
     const QString absolute = m_build + path;
-    if (isRegularFile(absolute) && !Pellox::removeFile(absolute))
+    const auto status = look(path);
+    if (status && S_ISREG(status->st_mode) && !Pellox::removeFile(absolute))
         m_errors.push_back(FileError::ofSystem(absolute, "was staged and cannot be removed: "));
 }
 
@@ -184,11 +209,12 @@ bool StagedRecord::remove()
 
 bool StagedRecord::isThere() const
 {
-    const auto stands
-        = [this](const QString &path) { return statusOf(m_build + path).has_value(); };
-    return isFolder(m_build + WorkFolder::Name)
-        && (stands(WorkFolder::StagedRecord) || stands(WorkFolder::NewStagedRecord)
-            || stands(WorkFolder::Staged));
+    const auto may = [this](const QString &path) { return mayStand(m_build + path); };
+    const auto folder = statusOf(m_build + WorkFolder::Name);
+    const bool mayBeFolder = folder ? S_ISDIR(folder->st_mode) : may(WorkFolder::Name);
+    return mayBeFolder
+        && (may(WorkFolder::StagedRecord) || may(WorkFolder::NewStagedRecord)
+            || may(WorkFolder::Staged));
 }
 
 bool StagedRecord::fail(const FileError &error)

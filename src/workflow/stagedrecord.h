@@ -6,8 +6,11 @@
 #include <QSet>
 #include <QString>
 
+#include <optional>
 #include <set>
 #include <vector>
+
+#include <sys/stat.h>
 
 namespace Pellox {
 
@@ -47,7 +50,7 @@ public:
     bool removeFiles(const QSet<QString> &kept);
     /// The record itself. False with an error.
     bool remove();
-    /// Whether there is something to remove.
+    /// Whether there is something to remove, or may be where the system does not tell.
     bool isThere() const;
 
     const std::vector<FileError> &errors() const { return m_errors; }
@@ -58,6 +61,8 @@ private:
     bool takeLine(const QString &path);
     void addStrays();
     bool isReached(const QString &path);
+    bool isPlainFolder(const QString &path);
+    std::optional<struct stat> look(const QString &path);
     void removeFile(const QString &path);
     void removeFolders();
     bool fail(const FileError &error);

@@ -49,15 +49,37 @@ bool exists(const QString &path)
     return statusOf(path).has_value();
 }
 
-mode_t permissionsOf(const QString &path)
+mode_t permissionBits(const struct stat &status)
 {
-    struct stat status = {};
-    return ::stat(QFile::encodeName(path).constData(), &status) == 0
-        ? status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)
-        : S_IRUSR | S_IWUSR;
+    return status.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+}
+
+/// As far as the file system keeps owners.
+bool giveTo(const FileOwner &owner, const QString &path)
+{
+    return ::lchown(QFile::encodeName(path).constData(), owner.user, owner.group) == 0
+        || FileOwner::areUnknown(errno);
 }
 
 const QString NotTheOldFile = QStringLiteral("is not the file that the patch is for");
+
+/// Whether the content of @p path cannot be had as @p error tells, now or later.
+bool tellsNoContent(const FileError &error, const QString &path)
+{
+    constexpr std::array Errors{0, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG};
+    const bool isNone = std::find(Errors.cbegin(), Errors.cend(), error.system) != Errors.cend();
+    return error.path == path && (isNone || tellsUnreadable(error));
+}
+
+/// Of its source, which is read with @p error or is another file than it was.
+QString whyNotMade(const UpdateWork &work, const FileError &error)
+{
+    const bool isMissing = error.system == ENOENT;
+    const QString why = isMissing ? QStringLiteral("is missing")
+        : error.isEmpty()         ? NotTheOldFile
+                                  : error.reason;
+    return QStringLiteral("%1, and %2 is made of it").arg(why, work.rule.relativePath.mid(1));
+}
 
 } // namespace
 
@@ -99,7 +121,7 @@ bool Staging::decide(const std::function<void(qint64 done)> &report)
             case UpdateRule::Kind::Copy:
                 return decideCopy(work);
             case UpdateRule::Kind::Delete:
-                work.isNeeded = isRegularFile(installed(work));
+                work.isNeeded = isInstalled(work);
             }
         },
         [&] {
@@ -122,7 +144,10 @@ void Staging::decidePatch(UpdateWork &work)
 /// The seal tells what the installed file must be.
 void Staging::decideSealedPatch(UpdateWork &work)
 {
-    if (!isRegularFile(installed(work)))
+    const bool isThere = isInstalled(work);
+    if (isStopped())
+        return;
+    if (!isThere)
         return takeWhole(work, QStringLiteral("is missing"));
     QString why;
     const auto sha512 = sha512OfInstalled(work, &why);
@@ -135,7 +160,10 @@ void Staging::decideSealedPatch(UpdateWork &work)
 
 void Staging::decideUnsealedPatch(UpdateWork &work)
 {
-    if (!exists(installed(work)))
+    const bool isThere = statusOfInstalled(work).has_value();
+    if (isStopped())
+        return;
+    if (!isThere)
         return takeWhole(work, QStringLiteral("is missing"));
     PatchedContent patched;
     if (!patched.open(installed(work), payload(work), work.size, [this] { return isStopped(); })) {
@@ -156,23 +184,38 @@ void Staging::decideUnsealedPatch(UpdateWork &work)
 /// The installed file is something else than the patch is for: @p why.
 void Staging::takeWhole(UpdateWork &work, const QString &why)
 {
+    takeWhole(work, installed(work), why);
+}
+
+/// The same of @p path, an installed file that another is made of.
+void Staging::takeWhole(UpdateWork &work, const QString &path, const QString &why)
+{
     work.isTakenWhole = true;
     const QFileInfo source(fallback(work));
     if (m_folders.fallback.isEmpty())
-        add(Code::DamagedInstall, installed(work), why);
+        add(Code::DamagedInstall, path, why);
     else if (!source.isFile() || source.size() != work.size)
         add(Code::BadFallback, fallback(work),
             QStringLiteral("is not the file that the patch leads to"));
 }
 
-/// Without a seal a copied file has no checksum in the rules: the patch's own file tells it.
 void Staging::decideCopy(UpdateWork &work)
 {
     work.isNeeded = true;
+    if (work.rule.isSealed)
+        work.sha512 = work.rule.sha512;
+    if (isCopyToBeMade(work) && work.isMoved)
+        decideSource(work);
+}
+
+/// Without a seal a copied file has no checksum in the rules: the patch's own file tells it. False
+/// also when the crew was stopped.
+bool Staging::isCopyToBeMade(UpdateWork &work)
+{
     const bool maybeInstalled = isFileOfSize(installed(work), work.size);
     const bool maybeStaged = work.isOwnStaged && isFileOfSize(staged(work), work.size);
     if (!maybeInstalled && !maybeStaged)
-        return;
+        return true;
     FileError error;
     std::atomic<qint64> done{0};
     const auto sha512 = work.rule.isSealed ? std::optional(work.rule.sha512)
@@ -180,11 +223,31 @@ void Staging::decideCopy(UpdateWork &work)
     if (!error.isEmpty())
         fail(error);
     if (!sha512)
-        return;
+        return false;
     QString why; // does not matter, as the file is replaced whole
     work.isNeeded = !maybeInstalled || sha512OfInstalled(work, &why) != *sha512;
     work.isStaged = work.isNeeded && isStagedAlready(work, *sha512);
     work.sha512 = *sha512;
+    return work.isNeeded && !work.isStaged && !isStopped();
+}
+
+/// What stands in for a file that the patch lacks. It may be a link, and another rule may change or
+/// delete it, as nothing is put in place before all is staged.
+void Staging::decideSource(UpdateWork &work)
+{
+    FileError error;
+    InputFile file;
+    std::optional<Sha512> sha512;
+    if (!file.open(source(work)))
+        error = file.error();
+    else if (file.size() == work.size)
+        sha512 = sha512Of(source(work), m_read, &error);
+    if (isStopped() || sha512 == work.rule.sha512)
+        return;
+    if (error.isEmpty() || tellsNoContent(error, source(work)))
+        takeWhole(work, source(work), whyNotMade(work, error));
+    else
+        fail(error);
 }
 
 /// What cannot be read is made anew.
@@ -315,11 +378,61 @@ void Staging::stage(UpdateWork &work)
     m_staged.append(work.rule.relativePath);
 }
 
-/// What an earlier run has staged gets the permissions that this one would give it.
+/// Where a file's content would come from whole.
+QString Staging::contentOf(const UpdateWork &work) const
+{
+    if (work.isMoved)
+        return isRegularFile(source(work)) ? source(work) : fallback(work);
+    return work.rule.kind == UpdateRule::Kind::Copy ? payload(work) : fallback(work);
+}
+
+/// Of the installed file. Nothing, with a problem, where the system does not tell what stands
+/// there.
+std::optional<struct stat> Staging::statusOfInstalled(const UpdateWork &work)
+{
+    FileError error;
+    const auto status = statusOf(installed(work), &error);
+    if (!error.isEmpty())
+        fail(error);
+    return status;
+}
+
+/// Adds a problem where the system does not tell.
+mode_t Staging::permissionsOf(const QString &path)
+{
+    struct stat status = {};
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        fail(FileError::ofSystem(path, "cannot be looked at: "));
+    return permissionBits(status);
+}
+
+bool Staging::isInstalled(const UpdateWork &work)
+{
+    const auto status = statusOfInstalled(work);
+    return status && S_ISREG(status->st_mode);
+}
+
+/// That of a file that is replaced, where it must be given: what root makes is root's otherwise,
+/// and the player could not write his own file.
+std::optional<FileOwner> Staging::ownerToGive(const UpdateWork &work)
+{
+    if (::geteuid() != 0 || work.comesLast)
+        return {};
+    const auto status = statusOfInstalled(work);
+    const bool isReplaced = status && S_ISREG(status->st_mode);
+    const bool isOurs = isReplaced && status->st_uid == 0 && status->st_gid == ::getegid();
+    return isReplaced && !isOurs ? std::optional(FileOwner{status->st_uid, status->st_gid})
+                                 : std::nullopt;
+}
+
+/// What an earlier run has staged gets the owner and permissions that this one would give it.
 void Staging::adopt(const UpdateWork &work)
 {
     const QString path = staged(work);
-    const mode_t permissions = permissionsFor(work, source(work));
+    const QString content = contentOf(work);
+    const mode_t permissions = permissionsFor(work, exists(content) ? content : path);
+    if (const auto owner = ownerToGive(work); owner && !giveTo(*owner, path))
+        return fail(FileError::ofSystem(path, "cannot be written: "));
     if (permissionsOf(path) != permissions
         && ::chmod(QFile::encodeName(path).constData(), permissions) != 0)
         fail(FileError::ofSystem(path, "cannot be written: "));
@@ -327,11 +440,12 @@ void Staging::adopt(const UpdateWork &work)
 
 /// A file that is replaced keeps its permissions; a new one has those of @p source, and so has one
 /// that its owner could not read.
-mode_t Staging::permissionsFor(const UpdateWork &work, const QString &source) const
+mode_t Staging::permissionsFor(const UpdateWork &work, const QString &source)
 {
-    if (!isRegularFile(installed(work)) || work.comesLast)
+    const auto status = statusOfInstalled(work);
+    if (!status || !S_ISREG(status->st_mode) || work.comesLast)
         return permissionsOf(source);
-    const mode_t own = permissionsOf(installed(work));
+    const mode_t own = permissionBits(*status);
     const bool isUnreadable
         = work.isUnreadable || ::access(QFile::encodeName(installed(work)).constData(), R_OK) != 0;
     if ((own & S_IRUSR) == 0 && isUnreadable)
@@ -344,10 +458,12 @@ void Staging::stageAnew(UpdateWork &work)
 {
     if (work.isOwnStaged && !removeFile(staged(work)))
         return fail(FileError::ofSystem(staged(work), "cannot be removed: "));
-    if (work.rule.kind == UpdateRule::Kind::Copy)
+    if (work.rule.kind == UpdateRule::Kind::Copy && !work.isMoved)
         return stageCopy(work);
     if (m_folders.patch.isEmpty() || work.isTakenWhole)
         return stageFallback(work);
+    if (work.isMoved)
+        return stageMoved(work);
     QString why = NotTheOldFile;
     if (stagePatched(work, &why) || isStopped())
         return;
@@ -364,7 +480,7 @@ bool Staging::stagePatched(UpdateWork &work, QString *why)
     PatchedContent content;
     FileError error;
     std::optional<Sha512> sha512;
-    if (!exists(installed(work)))
+    if (!statusOfInstalled(work))
         return false;
     if (!content.open(installed(work), payload(work), work.size, [this] { return isStopped(); }))
         error = content.error();
@@ -417,6 +533,28 @@ void Staging::stageCopy(UpdateWork &work)
     work.sha512 = sha512.value_or(Sha512());
 }
 
+/// As decideSource() has found it, unless it was changed since.
+void Staging::stageMoved(UpdateWork &work)
+{
+    InputFile file;
+    FileError error;
+    std::optional<Sha512> sha512;
+    if (!file.open(source(work)))
+        error = file.error();
+    else if (file.size() == work.size)
+        sha512 = write(work, file, permissionsFor(work, file.path()), &error);
+    work.isStaged = sha512 == work.rule.sha512;
+    if (work.isStaged || isStopped())
+        return;
+    discard(work);
+    if (!error.isEmpty() && !tellsNoContent(error, source(work)))
+        fail(error);
+    else if (m_folders.fallback.isEmpty())
+        add(Code::DamagedInstall, source(work), whyNotMade(work, error));
+    else
+        stageFallback(work);
+}
+
 /// Removes what was written of a work. If it stays, it can neither be made again nor be missed when
 /// the run is taken back.
 void Staging::discard(UpdateWork &work)
@@ -445,6 +583,8 @@ std::optional<Sha512> Staging::write(
     FilePass writing(*m_crew, content, targets, doneOf(work));
     if (!pass(writing, content.size(), error))
         return {};
+    if (const auto owner = ownerToGive(work))
+        output.setOwner(*owner);
     output.setPermissions(permissions);
     if (!output.close())
         return failOutput();

@@ -8,6 +8,8 @@
 #include <optional>
 #include <vector>
 
+#include <sys/stat.h>
+
 namespace Pellox {
 
 /**
@@ -50,7 +52,10 @@ private:
     void decideSealedPatch(UpdateWork &work);
     void decideUnsealedPatch(UpdateWork &work);
     void decideCopy(UpdateWork &work);
+    bool isCopyToBeMade(UpdateWork &work);
+    void decideSource(UpdateWork &work);
     void takeWhole(UpdateWork &work, const QString &why);
+    void takeWhole(UpdateWork &work, const QString &path, const QString &why);
     bool isStagedAlready(const UpdateWork &work, const Sha512 &sha512);
     std::optional<Sha512> sha512Of(
         const QString &path, std::atomic<qint64> &done, FileError *error);
@@ -58,7 +63,11 @@ private:
     bool isUnreadableInstalled(const FileError &error, UpdateWork &work) const;
 
     void adopt(const UpdateWork &work);
-    mode_t permissionsFor(const UpdateWork &work, const QString &source) const;
+    mode_t permissionsFor(const UpdateWork &work, const QString &source);
+    mode_t permissionsOf(const QString &path);
+    std::optional<struct stat> statusOfInstalled(const UpdateWork &work);
+    bool isInstalled(const UpdateWork &work);
+    std::optional<FileOwner> ownerToGive(const UpdateWork &work);
     void stage(UpdateWork &work);
     void stageAnew(UpdateWork &work);
     void report(const Reports &reports, qint64 total);
@@ -66,6 +75,7 @@ private:
     bool stagePatched(UpdateWork &work, QString *why);
     void stageFallback(UpdateWork &work);
     void stageCopy(UpdateWork &work);
+    void stageMoved(UpdateWork &work);
     void discard(UpdateWork &work);
     std::optional<Sha512> write(
         UpdateWork &work, Content &content, mode_t permissions, FileError *error);
@@ -88,11 +98,9 @@ private:
     {
         return m_folders.fallback + work.rule.relativePath;
     }
-    /// Where a file's content may come from whole.
-    QString source(const UpdateWork &work) const
-    {
-        return work.rule.kind == UpdateRule::Kind::Copy ? payload(work) : fallback(work);
-    }
+    /// What a file that the patch lacks is made of.
+    QString source(const UpdateWork &work) const { return m_folders.build + work.rule.source; }
+    QString contentOf(const UpdateWork &work) const;
     QString staged(const UpdateWork &work) const { return m_folders.build + work.staged; }
 
     const UpdateFolders m_folders;

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "transaction.h"
 
+#include "diskroom.h"
+#include "earlysync.h"
 #include "filesystem.h"
 #include "setaside.h"
+
+#include <QHash>
 
 #include <algorithm>
 #include <cerrno>
@@ -66,8 +70,10 @@ Transaction::Outcome Transaction::carryOut(std::vector<UpdateWork> &works, const
     try {
         outcome = stageAndCommit(works, aim);
     } catch (...) { // there is no more memory, or it comes from a host's slot
-        if (!hasUnfinished())
+        if (!hasUnfinished()) {
+            m_commit.abandon();
             takeBack(works, aim.otherFiles);
+        }
         throw;
     }
     const bool isUnchanged = outcome == Outcome::Failed || outcome == Outcome::Cancelled;
@@ -82,13 +88,29 @@ Transaction::Outcome Transaction::stageAndCommit(std::vector<UpdateWork> &works,
 {
     if (!recordStaged(works, aim.otherFiles))
         return Outcome::Failed;
-    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
-    if (!staging.carryOut(m_reports.staging))
-        return m_problems.isEmpty() ? Outcome::Cancelled : Outcome::Failed;
+    const Outcome staged = stage(works);
+    if (staged != Outcome::Done)
+        return staged;
     Journal journal = journalOf(works);
     journal.changesRelease = aim.changesRelease;
+    journal.isRepair = aim.isRepair;
     journal.release = aim.release;
     return commitStaged(std::move(journal));
+}
+
+Transaction::Outcome Transaction::stage(std::vector<UpdateWork> &works)
+{
+    Staging staging(m_settings.folders, works, m_settings.threadCount, m_cancelled, m_problems);
+    EarlySync early(m_files);
+    Staging::Reports reports = m_reports.staging;
+    reports.progress = [&](qint64 done, qint64 total) {
+        if (m_settings.syncs)
+            early.staged(done);
+        m_reports.staging.progress(done, total);
+    };
+    if (!staging.carryOut(reports))
+        return m_problems.isEmpty() ? Outcome::Cancelled : Outcome::Failed;
+    return early.finish() ? Outcome::Done : fail(m_files.error(QString(), "cannot be synced: "));
 }
 
 /// Where a journal may stand, what is staged may be the only copy of new content. Then there is a
@@ -171,20 +193,19 @@ bool Transaction::clear(const QSet<QString> &kept)
     return cleared;
 }
 
-void Transaction::clearLeftovers(const QSet<QString> &kept)
+bool Transaction::clearLeftovers(const QSet<QString> &kept)
 {
     const auto stands
         = [this](const QString &path) { return statusOf(m_folder.absolute(path)).has_value(); };
     const bool hasBegun = stands(WorkFolder::NewJournal) || stands(WorkFolder::KeepingRecord)
         || stands(WorkFolder::Keeping); // a commit, but its journal was never in place
     if (hasUnfinished() || (!hasBegun && !m_record.isThere()))
-        return;
-    if (hasBegun) {
-        m_files.removeFile(WorkFolder::NewJournal);
-        SetAside(m_files).abandon();
+        return true;
+    if (hasBegun && !m_commit.abandon()) {
+        fail(m_commit.error());
+        return false;
     }
-    if (m_record.read())
-        clear(kept);
+    return (m_record.read() && clear(kept)) || tellErrorsOfRecord();
 }
 
 /// Once there is a journal, that tells of all that is staged. False with a problem.
@@ -195,15 +216,16 @@ bool Transaction::forgetRecord()
 
 Transaction::Outcome Transaction::commit(Journal journal)
 {
-    clearLeftovers();
-    return commitStaged(std::move(journal));
+    return clearLeftovers() ? commitStaged(std::move(journal)) : Outcome::Failed;
 }
 
 Transaction::Outcome Transaction::commitStaged(Journal journal)
 {
     journal.keepsPrevious = m_settings.keepsPrevious && !journal.isRollback;
+    if (!m_commit.prepare(std::move(journal), [this] { return !m_cancelled; }))
+        return m_commit.error().isEmpty() ? Outcome::Cancelled : fail(m_commit.error());
     m_reports.committing();
-    switch (m_commit.begin(std::move(journal))) {
+    switch (m_commit.begin()) {
     case Commit::Begun::No:
         return fail(m_commit.error());
     case Commit::Begun::Uncertain:
@@ -214,6 +236,44 @@ Transaction::Outcome Transaction::commitStaged(Journal journal)
     if (!forgetRecord())
         return Outcome::Interrupted;
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);
+}
+
+qint64 Transaction::roomToKeep(const std::vector<UpdateWork> &works)
+{
+    if (!m_settings.keepsPrevious || !copiesWhatIsKept())
+        return 0;
+    const DiskRoom room = DiskRoom::of(m_settings.folders.build).value_or(DiskRoom());
+    qint64 bytes = 0;
+    for (const UpdateWork &work : works) {
+        const bool replaces = work.isNeeded && work.rule.kind != UpdateRule::Kind::Delete;
+        const auto status = statusOf(m_folder.absolute(work.rule.relativePath));
+        if (replaces && status && S_ISREG(status->st_mode))
+            bytes = saturatedSum(bytes, room.taken(status->st_size));
+    }
+    return bytes;
+}
+
+bool Transaction::copiesWhatIsKept()
+{
+    if (!isLocked())
+        return !givesSecondNames(m_settings.folders.build);
+    const bool copies = SetAside(m_files).copies();
+    m_files.removeFolder(WorkFolder::Name); // if it is empty
+    return copies;
+}
+
+bool Transaction::hasRoomToKeep(const std::vector<UpdateWork> &works, qint64 staged)
+{
+    const qint64 kept = roomToKeep(works);
+    const auto room = DiskRoom::of(m_settings.folders.build);
+    const qint64 needed = saturatedSum(staged, kept);
+    if (kept == 0 || !room || needed <= room->bytes)
+        return true;
+    m_problems.add(UpdateProblem::Code::NoSpace, m_settings.folders.build,
+        QStringLiteral("has not enough room to keep what is replaced: %1 bytes are needed, %2 are "
+                       "free")
+            .arg(QString::number(needed), QString::number(room->bytes)));
+    return false;
 }
 
 Transaction::Outcome Transaction::fail(const FileError &error, Outcome outcome)
@@ -232,6 +292,14 @@ QSet<QString> targetsOf(const std::vector<UpdateWork> &works)
 
 namespace {
 
+bool isSameFile(const QString &path, const QString &other)
+{
+    const auto status = statusOf(path);
+    const auto otherStatus = statusOf(other);
+    return status && otherStatus && status->st_dev == otherStatus->st_dev
+        && status->st_ino == otherStatus->st_ino;
+}
+
 /// Of what is staged.
 FileMark markOf(const UpdateWork &work)
 {
@@ -240,6 +308,28 @@ FileMark markOf(const UpdateWork &work)
 }
 
 } // namespace
+
+void spareNewFiles(const QString &build, std::vector<UpdateWork> &works)
+{
+    constexpr NameSense Broad{true, true};
+    const auto isDeletion
+        = [](const UpdateWork &work) { return work.rule.kind == UpdateRule::Kind::Delete; };
+    const auto goes = [&](const UpdateWork &work) { return work.isNeeded && isDeletion(work); };
+    if (std::none_of(works.cbegin(), works.cend(), goes))
+        return;
+    QHash<QString, QString> newFiles;
+    for (const UpdateWork &work : works) {
+        if (!work.isNeeded && !isDeletion(work))
+            newFiles.insert(Broad.key(work.rule.relativePath), build + work.rule.relativePath);
+    }
+    for (UpdateWork &work : works) {
+        const QString path = build + work.rule.relativePath;
+        const QString other
+            = goes(work) ? newFiles.value(Broad.key(work.rule.relativePath)) : QString();
+        if (!other.isEmpty() && isSameFile(path, other))
+            work.isNeeded = false;
+    }
+}
 
 Journal journalOf(const std::vector<UpdateWork> &works)
 {

@@ -29,6 +29,7 @@ public:
     struct Aim
     {
         bool changesRelease = false;
+        bool isRepair = false;                   ///< what is kept is still the build before
         std::optional<InstalledRelease> release; ///< where that is known
         QSet<QString> otherFiles;                ///< of the build; never taken for staged ones
     };
@@ -65,18 +66,25 @@ public:
     bool hasFinishedRollback() const { return m_commit.isRollback(); }
     /// Stages what is needed and not staged yet, and commits all that is needed.
     Outcome carryOut(std::vector<UpdateWork> &works, const Aim &aim);
-    /// Where no commit is unfinished: removes what an earlier run has staged, but for @p kept, as
-    /// far as it can.
-    void clearLeftovers(const QSet<QString> &kept = {});
+    /// Where no commit is unfinished: removes what an earlier run has staged, but for @p kept.
+    /// False with a problem when something of it stays.
+    bool clearLeftovers(const QSet<QString> &kept = {});
     /// Commits steps that need no staging.
     Outcome commit(Journal journal);
+    /// Bytes that copies of what @p works replace take, where it is kept and the file system knows
+    /// no second names. That is tried out when the build is locked.
+    qint64 roomToKeep(const std::vector<UpdateWork> &works);
+    /// Whether there is room for that, and for @p staged bytes. False with a problem.
+    bool hasRoomToKeep(const std::vector<UpdateWork> &works, qint64 staged);
 
     /// Once it is locked.
     BuildFiles &files() { return m_files; }
 
 private:
+    bool copiesWhatIsKept();
     bool mayHaveBegun();
     Outcome stageAndCommit(std::vector<UpdateWork> &works, const Aim &aim);
+    Outcome stage(std::vector<UpdateWork> &works);
     bool recordStaged(const std::vector<UpdateWork> &works, const QSet<QString> &otherFiles);
     void recordFoldersAbove(const QString &path, QSet<QString> *standing);
     bool takeBack(const std::vector<UpdateWork> &works, const QSet<QString> &kept);
@@ -98,6 +106,10 @@ private:
 
 /// The files that @p works are about, as relative paths.
 QSet<QString> targetsOf(const std::vector<UpdateWork> &works);
+
+/// Once it is decided which of @p works are needed: where the file system of @p build takes two
+/// names for one, the file that is to go under one may be the new one under the other, and stays.
+void spareNewFiles(const QString &build, std::vector<UpdateWork> &works);
 
 /// What a commit does for @p works.
 Journal journalOf(const std::vector<UpdateWork> &works);

@@ -6,7 +6,10 @@
 #include "filesystem.h"
 #include "patchfiles.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
+#include <cerrno>
 
 namespace Pellox {
 
@@ -14,24 +17,48 @@ using Code = UpdateProblem::Code;
 
 namespace {
 
-/// The identity of the build of @p files; nothing when some have no checksum.
-std::optional<Sha512> identityOf(const std::vector<SignedFile> &files)
-{
-    ByPath<Sha512> build;
-    for (const SignedFile &file : files) {
-        if (!file.sha512)
-            return {};
-        build.emplace(file.relativePath, *file.sha512);
-    }
-    return identityOf(build);
-}
-
 bool equals(const std::optional<InstalledRelease> &one, const InstalledRelease &other)
 {
     return one && one->number == other.number && one->build == other.build;
 }
 
+/// Of what was found when a patch was read: what the system did is no fault of the patch's.
+Code codeOf(const FileError &error)
+{
+    if (error.system == 0)
+        return Code::NotTrusted;
+    return error.system == ENOMEM ? Code::NoMemory : Code::ReadOrWrite;
+}
+
 } // namespace
+
+std::optional<SealedPatch> readTrustedSeal(
+    const QString &patch, const QStringList &keyFiles, Problems &problems)
+{
+    FileError error;
+    const auto keys = readPublicKeys(keyFiles, &error);
+    if (!keys) {
+        problems.add(Code::BadKey, error);
+        return {};
+    }
+    auto sealed = readSeal(patch, *keys, &error);
+    if (!sealed)
+        problems.add(codeOf(error), error);
+    return sealed;
+}
+
+bool writeRelease(
+    const InstalledRelease &release, BuildFiles &files, bool syncs, Problems &problems)
+{
+    FileError error;
+    if (!files.makeFolders(WorkFolder::Name))
+        error = files.error(WorkFolder::Name, "cannot be made: ");
+    else if (!release.write(files, syncs, &error))
+        files.removeFolder(WorkFolder::Name); // if it is empty
+    if (!error.isEmpty())
+        problems.add(Code::ReadOrWrite, error);
+    return error.isEmpty();
+}
 
 TrustCheck::TrustCheck(const Transaction::Settings &settings, const Trust &trust,
     const std::atomic<bool> &cancelled, Problems &problems,
@@ -46,20 +73,8 @@ TrustCheck::TrustCheck(const Transaction::Settings &settings, const Trust &trust
 
 std::optional<SealedPatch> TrustCheck::carryOut()
 {
-    FileError error;
-    const auto keys = readPublicKeys(m_trust.keys, &error);
-    if (!keys) {
-        m_problems.add(Code::BadKey, error);
-        return {};
-    }
-    auto sealed = readSeal(m_settings.folders.patch, *keys, &error);
-    if (!sealed) {
-        m_problems.add(Code::NotTrusted, error);
-        return {};
-    }
-    if (!checkRelease(*sealed) || !checkFiles(*sealed))
-        return {};
-    return sealed;
+    auto sealed = readTrustedSeal(m_settings.folders.patch, m_trust.keys, m_problems);
+    return sealed && checkRelease(*sealed) && checkFiles(*sealed) ? sealed : std::nullopt;
 }
 
 bool TrustCheck::checkFiles(const SealedPatch &sealed)
@@ -75,7 +90,7 @@ bool TrustCheck::checkFiles(const SealedPatch &sealed)
     if (m_cancelled)
         return false;
     for (const FileError &error : errors)
-        m_problems.add(Code::NotTrusted, error);
+        m_problems.add(codeOf(error), error);
     return errors.empty();
 }
 
@@ -95,31 +110,47 @@ qint64 TrustCheck::installedBytes(const SealedPatch &sealed) const
         const bool isCopied = rule.kind == UpdateRule::Kind::Copy;
         if (isFile && (isPatched || (isCopied && status->st_size == rule.size)))
             sum += status->st_size;
+        else if (isCopied && isReadFromSource(path, rule))
+            sum += rule.size;
     }
     return sum;
+}
+
+/// Whether the copied file @p path, which is not installed yet, is made of an installed one.
+bool TrustCheck::isReadFromSource(const QString &path, const SealedRule &rule) const
+{
+    if (rule.source.isEmpty() || mayStand(m_settings.folders.patch + path))
+        return false;
+    const QFileInfo source(m_settings.folders.build + rule.source);
+    return source.isFile() && source.size() == rule.size;
 }
 
 bool TrustCheck::checkRelease(const SealedPatch &sealed)
 {
     FileError error;
     m_installed = InstalledRelease::read(m_settings.folders.build, &error);
-    if (!error.isEmpty()) {
-        m_problems.add(Code::DamagedInstall, error);
-        return false;
-    }
+    if (!error.isEmpty())
+        return refuse(error.system == 0 ? Code::DamagedInstall : Code::ReadOrWrite, error);
     if (!m_installed)
         return true;
     const QString seal = m_settings.folders.patch + QLatin1Char('/') + SealFileName;
-    if (isOlder(sealed) && !m_trust.allowsOlder) {
-        m_problems.add(Code::OlderRelease, seal,
-            QStringLiteral("leads to release %1, but %2 is installed")
-                .arg(QString::number(sealed.release), QString::number(m_installed->number)));
-    } else if (m_installed->build != sealed.from && m_installed->build != sealed.to) {
-        m_problems.add(Code::ForeignPatch, seal,
-            QStringLiteral("does not lead on from the build that is installed, release %1")
-                .arg(QString::number(m_installed->number)));
-    }
-    return m_problems.isEmpty();
+    if (isOlder(sealed) && !m_trust.allowsOlder)
+        return refuse(Code::OlderRelease,
+            {seal,
+                QStringLiteral("leads to release %1, but %2 is installed")
+                    .arg(QString::number(sealed.release), QString::number(m_installed->number))});
+    if (m_installed->build != sealed.from && m_installed->build != sealed.to)
+        return refuse(Code::ForeignPatch,
+            {seal,
+                QStringLiteral("does not lead on from the build that is installed, release %1")
+                    .arg(QString::number(m_installed->number))});
+    return true;
+}
+
+bool TrustCheck::refuse(Code code, const FileError &error)
+{
+    m_problems.add(code, error);
+    return false;
 }
 
 /// A second patch that leads to the installed release itself is none.
@@ -140,16 +171,8 @@ InstalledRelease TrustCheck::releaseFor(const SealedPatch &sealed) const
 bool TrustCheck::record(const SealedPatch &sealed, BuildFiles &files)
 {
     const InstalledRelease release = releaseFor(sealed);
-    if (equals(m_installed, release))
-        return true;
-    FileError error;
-    if (!files.makeFolders(WorkFolder::Name))
-        error = files.error(WorkFolder::Name, "cannot be made: ");
-    else if (!release.write(files, m_settings.syncs, &error))
-        files.removeFolder(WorkFolder::Name); // if it is empty
-    if (!error.isEmpty())
-        m_problems.add(Code::ReadOrWrite, error);
-    return error.isEmpty();
+    return equals(m_installed, release)
+        || writeRelease(release, files, m_settings.syncs, m_problems);
 }
 
 bool TrustCheck::seal(const SealedPatch &sealed, std::vector<UpdateRule> *rules)
@@ -175,20 +198,8 @@ bool TrustCheck::sealOne(const SealedPatch &sealed, UpdateRule *rule)
     rule->oldSha512 = known.oldSha512;
     rule->size = known.size;
     rule->sha512 = known.sha512;
+    rule->source = known.source;
     return !differs;
-}
-
-bool settleReleaseRecord(
-    BuildFiles &files, const std::vector<SignedFile> &signedFiles, FileError *error)
-{
-    FileError damage;
-    const auto recorded = InstalledRelease::read(files, &damage);
-    const bool isThere = recorded || !damage.isEmpty();
-    if (!isThere || (recorded && identityOf(signedFiles) == recorded->build))
-        return true;
-    const bool removed = InstalledRelease::remove(files, error);
-    files.removeFolder(WorkFolder::Name); // if it is empty
-    return removed;
 }
 
 } // namespace Pellox

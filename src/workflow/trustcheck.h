@@ -18,10 +18,19 @@ struct Trust
     bool allowsOlder = false;
 };
 
+/// What the seal in folder @p patch says. Nothing, with a problem, when none of the public keys in
+/// the PEM files @p keyFiles has made it, or it cannot be read.
+std::optional<SealedPatch> readTrustedSeal(
+    const QString &patch, const QStringList &keyFiles, Problems &problems);
+
+/// Makes @p release that of the build of @p files. False with a problem.
+bool writeRelease(
+    const InstalledRelease &release, BuildFiles &files, bool syncs, Problems &problems);
+
 /**
  * The check of a patch's seal before anything is touched: that a trusted key has made it, that the
- * patch folder is what was sealed to the last byte, and that the patch leads on from the release
- * that is installed.
+ * patch folder is what was sealed to the last byte, but for what a slim patch lacks, and that the
+ * patch leads on from the release that is installed.
  */
 class TrustCheck
 {
@@ -48,7 +57,9 @@ public:
 private:
     bool checkFiles(const SealedPatch &sealed);
     bool checkRelease(const SealedPatch &sealed);
+    bool refuse(UpdateProblem::Code code, const FileError &error);
     qint64 installedBytes(const SealedPatch &sealed) const;
+    bool isReadFromSource(const QString &path, const SealedRule &rule) const;
     bool isOlder(const SealedPatch &sealed) const;
     bool sealOne(const SealedPatch &sealed, UpdateRule *rule);
 
@@ -61,13 +72,5 @@ private:
     qint64 m_allBytes = 0;
     std::optional<InstalledRelease> m_installed; ///< before the update
 };
-
-/**
- * To be called when the build of @p files is what signatures.json says, which names @p signedFiles:
- * forgets which release is installed where the record of it is damaged or of another build. False
- * with @p error.
- */
-bool settleReleaseRecord(
-    BuildFiles &files, const std::vector<SignedFile> &signedFiles, FileError *error);
 
 } // namespace Pellox

@@ -16,6 +16,8 @@
 #include <climits>
 #include <filesystem>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Pellox {
@@ -28,6 +30,26 @@ constexpr QLatin1Char Separator('/');
 QString broadKey(const QString &path)
 {
     return NameSense{true, true}.key(path);
+}
+
+/// Whether @p path and @p other are two names of a file that the file system takes for one: not two
+/// that it tells apart.
+bool isOneName(const QString &path, const QString &other)
+{
+    const auto status = statusOf(path);
+    const auto otherStatus = statusOf(other);
+    return status && otherStatus && status->st_dev == otherStatus->st_dev
+        && status->st_ino == otherStatus->st_ino && status->st_nlink == 1;
+}
+
+/// Whether an attribute keeps everybody from replacing or removing what stands at @p path, or what
+/// lies in it.
+bool isFixed(const QString &path)
+{
+    struct statx status = {};
+    const QByteArray name = QFile::encodeName(path);
+    return ::statx(AT_FDCWD, name.constData(), 0, 0, &status) == 0
+        && (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
 }
 
 } // namespace
@@ -43,8 +65,6 @@ UpdateCheck::UpdateCheck(const UpdateFolders &folders, Problems &problems, Names
 
 std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend, const GoOn &goOn)
 {
-    if (!checkFolders())
-        return {};
     QStringList errors;
     const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
     std::vector<UpdateRule> rules = readRules(manifest, &errors, goOn);
@@ -59,11 +79,10 @@ std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend, const GoOn &go
 
 std::vector<UpdateWork> UpdateCheck::worksFor(const std::vector<UpdateRule> &rules)
 {
-    for (const UpdateRule &rule : rules) {
-        if (rule.kind == UpdateRule::Kind::Delete)
-            m_deleted.insert(rule.relativePath);
-    }
+    noteDeletions(rules);
     noteTargets(rules);
+    if (const auto status = statusOf(m_folders.build))
+        noteSticky(m_folders.build, *status);
     if (!m_record.read()) {
         m_problems.add(Code::ReadOrWrite, m_record.errors().front());
         return {};
@@ -98,8 +117,7 @@ bool UpdateCheck::checkFolders()
                 QStringLiteral("is no folder, but where an update keeps its own files"));
         checkMount(own);
     }
-    if (::access(QFile::encodeName(m_folders.build).constData(), W_OK | X_OK) != 0)
-        add(Code::NotWritable, m_folders.build, QStringLiteral("cannot be written"));
+    checkWritable(m_folders.build);
     return true;
 }
 
@@ -134,6 +152,14 @@ NameSense UpdateCheck::tryNames()
     return sense.value_or(NameSense());
 }
 
+void UpdateCheck::noteDeletions(const std::vector<UpdateRule> &rules)
+{
+    for (const UpdateRule &rule : rules) {
+        if (rule.kind == UpdateRule::Kind::Delete)
+            m_deleted.insert(broadKey(rule.relativePath), rule.relativePath);
+    }
+}
+
 void UpdateCheck::noteTargets(const std::vector<UpdateRule> &rules)
 {
     for (const UpdateRule &rule : rules) {
@@ -143,6 +169,14 @@ void UpdateCheck::noteTargets(const std::vector<UpdateRule> &rules)
         for (const QString &folder : foldersAbove(rule.relativePath))
             m_taken.insert(broadKey(folder));
     }
+}
+
+/// @p folder may be one where only owners may replace files, and that not ours.
+void UpdateCheck::noteSticky(const QString &folder, const struct stat &status)
+{
+    const uid_t user = ::geteuid();
+    if ((status.st_mode & S_ISVTX) != 0 && user != 0 && user != status.st_uid)
+        m_sticky.insert(folder);
 }
 
 UpdateWork UpdateCheck::workFor(const UpdateRule &rule, std::size_t number)
@@ -177,8 +211,10 @@ bool UpdateCheck::fits(const QString &relativePath) const
 void UpdateCheck::chooseStaged(UpdateWork &work, std::size_t number) const
 {
     const QString beside = work.rule.relativePath + WorkFolder::TemporarySuffix;
-    const auto standing = statusOf(m_folders.build + beside);
-    const bool isFree = !standing || (S_ISREG(standing->st_mode) && m_record.isOwn(beside));
+    FileError unknown;
+    const auto standing = statusOf(m_folders.build + beside, &unknown);
+    const bool isFree
+        = standing ? S_ISREG(standing->st_mode) && m_record.isOwn(beside) : unknown.isEmpty();
     const bool fitsBeside = isFree && !work.comesLast && problemOfRelativePath(beside).isEmpty()
         && fits(beside) && !m_taken.contains(broadKey(beside));
     work.staged = fitsBeside ? beside : WorkFolder::Staged + Separator + QString::number(number);
@@ -191,20 +227,39 @@ void UpdateCheck::checkTarget(UpdateWork &work)
     if (!checkAbove(work))
         return;
     const QString path = m_folders.build + work.rule.relativePath;
-    const auto status = statusOf(path);
-    if (!status || S_ISREG(status->st_mode))
+    FileError error;
+    const auto status = statusOf(path, &error);
+    if (!error.isEmpty())
+        m_problems.add(Code::ReadOrWrite, error);
+    if (!status)
         return;
-    if (S_ISLNK(status->st_mode))
+    if (S_ISREG(status->st_mode))
+        checkReplaceable(path, *status);
+    else if (S_ISLNK(status->st_mode))
         add(Code::Obstructed, path, QStringLiteral("is a symbolic link"));
     else if (!S_ISDIR(status->st_mode))
         add(Code::Obstructed, path, QStringLiteral("is no regular file"));
     else if (work.rule.kind == UpdateRule::Kind::Delete)
         return; // the file is gone already
-    else if (isEmptied(work.rule.relativePath))
+    else if (isEmptied(work.rule.relativePath)) {
         work.comesLast = true;
-    else
+        checkReplaceable(path, *status);
+    } else
         add(Code::Obstructed, path,
             QStringLiteral("is a folder, and holds files that no rule deletes"));
+}
+
+/// Else the system would refuse it when files are being put in place already.
+void UpdateCheck::checkReplaceable(const QString &path, const struct stat &status)
+{
+    const QString folder = path.left(path.lastIndexOf(Separator));
+    if (isFixed(path))
+        add(Code::NotWritable, path,
+            QStringLiteral("cannot be replaced: an attribute makes it immutable or append-only"));
+    else if (m_sticky.contains(folder) && status.st_uid != ::geteuid())
+        add(Code::NotWritable, path,
+            QStringLiteral("cannot be replaced: it belongs to another user, and its folder lets "
+                           "only owners do that"));
 }
 
 /// False when the work's file cannot be there, for what stands above it.
@@ -214,12 +269,17 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
         const QString path = m_folders.build + folder;
         if (m_plainFolders.contains(path))
             continue;
-        const auto status = statusOf(path);
+        FileError error;
+        const auto status = statusOf(path, &error);
+        if (!error.isEmpty()) {
+            m_problems.add(Code::ReadOrWrite, error);
+            return false;
+        }
         if (!status || m_record.isOwn(folder))
             return true; // it will be made, if need be in the place of what was staged there
         if (S_ISREG(status->st_mode) && work.rule.kind == UpdateRule::Kind::Delete)
             return true; // the file is gone already
-        if (S_ISREG(status->st_mode) && m_deleted.contains(folder)) {
+        if (S_ISREG(status->st_mode) && isDeleted(folder)) {
             work.comesLast = true;
             return true;
         }
@@ -229,12 +289,19 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
                                          : QStringLiteral("is no folder"));
             return false;
         }
-        if (::access(QFile::encodeName(path).constData(), W_OK | X_OK) != 0)
-            add(Code::NotWritable, path, QStringLiteral("cannot be written"));
+        checkWritable(path);
         checkMount(path);
+        noteSticky(path, *status);
         m_plainFolders.insert(path);
     }
     return true;
+}
+
+/// And its files replaced.
+void UpdateCheck::checkWritable(const QString &folder)
+{
+    if (::access(QFile::encodeName(folder).constData(), W_OK | X_OK) != 0 || isFixed(folder))
+        add(Code::NotWritable, folder, QStringLiteral("cannot be written"));
 }
 
 /// Renames lead to no other file system, and it would not be synced with the build's own.
@@ -245,31 +312,53 @@ void UpdateCheck::checkMount(const QString &folder)
             QStringLiteral("is on another file system than the build, or mounted by itself"));
 }
 
-/// Whether the rules delete all that is in @p folder.
+/// Whether the rules delete all that is in @p folder, or a problem was added.
 bool UpdateCheck::isEmptied(const QString &folder)
 {
     namespace fs = std::filesystem;
+    QString last = folder;
     std::error_code error;
+    FileError unknown;
     fs::recursive_directory_iterator walk(
         fs::path(QFile::encodeName(m_folders.build + folder).constData()), error);
     for (; !error && walk != fs::end(walk); walk.increment(error)) {
-        const QString path = QFile::decodeName(walk->path().c_str()).mid(m_folders.build.size());
-        const bool isFolder = walk->symlink_status(error).type() == fs::file_type::directory;
+        last = QFile::decodeName(walk->path().c_str()).mid(m_folders.build.size());
+        const auto status = statusOf(m_folders.build + last, &unknown);
+        const bool isFolder = status && S_ISDIR(status->st_mode);
         // What an earlier run has staged goes before anything is staged.
-        const bool goes = m_deleted.contains(path) || m_record.isOwn(path);
+        const bool goes = isDeleted(last) || m_record.isOwn(last);
+        if (!unknown.isEmpty())
+            break;
         if (!isFolder && !goes)
             return false;
     }
-    return !error;
+    if (error)
+        unknown = {m_folders.build + last,
+            QLatin1String("cannot be listed: ") + QString::fromStdString(error.message()),
+            error.value()};
+    if (!unknown.isEmpty())
+        m_problems.add(Code::ReadOrWrite, unknown);
+    return true;
+}
+
+/// Whether a rule deletes that file, in whatever spelling.
+bool UpdateCheck::isDeleted(const QString &relativePath) const
+{
+    const QList<QString> paths = m_deleted.values(broadKey(relativePath));
+    return std::any_of(paths.cbegin(), paths.cend(), [&](const QString &path) {
+        return path == relativePath
+            || isOneName(m_folders.build + path, m_folders.build + relativePath);
+    });
 }
 
 void UpdateCheck::checkPayload(UpdateWork &work)
 {
+    FileError error;
     for (const QString &folder : foldersAbove(work.rule.relativePath)) {
         const QString path = m_folders.patch + folder;
         if (m_plainFolders.contains(path))
             continue;
-        const auto status = statusOf(path);
+        const auto status = statusOf(path, &error);
         if (!status || !S_ISDIR(status->st_mode))
             break; // said of the file itself
         m_plainFolders.insert(path);
@@ -277,8 +366,12 @@ void UpdateCheck::checkPayload(UpdateWork &work)
     const int lastSeparator = work.rule.relativePath.lastIndexOf(Separator);
     const QString folder = m_folders.patch + work.rule.relativePath.left(lastSeparator);
     const QString path = m_folders.patch + work.rule.relativePath;
-    const auto status = statusOf(path);
-    if (!status)
+    const auto status = error.isEmpty() ? statusOf(path, &error) : std::nullopt;
+    if (!error.isEmpty())
+        m_problems.add(Code::ReadOrWrite, error);
+    else if (!status && !work.rule.source.isEmpty())
+        work.isMoved = true;
+    else if (!status)
         add(Code::BadPatch, path, QStringLiteral("is missing from the patch"));
     else if (!S_ISREG(status->st_mode))
         add(Code::BadPatch, path, QStringLiteral("is no regular file"));

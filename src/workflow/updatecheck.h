@@ -5,6 +5,7 @@
 #include "stagedrecord.h"
 #include "updatework.h"
 
+#include <QMultiHash>
 #include <QSet>
 
 #include <functional>
@@ -28,11 +29,13 @@ public:
     /// May change the rules of a manifest. False with a problem.
     using Amend = std::function<bool(std::vector<UpdateRule> *rules)>;
 
-    /// The works of the patch's rules, in their order; complete only when no problem was added.
+    /// Whether the folders are there and apart. With other problems it may be true.
+    bool checkFolders();
+    /// Of folders that are: the works of the patch's rules, in their order; complete only when no
+    /// problem was added.
     std::vector<UpdateWork> carryOut(const Amend &amend, const GoOn &goOn = GoOn());
     /// The same for rules that come from elsewhere than a patch, and are known to be well formed.
     std::vector<UpdateWork> worksFor(const std::vector<UpdateRule> &rules);
-    bool checkFolders();
 
 private:
     using Code = UpdateProblem::Code;
@@ -41,14 +44,19 @@ private:
     NameSense nameSense(const std::vector<UpdateRule> &rules);
     NameSense tryNames();
     void checkMount(const QString &folder);
+    void noteDeletions(const std::vector<UpdateRule> &rules);
     void noteTargets(const std::vector<UpdateRule> &rules);
+    void noteSticky(const QString &folder, const struct stat &status);
     UpdateWork workFor(const UpdateRule &rule, std::size_t number);
     bool fits(const QString &relativePath) const;
     void chooseStaged(UpdateWork &work, std::size_t number) const;
     void checkTarget(UpdateWork &work);
+    void checkReplaceable(const QString &path, const struct stat &status);
     bool checkAbove(UpdateWork &work);
+    void checkWritable(const QString &folder);
     void checkPayload(UpdateWork &work);
     bool isEmptied(const QString &folder);
+    bool isDeleted(const QString &relativePath) const;
     void add(Code code, const QString &path, const QString &reason);
 
     const UpdateFolders m_folders;
@@ -57,8 +65,9 @@ private:
     const long m_longestName;     ///< bytes; not above 0 where the file system does not tell
     StagedRecord m_record;        ///< of an earlier run
     QSet<QString> m_taken;        ///< keys of all that the rules' files need, folders too
-    QSet<QString> m_deleted;      ///< relative paths
     QSet<QString> m_plainFolders; ///< absolute paths that are known to be folders, no links
+    QSet<QString> m_sticky;       ///< of these, where files can be replaced by their owners alone
+    QMultiHash<QString, QString> m_deleted; ///< relative paths, by their keys
 };
 
 } // namespace Pellox

@@ -25,7 +25,8 @@ struct UpdatePlan
     QStringList deletions;    ///< files that would go, likewise
     qint64 bytesToRead = 0;   ///< of the patch and of the old files, about
     qint64 bytesToWrite = 0;
-    qint64 peakExtraDisk = 0; ///< what the build's file system must have free, in bytes
+    qint64 peakExtraDisk = 0; ///< what the build's file system must have free, in bytes; with
+                              ///< copies of what is kept, where it is known to give no links
 };
 
 /**
@@ -70,7 +71,7 @@ public:
     /// What a run does. Each comes once at most, in this order.
     enum class UpdatePhase {
         Finishing,  ///< does the rest of a commit that a crash has interrupted
-        Checking,   ///< reads the patch and the installed files, and touches nothing
+        Checking,   ///< reads the patch and the installed files, or what is kept; touches nothing
         Staging,    ///< writes new content beside the installed files
         Committing, ///< puts it into place; can no longer be cancelled
     };
@@ -91,9 +92,13 @@ public:
     /**
      * PEM files of the public keys whose seals are believed, see PatchSeal. With any, a patch that
      * is not sealed by one of them, differs from its seal in any byte, leads on from another build
-     * or to an older release is refused; and every installed file is known as old, new or neither
-     * before anything is touched. Hidden files in the patch's folder that the seal does not name
-     * are not looked at, as no rule leads to them. A run is refused as well, with BadKey, when one
+     * or to an older release is refused; and every installed file that is to be patched is known as
+     * old, new or neither before anything is touched. What a rule copies over or deletes goes,
+     * whatever it holds. Hidden files in the patch's folder that the seal does not name
+     * are not looked at, as no rule leads to them. New files that only moved may be missing from
+     * the patch, see PatchSeal::writeSlim(): they are made of the installed files that the seal
+     * names, which is refused where these are not what they were, unless the fallback has the new
+     * files. Without a key nothing may be missing. A run is refused as well, with BadKey, when one
      * of the files holds no public key. Empty, the default: patches need no seal.
      */
     void setTrustedKeys(const QStringList &publicKeys);
@@ -124,7 +129,9 @@ public:
      * is no release until it is repaired, or updated once more.
      */
     bool recover(const QString &build);
-    /// Starts to bring back the build from before the last update, which must have kept it.
+    /// Starts to bring back the build from before the last update, which must have kept it. What
+    /// stands in the place of a rule's file is the build's: it is replaced or deleted, also where
+    /// it was changed after the update.
     bool rollback(const QString &build);
     /// Frees the space of what the last update has kept, after it has finished what a crash has
     /// interrupted. Blocks. False after updateError(), and when a run is under way.

@@ -22,7 +22,8 @@ Words wordsOf(UpdateProblem::Code code)
     case Code::Busy:
         return {"busy", "Wait until the other program is done with the build, then try again."};
     case Code::NotWritable:
-        return {"not-writable", "Make the folder writable for the user who updates."};
+        return {"not-writable",
+            "Let the user who updates write there: mind owners, permissions and attributes."};
     case Code::BadManifest:
         return {"bad-manifest",
             "See whether this is the right folder; if it is, get it anew, and if that does not "

@@ -16,7 +16,7 @@ struct PELLOX_EXPORT UpdateProblem
         BadFolder
         = 1,         ///< the build, the patch or the fallback is no folder, or one lies in another
         Busy,        ///< somebody else works on the build
-        NotWritable, ///< a folder of the build cannot be written
+        NotWritable, ///< a folder of the build cannot be written, or a file in it not be replaced
         BadManifest, ///< patchRules.json is missing, malformed, or has a rule that is refused
         BadPatch,    ///< a file of the patch is missing, no regular file, or broken
         DamagedInstall, ///< an installed file is missing or not the one that the patch is for

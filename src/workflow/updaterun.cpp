@@ -2,6 +2,7 @@
 #include "updaterun.h"
 
 #include "diskfile.h"
+#include "diskroom.h"
 #include "filesystem.h"
 #include "setaside.h"
 #include "staging.h"
@@ -48,15 +49,15 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
     if (m_cancelled)
         return end(UpdateResult::Cancelled);
     Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
-    if (!decide(staging))
+    if (!decide(staging, works))
         return end(m_problems.isEmpty() ? UpdateResult::Cancelled : UpdateResult::Refused);
     const bool anyNeeded = std::any_of(
         works.cbegin(), works.cend(), [](const UpdateWork &work) { return work.isNeeded; });
     if (!anyNeeded) {
-        m_transaction.clearLeftovers(targetsOf(works));
-        return endUpToDate(resumed);
+        return m_transaction.clearLeftovers(targetsOf(works)) ? endUpToDate(resumed)
+                                                              : end(UpdateResult::Failed);
     }
-    if (!staging.hasRoom())
+    if (!staging.hasRoom() || !m_transaction.hasRoomToKeep(works, staging.roomNeeded()))
         return end(UpdateResult::Refused);
     m_reports.phase(UpdateController::UpdatePhase::Staging);
     return end(m_transaction.carryOut(works, aim));
@@ -76,6 +77,8 @@ std::vector<UpdateWork> UpdateRun::check(Transaction::Aim *aim)
     aim->changesRelease = true;
     UpdateCheck check(folders(), m_problems,
         m_transaction.isLocked() ? UpdateCheck::Names::TriedOut : UpdateCheck::Names::Seen);
+    if (!check.checkFolders())
+        return {};
     const GoOn goOn = [this] { return !m_cancelled; };
     if (m_settings.trust.keys.isEmpty())
         return check.carryOut([](std::vector<UpdateRule> *) { return true; }, goOn);
@@ -88,11 +91,13 @@ std::vector<UpdateWork> UpdateRun::check(Transaction::Aim *aim)
 }
 
 /// Under a seal all that is read to decide is known, and told.
-bool UpdateRun::decide(Staging &staging)
+bool UpdateRun::decide(Staging &staging, std::vector<UpdateWork> &works)
 {
-    if (!m_sealed)
-        return staging.decide();
-    return staging.decide([this](qint64 done) { m_trust.tellInstalled(done); });
+    const auto tell = [this](qint64 done) { m_trust.tellInstalled(done); };
+    if (!(m_sealed ? staging.decide(tell) : staging.decide()))
+        return false;
+    spareNewFiles(folders().build, works);
+    return true;
 }
 
 Transaction::Outcome UpdateRun::finishUnfinished()
@@ -107,8 +112,7 @@ UpdateRun::UpdateResult UpdateRun::recover()
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
     const auto unfinished = finishUnfinished();
-    m_transaction.clearLeftovers();
-    return endRecovery(unfinished);
+    return endRecovery(m_transaction.clearLeftovers() ? unfinished : Transaction::Outcome::Failed);
 }
 
 /// What could not be finished makes the build less than what was aimed at.
@@ -145,6 +149,7 @@ UpdateRun::UpdateResult UpdateRun::rollback()
 
 UpdateRun::UpdateResult UpdateRun::carryOutRollback()
 {
+    m_reports.phase(UpdateController::UpdatePhase::Checking);
     SetAside previous(m_transaction.files());
     const auto record = previous.wayBack();
     if (!record)
@@ -217,10 +222,10 @@ bool UpdateRun::discardPrevious()
         = m_transaction.lock() && finishUnfinished() != Transaction::Outcome::Interrupted;
     tellLost({});
     if (ready && m_transaction.lost().isEmpty()) { // else what is kept may be all that helps
-        m_transaction.clearLeftovers();
         SetAside previous(m_transaction.files());
-        discarded = previous.discard();
-        if (!discarded)
+        const bool isClear = m_transaction.clearLeftovers();
+        discarded = isClear && previous.discard();
+        if (isClear && !discarded)
             m_problems.add(Code::ReadOrWrite, previous.error());
         WorkFolder(folders().build).removeIfEmpty();
     }
@@ -236,8 +241,8 @@ UpdatePlan UpdateRun::plan()
     Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
     if (mayPlan())
         works = check(&aim);
-    if (m_problems.isEmpty() && decide(staging))
-        staging.hasRoom();
+    if (m_problems.isEmpty() && decide(staging, works) && staging.hasRoom())
+        m_transaction.hasRoomToKeep(works, staging.roomNeeded());
     for (const UpdateProblem &problem : m_problems.all())
         plan.refusals.append(problem);
     for (const UpdateWork &work : works) {
@@ -245,7 +250,7 @@ UpdatePlan UpdateRun::plan()
             count(folders(), work, &plan);
     }
     plan.bytesToWrite = staging.bytesToWrite();
-    plan.peakExtraDisk = staging.roomNeeded();
+    plan.peakExtraDisk = saturatedSum(staging.roomNeeded(), m_transaction.roomToKeep(works));
     plan.isCancelled = m_cancelled;
     return plan;
 }
@@ -253,8 +258,8 @@ UpdatePlan UpdateRun::plan()
 /// Whether the build is as an update would find it. False with a problem.
 bool UpdateRun::mayPlan()
 {
-    WorkFolder folder(folders().build); // lets go of the lock at once
-    if (!folder.lock() && folder.isBusy()) {
+    WorkFolder folder(folders().build); // lets go of it at once
+    if (!folder.look() && folder.isBusy()) {
         m_problems.add(Code::Busy, folder.error());
     } else if (m_transaction.hasUnfinished()) {
         BuildFiles files(folder);
@@ -279,7 +284,7 @@ void UpdateRun::count(const UpdateFolders &folders, const UpdateWork &work, Upda
     const bool isPatch = work.rule.kind == UpdateRule::Kind::Patch;
     ++(isPatch ? plan->filesToPatch : plan->filesToCopy);
     (isPatch ? plan->patches : plan->copies).append(path);
-    plan->bytesToRead += QFileInfo(folders.patch + path).size();
+    plan->bytesToRead += work.isMoved ? work.size : QFileInfo(folders.patch + path).size();
     if (isPatch)
         plan->bytesToRead += QFileInfo(folders.build + path).size();
 }

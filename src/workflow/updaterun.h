@@ -47,7 +47,7 @@ private:
     UpdateResult carryOutRollback();
     UpdateResult endUpToDate(bool resumed);
     std::vector<UpdateWork> check(Transaction::Aim *aim);
-    bool decide(Staging &staging);
+    bool decide(Staging &staging, std::vector<UpdateWork> &works);
     bool mayPlan();
     static void count(const UpdateFolders &folders, const UpdateWork &work, UpdatePlan *plan);
     const UpdateFolders &folders() const { return m_settings.transaction.folders; }

@@ -25,7 +25,9 @@ struct UpdateWork
     bool comesLast = false; ///< something that is deleted stands in its place or above it
     bool isNeeded = false;  ///< the build does not have the outcome already
     bool isStaged = false;
-    bool isTakenWhole = false; ///< from the fallback, as the installed file is not the old one
+    bool isTakenWhole
+        = false;          ///< from the fallback: the installed file, or source, is not the old one
+    bool isMoved = false; ///< made of an installed file, the rule's source: the patch lacks it
     bool isUnreadable = false; ///< the installed file
     bool isOwnStaged = false;  ///< what stands at staged, if anything does, is an update's
     QString staged;            ///< where the new content goes first; relative to the build

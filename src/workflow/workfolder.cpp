@@ -5,12 +5,14 @@
 #include "rulechecks.h"
 
 #include <QDir>
-#include <QFileInfo>
+#include <QFile>
+#include <QThread>
 
 #include <cerrno>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 namespace Pellox {
 
@@ -31,14 +33,29 @@ const QString WorkFolder::Lock = QStringLiteral("/.pellox/lock");
 
 namespace {
 
-/// Never waits but for signals.
-bool lockOpen(const FileHandle &file)
+/// Without waiting but for signals, as @p operation says.
+bool tryLock(const FileHandle &file, int operation)
 {
     int locked = -1;
     do {
-        locked = ::flock(file.get(), LOCK_EX | LOCK_NB);
+        locked = ::flock(file.get(), operation | LOCK_NB);
     } while (locked != 0 && errno == EINTR);
     return locked == 0;
+}
+
+/// Whoever only looks holds a lock for a moment, too, so this tries for a tenth of a second.
+bool lockOpen(const FileHandle &file)
+{
+    constexpr int Tries = 20;
+    constexpr unsigned long Pause = 5; // milliseconds
+    for (int i = 1; i < Tries; ++i) {
+        if (tryLock(file, LOCK_EX))
+            return true;
+        if (errno != EWOULDBLOCK)
+            return false;
+        QThread::msleep(Pause);
+    }
+    return tryLock(file, LOCK_EX);
 }
 
 } // namespace
@@ -61,11 +78,25 @@ bool WorkFolder::isInside(const QString &relativePath)
 bool WorkFolder::lock()
 {
     if (!m_lock.open(m_build, O_RDONLY | O_DIRECTORY))
-        return fail(m_build, QLatin1String("cannot be opened: ") + lastSystemError());
+        return failBySystem(m_build, "cannot be opened: ");
     if (lockOpen(m_lock))
         return true;
     // What is locked must be open for writing on some file systems, and no folder ever is.
     return errno == EBADF ? lockFile() : failToLock(m_build);
+}
+
+bool WorkFolder::look()
+{
+    if (!m_lock.open(m_build, O_RDONLY | O_DIRECTORY))
+        return failBySystem(m_build, "cannot be opened: ");
+    if (tryLock(m_lock, LOCK_SH))
+        return true;
+    if (errno != EBADF)
+        return failToLock(m_build);
+    // As in lock(); but where there is no such file, nobody is at work.
+    const QString path = m_build + Lock;
+    return !m_lockFile.open(path, O_RDWR | O_NOFOLLOW) || tryLock(m_lockFile, LOCK_SH)
+        || failToLock(path);
 }
 
 bool WorkFolder::lockFile()
@@ -76,7 +107,7 @@ bool WorkFolder::lockFile()
     do {
         m_lockFile.close();
         if (!m_lockFile.open(path, O_RDWR | O_CREAT | O_NOFOLLOW))
-            return fail(path, QLatin1String("cannot be opened: ") + lastSystemError());
+            return failBySystem(path, "cannot be opened: ");
         if (!lockOpen(m_lockFile))
             return failToLock(path);
     } while (!isInPlace()); // else who had it before has removed it meanwhile
@@ -97,19 +128,21 @@ bool WorkFolder::isInPlace() const
 bool WorkFolder::failToLock(const QString &path)
 {
     m_isBusy = errno == EWOULDBLOCK;
-    const QString reason = m_isBusy ? QStringLiteral("is being updated by another process")
-                                    : QLatin1String("cannot be locked: ") + lastSystemError();
+    failBySystem(path, "cannot be locked: ");
+    if (m_isBusy)
+        m_error = {m_build, QStringLiteral("is being updated by another process")};
     m_lockFile.close();
     m_lock.close();
-    return fail(m_isBusy ? m_build : path, reason);
+    return false;
 }
 
 bool WorkFolder::make()
 {
-    const QFileInfo info(m_build + Name);
-    if (!info.isSymLink() && (info.isDir() || (!info.exists() && QDir().mkdir(m_build + Name))))
+    constexpr mode_t All = 0777; // less what the user's mask takes away
+    const QString path = m_build + Name;
+    if (isFolder(path) || ::mkdir(QFile::encodeName(path).constData(), All) == 0)
         return true;
-    return fail(info.filePath(), QStringLiteral("cannot be made"));
+    return failBySystem(path, "cannot be made: ");
 }
 
 void WorkFolder::removeIfEmpty()
@@ -118,9 +151,9 @@ void WorkFolder::removeIfEmpty()
     QDir().rmdir(m_build + Name);
 }
 
-bool WorkFolder::fail(const QString &path, const QString &reason)
+bool WorkFolder::failBySystem(const QString &path, const char *what)
 {
-    m_error = {path, reason};
+    m_error = FileError::ofSystem(path, what);
     return false;
 }
 

@@ -65,6 +65,11 @@ public:
      * harm. False with error() when somebody else holds it, or when there is no locking.
      */
     bool lock();
+    /**
+     * Finds out whether somebody works on the build, makes nothing, and until this object ends
+     * keeps out who wants to. False with error() when somebody does, or when there is no locking.
+     */
+    bool look();
     /// The build's folder, open while it is locked.
     int handle() const { return m_lock.get(); }
     /// Makes the folder. False with error().
@@ -75,7 +80,7 @@ public:
     const FileError &error() const { return m_error; }
 
 private:
-    bool fail(const QString &path, const QString &reason);
+    bool failBySystem(const QString &path, const char *what);
     bool lockFile();
     bool failToLock(const QString &path);
     bool isInPlace() const;

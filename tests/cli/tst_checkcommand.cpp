@@ -6,10 +6,14 @@
 #include <QFile>
 #include <QTest>
 
+#include <cerrno>
 #include <csignal>
 #include <memory>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 /// "pellox check" and "pellox repair".
 class tst_CheckCommand : public QObject
@@ -24,9 +28,12 @@ private Q_SLOTS:
     void says();
     void checkTellsWhatDiffers();
     void checkChangesNothing();
+    void oddEntriesAreExtra();
     void checkThatCannotBeCarriedOut_data();
     void checkThatCannotBeCarriedOut();
     void quietTellsByTheStatusAlone();
+    void statusOneIsForWhatIsNotIntact_data();
+    void statusOneIsForWhatIsNotIntact();
 
     void repairsWhatDiffers_data();
     void repairsWhatDiffers();
@@ -126,6 +133,25 @@ void tst_CheckCommand::checkChangesNothing()
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
+/// A player's folder that nobody may read, and a mod whose name is of another encoding.
+void tst_CheckCommand::oddEntriesAreExtra()
+{
+    const QByteArray odd
+        = QFile::encodeName(m_tree->path(QStringLiteral("installed/mod-"))) + "\x83\x82";
+    const int made = ::creat(odd.constData(), S_IRUSR | S_IWUSR);
+    QVERIFY(made >= 0 && ::close(made) == 0);
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("check"), m_tree->path(QStringLiteral("installed")),
+            m_tree->path(QStringLiteral("sigs-old"))},
+        {m_tree->path(QStringLiteral("installed/saves")), "open,list", 1,
+            QByteArray::number(EACCES), true});
+    QVERIFY2(run.status == Done, run.errors);
+    QVERIFY2(run.output.contains("\nextra       saves\n"), run.output);
+    QVERIFY2(run.output.contains("\nextra       mod-"), run.output);
+    QVERIFY2(run.output.contains("; 2 extra files: "), run.output);
+    QCOMPARE(::unlink(odd.constData()), 0);
+}
+
 void tst_CheckCommand::checkThatCannotBeCarriedOut_data()
 {
     QTest::addColumn<QString>("file");
@@ -180,6 +206,29 @@ void tst_CheckCommand::quietTellsByTheStatusAlone()
     const Outcome intact = run("check new sigs-new -q");
     QCOMPARE(intact.status, Done);
     QCOMPARE(intact.out + intact.err, QString());
+}
+
+void tst_CheckCommand::statusOneIsForWhatIsNotIntact_data()
+{
+    QTest::addColumn<bool>("isDamaged");
+    QTest::addColumn<int>("status");
+    QTest::newRow("intact") << false << Unchanged;
+    QTest::newRow("damaged") << true << Failed;
+}
+
+/// Also where standard output cannot be written.
+void tst_CheckCommand::statusOneIsForWhatIsNotIntact()
+{
+    QFETCH(bool, isDamaged);
+    QFETCH(int, status);
+    if (isDamaged)
+        damage();
+    QProcess process;
+    startProgram(process, QStringLiteral("sh"),
+        {QStringLiteral("-c"),
+            QStringLiteral("exec " PELLOX_PROGRAM " check installed sigs-old > /dev/full")},
+        m_tree->path());
+    QCOMPARE(outcomeOf(process).status, status);
 }
 
 void tst_CheckCommand::repairsWhatDiffers_data()

@@ -47,6 +47,10 @@ private Q_SLOTS:
     void controlCharactersAreShownAsText();
     void quietSaysNothing();
     void changesNothing();
+    void newFilesThatTheOldBuildHas();
+    void topLimitsThemToo();
+    void oldSignaturesMustBeSome_data();
+    void oldSignaturesMustBeSome();
 
     void jsonHasARecordOfEachFileAndFolder();
     void jsonTellsErrors();
@@ -79,8 +83,26 @@ private:
         return QString::fromUtf8(text).replace(QLatin1Char('~'), m_tree->path());
     }
 
+    void makeMoved() const;
+
     std::unique_ptr<TestTree> m_tree;
 };
+
+/// A patch "made" with a new file that moved, one that has much of an old one, and two that do not.
+void tst_Inspect::makeMoved() const
+{
+    const QByteArray big = randomBytes(40 * 2048, 1);
+    m_tree->write(QStringLiteral("old/big"), big);
+    m_tree->write(QStringLiteral("old/empty"), "");
+    m_tree->write(QStringLiteral("new/moved/big"), big);
+    m_tree->write(QStringLiteral("new/most"), "x" + big.left(30 * 2048) + randomBytes(10000, 2));
+    m_tree->write(QStringLiteral("new/little"), big.left(10 * 2048) + randomBytes(30000, 3));
+    m_tree->write(QStringLiteral("new/strange"), randomBytes(5000, 4));
+    m_tree->write(QStringLiteral("new/nothing"), "");
+    if (run(QStringLiteral("sign old sigs")).status != Done
+        || run(QStringLiteral("diff new sigs made")).status != Done)
+        qFatal("cannot make a patch");
+}
 
 void tst_Inspect::init()
 {
@@ -267,6 +289,99 @@ void tst_Inspect::changesNothing()
     QCOMPARE(run(QStringLiteral("inspect patch --html r.html")).status, Done);
     m_tree->remove(QStringLiteral("r.html"));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_Inspect::newFilesThatTheOldBuildHas()
+{
+    makeMoved();
+    const auto before = TestTree::snapshot(m_tree->path());
+    const Outcome outcome = run(QStringLiteral("inspect made --old-signatures sigs"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    const QString table = QStringLiteral(
+        "\n  in the patch   known  new files that the old build has under other names\n"
+        "      80.0 KiB     all  moved/big, as big\n"
+        "      69.8 KiB  86.0 %  most, most of it in big\n");
+    QVERIFY2(outcome.out.contains(table), qPrintable(outcome.out));
+    QVERIFY(!outcome.out.contains(QLatin1String("little")));
+    QVERIFY(!run(QStringLiteral("inspect made")).out.contains(QLatin1String("old build")));
+
+    const Outcome asJson = run(QStringLiteral("inspect made --json --old-signatures sigs"));
+    QStringList moved;
+    for (const QJsonObject &object : jsonLines(asJson.out)) {
+        if (!object.contains(QLatin1String("old_file")))
+            continue;
+        QCOMPARE(member(object, "event"), QStringLiteral("file"));
+        QCOMPARE(member(object, "old_file"), QStringLiteral("big"));
+        QCOMPARE(object.value(QLatin1String("estimated")), QJsonValue(false));
+        QCOMPARE(object.value(QLatin1String("left_out")), QJsonValue(false));
+        moved.append(QStringLiteral("%1 %2 %3")
+                         .arg(member(object, "file"),
+                             QString::number(object.value(QLatin1String("old_bytes")).toInt()),
+                             object.value(QLatin1String("moved")).toBool() ? QStringLiteral("whole")
+                                                                           : QString())
+                         .trimmed());
+    }
+    moved.sort();
+    QCOMPARE(moved,
+        (QStringList{QStringLiteral("little 20480"), QStringLiteral("most 61440"),
+            QStringLiteral("moved/big 81920 whole")}));
+
+    QCOMPARE(run(QStringLiteral("inspect made --old-signatures sigs --html r.html")).status, Done);
+    QStringList rows;
+    const QJsonObject data = dataOf(m_tree->read(QStringLiteral("r.html")));
+    for (const QJsonValue &value : data.value(QLatin1String("files")).toArray()) {
+        const QJsonArray row = value.toArray();
+        if (row.size() > 7)
+            rows.append(QString::fromUtf8(
+                QJsonDocument(QJsonArray{row.at(1), row.at(7), row.at(8), row.at(9)})
+                    .toJson(QJsonDocument::Compact)));
+    }
+    rows.sort();
+    QCOMPARE(rows,
+        (QStringList{QStringLiteral("[\"/most\",\"big\",61440,1]"),
+            QStringLiteral("[\"/moved/big\",\"big\",81920,0]")}));
+}
+
+void tst_Inspect::topLimitsThemToo()
+{
+    makeMoved();
+    const QString one = run(QStringLiteral("inspect made --old-signatures sigs --top 1")).out;
+    QVERIFY2(one.contains(QLatin1String("  moved/big, as big\n  and 1 more (69.8 KiB)\n")),
+        qPrintable(one));
+    const QString none = run(QStringLiteral("inspect made --old-signatures sigs --top 0")).out;
+    QVERIFY(!none.contains(QLatin1String("old build")));
+}
+
+void tst_Inspect::oldSignaturesMustBeSome_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("no such folder")
+        << QStringLiteral("none") << WrongUsage << QStringLiteral("~/none");
+    QTest::newRow("no signatures")
+        << QStringLiteral("new") << WrongUsage << QStringLiteral("~/new: holds no signatures.json");
+    QTest::newRow("report among them") << QStringLiteral("sigs --html sigs/r.html") << WrongUsage
+                                       << QStringLiteral("~/sigs/r.html");
+    QTest::newRow("a damaged one") << QStringLiteral("damaged") << Failed
+                                   << QStringLiteral("~/damaged/big: is no signature, or broken");
+}
+
+void tst_Inspect::oldSignaturesMustBeSome()
+{
+    QFETCH(QString, words);
+    QFETCH(int, status);
+    QFETCH(QString, error);
+    makeMoved();
+    for (const char *file : {"signatures.json", "empty"})
+        m_tree->write(QLatin1String("damaged/") + QLatin1String(file),
+            m_tree->read(QLatin1String("sigs/") + QLatin1String(file)));
+    m_tree->write(QStringLiteral("damaged/big"), "no signature");
+    const Outcome outcome = run(QStringLiteral("inspect made --old-signatures ") + words);
+    QCOMPARE(outcome.status, status);
+    QVERIFY2(outcome.err.contains(error.replace(QLatin1Char('~'), m_tree->path())),
+        qPrintable(outcome.err));
 }
 
 void tst_Inspect::jsonHasARecordOfEachFileAndFolder()

@@ -96,6 +96,8 @@ private Q_SLOTS:
     void aPackThatFailsLeavesTheRelease();
     void failsWhenTheDiskIsFull();
 
+    void movedFilesAreNamed();
+    void movedFilesAreNamedInJson();
     void summariesGoToStandardOutput();
     void quietSaysNothing();
     void jsonIsOneObjectALine_data();
@@ -111,8 +113,22 @@ private:
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
     QMap<QString, QByteArray> content(const char *folder) const { return filesIn(path(folder)); }
 
+    void makeMoved() const;
+
     std::unique_ptr<TestTree> m_tree;
 };
+
+/// Of three files that moved and one that is doubled, one is empty.
+void tst_PublishCommand::makeMoved() const
+{
+    for (const auto &[oldName, newName, size] :
+        {std::tuple("a", "moved/a", 3000), {"b", "moved/b", 5000}, {"c", "moved/c", 0}}) {
+        const QByteArray content = randomBytes(size, uint(size));
+        m_tree->write(QLatin1String("old/") + QLatin1String(oldName), content);
+        m_tree->write(QLatin1String("new/") + QLatin1String(newName), content);
+    }
+    m_tree->write(QStringLiteral("new/again"), randomBytes(10000, 1)); // as the old game.exe
+}
 
 void tst_PublishCommand::init()
 {
@@ -901,6 +917,54 @@ void tst_PublishCommand::failsWhenTheDiskIsFull()
     QVERIFY2(errors.first().contains(path("patch/large.pak")), qPrintable(errors.first()));
     QVERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json")));
     QVERIFY(!m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+}
+
+void tst_PublishCommand::movedFilesAreNamed()
+{
+    makeMoved();
+    const QString publish
+        = QStringLiteral("publish new --old-build old --patch patch --signatures sigs");
+    const Outcome few = run(publish);
+    QVERIFY2(few.status == Done, qPrintable(few.err));
+    QVERIFY2(few.out.endsWith(QLatin1String(
+                 "\n3 new files (17.6 KiB) that the old build has under other names:\n"
+                 "     9.8 KiB  again, as game.exe\n"
+                 "     4.9 KiB  moved/b, as b\n"
+                 "     2.9 KiB  moved/a, as a\n")),
+        qPrintable(few.out));
+
+    for (int i = 10; i < 20; ++i) {
+        m_tree->write(QStringLiteral("old/of/%1").arg(i), randomBytes(20000 + i, uint(i)));
+        m_tree->write(QStringLiteral("new/to/%1").arg(i), randomBytes(20000 + i, uint(i)));
+    }
+    const QStringList many = linesOf(run(publish).out);
+    QCOMPARE(many.count(), 14);
+    QVERIFY(many.at(3).endsWith(QLatin1String("to/19, as of/19")));
+    QVERIFY(many.at(12).endsWith(QLatin1String("to/10, as of/10")));
+    QCOMPARE(many.last(), QStringLiteral("  and 3 more (17.6 KiB)"));
+
+    m_tree->remove(QStringLiteral("new/to"));
+    m_tree->remove(QStringLiteral("new/moved"));
+    m_tree->remove(QStringLiteral("new/again"));
+    QVERIFY(!run(publish).out.contains(QLatin1String("old build")));
+}
+
+void tst_PublishCommand::movedFilesAreNamedInJson()
+{
+    makeMoved();
+    const Outcome outcome
+        = run(QStringLiteral("publish new --old-build old --patch patch --signatures sigs --json"));
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QStringList moved;
+    for (const QJsonObject &object : jsonLines(outcome.out)) {
+        if (member(object, "event") == QLatin1String("moved"))
+            moved.append(QStringLiteral("%1 < %2 (%3)")
+                             .arg(member(object, "file"), member(object, "old_file"),
+                                 QString::number(object.value(QLatin1String("size")).toInt())));
+    }
+    QCOMPARE(moved,
+        (QStringList{QStringLiteral("again < game.exe (10000)"),
+            QStringLiteral("moved/b < b (5000)"), QStringLiteral("moved/a < a (3000)")}));
 }
 
 void tst_PublishCommand::summariesGoToStandardOutput()

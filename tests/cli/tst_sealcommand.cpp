@@ -65,6 +65,15 @@ private Q_SLOTS:
     void sealThatFailsKeepsTheOlder();
     void interruptKeepsTheOlderSeal();
 
+    void slimPatchUpdates();
+    void slimPatchSays();
+    void slimPatchIsInspected();
+    void slimPatchIsPacked();
+    void slimPatchNeedsAClientThatTrustsAKey();
+    void slimPatchWithoutItsSourceIsRefused();
+    void slimFoldersThatWillNotDo_data();
+    void slimFoldersThatWillNotDo();
+
     void keygenMakesTwoFiles();
     void keygenNeverWritesOver_data();
     void keygenNeverWritesOver();
@@ -83,6 +92,8 @@ private:
     int patchSize() const;
     void makeKey(const QString &name);
     void verifyRefused(const QString &words, const char *code, const QString &file) const;
+
+    Outcome makeSlim(const QString &more = QString()) const;
 
     bool m_hasLibcrypto = false;
     std::map<QString, QByteArray> m_keyFiles; ///< of each test; made only once
@@ -473,7 +484,8 @@ void tst_SealCommand::inspectShowsTheSeal()
     QCOMPARE(seal,
         (QJsonObject{{QStringLiteral("event"), QStringLiteral("seal")},
             {QStringLiteral("release"), 2}, {QStringLiteral("keys"), 2},
-            {QStringLiteral("files"), 3}, {QStringLiteral("intact"), true},
+            {QStringLiteral("files"), 3}, {QStringLiteral("left_out"), 0},
+            {QStringLiteral("intact"), true},
             {QStringLiteral("signed_by"), QJsonArray{path(QStringLiteral("a.pub"))}}}));
 }
 
@@ -675,6 +687,166 @@ void tst_SealCommand::interruptKeepsTheOlderSeal()
         qPrintable(outcome.out));
     QCOMPARE(m_tree->read(Seal), older);
     QVERIFY(!m_tree->exists(Seal + QLatin1String(".temp")));
+}
+
+namespace {
+
+const QString UpdateSlim = QStringLiteral("update installed slim --trusted-key a.pub");
+
+} // namespace
+
+/// Seals a patch with a file that moved, and writes the slim one.
+Outcome tst_SealCommand::makeSlim(const QString &more) const
+{
+    const QByteArray content = randomBytes(50000, 9);
+    for (const char *file : {"old/music.ogg", "installed/music.ogg", "new/music/theme.ogg"})
+        m_tree->write(QLatin1String(file), content);
+    const Outcome published
+        = run("publish new --old-build old --patch full --signatures sigs-full");
+    const Outcome signedOld = run("sign old sigs-moved");
+    if (published.status != Done || signedOld.status != Done)
+        return published;
+    return run(
+        QStringLiteral("seal full --signatures sigs-moved --release 2 --key a.key --slim slim")
+        + more);
+}
+
+void tst_SealCommand::slimPatchUpdates()
+{
+    const Outcome sealing = makeSlim();
+    QVERIFY2(sealing.status == Done, qPrintable(sealing.err));
+    auto expected = TestTree::snapshot(path(QStringLiteral("full")));
+    QCOMPARE(expected.remove(QStringLiteral("music/theme.ogg")), 1);
+    expected.remove(QStringLiteral("music/"));
+    QCOMPARE(TestTree::snapshot(path(QStringLiteral("slim"))), expected);
+
+    const Outcome plan = run(UpdateSlim + QStringLiteral(" --dry-run"));
+    QVERIFY2(plan.out.contains(QLatin1String("copy     48.8 KiB  music/theme.ogg\n")),
+        qPrintable(plan.out));
+    const Outcome outcome = run(UpdateSlim);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QCOMPARE(m_tree->read(QStringLiteral("installed/music/theme.ogg")), randomBytes(50000, 9));
+    QVERIFY(!m_tree->exists(QStringLiteral("installed/music.ogg")));
+    QCOMPARE(run(UpdateSlim).status, NothingToDo);
+}
+
+void tst_SealCommand::slimPatchSays()
+{
+    const Outcome outcome = makeSlim();
+    QVERIFY2(
+        outcome.out.contains(QLatin1String("\nSlim patch, 3 files (")), qPrintable(outcome.out));
+    QVERIFY2(outcome.out.endsWith(
+                 QStringLiteral(", 1 file left out that players have, which saves 48.8 KiB: %1\n")
+                     .arg(path(QStringLiteral("slim")))),
+        qPrintable(outcome.out));
+
+    const Outcome again = makeSlim(QStringLiteral(" --json"));
+    const QList<QJsonObject> events = jsonLines(again.out);
+    const QJsonObject slim = events.at(events.size() - 2);
+    QCOMPARE(member(slim, "event"), QStringLiteral("slim"));
+    QCOMPARE(member(slim, "folder"), path(QStringLiteral("slim")));
+    QCOMPARE(slim.value(QLatin1String("files")).toInt(), 3);
+    QCOMPARE(slim.value(QLatin1String("left_out")).toInt(), 1);
+    QCOMPARE(slim.value(QLatin1String("saved_bytes")).toInt(), 50000);
+    qint64 bytes = 0;
+    for (const QByteArray &content : TestTree::snapshot(path(QStringLiteral("slim"))))
+        bytes += content.size();
+    bytes -= m_tree->read(QStringLiteral("slim/patchSeal.json")).size();
+    QCOMPARE(qint64(slim.value(QLatin1String("bytes")).toDouble()), bytes);
+    const QString python = pythonWithJsonSchema();
+    if (!python.isEmpty())
+        QCOMPARE(schemaViolations(python, again.out), QStringList());
+}
+
+/// By its seal alone: what is left out, and where players have it.
+void tst_SealCommand::slimPatchIsInspected()
+{
+    QCOMPARE(makeSlim().status, Done);
+    const Outcome outcome = run("inspect slim --trusted-key a.pub");
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QVERIFY2(
+        outcome.out.contains(QLatin1String("  left out    all  music/theme.ogg, as music.ogg\n")),
+        qPrintable(outcome.out));
+    QVERIFY2(outcome.out.contains(QLatin1String(
+                 "all is as it was sealed but 1 file left out, which players have: a slim patch")),
+        qPrintable(outcome.out));
+    const Outcome full = run("inspect full");
+    QVERIFY2(full.out.contains(QLatin1String("  48.8 KiB    all  music/theme.ogg, as music.ogg\n")),
+        qPrintable(full.out));
+    QVERIFY(!full.out.contains(QLatin1String("left out")));
+
+    m_tree->remove(QStringLiteral("slim/levels/one.map"));
+    const Outcome damaged = run("inspect slim");
+    QCOMPARE(damaged.status, Failed);
+    QVERIFY(damaged.err.contains(path(QStringLiteral("slim/levels/one.map: is missing"))));
+}
+
+void tst_SealCommand::slimPatchIsPacked()
+{
+    QCOMPARE(makeSlim().status, Done);
+    m_tree->write(QStringLiteral("slim/.DS_Store"), "icons");
+    const Outcome packed = run("pack slim slim.7z");
+    if (packed.err.contains(QLatin1String("7-Zip is missing")))
+        QSKIP("7-Zip is missing");
+    QVERIFY2(packed.status == Done, qPrintable(packed.err));
+    QCOMPARE(run("unpack slim.7z unpacked").status, Done);
+    m_tree->remove(QStringLiteral("slim/.DS_Store"));
+    QCOMPARE(TestTree::snapshot(path(QStringLiteral("unpacked"))),
+        TestTree::snapshot(path(QStringLiteral("slim"))));
+}
+
+void tst_SealCommand::slimPatchNeedsAClientThatTrustsAKey()
+{
+    QCOMPARE(makeSlim().status, Done);
+    const auto before = m_tree->installed();
+    const Outcome unsealed = run("update installed slim");
+    QCOMPARE(unsealed.status, RefusedPatch);
+    const Outcome core = run("apply installed slim");
+    QCOMPARE(core.status, WrongUsage);
+    for (const Outcome &outcome : {unsealed, core})
+        QVERIFY2(outcome.err.contains(
+                     path(QStringLiteral("slim/music/theme.ogg: is missing from the patch"))),
+            qPrintable(outcome.err));
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_SealCommand::slimPatchWithoutItsSourceIsRefused()
+{
+    QCOMPARE(makeSlim().status, Done);
+    m_tree->write(QStringLiteral("installed/music.ogg"), "modded");
+    const auto before = m_tree->installed();
+    const Outcome refused = run(UpdateSlim);
+    QCOMPARE(refused.status, DamagedInstall);
+    QVERIFY2(refused.err.contains(path(
+                 QStringLiteral("installed/music.ogg: is not the file that the patch is for, and "
+                                "music/theme.ogg is made of it"))),
+        qPrintable(refused.err));
+    QCOMPARE(m_tree->installed(), before);
+    QCOMPARE(run(UpdateSlim + QStringLiteral(" --fallback new")).status, Done);
+    QCOMPARE(m_tree->read(QStringLiteral("installed/music/theme.ogg")), randomBytes(50000, 9));
+}
+
+void tst_SealCommand::slimFoldersThatWillNotDo_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("culprit");
+    QTest::newRow("the patch") << QStringLiteral("patch") << QStringLiteral("patch");
+    QTest::newRow("inside of it") << QStringLiteral("patch/slim") << QStringLiteral("patch/slim");
+    QTest::newRow("the signatures") << QStringLiteral("sigs-old") << QStringLiteral("sigs-old");
+    QTest::newRow("a build") << QStringLiteral("new") << QStringLiteral("new");
+    QTest::newRow("a file") << QStringLiteral("a.pub") << QStringLiteral("a.pub");
+}
+
+/// Before anything is sealed.
+void tst_SealCommand::slimFoldersThatWillNotDo()
+{
+    QFETCH(QString, folder);
+    QFETCH(QString, culprit);
+    const auto before = TestTree::snapshot(path(QString()));
+    const Outcome outcome = run(SealWithA + QStringLiteral(" --slim ") + folder);
+    QCOMPARE(outcome.status, WrongUsage);
+    QVERIFY2(outcome.err.contains(path(culprit)), qPrintable(outcome.err));
+    QCOMPARE(TestTree::snapshot(path(QString())), before);
 }
 
 void tst_SealCommand::keygenMakesTwoFiles()

@@ -56,6 +56,7 @@ private Q_SLOTS:
     void everyOutcomeHasItsStatus_data();
     void everyOutcomeHasItsStatus();
     void oneProgramAtATime();
+    void twoProgramsAtTheSameMoment();
     void failedCommitIsFinished_data();
     void failedCommitIsFinished();
     void resumedRunPutsInPlace();
@@ -70,6 +71,8 @@ private Q_SLOTS:
 
     void signalsCancel_data();
     void signalsCancel();
+    void signalsCancelAfterFinishing();
+    void aSecondInterruptAfterFinishing();
     void aSignalDuringTheCommitIsTooLate();
     void aSecondInterruptEndsAtOnce();
 
@@ -82,6 +85,8 @@ private Q_SLOTS:
 private:
     Outcome run(const char *words) const { return m_tree->run(QLatin1String(words)); }
     FaultRun runWith(const QString &command, Faults faults) const;
+    void addLargeFile() const;
+    Outcome signalWhileItStages(int signal) const;
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
     std::unique_ptr<ReleaseTree> m_tree;
@@ -373,6 +378,9 @@ void tst_UpdateCommands::everyOutcomeHasItsStatus_data()
     QTest::newRow("a full disk") << nothing << none << update << QByteArray("write") << ENOSPC
                                  << NoSpace << QStringLiteral("no-space")
                                  << QStringLiteral("no-space");
+    QTest::newRow("no room for a folder")
+        << nothing << none << update << QByteArray("mkdir") << EDQUOT << NoSpace
+        << QStringLiteral("no-space") << QStringLiteral("no-space");
     QTest::newRow("a disk that fails")
         << nothing << none << update << QByteArray("write") << EIO << Unchanged
         << QStringLiteral("failed") << QStringLiteral("read-or-write");
@@ -440,6 +448,28 @@ void tst_UpdateCommands::oneProgramAtATime()
     ::close(lock);
     QCOMPARE(failures, QStringList());
     QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+/// One does it; the other is refused, or comes so late that there is nothing to do.
+void tst_UpdateCommands::twoProgramsAtTheSameMoment()
+{
+    for (int i = 0; i < 5; ++i) {
+        m_tree = std::make_unique<ReleaseTree>();
+        QProcess processes[2];
+        for (QProcess &process : processes) {
+            startProgram(process, QStringLiteral(PELLOX_PROGRAM),
+                {QStringLiteral("update"), QStringLiteral("installed"), QStringLiteral("patch")},
+                m_tree->path());
+        }
+        QList<int> statuses;
+        for (QProcess &process : processes)
+            statuses.append(outcomeOf(process).status);
+        std::sort(statuses.begin(), statuses.end());
+        QCOMPARE(statuses.first(), Done);
+        QVERIFY2(statuses.last() == Busy || statuses.last() == NothingToDo,
+            qPrintable(QString::number(statuses.last())));
+        QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    }
 }
 
 void tst_UpdateCommands::failedCommitIsFinished_data()
@@ -665,7 +695,21 @@ void tst_UpdateCommands::signalsCancel()
 {
     QFETCH(int, signal);
     QFETCH(int, status);
-    // Takes long to write, and no room in the patch.
+    addLargeFile();
+    const Outcome outcome = signalWhileItStages(signal);
+    QCOMPARE(outcome.status, status);
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    const QJsonObject last = jsonLines(outcome.out).last();
+    QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
+    QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
+    QVERIFY2(outcome.err.endsWith(
+                 QLatin1String("pellox: interrupted: nothing was changed: run the same again\n")),
+        qPrintable(outcome.err));
+}
+
+/// To the patch. It takes long to write, and no room.
+void tst_UpdateCommands::addLargeFile() const
+{
     const QString large = QStringLiteral("patch/large.pak");
     m_tree->write(large, QByteArray());
     QVERIFY(QFile::resize(m_tree->path(large), qint64(1) << 30));
@@ -676,24 +720,51 @@ void tst_UpdateCommands::signalsCancel()
         {QStringLiteral("relative_path"), QStringLiteral("/large.pak")}});
     manifest.seek(0);
     manifest.write(QJsonDocument(rules).toJson());
-    manifest.close();
+}
 
+/// Of an update, while it writes the large file.
+Outcome tst_UpdateCommands::signalWhileItStages(int signal) const
+{
     QProcess process;
     startProgram(process, QStringLiteral(PELLOX_PROGRAM),
         {QStringLiteral("update"), QStringLiteral("installed"), QStringLiteral("patch"),
             QStringLiteral("--json"), QStringLiteral("--no-sync")},
         m_tree->path());
-    QTRY_VERIFY(m_tree->exists(QStringLiteral("installed/large.pak.temp")));
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, status);
-    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
-    const QJsonObject last = jsonLines(outcome.out).last();
-    QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
-    QCOMPARE(last.value(QLatin1String("status")).toInt(), status);
-    QVERIFY2(outcome.err.endsWith(
-                 QLatin1String("pellox: interrupted: nothing was changed: run the same again\n")),
+    [&] { QTRY_VERIFY(m_tree->exists(QStringLiteral("installed/large.pak.temp"))); }();
+    [&] { QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0); }();
+    return outcomeOf(process);
+}
+
+/// What a killed run had begun is not "nothing".
+void tst_UpdateCommands::signalsCancelAfterFinishing()
+{
+    QVERIFY(runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    addLargeFile();
+    const Outcome outcome = signalWhileItStages(SIGINT);
+    QCOMPARE(outcome.status, Interrupted);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+    const QString told = QStringLiteral("what an earlier run has begun is finished, nothing else "
+                                        "was changed: run the same again");
+    QCOMPARE(member(jsonLines(outcome.out).last(), "message"), told);
+    QVERIFY2(outcome.err.endsWith(QStringLiteral("pellox: interrupted: %1\n").arg(told)),
         qPrintable(outcome.err));
+}
+
+void tst_UpdateCommands::aSecondInterruptAfterFinishing()
+{
+    QVERIFY(runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    addLargeFile();
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("update"), path("installed"), path("patch")},
+        {path("installed/large.pak.temp"), "create,write", 1, "interrupt", true, true});
+    QCOMPARE(run.status, Interrupted);
+    QVERIFY2(
+        run.errors.endsWith("pellox: interrupted: what an earlier run has begun is finished, and "
+                            "nothing else was changed, but for files that end in .temp; run the "
+                            "same again, which goes on with these\n"),
+        run.errors);
+    QCOMPARE(m_tree->read(QStringLiteral("installed/game.exe")),
+        m_tree->read(QStringLiteral("new/game.exe")));
 }
 
 void tst_UpdateCommands::aSignalDuringTheCommitIsTooLate()
@@ -793,7 +864,8 @@ void tst_UpdateCommands::helpAndDocumentsHaveTheSameStatuses()
     };
     const QString docs = fileText("cli.md");
     QMap<int, QString> meanings;
-    for (const char *command : {"update", "recover", "rollback", "discard", "check", "repair"}) {
+    for (const char *command :
+        {"update", "recover", "rollback", "discard", "check", "repair", "record"}) {
         const auto own = pairs(m_tree->run(QLatin1String(command) + QStringLiteral(" --help")).out,
             "^  (\\d+) +(.*)$");
         QVERIFY(own.size() >= 6);

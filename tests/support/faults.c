@@ -8,7 +8,8 @@
  *                  close, sync, rename, link, remove, mkdir, truncate, copy, list, entry, mode;
  *                  "list" and "entry" open a folder and read the next of it; only where they are
  *                  named here "create" is an open that may make or empty the file, and "look"
- *                  asks for a file's status by its path
+ *                  asks by its path for a file's status, or whether it may be used;
+ *                  "mode" is of its owner, too
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
  *                    a number  the call fails with that errno
@@ -23,6 +24,7 @@
  *   FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk
  *   FAULTS_ROOM    so many bytes are free on each file system
  *   FAULTS_ROOM_FILES so many more files can be made on each
+ *   FAULTS_KIND    each is of the kind with this number
  *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
  *
  * Any thread may call. Nothing happens when FAULTS_PATH is not set.
@@ -41,6 +43,7 @@
 #include <string.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -294,9 +297,20 @@ int openat64(int folder, const char *path, int flags, ...)
         : REAL(openat64)(folder, path, flags, mode);
 }
 
+/* An empty path is that of what is open already. */
 static enum verdict meet_look(int folder, const char *path)
 {
-    return s_kinds && *s_kinds ? meet_at("look", folder, path) : GO_ON;
+    return s_kinds && *s_kinds && path && *path ? meet_at("look", folder, path) : GO_ON;
+}
+
+int stat(const char *path, struct stat *status)
+{
+    return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(stat)(path, status);
+}
+
+int stat64(const char *path, struct stat64 *status)
+{
+    return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(stat64)(path, status);
 }
 
 int lstat(const char *path, struct stat *status)
@@ -304,9 +318,29 @@ int lstat(const char *path, struct stat *status)
     return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(lstat)(path, status);
 }
 
+int lstat64(const char *path, struct stat64 *status)
+{
+    return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(lstat64)(path, status);
+}
+
 int fstatat(int folder, const char *path, struct stat *status, int flags)
 {
     return meet_look(folder, path) == FAIL ? -1 : REAL(fstatat)(folder, path, status, flags);
+}
+
+int fstatat64(int folder, const char *path, struct stat64 *status, int flags)
+{
+    return meet_look(folder, path) == FAIL ? -1 : REAL(fstatat64)(folder, path, status, flags);
+}
+
+int statx(int folder, const char *path, int flags, unsigned mask, struct statx *status)
+{
+    return meet_look(folder, path) == FAIL ? -1 : REAL(statx)(folder, path, flags, mask, status);
+}
+
+int access(const char *path, int mode)
+{
+    return meet_look(AT_FDCWD, path) == FAIL ? -1 : REAL(access)(path, mode);
 }
 
 FILE *fopen(const char *path, const char *mode)
@@ -534,6 +568,16 @@ int fchmod(int file, mode_t mode)
     return meet_descriptor("mode", file) == FAIL ? -1 : REAL(fchmod)(file, mode);
 }
 
+int fchown(int file, uid_t user, gid_t group)
+{
+    return meet_descriptor("mode", file) == FAIL ? -1 : REAL(fchown)(file, user, group);
+}
+
+int lchown(const char *path, uid_t user, gid_t group)
+{
+    return meet_at("mode", AT_FDCWD, path) == FAIL ? -1 : REAL(lchown)(path, user, group);
+}
+
 /* What a file system has free, where the environment says so. */
 #define TAKE_ROOM(status)                                                                          \
     do {                                                                                           \
@@ -544,6 +588,29 @@ int fchmod(int file, mode_t mode)
         if (files && *files)                                                                       \
             (status)->f_favail = (status)->f_files = strtoull(files, NULL, 10);                    \
     } while (0)
+
+#define TAKE_KIND(status)                                                                          \
+    do {                                                                                           \
+        const char *kind = getenv("FAULTS_KIND");                                                  \
+        if (kind && *kind)                                                                         \
+            (status)->f_type = strtol(kind, NULL, 0);                                              \
+    } while (0)
+
+int statfs(const char *path, struct statfs *status)
+{
+    const int result = REAL(statfs)(path, status);
+    if (result == 0)
+        TAKE_KIND(status);
+    return result;
+}
+
+int statfs64(const char *path, struct statfs64 *status)
+{
+    const int result = REAL(statfs64)(path, status);
+    if (result == 0)
+        TAKE_KIND(status);
+    return result;
+}
 
 int statvfs(const char *path, struct statvfs *status)
 {

@@ -171,6 +171,13 @@ int renameat(int from_folder, const char *from, int to_folder, const char *to)
     return REAL(renameat)(from_folder, from, to_folder, to);
 }
 
+int linkat(int from_folder, const char *from, int to_folder, const char *to, int flags)
+{
+    FOLD(from_folder, from)
+    FOLD(to_folder, to)
+    return REAL(linkat)(from_folder, from, to_folder, to, flags);
+}
+
 int unlink(const char *path)
 {
     FOLD(AT_FDCWD, path)

@@ -26,7 +26,11 @@
 #include <functional>
 #include <new>
 #include <optional>
+#include <utility>
 
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,6 +46,8 @@ QString operator""_s(const char *text, size_t size)
 }
 
 const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");
+
+std::function<void()> s_beforeEntry; ///< called once, before the next entry of a folder is read
 
 /// What a run has told until finished() came.
 struct Outcome
@@ -81,6 +87,16 @@ Outcome outcomeOf(const std::function<bool(IntegrityController &)> &start)
 
 } // namespace
 
+// The library walks through folders by this.
+extern "C" __attribute__((visibility("default"))) dirent *readdir(DIR *folder)
+{
+    static auto *const original
+        = reinterpret_cast<dirent *(*)(DIR *)>(::dlsym(RTLD_NEXT, "readdir"));
+    if (s_beforeEntry)
+        std::exchange(s_beforeEntry, nullptr)();
+    return original(folder);
+}
+
 /// On the new build of the scenario.
 class tst_IntegrityController : public QObject
 {
@@ -113,7 +129,14 @@ private Q_SLOTS:
     void repairStaysInside_data();
     void repairStaysInside();
 
+    void nameThatCannotBeTold();
+    void folderThatCannotBeListed_data();
+    void folderThatCannotBeListed();
+    void buildThatCannotBeListed();
+
     void cancelledCheck();
+    void cancelledWhileTheSignaturesAreRead();
+    void cancelledWhileTheBuildIsWalked();
     void cancelledRepairChangesNothing();
     void cancelCountsForOneRun();
     void destroyedInMidRun();
@@ -132,6 +155,8 @@ private Q_SLOTS:
     void repairKilledAtAnyCall();
     void anyCallOfARepairMayFail_data();
     void anyCallOfARepairMayFail();
+    void recordThatCannotBeRemoved_data();
+    void recordThatCannotBeRemoved();
 
 private:
     Outcome check() const;
@@ -805,6 +830,95 @@ void tst_IntegrityController::tellsWhatCannotBeReached()
     QCOMPARE(outcome.report.missing, missing);
 }
 
+/// A mod whose name is of another encoding: it is an extra file like any other.
+void tst_IntegrityController::nameThatCannotBeTold()
+{
+    m_scenario->tree().makeFolder("build/mods"_s);
+    const QByteArray odd = QFile::encodeName(m_scenario->build()) + "/mods/\x83\x82\x83h.pak";
+    const int made = ::open(odd.constData(), O_WRONLY | O_CREAT, 0644);
+    QVERIFY(made >= 0);
+    ::close(made);
+    Outcome outcome = check();
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(outcome.success);
+    QVERIFY(outcome.report.isIntact());
+    QCOMPARE(outcome.report.extra.filter("h.pak"_s).size(), 1);
+    QVERIFY(outcome.report.extra.contains("/mods/mod.pak"_s));
+
+    damage();
+    outcome = repair();
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(outcome.success);
+    QCOMPARE(::unlink(odd.constData()), 0);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_IntegrityController::folderThatCannotBeListed_data()
+{
+    QTest::addColumn<QByteArray>("calls");
+    QTest::addColumn<int>("error");
+    QTest::newRow("without permission") << QByteArray("open,list") << EACCES;
+    QTest::newRow("of a broken disk") << QByteArray("entry") << EIO;
+    QTest::newRow("that has just gone") << QByteArray("open,list") << ENOENT;
+}
+
+/// What a player keeps there does not matter.
+void tst_IntegrityController::folderThatCannotBeListed()
+{
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    damage();
+    const FaultRun run = this->run({file("mods"_s), calls, 1, QByteArray::number(error), true});
+    QVERIFY(!run.calls.isEmpty());
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.status, 0);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_IntegrityController::buildThatCannotBeListed()
+{
+    const FaultRun run = runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, "check"_s, m_scenario->build(), m_scenario->signatures()},
+        {m_scenario->build(), "entry", 1, QByteArray::number(EIO)});
+    QVERIFY2(run.output.startsWith((m_scenario->build() + ": cannot be listed: "_s).toLocal8Bit()),
+        run.output);
+    QCOMPARE(run.status, 1);
+}
+
+/// The last record is a wrong one, and never reached.
+void tst_IntegrityController::cancelledWhileTheSignaturesAreRead()
+{
+    const TestTree signatures;
+    signatures.write("signatures.json"_s,
+        "[\n    {\n        \"relative_path\": \"/x\"\n    },\n"
+        "    {\n        \"relative_path\": \"/x\"\n    }\n]\n");
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        QObject::connect(
+            &controller, &IntegrityController::phaseChanged, &controller,
+            [&controller] { controller.cancel(); }, Qt::DirectConnection);
+        return controller.check(m_scenario->build(), signatures.path());
+    });
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors, QStringList());
+}
+
+void tst_IntegrityController::cancelledWhileTheBuildIsWalked()
+{
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        QObject::connect(
+            &controller, &IntegrityController::progress, &controller,
+            [&controller](qlonglong done, qlonglong total) {
+                if (done == total) // the walk comes next
+                    s_beforeEntry = [&controller] { controller.cancel(); };
+            },
+            Qt::DirectConnection);
+        return controller.check(m_scenario->build(), m_scenario->signatures());
+    });
+    QVERIFY(!s_beforeEntry);
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors, QStringList());
+}
+
 void tst_IntegrityController::tellsAllInOrder()
 {
     damage();
@@ -932,6 +1046,32 @@ void tst_IntegrityController::anyCallOfARepairMayFail()
             problems.append(where + difference);
     }
     QVERIFY2(problems.isEmpty(), qPrintable(problems.join("\n    "_s)));
+}
+
+void tst_IntegrityController::recordThatCannotBeRemoved_data()
+{
+    QTest::addColumn<bool>("isDamaged");
+    QTest::newRow("of an intact build") << false;
+    QTest::newRow("of a damaged build") << true;
+}
+
+/// That of another release goes in the same commit: what is begun is finished by any run.
+void tst_IntegrityController::recordThatCannotBeRemoved()
+{
+    QFETCH(bool, isDamaged);
+    if (isDamaged)
+        damage();
+    const QString record = ".pellox/release"_s;
+    m_scenario->tree().write("build/"_s + record, "torn");
+    const FaultRun run = this->run({file(record), "remove", 1, QByteArray::number(EIO), true});
+    QCOMPARE(run.status, 1);
+    QVERIFY2(run.output.startsWith(file(record).toLocal8Bit() + ": "), run.output);
+    QCOMPARE(m_scenario->hasJournal(), isDamaged);
+    if (isDamaged)
+        QCOMPARE(m_scenario->recover().result, Result::Updated);
+    else
+        QVERIFY(repair().success);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
 QTEST_GUILESS_MAIN(tst_IntegrityController)

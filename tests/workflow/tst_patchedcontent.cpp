@@ -2,8 +2,12 @@
 #include "patchedcontent.h"
 #include "testtree.h"
 
+#include <QFile>
 #include <QtTest>
 
+#include <cerrno>
+
+using Pellox::InputFile;
 using Pellox::PatchedContent;
 
 /// What a delta makes of a file, while it is read. UpdateController's tests see what comes of it.
@@ -13,6 +17,8 @@ class tst_PatchedContent : public QObject
 
 private Q_SLOTS:
     void manyCommandsCanBeStopped();
+    void fileThatIsNotFoundAgain_data();
+    void fileThatIsNotFoundAgain();
 };
 
 namespace {
@@ -49,6 +55,42 @@ void tst_PatchedContent::manyCommandsCanBeStopped()
     QVERIFY(!stopped.open(old, delta, Commands, [&] { return ++askedAgain == 2; }));
     QCOMPARE(askedAgain, 2);
     QVERIFY(!stopped.error().isEmpty());
+}
+
+void tst_PatchedContent::fileThatIsNotFoundAgain_data()
+{
+    QTest::addColumn<QString>("with"); // what comes in the place of its folder
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<int>("error");
+    const QString gone = QStringLiteral("disappeared while it was read");
+    QTest::newRow("nothing") << QString() << gone << 0;
+    QTest::newRow("a file") << QStringLiteral("file") << gone << 0;
+    QTest::newRow("a link to itself")
+        << QStringLiteral("link") << QStringLiteral("cannot be read: ") << ELOOP;
+}
+
+/// Only what is certainly gone is said to be.
+void tst_PatchedContent::fileThatIsNotFoundAgain()
+{
+    QFETCH(QString, with);
+    QFETCH(QString, reason);
+    QFETCH(int, error);
+    const TestTree tree;
+    const QString folder = QStringLiteral("folder");
+    const QString name = folder + QStringLiteral("/file");
+    tree.write(name, "content");
+    InputFile file;
+    QVERIFY(file.open(tree.path(name)));
+    QVERIFY(file.isUnchanged());
+    tree.remove(folder);
+    if (with == QStringLiteral("file"))
+        tree.write(folder, QByteArray());
+    if (with == QStringLiteral("link"))
+        tree.link(folder, tree.path(folder));
+    QVERIFY(!file.isUnchanged());
+    QCOMPARE(file.error().path, tree.path(name));
+    QVERIFY2(file.error().reason.startsWith(reason), qPrintable(file.error().reason));
+    QCOMPARE(file.error().system, error);
 }
 
 QTEST_GUILESS_MAIN(tst_PatchedContent)

@@ -122,6 +122,13 @@ private Q_SLOTS:
     void unknownMembersArePassedOver();
     void changesNothing();
 
+    void oldContentOfNewFiles();
+    void oldSignaturesThatWillNotDo();
+    void sealNamesWhatMoved();
+    void slimPatch();
+    void nothingElseMayBeLeftOut_data();
+    void nothingElseMayBeLeftOut();
+
     void badManifest_data();
     void badManifest();
     void missingFolder();
@@ -152,6 +159,10 @@ private:
     {
         return m_tree->path(QStringLiteral("patch")) + relativePath;
     }
+
+    QByteArray sealedText() const;
+    void writeSeal(const QByteArray &text) const;
+    void writeSealedPatch() const;
 
     std::unique_ptr<TestTree> m_tree;
 };
@@ -729,6 +740,165 @@ void tst_PatchInspector::callableOnAnyThread()
     worker.join();
     QVERIFY(!well);
     QVERIFY(signalled == started);
+}
+
+/// By the old build's signatures.
+void tst_PatchInspector::oldContentOfNewFiles()
+{
+    const QByteArray content = randomBytes(20480, 1);
+    m_tree->write(QStringLiteral("old/a"), content);
+    m_tree->write(QStringLiteral("old/b"), "b");
+    Pellox::SignaturesController().createSignatures(
+        m_tree->path(QStringLiteral("old")), m_tree->path(QStringLiteral("sigs")));
+    writeManifest({deleteRule(QStringLiteral("/a")), copyRule(QStringLiteral("/moved")),
+        copyRule(QStringLiteral("/part")), copyRule(QStringLiteral("/new")),
+        copyRule(QStringLiteral("/empty")), patchRule(QStringLiteral("/b"))});
+    writePayload(QStringLiteral("/moved"), content);
+    writePayload(QStringLiteral("/part"), "x" + content.left(10240));
+    writePayload(QStringLiteral("/new"), randomBytes(5000, 2));
+    writePayload(QStringLiteral("/empty"), QByteArray());
+    writePayload(QStringLiteral("/b"), smallDelta());
+
+    PatchInspector inspector;
+    const Listener listener(inspector);
+    inspector.setOldSignatures(m_tree->path(QStringLiteral("sigs/")));
+    QVector<double> progress;
+    QVERIFY2(inspector.inspect(patch(), [&](double percent) { progress.append(percent); }),
+        qPrintable(listener.messages.join(QLatin1Char('\n'))));
+    QVERIFY(std::is_sorted(progress.cbegin(), progress.cend()));
+    QCOMPARE(progress.first(), 0.0);
+    QCOMPARE(progress.last(), 100.0);
+    QStringList found;
+    for (const InspectedFile &file : inspector.files()) {
+        QVERIFY(!file.isLeftOut && !file.isOldEstimated);
+        found.append(QStringLiteral("%1 %2 %3 %4")
+                         .arg(file.relativePath, file.oldPath, QString::number(file.oldBytes),
+                             file.isMoved ? QStringLiteral("whole") : QString())
+                         .simplified());
+    }
+    QCOMPARE(found,
+        (QStringList{QStringLiteral("/a 0"), QStringLiteral("/moved /a 20480 whole"),
+            QStringLiteral("/part /a 10240"), QStringLiteral("/new 0"), QStringLiteral("/empty 0"),
+            QStringLiteral("/b 0")}));
+    inspector.setOldSignatures(QString());
+    QVERIFY(inspector.inspect(patch()));
+    QCOMPARE(inspector.files().at(1).oldPath, QString());
+}
+
+void tst_PatchInspector::oldSignaturesThatWillNotDo()
+{
+    writeManifest({copyRule(QStringLiteral("/new"))});
+    writePayload(QStringLiteral("/new"), randomBytes(5000, 1));
+    PatchInspector inspector;
+    const Listener listener(inspector);
+    inspector.setOldSignatures(m_tree->path(QStringLiteral("sigs")));
+    QVERIFY(!inspector.inspect(patch()));
+    QCOMPARE(listener.paths, QStringList(m_tree->path(QStringLiteral("sigs/signatures.json"))));
+
+    m_tree->write(QStringLiteral("sigs/signatures.json"),
+        QJsonDocument(QJsonArray{with(rule(QString(), QStringLiteral("/old")), "sha512",
+                          QString(128, QLatin1Char('b')))})
+            .toJson());
+    QVERIFY(!inspector.inspect(patch()));
+    QCOMPARE(listener.paths.last(), m_tree->path(QStringLiteral("sigs/old")));
+    QVERIFY(listener.messages.last().startsWith(listener.paths.last() + QLatin1String(": ")));
+}
+
+/// That of writeSealedPatch().
+QByteArray tst_PatchInspector::sealedText() const
+{
+    const QByteArray sha512(128, 'a');
+    const auto file = [&](const char *path, int size) {
+        return QByteArray("{\"path\":\"") + path + "\",\"size\":" + QByteArray::number(size)
+            + ",\"sha512\":\"" + sha512 + "\"}";
+    };
+    return R"({"format":"pellox-patch-seal","version":1,"release":1,"from":")" + sha512
+        + R"(","to":")" + sha512 + R"(","files":[)" + file("/moved", 300) + ',' + file("/new", 5)
+        + ',' + file("/patchRules.json", 1) + R"(],"rules":[{"path":"/moved","rule":"copy","size":)"
+        + "300,\"sha512\":\"" + sha512 + R"(","source":"/old/place"},)"
+        + R"({"path":"/new","rule":"copy","size":5,"sha512":")" + sha512 + R"("}]})";
+}
+
+/// Signed by nobody.
+void tst_PatchInspector::writeSeal(const QByteArray &text) const
+{
+    QByteArray escaped = text;
+    escaped.replace('"', "\\\"");
+    m_tree->write(QStringLiteral("patch/patchSeal.json"),
+        "{\"sealed\":\"" + escaped + R"(","signatures":[{"key":")" + QByteArray(64, '0')
+            + R"(","signature":")" + QByteArray(64, 's').toBase64() + "\"}]}\n");
+}
+
+void tst_PatchInspector::writeSealedPatch() const
+{
+    writeManifest({copyRule(QStringLiteral("/moved")), copyRule(QStringLiteral("/new"))});
+    writePayload(QStringLiteral("/moved"), QByteArray(300, 'm'));
+    writePayload(QStringLiteral("/new"), "12345");
+    writeSeal(sealedText());
+}
+
+void tst_PatchInspector::sealNamesWhatMoved()
+{
+    writeSealedPatch();
+    PatchInspector inspector;
+    QVERIFY(inspector.inspect(patch()));
+    const InspectedFile moved = inspector.files().at(0);
+    QCOMPARE(moved.oldPath, QStringLiteral("/old/place"));
+    QCOMPARE(moved.oldBytes, qint64(300));
+    QVERIFY(moved.isMoved && !moved.isLeftOut && !moved.isOldEstimated);
+    QCOMPARE(moved.patchBytes, qint64(300));
+    QCOMPARE(inspector.files().at(1).oldPath, QString());
+    // What stands there is another file.
+    writePayload(QStringLiteral("/moved"), "other");
+    QVERIFY(inspector.inspect(patch()));
+    QCOMPARE(inspector.files().at(0).oldPath, QString());
+}
+
+void tst_PatchInspector::slimPatch()
+{
+    writeSealedPatch();
+    m_tree->remove(QStringLiteral("patch/moved"));
+    PatchInspector inspector;
+    const Listener listener(inspector);
+    QVERIFY2(inspector.inspect(patch()), qPrintable(listener.messages.join(QLatin1Char('\n'))));
+    const InspectedFile moved = inspector.files().at(0);
+    QVERIFY(moved.isLeftOut && moved.isMoved);
+    QCOMPARE(moved.oldPath, QStringLiteral("/old/place"));
+    QCOMPARE(moved.newSize, qint64(300));
+    QCOMPARE(moved.copiedBytes, qint64(300));
+    QCOMPARE(moved.literalBytes + moved.patchBytes + moved.commands, qint64(0));
+    QVERIFY(!inspector.files().at(1).isLeftOut);
+}
+
+void tst_PatchInspector::nothingElseMayBeLeftOut_data()
+{
+    QTest::addColumn<QString>("missing");
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::newRow("without a source") << QStringLiteral("/new") << QByteArray() << QByteArray();
+    QTest::newRow("without a seal") << QStringLiteral("/moved") << QByteArray("pellox-patch-seal")
+                                    << QByteArray("another format");
+    QTest::newRow("by a seal of another form")
+        << QStringLiteral("/moved") << QByteArray("\"release\":1") << QByteArray("\"release\": 1");
+    QTest::newRow("by a source that climbs")
+        << QStringLiteral("/moved") << QByteArray("/old/place") << QByteArray("/../place");
+}
+
+void tst_PatchInspector::nothingElseMayBeLeftOut()
+{
+    QFETCH(QString, missing);
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    writeSealedPatch();
+    QByteArray text = sealedText();
+    if (!before.isEmpty())
+        writeSeal(text.replace(before, after));
+    m_tree->remove(QStringLiteral("patch") + missing);
+    PatchInspector inspector;
+    const Listener listener(inspector);
+    QVERIFY(!inspector.inspect(patch()));
+    QCOMPARE(listener.messages,
+        QStringList(patch(missing) + QLatin1String(": is missing from the patch")));
 }
 
 QTEST_GUILESS_MAIN(tst_PatchInspector)

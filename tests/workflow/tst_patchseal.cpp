@@ -288,6 +288,11 @@ private Q_SLOTS:
     void otherFormsOfTheFile();
     void signedTextsThatWillNotDo_data();
     void signedTextsThatWillNotDo();
+    void sourcesOfMovedFiles_data();
+    void sourcesOfMovedFiles();
+    void sourceHasTheDocumentedForm();
+    void sourcesThatWillNotDo_data();
+    void sourcesThatWillNotDo();
     void signaturesOfAnotherText();
     void listsOfSignaturesThatWillNotDo();
     void trustedKeysThatWillNotDo_data();
@@ -2287,6 +2292,151 @@ void tst_PatchSeal::withoutLibcrypto()
     QVERIFY(!readBack({key}, &error));
     QCOMPARE(error, key + problem);
     QCOMPARE(sealBytes(), QByteArray("{}"));
+}
+
+void tst_PatchSeal::sourcesOfMovedFiles_data()
+{
+    QTest::addColumn<Files>("old");
+    QTest::addColumn<Files>("now");
+    QTest::addColumn<QString>("source"); ///< of "to", the new file; empty: none
+    const QByteArray content = "content";
+    QTest::newRow("moved") << Files{{"from"_s, content}} << Files{{"to"_s, content}} << "/from"_s;
+    QTest::newRow("doubled") << Files{{"from"_s, content}}
+                             << Files{{"from"_s, content}, {"to"_s, content}} << "/from"_s;
+    QTest::newRow("of one that is patched")
+        << Files{{"from"_s, content}} << Files{{"from"_s, "other"}, {"to"_s, content}} << "/from"_s;
+    QTest::newRow("in another folder")
+        << Files{{"a/b \"c\""_s, content}} << Files{{"to"_s, content}} << "/a/b \"c\""_s;
+    QTest::newRow("new content") << Files{{"from"_s, "other"}} << Files{{"to"_s, content}}
+                                 << QString();
+    QTest::newRow("almost the same")
+        << Files{{"from"_s, content + "x"}} << Files{{"to"_s, content}} << QString();
+    QTest::newRow("empty") << Files{{"from"_s, ""}} << Files{{"to"_s, ""}} << QString();
+    QTest::newRow("the first of several")
+        << Files{{"b"_s, content}, {"a/x"_s, content}, {"ac"_s, content}}
+        << Files{{"to"_s, content}} << "/a/x"_s;
+    QTest::newRow("one that stays goes first")
+        << Files{{"a"_s, content}, {"b"_s, content}, {"c"_s, content}, {"d"_s, content}}
+        << Files{{"a"_s, "patched"}, {"c"_s, content}, {"d"_s, content}, {"to"_s, content}}
+        << "/c"_s;
+    QTest::newRow("in the order of bytes")
+        << Files{{"\U0001F600"_s, content}, {"\uff21"_s, content}} << Files{{"to"_s, content}}
+        << "/\uff21"_s;
+    QTest::newRow("a name that a build should not have")
+        << Files{{"aux"_s, content}, {"nul.txt"_s, content}, {"from"_s, content}}
+        << Files{{"aux"_s, content}, {"nul.txt"_s, content}, {"to"_s, content}} << "/from"_s;
+    QTest::newRow("none but such names")
+        << Files{{"aux"_s, content}} << Files{{"aux"_s, content}, {"to"_s, content}} << QString();
+}
+
+void tst_PatchSeal::sourcesOfMovedFiles()
+{
+    QFETCH(Files, old);
+    QFETCH(Files, now);
+    QFETCH(QString, source);
+    const TestTree tree;
+    lay(tree, "old"_s, old);
+    lay(tree, "new"_s, now);
+    PublishController publisher;
+    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
+    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
+    PatchSeal sealer;
+    QVERIFY2(sealer.seal(tree.path("patch"_s), tree.path("of old"_s), Release, {m_key.privateFile}),
+        qPrintable(sealer.error()));
+    QString error;
+    const auto sealed = readSealBy(tree.path("patch"_s), {m_key.publicFile}, &error);
+    QVERIFY2(sealed, qPrintable(error));
+    for (const auto &[path, rule] : sealed->rules)
+        QCOMPARE(rule.source, path == "/to"_s ? source : QString());
+    QCOMPARE(mayBeLeftOut(*sealed, "/to"_s), !source.isEmpty());
+    for (const auto &file : sealed->files)
+        QVERIFY(file.first == "/to"_s || !mayBeLeftOut(*sealed, file.first));
+}
+
+void tst_PatchSeal::sourceHasTheDocumentedForm()
+{
+    SealedPatch sealed = sealedPatch();
+    const QByteArray plain = Pellox::sealedText(sealed);
+    QVERIFY(!plain.contains("source"));
+    SealedRule &rule = sealed.rules.at("/added/deep/program"_s);
+    rule.source = "/from \"here\" \u00e9"_s;
+    QByteArray expected = plain;
+    const QByteArray before = R"({"path":"/added/deep/program","rule":"copy","size":9,"sha512":")"
+        + sha512("a program") + '"';
+    QVERIFY(expected.contains(before + '}'));
+    expected.replace(before, before + ",\"source\":\"/from \\\"here\\\" \xc3\xa9\"");
+    QCOMPARE(Pellox::sealedText(sealed), expected);
+    writeSigned(expected, {m_key});
+    QString error;
+    const auto found = readBack({m_key.publicFile}, &error);
+    QVERIFY2(found, qPrintable(error));
+    QCOMPARE(found->rules.at("/added/deep/program"_s).source, rule.source);
+    QCOMPARE(Pellox::sealedText(*found), expected);
+    // Whoever has made it.
+    QString problem;
+    QVERIFY(Pellox::readSealOfAnybody(sealBytes(), &problem));
+    QVERIFY(!readBack({m_otherKey.publicFile}, &error));
+}
+
+void tst_PatchSeal::sourcesThatWillNotDo_data()
+{
+    QTest::addColumn<QString>("path"); ///< whose rule gets the source
+    QTest::addColumn<QByteArray>("member");
+    QTest::addColumn<QString>("problem");
+    const QString copied = "/added/deep/program"_s;
+    const QString form = "is signed, but not of the one form that a seal has"_s;
+    const auto row
+        = [&](const char *name, const QString &path, const QByteArray &member,
+              const QString &problem) { QTest::newRow(name) << path << member << problem; };
+    const auto wrongPath = [&](const char *name, const QByteArray &source, const QString &why) {
+        row(name, copied, ",\"source\":\"" + source + '"',
+            "is signed, but names a file that has a path that %1: %2"_s.arg(
+                why, QString::fromUtf8(source)));
+    };
+    row("good", copied, ",\"source\":\"/from\"", QString());
+    row("one that is deleted, of another content", copied, ",\"source\":\"/gone\"",
+        "is signed, but has a source of another content: /added/deep/program"_s);
+    row("one that is patched, of another content", copied, ",\"source\":\"/game.exe\"",
+        "is signed, but has a source of another content: /added/deep/program"_s);
+    row("another new file", copied, ",\"source\":\"/added/large.pak\"", QString());
+    row("itself", copied, ",\"source\":\"/added/deep/program\"",
+        "is signed, but has a file as its own source: /added/deep/program"_s);
+    row("of an empty file", "/added/nothing"_s, ",\"source\":\"/from\"",
+        "is signed, but has a source for an empty file: /added/nothing"_s);
+    row("of a patched file", "/game.exe"_s, ",\"source\":\"/from\"", form);
+    row("of a deleted file", "/gone"_s, ",\"source\":\"/from\"", form);
+    row("twice", copied, ",\"source\":\"/from\",\"source\":\"/from\"", form);
+    row("no text", copied, ",\"source\":7", form);
+    row("blank in front", copied, ", \"source\":\"/from\"", form);
+    row("other case", copied, ",\"Source\":\"/from\"", form);
+    row("more behind it", copied, ",\"source\":\"/from\",\"more\":1", form);
+    row("no UTF-8", copied, ",\"source\":\"/\xff\"", form);
+    row("an escape that is none", copied, ",\"source\":\"/\\u0061\"", form);
+    wrongPath("climbs", "/../from", "has a part that is only dots"_s);
+    wrongPath("climbs and comes back", "/a/../from", "has a part that is only dots"_s);
+    wrongPath("no separator", "from", "does not begin with a separator"_s);
+    wrongPath("empty", "", "does not begin with a separator"_s);
+    wrongPath("an empty part", "/a//from", "has an empty part"_s);
+    wrongPath("a folder", "/a/", "has an empty part"_s);
+    wrongPath("a device", "/aux", "has a part that is a device on some systems"_s);
+}
+
+void tst_PatchSeal::sourcesThatWillNotDo()
+{
+    QFETCH(QString, path);
+    QFETCH(QByteArray, member);
+    QFETCH(QString, problem);
+    QByteArray text = Pellox::sealedText(sealedPatch());
+    const int rules = text.indexOf("\"rules\":");
+    const int rule = text.indexOf("{\"path\":\"" + path.toUtf8() + '"', rules);
+    const int end = text.indexOf('}', rule);
+    QVERIFY(rules > 0 && rule > 0 && end > 0);
+    text.insert(end, member);
+    writeSigned(text, {m_key});
+    QCOMPARE(problemOfSeal(), problem);
+    QString error;
+    QCOMPARE(Pellox::readSealOfAnybody(sealBytes(), &error).has_value(), problem.isEmpty());
+    QCOMPARE(error, problem);
 }
 
 QTEST_GUILESS_MAIN(tst_PatchSeal)

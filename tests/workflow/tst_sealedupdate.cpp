@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "updatescenario.h"
 
 #include <Pellox/IntegrityController>
@@ -9,12 +10,17 @@
 #include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
 #include <QtTest>
 
 #include <optional>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 using Pellox::PatchSeal;
 using Pellox::PublishController;
@@ -73,6 +79,16 @@ private Q_SLOTS:
     void damagedRecordIsTold();
     void repairSettlesTheRecord_data();
     void repairSettlesTheRecord();
+    void missingPatchIsNoSealsFault();
+    void sealingRunsOutOfMemory();
+
+    void installerRecordsTheRelease();
+    void sealAloneIsEnoughToRecord();
+    void recordProvesTheBase();
+    void recordIsRefused_data();
+    void recordIsRefused();
+    void recordNeverFalls();
+    void recordOfALockedBuild();
 
 private:
     QString key(const char *name) const { return m_scenario->tree().path(QLatin1String(name)); }
@@ -82,6 +98,13 @@ private:
     qint64 installedRelease() const;
     void removeRecord() const;
     bool repair() const;
+    struct Recorded
+    {
+        Result result = Result::Failed;
+        QVector<Pellox::UpdateProblem> problems = {};
+    };
+    Recorded record(const QString &patch = QString(), const QString &signatures = QString(),
+        const char *trusted = "key.pub") const;
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
@@ -606,6 +629,244 @@ void tst_SealedUpdate::repairSettlesTheRecord()
     QVERIFY(repair());
     QCOMPARE(installedRelease(), Release);
     removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_SealedUpdate::missingPatchIsNoSealsFault()
+{
+    const QString nowhere = m_scenario->tree().path("nowhere"_s);
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setTrustedKeys({key("key.pub")});
+        return updater.update(m_scenario->build(), nowhere);
+    });
+    verifyRefused(outcome, Code::BadFolder, nowhere);
+}
+
+/// The calls that block throw nothing either.
+void tst_SealedUpdate::sealingRunsOutOfMemory()
+{
+    if (HasSanitizer)
+        QSKIP("the sanitizer needs the memory itself");
+    constexpr rlim_t LittleMemory = rlim_t(32) << 20;
+    constexpr int Records = 200;
+    constexpr int Length = 400000;
+    const TestTree large;
+    QByteArray json = "[\n";
+    for (int i = 0; i < Records; ++i) {
+        json += "    {\n        \"relative_path\": \"/" + QByteArray::number(i)
+            + QByteArray(Length, 'n') + "\",\n        \"sha512\": \"" + QByteArray(128, '0')
+            + "\"\n    }" + (i + 1 < Records ? ",\n" : "\n");
+    }
+    large.write("signatures/signatures.json"_s, json + "]\n");
+    json.clear();
+    PatchSeal sealer;
+    bool sealed = true;
+    {
+        const MemoryLimit limit(LittleMemory);
+        sealed
+            = sealer.seal(m_scenario->patch(), large.path("signatures"_s), Release, {key("key")});
+    }
+    QVERIFY(!sealed);
+    QVERIFY(!sealer.wasCancelled());
+    QCOMPARE(sealer.error(), m_scenario->patch() + ": out of memory"_s);
+
+    large.write("patch/patchSeal.json"_s, QByteArray());
+    QVERIFY(QFile::resize(large.path("patch/patchSeal.json"_s), qint64(200) << 20));
+    QString error;
+    QStringList signers{"x"_s};
+    {
+        const MemoryLimit limit(LittleMemory);
+        signers = PatchSeal::signersOf(large.path("patch"_s), {key("key.pub")}, &error);
+    }
+    QCOMPARE(signers, QStringList());
+    QCOMPARE(error, large.path("patch: out of memory"_s));
+    QCOMPARE(update().result, Result::Updated); // by the seal before
+}
+
+/// By the scenario's patch and the signatures of the new build, where no others are given.
+tst_SealedUpdate::Recorded tst_SealedUpdate::record(
+    const QString &patch, const QString &signatures, const char *trusted) const
+{
+    Recorded recorded;
+    Pellox::IntegrityController controller;
+    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    connect(
+        &controller, &Pellox::IntegrityController::problemFound, &controller,
+        [&](const Pellox::UpdateProblem &problem) { recorded.problems.append(problem); },
+        Qt::DirectConnection);
+    if (!controller.recordRelease(m_scenario->build(),
+            signatures.isEmpty() ? m_scenario->signatures() : signatures,
+            patch.isEmpty() ? m_scenario->patch() : patch, {key(trusted)}))
+        qFatal("a run does not start");
+    if (finished.isEmpty() && !finished.wait(60000))
+        qFatal("a run does not end");
+    recorded.result = controller.repairResult();
+    const bool isGood
+        = recorded.result == Result::Updated || recorded.result == Result::AlreadyUpToDate;
+    if (finished.at(0).at(0).toBool() != isGood || recorded.problems.isEmpty() != isGood)
+        qFatal("a run contradicts itself");
+    return recorded;
+}
+
+void tst_SealedUpdate::installerRecordsTheRelease()
+{
+    m_scenario->layNew();
+    QCOMPARE(record().result, Result::Updated);
+    QCOMPARE(installedRelease(), Release);
+    QCOMPARE(record().result, Result::AlreadyUpToDate);
+    QCOMPARE(update().result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release);
+    QCOMPARE(m_scenario->touchedFile(), QString());
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_SealedUpdate::sealAloneIsEnoughToRecord()
+{
+    m_scenario->layNew();
+    const TestTree shipped;
+    shipped.write("patchSeal.json"_s, m_scenario->tree().read("patch/patchSeal.json"_s));
+    QCOMPARE(record(shipped.path()).result, Result::Updated);
+    QCOMPARE(installedRelease(), Release);
+}
+
+/// From then on a patch of another build is refused, though all files that it names fit.
+void tst_SealedUpdate::recordProvesTheBase()
+{
+    const TestTree other;
+    layBuild(m_scenario->newFiles(), other.path("base"_s));
+    other.write("base/data/unchanged"_s, "another base");
+    layBuild(m_scenario->newFiles(), other.path("next"_s));
+    other.write("next/data/unchanged"_s, "another base");
+    other.write("next/game.exe"_s, "the next one");
+    PublishController publisher;
+    QVERIFY(publisher.createSignatures(other.path("base"_s), other.path("signatures"_s)));
+    QVERIFY(publisher.createPatch(
+        other.path("next"_s), other.path("signatures"_s), other.path("patch"_s)));
+    PatchSeal sealer;
+    QVERIFY2(
+        sealer.seal(other.path("patch"_s), other.path("signatures"_s), Release + 1, {key("key")}),
+        qPrintable(sealer.error()));
+    const auto updateBy = [&] {
+        return outcomeOf([&](UpdateController &updater) {
+            updater.setSynced(false);
+            updater.setTrustedKeys({key("key.pub")});
+            return updater.update(m_scenario->build(), other.path("patch"_s));
+        });
+    };
+    m_scenario->layNew();
+    QCOMPARE(record().result, Result::Updated);
+    const UpdateOutcome refused = updateBy();
+    QCOMPARE(refused.result, Result::Refused);
+    QVERIFY(refused.problems.first().code == Code::ForeignPatch);
+    m_scenario->layNew();
+    QCOMPARE(updateBy().result, Result::Updated); // nothing tells that it is not the base
+}
+
+void tst_SealedUpdate::recordIsRefused_data()
+{
+    QTest::addColumn<QString>("what");
+    QTest::addColumn<QString>("code");
+    QTest::newRow("changed file") << "changed"_s
+                                  << "damaged-install"_s;
+    QTest::newRow("missing file") << "missing"_s
+                                  << "damaged-install"_s;
+    QTest::newRow("file that no rule names is changed") << "unnamed"_s
+                                                        << "damaged-install"_s;
+    QTest::newRow("stranger's key") << "key"_s
+                                    << "not-trusted"_s;
+    QTest::newRow("altered seal") << "seal"_s
+                                  << "not-trusted"_s;
+    QTest::newRow("no seal") << "no seal"_s
+                             << "not-trusted"_s;
+    QTest::newRow("no patch") << "no patch"_s
+                              << "bad-folder"_s;
+    QTest::newRow("signatures of the old build") << "old"_s
+                                                 << "bad-manifest"_s;
+    QTest::newRow("signatures that leave a file out") << "fewer"_s
+                                                      << "bad-manifest"_s;
+}
+
+void tst_SealedUpdate::recordIsRefused()
+{
+    QFETCH(QString, what);
+    QFETCH(QString, code);
+    const TestTree &tree = m_scenario->tree();
+    m_scenario->layNew();
+    const TestTree other;
+    QByteArray seal = tree.read("patch/patchSeal.json"_s);
+    if (what == "seal"_s)
+        seal.replace("\\\"release\\\":7", "\\\"release\\\":9");
+    if (what != "no seal"_s)
+        other.write("patch/patchSeal.json"_s, seal);
+    else
+        other.makeFolder("patch"_s);
+    if (what == "changed"_s)
+        tree.write("build/game.exe"_s, "modded");
+    else if (what == "missing"_s)
+        tree.remove("build/data/filled"_s);
+    else if (what == "unnamed"_s)
+        tree.write("build/data/unchanged"_s, "modded");
+    QString signatures;
+    if (what == "old"_s) {
+        m_scenario->lay();
+        signatures = m_scenario->oldSignatures();
+    } else if (what == "fewer"_s) {
+        QJsonArray records
+            = QJsonDocument::fromJson(tree.read("signatures/signatures.json"_s)).array();
+        records.removeLast();
+        other.write("signatures/signatures.json"_s, QJsonDocument(records).toJson());
+        signatures = other.path("signatures"_s);
+    }
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const Recorded recorded
+        = record(what == "no patch"_s ? other.path("x"_s) : other.path("patch"_s), signatures,
+            what == "key"_s ? "other.pub" : "key.pub");
+    QCOMPARE(recorded.result, Result::Refused);
+    QCOMPARE(recorded.problems.size(), 1);
+    QCOMPARE(recorded.problems.first().codeName(), code);
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+/// As with updates; a repair forgets what is of another build.
+void tst_SealedUpdate::recordNeverFalls()
+{
+    m_scenario->layNew();
+    m_scenario->tree().write(
+        "build/.pellox/release"_s, R"({"build":")" + QByteArray(128, 'a') + R"(","release":8})");
+    const Recorded older = record();
+    QCOMPARE(older.result, Result::Refused);
+    QVERIFY(older.problems.first().code == Code::OlderRelease);
+    QCOMPARE(installedRelease(), 8);
+    QVERIFY(repair());
+    QCOMPARE(record().result, Result::Updated);
+    QCOMPARE(installedRelease(), Release);
+
+    seal({key("key")}, Release + 2);
+    QCOMPARE(record().result, Result::Updated);
+    QCOMPARE(installedRelease(), Release + 2);
+    seal({key("key")});
+    QCOMPARE(record().result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release + 2);
+
+    for (const QByteArray &known :
+        {QByteArray("torn"), R"({"build":")" + QByteArray(128, 'a') + R"(","release":6})"}) {
+        m_scenario->tree().write("build/.pellox/release"_s, known);
+        QCOMPARE(record().result, Result::Updated);
+        QCOMPARE(installedRelease(), Release);
+    }
+}
+
+void tst_SealedUpdate::recordOfALockedBuild()
+{
+    m_scenario->layNew();
+    const int folder
+        = ::open(QFile::encodeName(m_scenario->build()).constData(), O_RDONLY | O_DIRECTORY);
+    QVERIFY(folder >= 0 && ::flock(folder, LOCK_EX | LOCK_NB) == 0);
+    const Recorded recorded = record();
+    ::close(folder);
+    QCOMPARE(recorded.result, Result::Refused);
+    QVERIFY(recorded.problems.first().code == Code::Busy);
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 

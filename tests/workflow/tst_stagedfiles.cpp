@@ -23,7 +23,9 @@
 #include <optional>
 #include <random>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using Pellox::IntegrityController;
 using Pellox::PatchSeal;
@@ -67,6 +69,25 @@ bool repaired(const QString &build, const QString &signatures, const QString &so
         return false;
     [&] { QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000); }();
     return finished.size() == 1 && finished.at(0).at(0).toBool();
+}
+
+/// What updatecall says of folders "build" and "patch" of @p tree where names in folder @p folding
+/// of it fold: its status and its output. An empty one: where they do not.
+QPair<int, QString> runFolding(const TestTree &tree, const QString &command, const QString &folding)
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    if (!folding.isEmpty()) {
+        environment.insert("LD_PRELOAD"_s, QStringLiteral(FOLDING_LIBRARY));
+        environment.insert("ASAN_OPTIONS"_s, "verify_asan_link_order=0"_s);
+        environment.insert("FOLDING_PATH"_s, tree.path(folding));
+    }
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, command, tree.path("build"_s), tree.path("patch"_s)});
+    if (!process.waitForFinished(60000))
+        qFatal("a run does not end");
+    return {process.exitCode(), QString::fromLocal8Bit(process.readAllStandardOutput())};
 }
 
 /// An environment variable for as long as this lives.
@@ -114,10 +135,22 @@ private Q_SLOTS:
     void damagedRecordIsNotBelieved();
     void leftoversBehindALinkStay();
     void leftoverThatStaysIsTold();
+    void leftoverThatNothingRemovesIsTold_data();
+    void leftoverThatNothingRemovesIsTold();
 
     void foldedNamesCollide_data();
     void foldedNamesCollide();
+    void folderThatFoldsByItself();
+    void foldedFileBecomesAFolder();
+    void deletedFileOfTheSameKey();
     void triesNoNamesWithoutNeed();
+    void ownersStay_data();
+    void ownersStay();
+    void ownersOfStagedFilesStay();
+    void deletionSparesTheNewFile_data();
+    void deletionSparesTheNewFile();
+    void renameOfCaseIsRolledBack_data();
+    void renameOfCaseIsRolledBack();
 
     void unreadableFilesAreTakenWhole_data();
     void unreadableFilesAreTakenWhole();
@@ -126,6 +159,8 @@ private Q_SLOTS:
 
     void roomIsLookedAtFirst_data();
     void roomIsLookedAtFirst();
+    void copiesThatAreKeptNeedRoom_data();
+    void copiesThatAreKeptNeedRoom();
     void sumsOfSizesDoNotOverflow();
     void mountsInTheBuildAreRefused();
     void pathsThatAreTooLongAreRefused();
@@ -167,7 +202,7 @@ FaultRun tst_StagedFiles::run(const QString &command, Faults faults, const QStri
 {
     faults.unsynced = true;
     QStringList arguments{"1"_s, command, m_scenario->build()};
-    if (command.startsWith("update"_s) || command == "plan"_s)
+    if (command.startsWith("update"_s) || command.startsWith("plan"_s))
         arguments.append(m_scenario->patch());
     return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM), arguments + more, faults);
 }
@@ -549,6 +584,46 @@ void tst_StagedFiles::leftoverThatStaysIsTold()
     QCOMPARE(temporaryFiles(), QStringList());
 }
 
+void tst_StagedFiles::leftoverThatNothingRemovesIsTold_data()
+{
+    QTest::addColumn<QString>("command");
+    for (const char *command : {"update", "recover", "rollback", "discard", "repair"})
+        QTest::newRow(command) << QString::fromLatin1(command);
+}
+
+/// Also where there is nothing else to do, and in the folder of what a commit was to keep.
+void tst_StagedFiles::leftoverThatNothingRemovesIsTold()
+{
+    QFETCH(QString, command);
+    const bool blocks = command == "discard"_s || command == "repair"_s; // status 0 and 1
+    const TestTree &tree = m_scenario->tree();
+    if (command == "rollback"_s || command == "discard"_s)
+        QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    else if (command != "recover"_s)
+        m_scenario->layNew();
+    for (const QString &leftover : {".pellox/staged/7"_s, ".pellox/keeping/gone"_s}) {
+        tree.write("build/"_s + leftover, "of a run that was killed");
+        const QStringList more = command == "repair"_s
+            ? QStringList{m_scenario->signatures(), m_scenario->newBuild()}
+            : QStringList();
+        const auto before = TestTree::snapshot(m_scenario->build());
+        const FaultRun run = this->run(
+            command, {file(leftover), "remove", 1, QByteArray::number(EIO), true}, more);
+        QVERIFY2(run.status == (blocks ? 1 : statusOf(Result::Failed)), run.output);
+        const QString named = leftover.section(QLatin1Char('/'), 0, 1); // the folder will do
+        QVERIFY2(run.output.startsWith(file(named).toLocal8Bit()), run.output);
+        QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+        tree.remove("build/"_s + named);
+    }
+    const FaultRun again = run(command, {},
+        command == "repair"_s ? QStringList{m_scenario->signatures(), m_scenario->newBuild()}
+                              : QStringList());
+    QCOMPARE(again.output, QByteArray());
+    m_scenario->removeEmptyWorkFolder(); // that this test has made
+    const bool isOld = command == "recover"_s || command == "rollback"_s;
+    QCOMPARE(isOld ? m_scenario->differenceToOld() : m_scenario->differenceToNew(), QString());
+}
+
 void tst_StagedFiles::foldedNamesCollide_data()
 {
     QTest::addColumn<QString>("one");
@@ -573,20 +648,7 @@ void tst_StagedFiles::foldedNamesCollide()
     tree.write("patch/patchRules.json"_s,
         QJsonDocument(QJsonArray{rule("copy", one), rule("copy", other)}).toJson());
     const auto call = [&](const QString &command, bool folds) {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        if (folds) {
-            environment.insert("LD_PRELOAD"_s, QStringLiteral(FOLDING_LIBRARY));
-            environment.insert("ASAN_OPTIONS"_s, "verify_asan_link_order=0"_s);
-            environment.insert("FOLDING_PATH"_s, tree.path("build"_s));
-        }
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(UPDATECALL_PROGRAM),
-            {"1"_s, command, tree.path("build"_s), tree.path("patch"_s)});
-        if (!process.waitForFinished(60000))
-            qFatal("a run does not end");
-        return QPair<int, QString>(
-            process.exitCode(), QString::fromLocal8Bit(process.readAllStandardOutput()));
+        return runFolding(tree, command, folds ? "build"_s : QString());
     };
     const auto isRefused = [&](const QString &errors) {
         return errors.startsWith(tree.path("patch/patchRules.json: "_s))
@@ -610,11 +672,256 @@ void tst_StagedFiles::foldedNamesCollide()
     QCOMPARE(tree.read("build"_s + other), QByteArray("other"));
 }
 
+/// Files at the top tell names apart, but not those of one folder.
+void tst_StagedFiles::folderThatFoldsByItself()
+{
+    const TestTree tree;
+    tree.write("build/first"_s, "old");
+    tree.write("build/sub/known"_s, "old");
+    tree.write("build/another"_s, "a player's");
+    QJsonArray rules{rule("delete", "/first"_s), rule("delete", "/sub/known"_s)};
+    for (const char *path : {"/sub/Fusion1", "/sub/fusion1"}) {
+        rules.append(rule("copy", QString::fromLatin1(path)));
+        tree.write("patch"_s + QLatin1String(path), path);
+    }
+    tree.write("patch/patchRules.json"_s, QJsonDocument(rules).toJson());
+    const auto before = TestTree::snapshot(tree.path("build"_s));
+    for (const char *command : {"plan", "update"}) {
+        const auto folding = runFolding(tree, QLatin1String(command), "build/sub"_s);
+        QVERIFY2(folding.second.contains("more than one rule"_s), qPrintable(folding.second));
+        QCOMPARE(TestTree::snapshot(tree.path("build"_s)), before);
+    }
+    QCOMPARE(runFolding(tree, "update"_s, QString()).first, statusOf(Result::Updated));
+}
+
+/// Under a name that differs in the case of its letters alone.
+void tst_StagedFiles::foldedFileBecomesAFolder()
+{
+    const TestTree tree;
+    tree.write("build/notes"_s, "a file");
+    tree.write("build/deep/more"_s, "another");
+    tree.write("patch/notes/inside"_s, "inside");
+    tree.write("patch/deep"_s, "a file now");
+    tree.write("patch/patchRules.json"_s,
+        QJsonDocument(QJsonArray{rule("delete", "/Notes"_s), rule("copy", "/notes/inside"_s),
+                          rule("delete", "/deep/More"_s), rule("copy", "/deep"_s)})
+            .toJson());
+    const auto apart = runFolding(tree, "update"_s, QString());
+    QCOMPARE(apart.first, statusOf(Result::Refused));
+    const auto folding = runFolding(tree, "update"_s, "build"_s);
+    QVERIFY2(folding.first == statusOf(Result::Updated), qPrintable(folding.second));
+    const QMap<QString, QByteArray> expected{
+        {"notes/"_s, ""}, {"notes/inside"_s, "inside"}, {"deep"_s, "a file now"}};
+    QCOMPARE(TestTree::snapshot(tree.path("build"_s)), expected);
+}
+
+/// Where names are told apart the one is in the way that no rule deletes, were it a second name of
+/// the same file.
+void tst_StagedFiles::deletedFileOfTheSameKey()
+{
+    const TestTree tree;
+    tree.write("build/Notes"_s, "a file");
+    QCOMPARE(::link(QFile::encodeName(tree.path("build/Notes"_s)).constData(),
+                 QFile::encodeName(tree.path("build/notes"_s)).constData()),
+        0);
+    tree.write("patch/notes/inside"_s, "inside");
+    tree.write("patch/patchRules.json"_s,
+        QJsonDocument(QJsonArray{rule("delete", "/Notes"_s), rule("copy", "/notes/inside"_s)})
+            .toJson());
+    const auto before = TestTree::snapshot(tree.path("build"_s));
+    const auto apart = runFolding(tree, "update"_s, QString());
+    QCOMPARE(apart.first, statusOf(Result::Refused));
+    QVERIFY2(apart.second.contains("/notes: is no folder"_s), qPrintable(apart.second));
+    QCOMPARE(TestTree::snapshot(tree.path("build"_s)), before);
+}
+
+namespace {
+
+constexpr uid_t Player = 12345;
+constexpr gid_t PlayersGroup = 23456;
+
+struct stat statusOfFile(const QString &path)
+{
+    struct stat status = {};
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
+        qFatal("there is no %s", qPrintable(path));
+    return status;
+}
+
+bool give(const QString &path)
+{
+    return ::lchown(QFile::encodeName(path).constData(), Player, PlayersGroup) == 0;
+}
+
+} // namespace
+
+void tst_StagedFiles::ownersStay_data()
+{
+    QTest::addColumn<bool>("repairs");
+    QTest::newRow("update") << false;
+    QTest::newRow("repair") << true;
+}
+
+/// Where root updates a player's build: nobody else could read a file of 0600.
+void tst_StagedFiles::ownersStay()
+{
+    QFETCH(bool, repairs);
+    if (::geteuid() != 0)
+        QSKIP("only root may give files away");
+    if (repairs)
+        m_scenario->layNew();
+    const QStringList players{"data/changed"_s, "data/large.pak"_s, "data/taken whole"_s};
+    for (const QString &path : players) {
+        if (repairs)
+            m_scenario->tree().write("build/"_s + path, "damaged");
+        QVERIFY(give(file(path)));
+    }
+    if (repairs) {
+        m_scenario->tree().write("build/game.exe"_s, "damaged");
+        QVERIFY(repaired(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild()));
+    } else {
+        QCOMPARE(m_scenario->update().result, Result::Updated);
+    }
+    for (const QString &path : players) {
+        const struct stat status = statusOfFile(file(path));
+        QVERIFY2(status.st_uid == Player && status.st_gid == PlayersGroup, qPrintable(path));
+    }
+    QCOMPARE(statusOfFile(file("game.exe"_s)).st_uid, ::geteuid());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// What an earlier run has staged is taken over, under the owner that it must have now.
+void tst_StagedFiles::ownersOfStagedFilesStay()
+{
+    if (::geteuid() != 0)
+        QSKIP("only root may give files away");
+    stageAndDie();
+    QVERIFY(give(file("data/changed"_s)));
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+    QCOMPARE(statusOfFile(file("data/changed"_s)).st_uid, Player);
+    QCOMPARE(statusOfFile(file("data/large.pak"_s)).st_uid, ::geteuid());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
 void tst_StagedFiles::triesNoNamesWithoutNeed()
 {
     const QStringList calls = run("update"_s, {file(".pellox/staged"_s), "create"}).calls;
     for (const QString &call : calls)
         QVERIFY2(call.at(call.size() - 1).isDigit(), qPrintable(call));
+}
+
+namespace {
+
+/// A build with a file that the patch gives a name in another case, where names fold.
+class RenamedCase
+{
+public:
+    RenamedCase()
+    {
+        m_tree.write("build/data/fusion1"_s, "the old content");
+        m_tree.write("patch/data/fusion1"_s, "the new content");
+        m_tree.write("patch/patchRules.json"_s,
+            QJsonDocument(
+                QJsonArray{rule("delete", "/data/Fusion1"_s), rule("copy", "/data/fusion1"_s)})
+                .toJson());
+    }
+
+    QString file(const QString &path) const { return m_tree.path("build/"_s + path); }
+    QMap<QString, QByteArray> build() const { return TestTree::snapshot(m_tree.path("build"_s)); }
+    /// What it holds, but for the hidden folder.
+    QByteArray content() const
+    {
+        return m_tree.exists("build/data/fusion1"_s) ? m_tree.read("build/data/fusion1"_s)
+                                                     : QByteArray("gone");
+    }
+    /// The status of a run, to which @p faults happen: pairs of names and values.
+    int run(const QString &command, const QMap<QString, QString> &faults = {}) const
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_PRELOAD"_s, QStringLiteral(FOLDING_LIBRARY " " FAULTS_LIBRARY));
+        environment.insert("ASAN_OPTIONS"_s, "verify_asan_link_order=0"_s);
+        environment.insert("FOLDING_PATH"_s, m_tree.path("build"_s));
+        for (auto fault = faults.cbegin(); fault != faults.cend(); ++fault)
+            environment.insert(fault.key(), fault.value());
+        process.setProcessEnvironment(environment);
+        process.setProcessChannelMode(QProcess::ForwardedChannels);
+        process.start(QStringLiteral(UPDATECALL_PROGRAM),
+            {"1"_s, command, m_tree.path("build"_s), m_tree.path("patch"_s)});
+        if (!process.waitForFinished(60000))
+            qFatal("a run does not end");
+        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+
+private:
+    const TestTree m_tree;
+};
+
+/// The time of one file's last change for another.
+void copyTime(const QString &from, const QString &to)
+{
+    struct stat status = {};
+    QCOMPARE(::stat(QFile::encodeName(from).constData(), &status), 0);
+    const timespec times[] = {status.st_atim, status.st_mtim};
+    QCOMPARE(::utimensat(AT_FDCWD, QFile::encodeName(to).constData(), times, 0), 0);
+}
+
+} // namespace
+
+void tst_StagedFiles::deletionSparesTheNewFile_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("that was just put there") << "update"_s;
+    QTest::newRow("that was just put there, kept") << "update-keeping"_s;
+    QTest::newRow("that a recovery puts there") << "recover"_s;
+    QTest::newRow("that is there already") << "again"_s;
+}
+
+/// Under both names there is one file.
+void tst_StagedFiles::deletionSparesTheNewFile()
+{
+    QFETCH(QString, command);
+    const RenamedCase folding;
+    if (command == "recover"_s) {
+        // Nothing but its number tells the new file from the one that is to be deleted.
+        const QString target = folding.file("data/fusion1"_s);
+        QCOMPARE(folding.run("update"_s,
+                     {{"FAULTS_PATH"_s, target}, {"FAULTS_CALLS"_s, "rename"_s},
+                         {"FAULTS_AT"_s, "1"_s}, {"FAULTS_DO"_s, "kill"_s}}),
+            -1);
+        QCOMPARE(folding.content(), QByteArray("the old content"));
+        copyTime(target, target + ".temp"_s);
+    }
+    QCOMPARE(folding.run(command == "again"_s ? "update"_s : command), statusOf(Result::Updated));
+    QCOMPARE(folding.content(), QByteArray("the new content"));
+    if (command == "again"_s) {
+        QCOMPARE(folding.run("update"_s), statusOf(Result::AlreadyUpToDate));
+        QCOMPARE(folding.content(), QByteArray("the new content"));
+    }
+}
+
+void tst_StagedFiles::renameOfCaseIsRolledBack_data()
+{
+    QTest::addColumn<bool>("byCopies");
+    QTest::newRow("by links") << false;
+    QTest::newRow("by copies") << true;
+}
+
+void tst_StagedFiles::renameOfCaseIsRolledBack()
+{
+    QFETCH(bool, byCopies);
+    const RenamedCase folding;
+    const auto before = folding.build();
+    QMap<QString, QString> faults;
+    if (byCopies) {
+        faults = {{"FAULTS_PATH"_s, folding.file(".pellox"_s)}, {"FAULTS_CALLS"_s, "link"_s},
+            {"FAULTS_AT"_s, "1"_s}, {"FAULTS_DO"_s, QString::number(EPERM)},
+            {"FAULTS_REPEAT"_s, "yes"_s}};
+    }
+    QCOMPARE(folding.run("update-keeping"_s, faults), statusOf(Result::Updated));
+    QCOMPARE(folding.content(), QByteArray("the new content"));
+    QCOMPARE(folding.run("rollback"_s), statusOf(Result::Updated));
+    QCOMPARE(folding.build(), before);
 }
 
 namespace {
@@ -744,6 +1051,43 @@ void tst_StagedFiles::roomIsLookedAtFirst()
         run.output.startsWith((m_scenario->build() + ": has not enough room: "_s).toLocal8Bit()),
         run.output);
     QCOMPARE(run.calls, QStringList());
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+void tst_StagedFiles::copiesThatAreKeptNeedRoom_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<bool>("copies");
+    QTest::addColumn<bool>("refused");
+    QTest::newRow("update") << "update"_s << true << false;
+    QTest::newRow("update that keeps links") << "update-keeping"_s << false << false;
+    QTest::newRow("update that keeps copies") << "update-keeping"_s << true << true;
+    QTest::newRow("plan") << "plan"_s << true << false;
+    QTest::newRow("plan that keeps links") << "plan-keeping"_s << false << false;
+    QTest::newRow("plan that keeps copies") << "plan-keeping"_s << true << true;
+}
+
+/// There is enough for what is staged, but not for a copy of what that replaces as well.
+void tst_StagedFiles::copiesThatAreKeptNeedRoom()
+{
+    QFETCH(QString, command);
+    QFETCH(bool, copies);
+    QFETCH(bool, refused);
+    constexpr int Half = 1 << 19; // of the largest file
+    const auto staged = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    const Setting room("FAULTS_ROOM", QByteArray::number(staged.peakExtraDisk + Half));
+    const Setting kind("FAULTS_KIND", copies ? "0x4d44" : "0xef53"); // FAT, ext4
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const FaultRun run = this->run(
+        command, {file(".pellox"_s), "link", copies ? 1 : 0, QByteArray::number(EPERM), true});
+    const bool plans = command.startsWith("plan"_s);
+    const int good = plans ? 0 : statusOf(Result::Updated);
+    QVERIFY2(run.status == (!refused ? good : plans ? 1 : statusOf(Result::Refused)), run.output);
+    if (!refused)
+        return;
+    QVERIFY2(run.output.startsWith(
+                 (m_scenario->build() + ": has not enough room to keep "_s).toLocal8Bit()),
+        run.output);
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
 }
 

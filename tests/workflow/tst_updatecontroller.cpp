@@ -17,8 +17,11 @@
 #include <QThreadPool>
 #include <QtTest>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <future>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -122,6 +125,7 @@ private Q_SLOTS:
     void endsOnce();
     void onlyOneRunAtATime();
     void onlyOneObjectAtABuild();
+    void twoObjectsAtTheSameMoment();
     void mayStartTheNextRunAtTheEnd_data();
     void mayStartTheNextRunAtTheEnd();
 
@@ -1083,6 +1087,57 @@ void tst_UpdateController::onlyOneObjectAtABuild()
     QVERIFY(discardRefused);
     QCOMPARE(finished.at(0).at(0).value<Result>(), Result::Updated);
     QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// One does it; the other is refused, or comes so late that there is nothing to do.
+void tst_UpdateController::twoObjectsAtTheSameMoment()
+{
+    constexpr int Rounds = 10;
+    struct Run
+    {
+        Result result = Result::Failed;
+        QVector<Pellox::UpdateProblem> problems;
+    };
+    for (int i = 0; i < Rounds; ++i) {
+        m_scenario->lay();
+        std::array<Run, 2> runs;
+        std::atomic<int> waiting{static_cast<int>(runs.size())};
+        const auto update = [&](Run &run) {
+            std::promise<void> ended;
+            UpdateController updater;
+            updater.setSynced(false);
+            connect(
+                &updater, &UpdateController::problemFound, &updater,
+                [&](const Pellox::UpdateProblem &problem) { run.problems.append(problem); },
+                Qt::DirectConnection);
+            connect(
+                &updater, &UpdateController::finished, &updater,
+                [&](Result result) {
+                    run.result = result;
+                    ended.set_value();
+                },
+                Qt::DirectConnection);
+            --waiting;
+            while (waiting > 0)
+                std::this_thread::yield();
+            if (!updater.update(m_scenario->build(), m_scenario->patch()))
+                qFatal("a run does not start");
+            ended.get_future().wait();
+        };
+        std::thread other([&] { update(runs[1]); });
+        update(runs[0]);
+        other.join();
+        std::sort(runs.begin(), runs.end(),
+            [](const Run &one, const Run &two) { return one.result < two.result; });
+        QCOMPARE(runs[0].result, Result::Updated);
+        QVERIFY(runs[0].problems.isEmpty());
+        const bool isRefused = runs[1].result == Result::Refused;
+        QVERIFY(isRefused || runs[1].result == Result::AlreadyUpToDate);
+        QCOMPARE(runs[1].problems.size(), isRefused ? 1 : 0);
+        QVERIFY(!isRefused || runs[1].problems.first().code == Pellox::UpdateProblem::Code::Busy);
+        QCOMPARE(m_scenario->differenceToNew(), QString());
+        QCOMPARE(m_scenario->touchedFile(), QString());
+    }
 }
 
 void tst_UpdateController::mayStartTheNextRunAtTheEnd_data()

@@ -5,7 +5,12 @@
 #include "updaterestart.h"
 #include "updatescenario.h"
 
+#include <Pellox/PatchSeal>
+
+#include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSet>
 #include <QtTest>
 
@@ -72,9 +77,15 @@ private Q_SLOTS:
     void anyCallMayFail();
     void readsAndWritesMayBeShort_data();
     void readsAndWritesMayBeShort();
+    void linksMayBeUnknownToTheFileSystem_data();
     void linksMayBeUnknownToTheFileSystem();
+    void sealedUpdateKilledAtAnyCall();
     void discardsNothingThatARollbackNeeds();
     void stagedWorkIsNotDoneAgain();
+    void slimUpdateKilledAtAnyCall_data();
+    void slimUpdateKilledAtAnyCall();
+    void anyCallOfASlimUpdateMayFail_data();
+    void anyCallOfASlimUpdateMayFail();
 
 private:
     void prepare(const QString &command);
@@ -84,6 +95,10 @@ private:
         return ::problemOfRestart(*m_scenario, command, byRecovery, m_foldersMayStay);
     }
     QString problemOfFailure(const QString &command, const FaultRun &run, const QString &call);
+
+    bool makeSlim();
+    void killAtAnyCall(const QString &command, bool byRecovery, int threads);
+    void failAtAnyCall(const QString &command, const QByteArray &calls, int error, bool later);
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
@@ -102,6 +117,7 @@ void tst_UpdateCrash::initTestCase()
 void tst_UpdateCrash::cleanupTestCase()
 {
     qInfo("%d runs with a fault", m_points);
+    qunsetenv("UPDATECALL_KEY");
     m_scenario.reset();
 }
 
@@ -197,6 +213,11 @@ void tst_UpdateCrash::killedAtAnyCall()
     QFETCH(QString, command);
     QFETCH(bool, byRecovery);
     QFETCH(int, threads);
+    killAtAnyCall(command, byRecovery, threads);
+}
+
+void tst_UpdateCrash::killAtAnyCall(const QString &command, bool byRecovery, int threads)
+{
     Findings findings;
     const int step = stepOf(9);
     bool died = true;
@@ -332,6 +353,12 @@ void tst_UpdateCrash::anyCallMayFail()
     QFETCH(QByteArray, calls);
     QFETCH(int, error);
     QFETCH(bool, later);
+    failAtAnyCall(command, calls, error, later);
+}
+
+void tst_UpdateCrash::failAtAnyCall(
+    const QString &command, const QByteArray &calls, int error, bool later)
+{
     Findings findings;
     const int step = stepOf(17);
     const QByteArray action = QByteArray::number(error);
@@ -375,18 +402,105 @@ void tst_UpdateCrash::readsAndWritesMayBeShort()
     }
 }
 
-/// Some file systems know no second name of a file. An update that wants to keep the previous
-/// build there may say so, but does not get stuck.
+void tst_UpdateCrash::linksMayBeUnknownToTheFileSystem_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::newRow("EPERM") << EPERM;
+    QTest::newRow("EOPNOTSUPP") << EOPNOTSUPP;
+    QTest::newRow("ENOSYS") << ENOSYS;
+    QTest::newRow("EMLINK") << EMLINK;
+}
+
+/// Some file systems know no second name of a file, or not that many: what is kept is copied.
 void tst_UpdateCrash::linksMayBeUnknownToTheFileSystem()
 {
+    QFETCH(int, error);
     m_scenario->lay();
     const Faults noLinks{
-        m_scenario->build() + "/.pellox/keeping"_s, "link", 1, QByteArray::number(EPERM), true};
+        m_scenario->build() + "/.pellox/keeping"_s, "link", 1, QByteArray::number(error), true};
     const FaultRun run = this->run("update-keeping"_s, noLinks);
-    QVERIFY(!run.crashed);
+    QCOMPARE(run.output, QByteArray());
+    QCOMPARE(run.status, FirstResult + static_cast<int>(Result::Updated));
+    QVERIFY(run.calls.size() > 1);
     QCOMPARE(m_scenario->brokenPromise(), QString());
-    const auto result = static_cast<Result>(run.status - FirstResult);
-    QVERIFY2(result != Result::Interrupted, run.output.constData());
+    const UpdateOutcome back = m_scenario->rollback();
+    QCOMPARE(back.errors, QStringList());
+    QCOMPARE(back.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->touchedFile(), QString());
+}
+
+namespace {
+
+/// Of the build; 0 where none is recorded, -1 where that cannot be read.
+int installedRelease(const UpdateScenario &scenario)
+{
+    QFile file(scenario.build() + "/.pellox/release"_s);
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    return QJsonDocument::fromJson(file.readAll()).object().value("release"_s).toInt(-1);
+}
+
+/// As long as this lives, the trusted key of the runs.
+class TrustedKey
+{
+public:
+    explicit TrustedKey(const QString &file) { qputenv("UPDATECALL_KEY", QFile::encodeName(file)); }
+    ~TrustedKey() { qunsetenv("UPDATECALL_KEY"); }
+    TrustedKey(const TrustedKey &) = delete;
+    TrustedKey &operator=(const TrustedKey &) = delete;
+};
+
+} // namespace
+
+/// The record of the release is as good as the build's files at any instant.
+void tst_UpdateCrash::sealedUpdateKilledAtAnyCall()
+{
+    constexpr int Release = 2;
+    UpdateScenario scenario; // its patch is sealed, and no other test's
+    const QString key = scenario.tree().path("key"_s);
+    QString error;
+    if (!Pellox::PatchSeal::generateKey(key, key + ".pub"_s, &error)) {
+        QVERIFY2(error.contains("libcrypto"_s), qPrintable(error));
+        QSKIP("built without libcrypto");
+    }
+    Pellox::PatchSeal sealer;
+    QVERIFY2(sealer.seal(scenario.patch(), scenario.oldSignatures(), Release, {key}),
+        qPrintable(sealer.error()));
+    const TrustedKey trusted(key + ".pub"_s);
+    const auto run = [&](Faults faults) {
+        faults.unsynced = true;
+        return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+            {"1"_s, "update"_s, scenario.build(), scenario.patch()}, faults);
+    };
+    Findings findings;
+    const int step = stepOf(7);
+    bool died = true;
+    int at = 1;
+    for (; died; at += step) {
+        scenario.lay();
+        const FaultRun killed = run({scenario.build(), Changes, at, "kill"});
+        died = killed.crashed;
+        m_points += died ? 1 : 0;
+        const QString where = "%1 (%2)"_s.arg(killed.calls.value(at - 1)).arg(at);
+        findings.add(where, scenario.brokenPromise());
+        const int recorded = installedRelease(scenario);
+        const bool isNew = !scenario.isOld() && scenario.brokenPromise().isEmpty();
+        if (recorded != 0 && (recorded != Release || !isNew))
+            findings.add(where, "release %1 is recorded"_s.arg(recorded));
+        const FaultRun again = run({});
+        const auto result = static_cast<Result>(again.status - FirstResult);
+        if (!isGood(result) || !again.output.isEmpty())
+            findings.add(
+                where, "ends with %1: "_s.arg(again.status) + QString::fromLocal8Bit(again.output));
+        if (installedRelease(scenario) != Release)
+            findings.add(where, "the release is not recorded"_s);
+        scenario.tree().remove("build/.pellox"_s);
+        findings.add(where, scenario.differenceToNew());
+        findings.add(where, scenario.touchedFile());
+    }
+    QVERIFY2(at > 40, "too few points");
+    QVERIFY2(findings.text().isEmpty(), qPrintable(findings.text()));
 }
 
 /// A rollback that was killed goes on from what is kept.
@@ -423,6 +537,58 @@ void tst_UpdateCrash::stagedWorkIsNotDoneAgain()
         again.calls, QStringList("create "_s + m_scenario->build() + "/.pellox/journal.new"_s));
     QCOMPARE(again.status, FirstResult + static_cast<int>(Result::Updated));
     QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// From now on, so that these are the last tests. Updates trust the key, in the program too. False
+/// without libcrypto.
+bool tst_UpdateCrash::makeSlim()
+{
+    if (m_scenario->trustedKey().isEmpty() && !m_scenario->makeSlim())
+        return false;
+    qputenv("UPDATECALL_KEY", QFile::encodeName(m_scenario->trustedKey()));
+    return true;
+}
+
+void tst_UpdateCrash::slimUpdateKilledAtAnyCall_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<bool>("byRecovery");
+    QTest::addColumn<int>("threads");
+    QTest::newRow("then update") << "update"_s << false << 1;
+    QTest::newRow("then recovery, which needs no source") << "update"_s << true << 1;
+    QTest::newRow("of two threads") << "update"_s << false << 2;
+    QTest::newRow("that keeps, then recovery and rollback") << "update-keeping"_s << true << 1;
+}
+
+/// What a file is made of is deleted by the same update.
+void tst_UpdateCrash::slimUpdateKilledAtAnyCall()
+{
+    QFETCH(QString, command);
+    QFETCH(bool, byRecovery);
+    QFETCH(int, threads);
+    if (!makeSlim())
+        QSKIP("built without libcrypto");
+    killAtAnyCall(command, byRecovery, threads);
+}
+
+void tst_UpdateCrash::anyCallOfASlimUpdateMayFail_data()
+{
+    QTest::addColumn<QByteArray>("calls");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<bool>("later");
+    QTest::newRow("EIO") << Changes + ",close" << EIO << false;
+    QTest::newRow("ENOSPC from then on") << QByteArray("create,write,mkdir,sync") << ENOSPC << true;
+    QTest::newRow("reading, EIO") << QByteArray("open,read,list") << EIO << false;
+}
+
+void tst_UpdateCrash::anyCallOfASlimUpdateMayFail()
+{
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    QFETCH(bool, later);
+    if (!makeSlim())
+        QSKIP("built without libcrypto");
+    failAtAnyCall("update"_s, calls, error, later);
 }
 
 QTEST_GUILESS_MAIN(tst_UpdateCrash)

@@ -80,6 +80,8 @@ private Q_SLOTS:
     void lostContentIsMadeAgain_data();
     void lostContentIsMadeAgain();
     void lostContentIsRepaired();
+    void playersFileAtAStagedNameStays_data();
+    void playersFileAtAStagedNameStays();
     void otherPatchTellsOfLostContent();
     void buildWithLostContentIsNoRelease();
     void lostContentDoesNotForgetWhatIsKept();
@@ -90,6 +92,7 @@ private Q_SLOTS:
     void keptFilesAreCheckedFirst();
     void keptFileThatIsSpoiledMeanwhileStays();
     void rollbackGoesOn();
+    void repairForgetsNothing_data();
     void repairForgetsNothing();
     void fileThatCameBackStays_data();
     void fileThatCameBackStays();
@@ -111,9 +114,13 @@ private:
     QString stagedPath(const QString &path) const;
     void changeJournal(const std::function<void(QJsonObject &)> &change) const;
     void verifyAllIsNewBut(const QString &path) const;
+    void noteStaying(const QString &staged);
+    void verifyStays(const QString &staged) const;
+    void removeStaying(const QString &staged) const;
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
+    std::optional<QByteArray> m_staying; ///< content of somebody else's file where one was staged
 };
 
 void tst_UpdateLeftovers::initTestCase()
@@ -208,6 +215,26 @@ void tst_UpdateLeftovers::verifyAllIsNewBut(const QString &path) const
     QVERIFY(!QFileInfo::exists(build("gone"_s)));
 }
 
+/// What is not as it was staged is somebody else's, unless it lies in the hidden folder.
+void tst_UpdateLeftovers::noteStaying(const QString &staged)
+{
+    const bool isElse = tree().exists(staged) && !staged.startsWith("build/.pellox/"_s);
+    m_staying = isElse ? std::optional(tree().read(staged)) : std::nullopt;
+}
+
+void tst_UpdateLeftovers::verifyStays(const QString &staged) const
+{
+    QCOMPARE(tree().exists(staged), m_staying.has_value());
+    if (m_staying && tree().exists(staged))
+        QCOMPARE(tree().read(staged), *m_staying);
+}
+
+void tst_UpdateLeftovers::removeStaying(const QString &staged) const
+{
+    if (tree().exists(staged))
+        tree().remove(staged);
+}
+
 void tst_UpdateLeftovers::lostContentIsTold_data()
 {
     QTest::addColumn<QString>("path");
@@ -234,6 +261,7 @@ void tst_UpdateLeftovers::lostContentIsTold()
     const QString staged = stagedPath(path);
     QVERIFY(tree().exists(staged));
     change(tree(), staged);
+    noteStaying(staged);
 
     const UpdateOutcome outcome = m_scenario->recover();
     QCOMPARE(outcome.result, Result::Failed);
@@ -241,12 +269,13 @@ void tst_UpdateLeftovers::lostContentIsTold()
     QCOMPARE(outcome.problems.first().code, Code::DamagedInstall);
     QCOMPARE(outcome.problems.first().file, build(path));
     verifyAllIsNewBut(path);
-    QVERIFY(!tree().exists(staged));
+    verifyStays(staged);
     QVERIFY(!m_scenario->hasJournal());
     QCOMPARE(m_scenario->touchedFile(), QString());
 
     QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
     QCOMPARE(m_scenario->update().result, Result::Updated);
+    removeStaying(staged);
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
@@ -261,10 +290,14 @@ void tst_UpdateLeftovers::lostContentIsMadeAgain()
     QFETCH(QString, path);
     QFETCH(Change, change);
     killBeforeItPlaces();
-    change(tree(), stagedPath(path));
+    const QString staged = stagedPath(path);
+    change(tree(), staged);
+    noteStaying(staged);
     const UpdateOutcome outcome = m_scenario->update();
     QCOMPARE(outcome.errors, QStringList());
     QCOMPARE(outcome.result, Result::Updated);
+    verifyStays(staged);
+    removeStaying(staged);
     QCOMPARE(m_scenario->differenceToNew(), QString());
     QCOMPARE(m_scenario->touchedFile(), QString());
 }
@@ -275,6 +308,44 @@ void tst_UpdateLeftovers::lostContentIsRepaired()
     tree().remove(stagedPath("data/changed"_s));
     repair();
     QVERIFY(!m_scenario->hasJournal());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateLeftovers::playersFileAtAStagedNameStays_data()
+{
+    QTest::addColumn<bool>("isFolder");
+    QTest::addColumn<QString>("next");
+    for (const char *next : {"recover", "update"}) {
+        QTest::addRow("file, %s", next) << false << QString::fromLatin1(next);
+        QTest::addRow("folder, %s", next) << true << QString::fromLatin1(next);
+    }
+}
+
+/// The first file has its place when the run is killed, and the game saves under the free name.
+void tst_UpdateLeftovers::playersFileAtAStagedNameStays()
+{
+    QFETCH(bool, isFolder);
+    QFETCH(QString, next);
+    const QString staged = "build/game.exe.temp"_s;
+    const QStringList calls = run("update"_s, {m_scenario->build(), "rename"}).calls;
+    const int placed = calls.indexOf("rename "_s + build("game.exe"_s));
+    QVERIFY(placed > 0 && placed + 1 < calls.size());
+    m_scenario->lay();
+    const Faults killed{m_scenario->build(), "rename", placed + 2, "kill", false, true};
+    QVERIFY(run("update"_s, killed).crashed);
+    QCOMPARE(tree().read("build/game.exe"_s), m_scenario->newFiles().value("game.exe"_s).content);
+    QVERIFY(!tree().exists(staged));
+    const QString mine = isFolder ? staged + "/mine"_s : staged;
+    tree().write(mine, "mine");
+
+    const UpdateOutcome outcome
+        = next == "recover"_s ? m_scenario->recover() : m_scenario->update();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QVERIFY(!m_scenario->hasJournal());
+    QVERIFY(tree().exists(mine));
+    QCOMPARE(tree().read(mine), QByteArray("mine"));
+    tree().remove(staged);
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
@@ -436,12 +507,25 @@ void tst_UpdateLeftovers::rollbackGoesOn()
     QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 
-/// What is kept is the build before, whatever happens to this one's files.
+void tst_UpdateLeftovers::repairForgetsNothing_data()
+{
+    QTest::addColumn<QByteArray>("record"); // of the release
+    QTest::newRow("none") << QByteArray();
+    QTest::newRow("one that is damaged") << QByteArray("torn");
+    QTest::newRow("of another build")
+        << R"({"build":")" + QByteArray(128, 'a') + R"(","release":8})";
+}
+
+/// What is kept is the build before, whatever happens to this one's files and record.
 void tst_UpdateLeftovers::repairForgetsNothing()
 {
+    QFETCH(QByteArray, record);
     QCOMPARE(m_scenario->update(true).result, Result::Updated);
     tree().write("build/game.exe"_s, "damaged");
+    if (!record.isEmpty())
+        tree().write("build/.pellox/release"_s, record);
     repair();
+    QVERIFY(!tree().exists("build/.pellox/release"_s));
     QCOMPARE(tree().read("build/game.exe"_s), m_scenario->newFiles().value("game.exe"_s).content);
     const UpdateOutcome outcome = m_scenario->rollback();
     QCOMPARE(outcome.errors, QStringList());

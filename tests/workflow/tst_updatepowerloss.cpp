@@ -5,7 +5,11 @@
 #include "testtree.h"
 #include "updaterestart.h"
 
+#include <Pellox/IntegrityController>
+
 #include <QFileInfo>
+#include <QMap>
+#include <QSignalSpy>
 #include <QtTest>
 
 #include <optional>
@@ -75,11 +79,15 @@ private Q_SLOTS:
     void modelKnowsWhatIsLost();
     void nothingIsLost_data();
     void nothingIsLost();
+    void nothingIsLostOfARepair();
     void withoutSyncingMuchIsLost();
 
 private:
     void prepare(const QString &command);
     DiskRecord record(const QString &command) const;
+    void damage();
+    QString brokenPromiseOfARepair(const QMap<QString, QByteArray> &damaged) const;
+    QString problemOfSecondRepair() const;
     QStringList problemsAt(
         const DiskRecord &record, int at, const QString &command, const std::vector<Loss> &losses);
 
@@ -126,6 +134,8 @@ DiskRecord tst_UpdatePowerLoss::record(const QString &command) const
     QStringList arguments{"1"_s, command, m_scenario->build()};
     if (command.startsWith("update"_s))
         arguments.append(m_scenario->patch());
+    if (command == "repair"_s)
+        arguments << m_scenario->signatures() << m_scenario->newBuild();
     return DiskRecord(m_scenario->build(), QStringLiteral(UPDATECALL_PROGRAM), arguments);
 }
 
@@ -186,6 +196,87 @@ void tst_UpdatePowerLoss::nothingIsLost()
     for (int at = 0; at <= record.size(); at += all ? 1 : 7)
         problems += problemsAt(
             record, at, restarted, losses(all ? 16 : 2, static_cast<unsigned>(at) * 16));
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
+}
+
+/// Files of the new build are changed and gone, and the record of the release is another's.
+void tst_UpdatePowerLoss::damage()
+{
+    m_scenario->layNew();
+    const TestTree &tree = m_scenario->tree();
+    tree.write("build/game.exe"_s, "damaged");
+    tree.write("build/data/filled"_s, QByteArray());
+    tree.remove("build/moved to here"_s);
+    tree.remove("build/added"_s); // a folder
+    tree.write("build/.pellox/release"_s, "torn");
+}
+
+/// Each file is as it was, @p damaged or not, or right; and where nothing is to be finished, all
+/// are one or the other.
+QString tst_UpdatePowerLoss::brokenPromiseOfARepair(const QMap<QString, QByteArray> &damaged) const
+{
+    int changed = 0;
+    int repaired = 0;
+    for (auto file = m_scenario->newFiles().cbegin(); file != m_scenario->newFiles().cend();
+         ++file) {
+        const QString path = "build/"_s + file.key();
+        const bool isThere = m_scenario->tree().exists(path);
+        const bool isRight = isThere && m_scenario->tree().read(path) == file->content;
+        const auto before = damaged.constFind(file.key());
+        const bool wasThere = before != damaged.cend();
+        const bool isAsBefore
+            = isThere ? wasThere && m_scenario->tree().read(path) == *before : !wasThere;
+        if (!isRight && !isAsBefore)
+            return file.key() + ": is neither as before nor right"_s;
+        changed += isAsBefore && !isRight ? 1 : 0;
+        repaired += isRight && !isAsBefore ? 1 : 0;
+    }
+    if (changed > 0 && repaired > 0 && !m_scenario->hasJournal())
+        return "nothing to finish, and repaired in part"_s;
+    return m_scenario->touchedFile();
+}
+
+QString tst_UpdatePowerLoss::problemOfSecondRepair() const
+{
+    Pellox::IntegrityController controller;
+    QStringList errors;
+    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    QObject::connect(&controller, &Pellox::IntegrityController::integrityError, &controller,
+        [&](const QString &error) { errors.append(error); });
+    if (!controller.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild())
+        || (finished.isEmpty() && !finished.wait(60000)))
+        return "does not end"_s;
+    if (!finished.at(0).at(0).toBool())
+        return errors.join("; "_s);
+    m_scenario->removeEmptyWorkFolder();
+    return m_scenario->differenceToNew();
+}
+
+void tst_UpdatePowerLoss::nothingIsLostOfARepair()
+{
+    const bool all = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
+    damage();
+    const auto damaged = TestTree::snapshot(m_scenario->build());
+    const DiskRecord record = this->record("repair"_s);
+    QCOMPARE(record.status(), 0);
+    QVERIFY2(record.size() > 15, "too few points");
+    QStringList problems;
+    for (int at = 0; at <= record.size(); at += all ? 1 : 5) {
+        for (const Loss &loss : losses(all ? 16 : 2, static_cast<unsigned>(at) * 16)) {
+            record.lay(at, loss.chance);
+            m_scenario->noteTraces();
+            ++m_powerCuts;
+            QString problem = brokenPromiseOfARepair(damaged);
+            if (problem.isEmpty() && m_scenario->hasJournal() && at % 2 == 0)
+                problem = m_scenario->recover().errors.join("; "_s);
+            if (problem.isEmpty())
+                problem = problemOfSecondRepair();
+            if (!problem.isEmpty())
+                problems.append(
+                    "%1 (%2), %3: "_s.arg(record.name(at)).arg(at).arg(QLatin1String(loss.name))
+                    + problem);
+        }
+    }
     QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
 }
 

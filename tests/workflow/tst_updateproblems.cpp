@@ -2,9 +2,12 @@
 #include "logcapture.h"
 #include "updatescenario.h"
 
+#include <Pellox/PatchSeal>
 #include <Pellox/UpdateProblem>
 
 #include <QDir>
+#include <QFileInfo>
+#include <QProcess>
 #include <QSet>
 #include <QtTest>
 
@@ -14,6 +17,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,6 +44,11 @@ QVector<int> s_errors;     ///< of the next calls
 bool s_foldersLock = true; ///< whether folders can be locked
 std::function<void()> s_beforeLock;
 
+std::optional<uid_t> s_user; ///< who runs this, as far as the library asks
+QByteArray s_fixedPath;      ///< what has the attribute
+quint64 s_attribute = 0;
+bool s_threadsAreUsedUp = false;
+
 bool isFolder(int handle)
 {
     struct stat status = {};
@@ -63,6 +72,31 @@ extern "C" __attribute__((visibility("default"))) int flock(int handle, int oper
     return -1;
 }
 
+extern "C" __attribute__((visibility("default"))) uid_t geteuid() noexcept
+{
+    static auto *const original = reinterpret_cast<uid_t (*)()>(::dlsym(RTLD_NEXT, "geteuid"));
+    return s_user.value_or(original());
+}
+
+extern "C" __attribute__((visibility("default"))) int statx(
+    int folder, const char *path, int flags, unsigned mask, struct statx *status) noexcept
+{
+    using Function = int (*)(int, const char *, int, unsigned, struct statx *);
+    static const auto original = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "statx"));
+    const int result = original(folder, path, flags, mask, status);
+    if (result == 0 && !s_fixedPath.isEmpty() && s_fixedPath == path)
+        status->stx_attributes |= s_attribute;
+    return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t *thread,
+    const pthread_attr_t *attributes, void *(*start)(void *), void *argument) noexcept
+{
+    using Function = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+    static const auto original = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "pthread_create"));
+    return s_threadsAreUsedUp ? EAGAIN : original(thread, attributes, start, argument);
+}
+
 /// What a host's program learns of a run besides its texts.
 class tst_UpdateProblems : public QObject
 {
@@ -82,6 +116,12 @@ private Q_SLOTS:
     void foldersThatLockNothing();
     void lockFileThatCannotBeLocked();
     void lockFileThatGoesMeanwhile();
+    void whoeverOnlyLooksKeepsNobodyOut();
+    void planMakesNoLockFile();
+    void filesThatCannotBeReplaced_data();
+    void filesThatCannotBeReplaced();
+    void immutableFileIsRefused();
+    void sealThatThereAreNoThreadsFor();
     void rollbackWithNothingKept();
     void namesAndAdviceAreThereForAll();
     void adviceLeadsOut_data();
@@ -256,6 +296,142 @@ void tst_UpdateProblems::lockFileThatGoesMeanwhile()
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
+/// A check and a plan at the same moment, and an update that comes to it.
+void tst_UpdateProblems::whoeverOnlyLooksKeepsNobodyOut()
+{
+    const int folder
+        = ::open(QFile::encodeName(m_scenario->build()).constData(), O_RDONLY | O_DIRECTORY);
+    QVERIFY(folder >= 0 && ::flock(folder, LOCK_SH | LOCK_NB) == 0);
+    const auto plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    ::close(folder);
+    QCOMPARE(plan.refusals.size(), 0);
+    QVERIFY(plan.filesToPatch > 0);
+
+    s_errors = {EWOULDBLOCK, EWOULDBLOCK};
+    const UpdateOutcome outcome = m_scenario->update();
+    s_errors.clear();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+}
+
+void tst_UpdateProblems::planMakesNoLockFile()
+{
+    s_foldersLock = false;
+    bool isMade = false;
+    s_beforeLock = [&] { isMade |= m_scenario->tree().exists("build/.pellox"_s); };
+    const auto plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    s_beforeLock = nullptr;
+    s_foldersLock = true;
+    QCOMPARE(plan.refusals.size(), 0);
+    QVERIFY(!isMade);
+}
+
+void tst_UpdateProblems::filesThatCannotBeReplaced_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<quint64>("attribute");
+    QTest::addColumn<bool>("sticky");
+    QTest::addColumn<int>("user"); // -1: who really runs this
+    QTest::addColumn<bool>("refused");
+    constexpr quint64 Immutable = STATX_ATTR_IMMUTABLE;
+    constexpr quint64 Append = STATX_ATTR_APPEND;
+    constexpr int Other = 12345;
+    const auto row = [](const char *name, const char *path, quint64 attribute, bool sticky,
+                         int user, bool refused) {
+        QTest::newRow(name) << QString::fromLatin1(path) << attribute << sticky << user << refused;
+    };
+    row("immutable", "data/changed", Immutable, false, -1, true);
+    row("immutable, to be deleted", "gone", Immutable, false, -1, true);
+    row("append only", "data/changed", Append, false, -1, true);
+    row("append only folder", "data", Append, false, -1, true);
+    row("append only build", "", Append, false, -1, true);
+    row("another attribute", "data/changed", STATX_ATTR_NODUMP, false, -1, false);
+    row("immutable, of no rule", "mods/mod.pak", Immutable, false, -1, false);
+    row("others' in a sticky folder", "data/changed", 0, true, Other, true);
+    row("others' in a sticky build", "game.exe", 0, true, Other, true);
+    row("others' to be deleted in a sticky folder", "saves/gone", 0, true, Other, true);
+    row("others' in a sticky folder, by root", "data/changed", 0, true, 0, false);
+    row("own in a sticky folder", "data/changed", 0, true, -1, false);
+    row("others' in a folder that is not sticky", "data/changed", 0, false, Other, false);
+}
+
+/// Else it would turn out when others are replaced already.
+void tst_UpdateProblems::filesThatCannotBeReplaced()
+{
+    QFETCH(QString, path);
+    QFETCH(quint64, attribute);
+    QFETCH(bool, sticky);
+    QFETCH(int, user);
+    QFETCH(bool, refused);
+    const QString file
+        = path.isEmpty() ? m_scenario->build() : m_scenario->tree().path("build/"_s + path);
+    const QByteArray folder = QFile::encodeName(QFileInfo(file).path());
+    constexpr mode_t Plain = 0755;
+    QCOMPARE(::chmod(folder.constData(), sticky ? Plain | S_ISVTX : Plain), 0);
+    s_fixedPath = QFile::encodeName(file);
+    s_attribute = attribute;
+    if (user >= 0)
+        s_user = static_cast<uid_t>(user);
+    const UpdateOutcome outcome = m_scenario->update();
+    s_attribute = 0;
+    s_user.reset();
+    ::chmod(folder.constData(), Plain);
+    QCOMPARE(outcome.result, refused ? Result::Refused : Result::Updated);
+    QVERIFY(refused || outcome.problems.isEmpty());
+    QStringList named;
+    for (const UpdateProblem &problem : outcome.problems) {
+        QVERIFY2(problem.code == Code::NotWritable, qPrintable(problem.message()));
+        named.append(problem.file);
+    }
+    QVERIFY2(!refused || named.contains(file), qPrintable(named.join(QLatin1Char(' '))));
+    QCOMPARE(refused ? m_scenario->differenceToOld() : m_scenario->differenceToNew(), QString());
+}
+
+/// A real one, where the file system and the user's rights allow it.
+void tst_UpdateProblems::immutableFileIsRefused()
+{
+    const QString file = m_scenario->build() + "/data/changed"_s;
+    QProcess chattr;
+    chattr.start("chattr"_s, {"+i"_s, file});
+    if (!chattr.waitForFinished() || chattr.exitCode() != 0)
+        QSKIP("no file can be made immutable here");
+    const UpdateOutcome outcome = m_scenario->update();
+    QCOMPARE(QProcess::execute("chattr"_s, {"-i"_s, file}), 0);
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().code == Code::NotWritable);
+    QCOMPARE(outcome.problems.first().file, file);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+/// That is no fault of the patch's.
+void tst_UpdateProblems::sealThatThereAreNoThreadsFor()
+{
+    const TestTree keys;
+    QString error;
+    if (!Pellox::PatchSeal::generateKey(keys.path("key"_s), keys.path("key.pub"_s), &error))
+        QSKIP("built without libcrypto");
+    Pellox::PatchSeal sealer;
+    QVERIFY2(sealer.seal(m_scenario->patch(), m_scenario->oldSignatures(), 1, {keys.path("key"_s)}),
+        qPrintable(sealer.error()));
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setTrustedKeys({keys.path("key.pub"_s)});
+        connect( // by then the run has its own
+            &updater, &UpdateController::phaseChanged, &updater, [] { s_threadsAreUsedUp = true; },
+            Qt::DirectConnection);
+        connect(
+            &updater, &UpdateController::problemFound, &updater, [] { s_threadsAreUsedUp = false; },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->patch());
+    });
+    s_threadsAreUsedUp = false;
+    m_scenario->tree().remove("patch/patchSeal.json"_s);
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().codeName(), "no-memory"_s);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
 void tst_UpdateProblems::rollbackWithNothingKept()
 {
     const UpdateOutcome outcome = m_scenario->rollback();
@@ -317,7 +493,7 @@ void tst_UpdateProblems::phasesInTheirOrder()
     const UpdateOutcome outcome = m_scenario->update(true);
     QCOMPARE(outcome.result, Result::Updated);
     QVERIFY(outcome.phases == QVector<Phase>({Phase::Checking, Phase::Staging, Phase::Committing}));
-    QVERIFY(m_scenario->rollback().phases == QVector<Phase>({Phase::Committing}));
+    QVERIFY(m_scenario->rollback().phases == QVector<Phase>({Phase::Checking, Phase::Committing}));
 }
 
 void tst_UpdateProblems::phasesOfARunThatDoesNothing()

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // One call of UpdateController or IntegrityController, for tests that need a process for it:
 //   updatecall THREADS update|update-keeping BUILD PATCH [FALLBACK]
-//   updatecall THREADS plan BUILD PATCH
+//   updatecall THREADS plan|plan-keeping BUILD PATCH
 //   updatecall THREADS recover|rollback|discard BUILD
 //   updatecall THREADS check BUILD SIGNATURES
 //   updatecall THREADS repair BUILD SIGNATURES SOURCE
@@ -44,9 +44,11 @@ bool startUpdate(UpdateController &updater, const QString &command, const QStrin
         && updater.update(paths.value(0), paths.value(1));
 }
 
-int plan(const QStringList &paths)
+int plan(const QString &command, const QStringList &paths)
 {
-    const auto plan = UpdateController().plan(paths.value(0), paths.value(1));
+    UpdateController planner;
+    planner.setKeepPrevious(command == QLatin1String("plan-keeping"));
+    const auto plan = planner.plan(paths.value(0), paths.value(1));
     for (const Pellox::UpdateProblem &refusal : plan.refusals)
         print(refusal.message());
     return plan.refusals.isEmpty() ? 0 : 1;
@@ -89,7 +91,7 @@ int main(int argc, char **argv)
     const QString command = arguments.value(2);
     if (command == QLatin1String("check") || command == QLatin1String("repair"))
         return checkOrRepair(threads, command, arguments.mid(3));
-    if (command == QLatin1String("plan"))
-        return plan(arguments.mid(3));
+    if (command.startsWith(QLatin1String("plan")))
+        return plan(command, arguments.mid(3));
     return update(threads, command, arguments.mid(3));
 }

@@ -19,6 +19,8 @@ QString problemOfEnd(const UpdateScenario &scenario, const QString &command,
             .arg(outcome.errors.join("; "_s));
     if (command == "update-keeping"_s && !isBack && !scenario.discardPrevious())
         return "cannot discard what was kept"_s;
+    if (!isBack && !scenario.trustedKey().isEmpty())
+        scenario.removeRecord();
     scenario.removeEmptyWorkFolder();
     if (foldersMayStay)
         scenario.removeEmptyFolders();

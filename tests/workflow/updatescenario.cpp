@@ -3,6 +3,7 @@
 
 #include "foldercompare.h"
 
+#include <Pellox/patchseal.h>
 #include <Pellox/publishcontroller.h>
 
 #include <QDir>
@@ -194,6 +195,30 @@ RandomBuild UpdateScenario::expectedNew() const
     return expected;
 }
 
+bool UpdateScenario::makeSlim()
+{
+    const QString key = m_tree.path("slim.key"_s);
+    QString error;
+    if (!Pellox::PatchSeal::generateKey(key, key + ".pub"_s, &error)) {
+        require(error.contains("libcrypto"_s), "make a key");
+        return false;
+    }
+    Pellox::PatchSeal sealer;
+    const QString slim = m_tree.path("slim"_s);
+    require(sealer.seal(fullPatch(), oldSignatures(), 1, {key})
+            && sealer.writeSlim(fullPatch(), slim) && !QFileInfo::exists(slim + "/moved to here"_s),
+        "write a slim patch");
+    m_slim = slim;
+    m_trustedKey = key + ".pub"_s;
+    return true;
+}
+
+void UpdateScenario::removeRecord() const
+{
+    QFile::remove(build() + "/.pellox/release"_s);
+    removeEmptyWorkFolder();
+}
+
 void UpdateScenario::lay()
 {
     lay(m_old);
@@ -292,6 +317,8 @@ UpdateOutcome UpdateScenario::update(bool keepsPrevious) const
     return outcomeOf([&](UpdateController &updater) {
         updater.setKeepPrevious(keepsPrevious);
         updater.setSynced(false);
+        if (!m_trustedKey.isEmpty())
+            updater.setTrustedKeys({m_trustedKey});
         return updater.update(build(), patch());
     });
 }

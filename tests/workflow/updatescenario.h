@@ -41,6 +41,14 @@ class UpdateScenario
 public:
     UpdateScenario();
 
+    /// From now on the patch is a slim one, and updates trust the key that it is sealed with. False
+    /// when the library is built without libcrypto.
+    bool makeSlim();
+    /// The public key's file; empty when the patch is no slim one.
+    QString trustedKey() const { return m_trustedKey; }
+    /// Of a sealed update: which release is installed.
+    void removeRecord() const;
+
     /// The installed build becomes the old one.
     void lay();
     /// The installed build becomes the new one.
@@ -49,7 +57,8 @@ public:
     void noteTraces();
 
     QString build() const { return m_tree.path(QStringLiteral("build")); }
-    QString patch() const { return m_tree.path(QStringLiteral("patch")); }
+    QString patch() const { return m_slim.isEmpty() ? fullPatch() : m_slim; }
+    QString fullPatch() const { return m_tree.path(QStringLiteral("patch")); }
     /// All files of the new build.
     QString newBuild() const { return m_tree.path(QStringLiteral("new")); }
     /// Of the new build.
@@ -95,6 +104,8 @@ private:
     bool isAll(const RandomBuild &files, const RandomBuild &others) const;
 
     TestTree m_tree;
+    QString m_slim; ///< may be empty
+    QString m_trustedKey;
     RandomBuild m_old;
     RandomBuild m_new;
     RandomBuild m_players;

@@ -27,6 +27,14 @@ constexpr char StoppedMeanwhile[]
     = "pellox: interrupted while files were put in place: run \"pellox recover\", or the same "
       "again, to finish it\n";
 constexpr char Cancelled[] = "pellox: interrupted: nothing was changed: run the same again\n";
+// After the rest of an earlier run was done.
+constexpr char StoppedAfterFinishing[]
+    = "pellox: interrupted: what an earlier run has begun is finished, and nothing else was "
+      "changed, "
+      "but for files that end in .temp; run the same again, which goes on with these\n";
+constexpr char CancelledAfterFinishing[]
+    = "pellox: interrupted: what an earlier run has begun is finished, nothing else was changed: "
+      "run the same again\n";
 
 struct PhaseWords
 {
@@ -196,6 +204,8 @@ bool BuildRun::isCommitting() const
 
 void BuildRun::enter(Phase phase)
 {
+    if (m_phase == Phase::Finishing)
+        m_stoppedBefore = StoppedAfterFinishing;
     m_phase = phase;
     m_advice.emplace(isCommitting() ? StoppedMeanwhile : m_stoppedBefore);
 }
@@ -349,6 +359,7 @@ Ending BuildRun::end(Result result, const QString &done, const QString &nothingT
     if (result == Result::Cancelled)
         return interrupted();
     tellProblems();
+    m_hasFinishedEarlier |= m_shownPhase == Phase::Finishing && result != Result::Interrupted;
     const int status = statusOf(result);
     if (status != Done && status != NothingToDo)
         return fail(status);
@@ -368,11 +379,8 @@ Ending BuildRun::fail(int status)
         m_console.note(m_explanation);
     for (const QString &advice : qAsConst(m_advices))
         m_console.note(advice);
-    QString message = lastWordsOf(status);
-    if (m_hasFinishedEarlier)
-        message.replace(QLatin1String("nothing was changed"),
-            QLatin1String("what an earlier run has begun is finished, nothing else was changed"));
-    else if (m_shownPhase == Phase::Finishing && status == DamagedInstall)
+    QString message = toldOfEarlier(lastWordsOf(status));
+    if (m_shownPhase == Phase::Finishing && status == DamagedInstall)
         message = QStringLiteral("what an interrupted run had begun is finished but for these "
                                  "files: run \"pellox repair\", or \"pellox update --fallback\"");
     m_console.note(message);
@@ -381,9 +389,19 @@ Ending BuildRun::fail(int status)
 
 Ending BuildRun::interrupted()
 {
-    m_advice.emplace(Cancelled);
+    m_advice.emplace(m_hasFinishedEarlier ? CancelledAfterFinishing : Cancelled);
     Interrupt::tell();
-    return {m_signalStatus, QStringLiteral("nothing was changed: run the same again")};
+    return {
+        m_signalStatus, toldOfEarlier(QStringLiteral("nothing was changed: run the same again"))};
+}
+
+/// @p message, as it is to be after the rest of an earlier run was done.
+QString BuildRun::toldOfEarlier(QString message) const
+{
+    if (m_hasFinishedEarlier)
+        message.replace(QLatin1String("nothing was changed"),
+            QLatin1String("what an earlier run has begun is finished, nothing else was changed"));
+    return message;
 }
 
 QString withoutSeparator(const QString &relativePath)

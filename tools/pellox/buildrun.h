@@ -76,6 +76,7 @@ private:
     void tell(const Pellox::UpdateProblem &problem);
 
     QString lastWordsOf(int status) const;
+    QString toldOfEarlier(QString message) const;
     Ending fail(int status);
     Ending interrupted();
     int statusOf(Result result) const;

@@ -69,6 +69,7 @@ void addCheckCommand(CLI::App &app, Invocation &invocation)
         + exitStatusHelp({Unchanged, RefusedPatch})
         + "\nExample:\n  pellox check installed/game signatures/1.1");
     command->callback([arguments, &invocation] {
+        invocation.failure = Unchanged; // as Failed says that something is not intact
         invocation.run = [arguments](Console &console) { return check(console, *arguments); };
     });
 }

@@ -19,6 +19,8 @@ struct Invocation
     /// Returns true when the work is done; false after Console::error(); or more about its end.
     /// May throw Refusal and Interrupt::Stopped.
     std::function<Ending(Console &)> run;
+    /// Status when memory is lacking, or standard output for what is told there.
+    ExitStatus failure = Failed;
 };
 
 void addSignCommand(CLI::App &app, Invocation &invocation);
@@ -35,6 +37,7 @@ void addRollbackCommand(CLI::App &app, Invocation &invocation);
 void addDiscardCommand(CLI::App &app, Invocation &invocation);
 void addCheckCommand(CLI::App &app, Invocation &invocation);
 void addRepairCommand(CLI::App &app, Invocation &invocation);
+void addRecordCommand(CLI::App &app, Invocation &invocation);
 void addPackCommand(CLI::App &app, Invocation &invocation);
 void addUnpackCommand(CLI::App &app, Invocation &invocation);
 void addCopyCommand(CLI::App &app, Invocation &invocation);

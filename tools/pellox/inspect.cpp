@@ -32,6 +32,7 @@ namespace {
 struct Arguments
 {
     std::string patch;
+    std::optional<std::string> oldSignatures;
     std::optional<std::string> report;
     bool force = false;
     int top = 10;
@@ -56,6 +57,18 @@ QString checkedReport(const Arguments &arguments, const QString &patch)
     requireOutside(report, patch); // or it would be shipped
     requireWritable(info.path());
     return report;
+}
+
+/// The folder with the old build's signatures, empty where none is given.
+QString checkedSignatures(const Arguments &arguments, const QString &report)
+{
+    if (!arguments.oldSignatures)
+        return {};
+    QString folder = existingFolder(*arguments.oldSignatures);
+    requireManifest(folder, Pellox::SIGNATURES_FILE);
+    if (!report.isEmpty())
+        requireOutside(report, folder);
+    return folder;
 }
 
 /// A name may hold what a terminal takes for a command.
@@ -145,6 +158,41 @@ void printDeltas(Console &console, const QVector<InspectedFile> &files, int top)
     table.print(console);
 }
 
+/// How much of a file the old build has.
+QString oldShareOf(const InspectedFile &file)
+{
+    if (file.isMoved)
+        return QStringLiteral("all");
+    const double share
+        = 100 * static_cast<double>(file.oldBytes) / static_cast<double>(file.newSize);
+    return file.isOldEstimated ? QStringLiteral("about %1 %").arg(share, 0, 'f', 0)
+                               : percentage(file.oldBytes, file.newSize);
+}
+
+/// New files of which the old build has at least half, under whatever name.
+void printMoved(Console &console, const QVector<InspectedFile> &files, int top)
+{
+    const QVector<InspectedFile> moved = movedFiles(files);
+    if (moved.isEmpty() || top == 0)
+        return;
+    Table table({QStringLiteral("in the patch"), QStringLiteral("known"),
+        QStringLiteral("new files that the old build has under other names")});
+    for (const InspectedFile &file : moved.mid(0, top)) {
+        table.add({file.isLeftOut ? QStringLiteral("left out") : byteCount(file.patchBytes),
+            oldShareOf(file),
+            QStringLiteral("%1, %2 %3")
+                .arg(printable(shownPath(file.relativePath)),
+                    file.isMoved ? QStringLiteral("as") : QStringLiteral("most of it in"),
+                    printable(shownPath(file.oldPath)))});
+    }
+    console.result(QString());
+    table.print(console);
+    if (moved.size() > top)
+        console.result(QStringLiteral("  and %1 more (%2)")
+                           .arg(QString::number(moved.size() - top),
+                               byteCount(sumsOf(moved.mid(top)).patchBytes)));
+}
+
 void printFolders(Console &console, const QVector<InspectedFile> &files, int top)
 {
     const QVector<FolderSums> folders = heaviestFolders(files).mid(0, top);
@@ -179,6 +227,13 @@ void recordFile(Console &console, const InspectedFile &file)
         members.insert(QStringLiteral("copied_bytes"), file.copiedBytes);
         members.insert(QStringLiteral("literal_bytes"), file.literalBytes);
         members.insert(QStringLiteral("commands"), file.commands);
+    }
+    if (!file.oldPath.isEmpty()) {
+        members.insert(QStringLiteral("old_file"), shownPath(file.oldPath));
+        members.insert(QStringLiteral("old_bytes"), file.oldBytes);
+        members.insert(QStringLiteral("moved"), file.isMoved);
+        members.insert(QStringLiteral("estimated"), file.isOldEstimated);
+        members.insert(QStringLiteral("left_out"), file.isLeftOut);
     }
     console.event(QStringLiteral("file"), members);
 }
@@ -290,15 +345,20 @@ bool checkSeal(
     console.event(QStringLiteral("seal"),
         {{QStringLiteral("release"), seal.release()}, {QStringLiteral("keys"), seal.keys()},
             {QStringLiteral("files"), seal.files()},
+            {QStringLiteral("left_out"), seal.leftOutFiles()},
             {QStringLiteral("intact"), differences.isEmpty()},
             {QStringLiteral("signed_by"),
                 QJsonArray::fromStringList(signers.value_or(QStringList()))}});
+    const QString slimNote = seal.leftOutFiles() == 0
+        ? QString()
+        : QStringLiteral(" but %1 left out, which players have: a slim patch")
+              .arg(fileCount(seal.leftOutFiles()));
     console.result(QString());
     console.result(QStringLiteral("Sealed release %1, %2, with %3: %4")
                        .arg(QString::number(seal.release()), fileCount(seal.files()),
                            counted(seal.keys(), "key"),
                            differences.isEmpty()
-                               ? QStringLiteral("all is as it was sealed")
+                               ? QStringLiteral("all is as it was sealed") + slimNote
                                : fileCount(differences.size()) + QLatin1String(" not as sealed")));
     for (const QString &signer : signers.value_or(QStringList()))
         console.result(QLatin1String("Signed with the private key of ") + printable(signer));
@@ -323,12 +383,14 @@ bool inspect(Console &console, const Arguments &arguments)
 {
     const QString patch = existingFolder(arguments.patch);
     const QString report = checkedReport(arguments, patch);
+    const QString oldSignatures = checkedSignatures(arguments, report);
     const int rules = readManifest(patch, Pellox::PATCH_RULES_FILE).size();
 
     const QStringList keys = existingPublicKeys(arguments.trustedKeys);
     const auto seal = SealView::read(patch);
 
     Pellox::PatchInspector inspector;
+    inspector.setOldSignatures(oldSignatures);
     QObject::connect(&inspector, &Pellox::PatchInspector::inspectError,
         [&](const QString &message, const QString &path) { console.error(path, message); });
     bool isUnderWay = false;
@@ -349,6 +411,7 @@ bool inspect(Console &console, const Arguments &arguments)
     record(console, files);
     printRules(console, files, patch);
     printDeltas(console, files, arguments.top);
+    printMoved(console, files, arguments.top);
     printFolders(console, files, arguments.top);
     const bool isSound = checkTrust(console, patch, files, seal, keys);
     const bool isReported = report.isEmpty()
@@ -366,6 +429,11 @@ void addInspectCommand(CLI::App &app, Invocation &invocation)
     command->add_option("PATCH", arguments->patch, "The folder of the patch, which is only read")
         ->type_name("FOLDER")
         ->required();
+    command
+        ->add_option("--old-signatures", arguments->oldSignatures,
+            "The signatures of the build that the patch leads on from: tells which new files, or "
+            "at least half of which, that build has under other names")
+        ->type_name("FOLDER");
     CLI::Option *report
         = command
               ->add_option("--html", arguments->report,
@@ -374,8 +442,8 @@ void addInspectCommand(CLI::App &app, Invocation &invocation)
     command->add_flag("--force", arguments->force, "Let the report replace any file")
         ->needs(report);
     command
-        ->add_option(
-            "--top", arguments->top, "How many deltas and folders to list, 10 if not given")
+        ->add_option("--top", arguments->top,
+            "How many deltas, folders and new files to list, 10 if not given")
         ->type_name("N")
         ->check(CLI::Range(0, 1000000));
     addKeysOption(*command, "--trusted-key", arguments->trustedKeys,

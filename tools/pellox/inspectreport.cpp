@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "inspectreport.h"
 
+#include "patchsums.h"
+
 #include <Pellox/rules.h>
 
 #include <QCryptographicHash>
@@ -32,8 +34,15 @@ QByteArray reportData(const QString &name, const QVector<InspectedFile> &files)
 {
     QJsonArray rows;
     for (const InspectedFile &file : files) {
-        rows.append(QJsonArray{ruleNumber(file.rule), file.relativePath, file.newSize,
-            file.patchBytes, file.copiedBytes, file.literalBytes, file.commands});
+        QJsonArray row{ruleNumber(file.rule), file.relativePath, file.newSize, file.patchBytes,
+            file.copiedBytes, file.literalBytes, file.commands};
+        if (isMoved(file)) {
+            const int kind = file.isMoved ? 0 : file.isOldEstimated ? 2 : 1;
+            row.append(shownPath(file.oldPath));
+            row.append(file.oldBytes);
+            row.append(kind);
+        }
+        rows.append(row);
     }
     const QJsonObject data{{QStringLiteral("name"), name},
         {QStringLiteral("date"), QDate::currentDate().toString(Qt::ISODate)},

@@ -64,7 +64,7 @@ int run(const Invocation &invocation)
         console.stopProgress();
         tellEnding(console, ending);
         const bool isGood = ending.status == Done || ending.status == NothingToDo;
-        return isGood && console.outputLost() ? Failed : ending.status;
+        return isGood && console.outputLost() ? invocation.failure : ending.status;
     } catch (const Refusal &refusal) {
         console.error(refusal.path(), refusal.path() + QLatin1String(": ") + refusal.reason(),
             {{QStringLiteral("code"), QStringLiteral("refused")}});
@@ -73,7 +73,7 @@ int run(const Invocation &invocation)
     } catch (const std::exception &problem) { // out of memory, say
         console.error(QString(), QString::fromLocal8Bit(problem.what()));
         console.outcome(QStringLiteral("failed"));
-        return Failed;
+        return invocation.failure;
     } catch (const Interrupt::Stopped &stopped) {
         console.stopProgress();
         console.outcome(QStringLiteral("interrupted"));
@@ -118,6 +118,7 @@ int parseAndRun(int argc, char **argv)
     addDiscardCommand(app, invocation);
     addCheckCommand(app, invocation);
     addRepairCommand(app, invocation);
+    addRecordCommand(app, invocation);
     addApplyCommand(app, invocation);
     addVerifyCommand(app, invocation);
     addPackCommand(app, invocation);

@@ -85,6 +85,22 @@ QVector<FolderSums> heaviestFolders(const QVector<InspectedFile> &files)
     return folders;
 }
 
+bool isMoved(const InspectedFile &file)
+{
+    return !file.oldPath.isEmpty() && file.oldBytes >= file.newSize - file.oldBytes;
+}
+
+QVector<InspectedFile> movedFiles(const QVector<InspectedFile> &files)
+{
+    QVector<InspectedFile> moved;
+    std::copy_if(files.cbegin(), files.cend(), std::back_inserter(moved), isMoved);
+    std::sort(moved.begin(), moved.end(), [](const InspectedFile &one, const InspectedFile &other) {
+        return one.patchBytes != other.patchBytes ? one.patchBytes > other.patchBytes
+                                                  : one.relativePath < other.relativePath;
+    });
+    return moved;
+}
+
 QVector<InspectedFile> largestDeltas(const QVector<InspectedFile> &files)
 {
     QVector<InspectedFile> deltas;

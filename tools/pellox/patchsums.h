@@ -36,5 +36,12 @@ QVector<FolderSums> sumsOfFolders(const QVector<Pellox::InspectedFile> &files);
 /// The same without folders of no weight, and without those that hold nothing but one folder.
 QVector<FolderSums> heaviestFolders(const QVector<Pellox::InspectedFile> &files);
 
+/// Whether @p file is a new one of which the old build has at least half under other names, as far
+/// as that is known.
+bool isMoved(const Pellox::InspectedFile &file);
+
+/// The new files of which isMoved() says so: those that cost most first.
+QVector<Pellox::InspectedFile> movedFiles(const QVector<Pellox::InspectedFile> &files);
+
 /// The files with a delta, the largest delta first.
 QVector<Pellox::InspectedFile> largestDeltas(const QVector<Pellox::InspectedFile> &files);

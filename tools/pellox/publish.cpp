@@ -5,6 +5,7 @@
 #include "engine.h"
 #include "folders.h"
 #include "manifests.h"
+#include "movedfiles.h"
 #include "newbuild.h"
 #include "packcheck.h"
 #include "packing.h"
@@ -258,7 +259,7 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
         return false;
     console.result(patchSummary(*rules, job.patch));
     console.result(signedSummary(newBuild.fileCount, newBuild.size, job.signatures));
-    return true;
+    return tellMovedFiles(console, *rules, job.patch, job.oldSignatures, job.signatures);
 }
 
 bool packPatch(Console &console, Packing &packing)

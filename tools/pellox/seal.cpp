@@ -12,7 +12,9 @@
 
 #include <QJsonObject>
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -25,6 +27,7 @@ struct Arguments
     std::string oldSignatures;
     qint64 release = 0;
     std::vector<std::string> keys;
+    std::optional<std::string> slim;
     int threads = 0;
 };
 
@@ -36,7 +39,20 @@ struct Job
     QStringList keys;
     QStringList files; ///< of the patch
     qint64 size = 0;   ///< theirs
+    QString slim;      ///< the folder of the slim patch; empty where none is wanted
 };
+
+void checkSlim(const Arguments &arguments, Job &job)
+{
+    if (!arguments.slim)
+        return;
+    job.slim = folderToFill(*arguments.slim);
+    requireApart(job.slim, job.patch);
+    requireApart(job.slim, job.oldSignatures);
+    for (const QString &key : qAsConst(job.keys))
+        requireOutside(key, job.slim);
+    requireReplaceable(job.slim, Pellox::PATCH_RULES_FILE);
+}
 
 Job checkedJob(const Arguments &arguments)
 {
@@ -51,10 +67,60 @@ Job checkedJob(const Arguments &arguments)
     readManifest(job.oldSignatures, Pellox::SIGNATURES_FILE);
     requirePrivateKeys(job.keys);
     requireWritable(job.patch);
+    checkSlim(arguments, job);
     job.files = filesOfBuild(job.patch);
     job.files.removeAll(pathIn(job.patch, SealFile));
     job.size = totalSize(job.files);
     return job;
+}
+
+/// Shows @p call, of work on @p size bytes, as @p stage. False after Console::error().
+bool run(Console &console, Pellox::PatchSeal &sealer, const char *stage, qint64 size,
+    const std::function<bool(const PROGRESS_CALLBACK &)> &call)
+{
+    bool isUnderWay = false;
+    const auto progress = [&](double percent) {
+        if (Interrupt::isStopped())
+            sealer.cancel();
+        // Not before, so that what is refused earlier shows none.
+        if (!isUnderWay)
+            console.startProgress(QString::fromLatin1(stage), Progress::Unit::EstimatedBytes, size);
+        isUnderWay = true;
+        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(size)));
+    };
+    const bool isDone = call(progress);
+    console.stopProgress();
+    if (!isDone && sealer.wasCancelled())
+        throw Interrupt::Stopped();
+    if (!isDone)
+        console.error(culpritOf(sealer.error()), sealer.error());
+    return isDone;
+}
+
+/// Once it is sealed.
+bool writeSlim(Console &console, Pellox::PatchSeal &sealer, const Job &job)
+{
+    const auto seal = SealView::read(job.patch);
+    if (!seal) // somebody has taken it away
+        throw Refusal(pathIn(job.patch, SealFile), QStringLiteral("is missing"));
+    const qint64 saved = seal->movedSize();
+    const qint64 size = seal->size() - saved;
+    const bool isWritten
+        = run(console, sealer, "slim", size, [&](const PROGRESS_CALLBACK &progress) {
+              return sealer.writeSlim(job.patch, job.slim, progress);
+          });
+    if (!isWritten)
+        return false;
+    console.event(QStringLiteral("slim"),
+        {{QStringLiteral("folder"), job.slim},
+            {QStringLiteral("files"), seal->files() - seal->movedFiles()},
+            {QStringLiteral("bytes"), size}, {QStringLiteral("left_out"), seal->movedFiles()},
+            {QStringLiteral("saved_bytes"), saved}});
+    console.result(QStringLiteral("Slim patch, %1 (%2), %3 left out that players have, which saves "
+                                  "%4: %5")
+                       .arg(fileCount(seal->files() - seal->movedFiles()), byteCount(size),
+                           fileCount(seal->movedFiles()), byteCount(saved), job.slim));
+    return true;
 }
 
 bool seal(Console &console, const Arguments &arguments)
@@ -64,25 +130,12 @@ bool seal(Console &console, const Arguments &arguments)
     sealer.setThreadCount(arguments.threads);
     // Sealing blocks the event loop, in which the watch would call: its progress asks instead.
     const Interrupt::Watch watch([] {});
-    bool isUnderWay = false;
-    const auto progress = [&](double percent) {
-        if (Interrupt::isStopped())
-            sealer.cancel();
-        // Not before, so that what is refused earlier shows none.
-        if (!isUnderWay)
-            console.startProgress(QStringLiteral("seal"), Progress::Unit::EstimatedBytes, job.size);
-        isUnderWay = true;
-        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(job.size)));
-    };
-    const bool isSealed
-        = sealer.seal(job.patch, job.oldSignatures, arguments.release, job.keys, progress);
-    console.stopProgress();
-    if (!isSealed && sealer.wasCancelled())
-        throw Interrupt::Stopped();
-    if (!isSealed) {
-        console.error(culpritOf(sealer.error()), sealer.error());
+    const bool isSealed = run(
+        console, sealer, "seal", job.size, [&](const PROGRESS_CALLBACK &progress) {
+            return sealer.seal(job.patch, job.oldSignatures, arguments.release, job.keys, progress);
+        });
+    if (!isSealed)
         return false;
-    }
     console.event(QStringLiteral("seal"),
         {{QStringLiteral("file"), pathIn(job.patch, SealFile)},
             {QStringLiteral("release"), arguments.release},
@@ -91,7 +144,7 @@ bool seal(Console &console, const Arguments &arguments)
     console.result(QStringLiteral("Sealed release %1, %2 (%3), with %4: %5")
                        .arg(QString::number(arguments.release), fileCount(job.files.size()),
                            byteCount(job.size), counted(job.keys.size(), "key"), job.patch));
-    return true;
+    return job.slim.isEmpty() || writeSlim(console, sealer, job);
 }
 
 void addOptions(CLI::App &command, Arguments &arguments)
@@ -113,6 +166,11 @@ void addOptions(CLI::App &command, Arguments &arguments)
         "A private key, of \"pellox keygen\" or \"openssl genpkey -algorithm ed25519\"; players "
         "need to trust one of those given")
         ->required();
+    command
+        .add_option("--slim", arguments.slim,
+            "Also write the patch without the new files that players have under other names into "
+            "this folder, for clients that trust a key; all others need PATCH itself")
+        ->type_name("FOLDER");
     addThreadsOption(command, arguments.threads);
 }
 

@@ -4,6 +4,7 @@
 #include "folders.h"
 #include "listing.h"
 
+#include <Pellox/rules.h>
 #include <Pellox/SignaturesController>
 
 #include <QFile>
@@ -24,6 +25,11 @@ QJsonObject objectIn(const QByteArray &json)
     return QJsonDocument::fromJson(json).object();
 }
 
+QString textIn(const QJsonObject &object, const char *name)
+{
+    return object.value(QLatin1String(name)).toString();
+}
+
 qint64 numberIn(const QJsonObject &object, const char *name)
 {
     return static_cast<qint64>(object.value(QLatin1String(name)).toDouble());
@@ -40,8 +46,8 @@ std::optional<SealView> SealView::read(const QString &patch)
     if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
         throw Refusal(path, QStringLiteral("cannot be read"));
     const QJsonObject seal = objectIn(file.readAll());
-    const QJsonObject text = objectIn(seal.value(QLatin1String("sealed")).toString().toUtf8());
-    if (text.value(QLatin1String("format")).toString() != QLatin1String("pellox-patch-seal")
+    const QJsonObject text = objectIn(textIn(seal, "sealed").toUtf8());
+    if (textIn(text, "format") != QLatin1String("pellox-patch-seal")
         || numberIn(text, "version") != 1)
         throw Refusal(path, QStringLiteral("is damaged, or no seal that this program knows"));
 
@@ -51,11 +57,21 @@ std::optional<SealView> SealView::read(const QString &patch)
     view.m_keys = seal.value(QLatin1String("signatures")).toArray().size();
     for (const QJsonValue &value : text.value(QLatin1String("files")).toArray()) {
         const QJsonObject sealed = value.toObject();
-        view.m_files.emplace(sealed.value(QLatin1String("path")).toString(),
-            File{numberIn(sealed, "size"),
-                sealed.value(QLatin1String("sha512")).toString().toLatin1()});
+        view.m_files.emplace(textIn(sealed, "path"), fileIn(sealed));
     }
+    for (const QJsonValue &value : text.value(QLatin1String("rules")).toArray()) {
+        const QJsonObject rule = value.toObject();
+        const QString sealedPath = textIn(rule, "path");
+        if (!textIn(rule, "source").isEmpty() && view.m_files.count(sealedPath) != 0)
+            view.m_moved.insert(sealedPath);
+    }
+    view.m_moved.erase(QLatin1Char('/') + Pellox::PATCH_RULES_FILE);
     return view;
+}
+
+SealView::File SealView::fileIn(const QJsonObject &object)
+{
+    return {numberIn(object, "size"), textIn(object, "sha512").toLatin1()};
 }
 
 qint64 SealView::size() const
@@ -67,15 +83,40 @@ qint64 SealView::size() const
 QStringList SealView::paths() const
 {
     QStringList paths;
-    for (const auto &file : m_files)
-        paths.append(file.first);
+    for (const auto &file : m_files) {
+        if (!isLeftOut(file.first))
+            paths.append(file.first);
+    }
     return paths;
 }
 
-QString SealView::reasonOf(const QString &path, const File &file) const
+qint64 SealView::sizeOf(const QString &path) const
 {
-    const QFileInfo info(path);
-    if (!info.exists())
+    const auto file = m_files.find(path);
+    return file == m_files.cend() ? 0 : file->second.size;
+}
+
+qint64 SealView::movedSize() const
+{
+    return std::accumulate(m_moved.cbegin(), m_moved.cend(), qint64(0),
+        [this](qint64 sum, const QString &path) { return sum + sizeOf(path); });
+}
+
+int SealView::leftOutFiles() const
+{
+    return static_cast<int>(std::count_if(
+        m_moved.cbegin(), m_moved.cend(), [this](const QString &path) { return isLeftOut(path); }));
+}
+
+bool SealView::isLeftOut(const QString &relativePath) const
+{
+    return m_moved.count(relativePath) != 0 && !isThere(m_patch + relativePath);
+}
+
+QString SealView::reasonOf(const QString &relativePath, const File &file) const
+{
+    const QFileInfo info(m_patch + relativePath);
+    if (!info.exists() && !info.isSymLink())
         return QStringLiteral("is missing, and the patch's seal lists it");
     if (!info.isFile() || info.isSymLink())
         return QStringLiteral("is no regular file");
@@ -87,10 +128,9 @@ SealView::Differences SealView::differences() const
 {
     Differences differences;
     for (const auto &[relativePath, file] : m_files) {
-        const QString path = m_patch + relativePath;
-        const QString reason = reasonOf(path, file);
+        const QString reason = isLeftOut(relativePath) ? QString() : reasonOf(relativePath, file);
         if (!reason.isEmpty())
-            differences.append({path, reason});
+            differences.append({m_patch + relativePath, reason});
     }
     std::error_code ignored;
     visitEntries(m_patch, Hidden::LeftOut,
@@ -113,7 +153,7 @@ SealView::Differences SealView::allDifferences(
     qint64 done = 0;
     for (const auto &[relativePath, file] : m_files) {
         const QString path = m_patch + relativePath;
-        if (reasonOf(path, file).isEmpty()
+        if (reasonOf(relativePath, file).isEmpty()
             && Pellox::SignaturesController::calculateCheckSum(path, QCryptographicHash::Sha512)
                     .toHex()
                 != file.sha512)

@@ -7,8 +7,10 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 
 class Console;
+class QJsonObject;
 
 /// The name of a patch's seal, directly in its folder.
 extern const QString SealFile;
@@ -29,7 +31,16 @@ public:
     /// How many files the patch has besides its seal.
     int files() const { return static_cast<int>(m_files.size()); }
     qint64 size() const; ///< theirs, in bytes
-    /// Their paths relative to the patch, in ascending order.
+    /// The size of file @p path, relative and with a separator in front; 0 where there is none.
+    qint64 sizeOf(const QString &path) const;
+
+    /// How many files a slim patch may lack, as players have them under other names.
+    int movedFiles() const { return static_cast<int>(m_moved.size()); }
+    qint64 movedSize() const; ///< theirs, in bytes
+    /// How many of them the patch does lack.
+    int leftOutFiles() const;
+
+    /// The paths of the files that are there, relative to the patch, in ascending order.
     QStringList paths() const;
 
     struct Difference
@@ -40,7 +51,8 @@ public:
     using Differences = QVector<Difference>;
 
     /// What tells the files of @p patch from those that were sealed without reading them, by path:
-    /// names and sizes. Hidden files that the seal does not name do not count.
+    /// names and sizes. Hidden files that the seal does not name do not count, and neither does
+    /// what a slim patch lacks.
     Differences differences() const;
     /// The same, and which of the others have another content. @p progress gets the bytes read.
     Differences allDifferences(const std::function<void(qint64 done)> &progress) const;
@@ -52,10 +64,13 @@ private:
         QByteArray sha512; ///< in hexadecimal digits
     };
 
-    QString reasonOf(const QString &path, const File &file) const;
+    static File fileIn(const QJsonObject &object);
+    bool isLeftOut(const QString &relativePath) const;
+    QString reasonOf(const QString &relativePath, const File &file) const;
 
     QString m_patch;
     qint64 m_release = 0;
     int m_keys = 0;
     std::map<QString, File> m_files; ///< by relative path, with a separator in front
+    std::set<QString> m_moved;       ///< of these
 };

@@ -5,6 +5,7 @@
 #include "folders.h"
 #include "keyfiles.h"
 #include "manifests.h"
+#include "sealview.h"
 #include "summaries.h"
 
 #include <Pellox/rules.h>
@@ -109,9 +110,13 @@ std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch)
     std::vector<PlannedFile> files;
     for (const QString &path : plan.patches)
         files.push_back({withoutSeparator(path), Pellox::PATCH_RULE, sizes.value(path)});
-    for (const QString &path : plan.copies)
-        files.push_back(
-            {withoutSeparator(path), Pellox::COPY_RULE, QFileInfo(patch + path).size()});
+    const auto seal = SealView::read(patch);
+    for (const QString &path : plan.copies) {
+        const QFileInfo payload(patch + path);
+        const bool isLeftOut = seal && !payload.exists(); // of a slim patch
+        files.push_back({withoutSeparator(path), Pellox::COPY_RULE,
+            isLeftOut ? seal->sizeOf(path) : payload.size()});
+    }
     for (const QString &path : plan.deletions)
         files.push_back({withoutSeparator(path), Pellox::DELETE_RULE, -1});
     std::sort(files.begin(), files.end(),

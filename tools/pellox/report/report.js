@@ -70,7 +70,7 @@
   }
 
   const root = newFolder(data.name, null);
-  const files = data.files.map(([rule, path, size, inPatch, copied, literal, commands]) => {
+  const files = data.files.map(([rule, path, size, inPatch, copied, literal, commands, oldPath, known, kind]) => {
     const parts = path.split('/').slice(1);
     const name = parts.pop();
     let parent = root;
@@ -80,7 +80,7 @@
       parent = parent.folders.get(part);
     }
     const file = { name, parent, path, rule: RULES[rule], size, bytes: inPatch, copied, literal, commands,
-      count: 1, whole: RULES[rule] === 'copy' ? inPatch : 0, share: size ? literal / size : 0 };
+      oldPath, known: known || 0, isMoved: kind === 0, isEstimated: kind === 2, count: 1, whole: RULES[rule] === 'copy' ? inPatch : 0, share: size ? literal / size : 0 };
     if (inPatch > 0)
       parent.items.push(file);
     for (let folder = parent; folder && file.rule !== 'delete'; folder = folder.parent)
@@ -162,7 +162,7 @@
     byId('places').hidden = root.bytes === 0;
     byId('files').hidden = files.length === 0;
     for (const [kind, text, much] of [
-      ['old', 'taken from the old files', sum(patched, 'copied')],
+      ['old', 'taken from the old files', sum(files, 'copied')],
       ['literal', 'new bytes in deltas', sum(patched, 'literal')],
       ['whole', 'new files', sum(copied, 'literal')]]) {
       if (much === 0)
@@ -508,6 +508,9 @@
     { title: 'Share new', key: file => file.share },
     { title: 'Commands', key: file => file.commands },
   ];
+  const hasMoved = files.some(file => file.oldPath !== undefined);
+  if (hasMoved)
+    COLUMNS.push({ title: 'In the old build', key: file => file.known });
   const shownRules = new Set(RULES);
   let sortedBy = COLUMNS[2];
   let ascending = false;
@@ -526,6 +529,15 @@
     });
   }
 
+  /** Where the old build has a new file, or most of it. */
+  function oldPlaceOf(file) {
+    if (file.oldPath === undefined)
+      return [];
+    const share = file.isMoved ? 'all, as '
+      : `${file.isEstimated ? `about ${(100 * file.known / file.size).toFixed(0)} %` : percent(file.known, file.size)}, most of it in `;
+    return [share, make('bdi', {}, file.oldPath)];
+  }
+
   function rowOf(file) {
     const gone = file.rule === 'delete';
     const cell = (...content) => make('td', {}, ...content);
@@ -541,7 +553,8 @@
       cell(gone ? '' : bytes(file.literal)), cell(file.rule === 'patch' ? bytes(file.copied) : ''),
       gone || !file.size ? cell() : cell(make('span',
         { className: 'share' + (file.rule === 'copy' ? ' whole-file' : '') }, share), make('span', { className: 'percent' }, percent(file.literal, file.size))),
-      cell(file.rule === 'patch' ? number(file.commands) : ''));
+      cell(file.rule === 'patch' ? number(file.commands) : ''),
+      ...(hasMoved ? [cell(...oldPlaceOf(file))] : []));
     const mark = on => () => tileOf.has(file) && tileOf.get(file).classList.toggle('mark', on);
     row.addEventListener('pointerenter', mark(true));
     row.addEventListener('pointerleave', mark(false));
