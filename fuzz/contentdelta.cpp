@@ -19,7 +19,7 @@ using namespace Pellox;
 
 namespace {
 
-constexpr SearchEffort Efforts[]{{32, 5, 2, 16, 4}, {16, 3, 4, 64, 8}, {12, 1, 16, 128, 8}};
+constexpr SearchEffort Efforts[]{FastestSearch, BalancedSearch, SmallestSearch};
 constexpr qint64 BlockLength = SignatureFormat::BlockLength;
 constexpr qint64 StretchSize = 4096; // many stretches even of short files; a multiple of a block
 

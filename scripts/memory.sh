@@ -7,7 +7,8 @@
 # the signature and 64 MiB.
 # publish, on made-up builds: 64 MiB and the signatures in memory, up to 80 bytes for each 2,048
 # bytes of the old file; and what does not belong to them may grow by no more than 8 MiB from a file
-# of 1 GiB to one of 4 GiB, and by 640 bytes for each file, whose path and checksums are kept.
+# of 1 GiB to one of 4 GiB, and by 640 bytes for each file, whose path and checksums are kept. With
+# the old build: 64 MiB and what --memory says.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -36,6 +37,8 @@ main() {
     local small=$peak
     publish huge 4 GiB $((4 << 30)) $((4 * set_of_gibibyte))
     check_growth "$small" "$peak" $((3 * set_of_gibibyte + growth))
+    publish_from_build huge $((1 << 30)) 64M $((64 * 1024))
+    publish_from_build huge $((1 << 30)) 1G $((1024 * 1024))
     publish small 5,000 files 5000 0
     small=$peak
     publish small 80,000 files 80000 0
@@ -102,6 +105,16 @@ publish() { # PROFILE NUMBER UNIT SIZE KIB_OF_SIGNATURES
     "$makebuild" "$1" "$4" - new >/dev/null
     measure "publish, $2 $3" $((limit + $5)) publish new --old-signatures signatures \
         --patch patch --signatures released
+}
+
+# With the old build at hand, and of a file that is larger than the memory for it.
+publish_from_build() { # PROFILE SIZE MEMORY KIB_OF_MEMORY
+    cd "$scratch"
+    rm -rf old new signatures released patch
+    "$makebuild" "$1" "$2" old new >/dev/null
+    "$pellox" sign --quiet old signatures
+    measure "publish, old build $3" $((limit + $4)) publish new --old-signatures signatures \
+        --old-build old --memory "$3" --patch patch --signatures released
 }
 
 check_growth() { # KIB_OF_THE_SMALL KIB_OF_THE_LARGE KIB_ALLOWED

@@ -73,11 +73,17 @@ quint64 ContentIndex::fingerprintOf(const uchar *data) const
 void ContentIndex::sample(const uchar *data, qint64 count, std::vector<quint32> *samples) const
 {
     qint64 last = 0;
+    quint64 lastFingerprint = 0;
+    int equalOnes = 0; // in a row, as in a run of zeros; the index has no room for more
     for (qint64 i = 0; i < count; ++i) {
-        if (i - last < m_longestGap && !keeps(fingerprintOf(data + i)))
+        const quint64 fingerprint = fingerprintOf(data + i);
+        if (i - last < m_longestGap && !keeps(fingerprint))
             continue;
-        samples->push_back(static_cast<quint32>(i));
         last = i;
+        equalOnes = fingerprint == lastFingerprint ? equalOnes + 1 : 0;
+        lastFingerprint = fingerprint;
+        if (equalOnes < m_places)
+            samples->push_back(static_cast<quint32>(i));
     }
 }
 

@@ -90,11 +90,14 @@ void ContentMatcher::lookBehindLastMatch()
         consider(expected);
     if (m_position - m_end >= m_effort.nearPositions)
         return;
+    // Not inside of the last match: that would be content that repeats itself, of which the index
+    // knows the longest.
+    const qint64 mostBefore = std::min<qint64>(m_effort.nearDistance, m_position - m_end);
     for (qint64 distance = 1; distance <= m_effort.nearDistance; ++distance) {
-        for (const qint64 oldPosition : {expected + distance, expected - distance}) {
-            if (standsAt(oldPosition))
-                consider(oldPosition);
-        }
+        if (standsAt(expected + distance))
+            consider(expected + distance);
+        if (distance <= mostBefore && standsAt(expected - distance))
+            consider(expected - distance);
     }
 }
 
@@ -114,8 +117,9 @@ void ContentMatcher::consider(qint64 oldPosition)
     const qint64 after = sameAfter(m_position, oldPosition);
     if (after < LeastSame)
         return;
-    const qint64 from = hasMatch() ? m_matches.back().position : m_stretch.begin;
-    const qint64 before = sameBefore(m_position, oldPosition, m_position - from);
+    // Into the last match only a little: it is as good where it is long.
+    const qint64 ofLast = hasMatch() ? std::min(m_matches.back().length, Resumed) : 0;
+    const qint64 before = sameBefore(m_position, oldPosition, m_position - m_end + ofLast);
     const Match match{m_position - before, oldPosition - before, before + after};
     const qint64 spared = this->spared(match);
     if (spared > m_best.spared)
@@ -150,7 +154,7 @@ void ContentMatcher::take(const Match &match)
 void ContentMatcher::loadNeighbourhood()
 {
     const qint64 expected = m_end + m_shift;
-    const qint64 begin = std::clamp<qint64>(expected - m_effort.nearDistance, 0, m_old.size());
+    const qint64 begin = std::clamp<qint64>(expected, 0, m_old.size());
     const qint64 end = std::clamp<qint64>(
         expected + m_effort.nearDistance + Resumed + LeastSame, begin, m_old.size());
     m_neighbourhoodBegin = begin;

@@ -20,12 +20,6 @@ Crew::Crew(int threadCount, const std::atomic<bool> &cancelled)
 {
 }
 
-void Crew::limit(std::vector<qint64> weights, qint64 most)
-{
-    m_weights = std::move(weights);
-    m_mostWeight = most;
-}
-
 bool Crew::run(const std::vector<qint64> &sizes, qint64 large, const Task &task,
     const std::function<void()> &report)
 {
@@ -122,7 +116,6 @@ void Crew::carryOut(std::size_t task)
     if (task < m_largeCount) {
         const std::lock_guard lock(m_mutex);
         --m_largeUnderWay;
-        m_weightUnderWay -= weightOf(task);
         m_changed.notify_all();
     }
 }
@@ -131,17 +124,8 @@ std::optional<std::size_t> Crew::nextTask()
 {
     if (m_nextLarge == m_largeCount)
         return nextSmallTask();
-    const qint64 weight = weightOf(m_nextLarge);
-    if (m_largeUnderWay > 0 && m_weightUnderWay + weight > m_mostWeight)
-        return std::nullopt;
     ++m_largeUnderWay;
-    m_weightUnderWay += weight;
     return m_nextLarge++;
-}
-
-qint64 Crew::weightOf(std::size_t task) const
-{
-    return m_weights.empty() ? 0 : m_weights[m_order[task]];
 }
 
 std::optional<std::size_t> Crew::nextSmallTask()
@@ -182,15 +166,8 @@ bool Crew::share(SharedWork &work)
     const auto entry = m_works.insert(m_works.end(), Entry{&work});
     ++m_sharedWorks;
     while (!work.isDone() && !isStopped()) {
-        if (takeStep(*entry, lock) || help(lock))
-            continue;
-        if (const auto task = nextSmallTask()) {
-            lock.unlock();
-            carryOut(*task);
-            lock.lock();
-        } else {
-            m_changed.wait(lock);
-        }
+        if (!takeStep(*entry, lock))
+            workMeanwhile(lock);
     }
     while (entry->inStep > 0)
         m_changed.wait(lock);
@@ -198,6 +175,36 @@ bool Crew::share(SharedWork &work)
     m_works.erase(entry);
     --m_sharedWorks;
     return done;
+}
+
+/// What a large task does that cannot go on: a step of another one, a small task, or waits.
+void Crew::workMeanwhile(std::unique_lock<std::mutex> &lock)
+{
+    if (help(lock))
+        return;
+    if (const auto task = nextSmallTask()) {
+        lock.unlock();
+        carryOut(*task);
+        lock.lock();
+    } else {
+        m_changed.wait(lock);
+    }
+}
+
+bool Crew::reserve(qint64 amount, qint64 most)
+{
+    std::unique_lock lock(m_mutex);
+    while (m_reserved > 0 && m_reserved + amount > most && !isStopped())
+        workMeanwhile(lock);
+    m_reserved += amount;
+    return !isStopped();
+}
+
+void Crew::release(qint64 amount)
+{
+    const std::lock_guard lock(m_mutex);
+    m_reserved -= amount;
+    m_changed.notify_all();
 }
 
 bool Crew::doAlone(SharedWork &work)

@@ -39,10 +39,6 @@ public:
     /// @p cancelled is looked at before each task and each step.
     Crew(int threadCount, const std::atomic<bool> &cancelled);
 
-    /// Of large tasks, in the order of the sizes that run() is given, only so many are under way at
-    /// once that their @p weights together are @p most or less; one may always be.
-    void limit(std::vector<qint64> weights, qint64 most);
-
     /// May throw, which fails the run.
     using Task = std::function<void(std::size_t)>;
 
@@ -59,6 +55,10 @@ public:
     /// For a large task: does all steps of @p work with the help of the other threads. False when
     /// the crew was stopped before its end.
     bool share(SharedWork &work);
+    /// For a large task, once at a time: waits until what all have reserved is no more than @p most
+    /// with @p amount, or nothing, and does other work meanwhile. False when the crew was stopped.
+    bool reserve(qint64 amount, qint64 most);
+    void release(qint64 amount);
     /// For any task: does all steps of @p work on this thread.
     bool doAlone(SharedWork &work);
 
@@ -87,7 +87,7 @@ private:
     void work();
     void carryOut(std::size_t task);
     std::optional<std::size_t> nextTask();
-    qint64 weightOf(std::size_t task) const;
+    void workMeanwhile(std::unique_lock<std::mutex> &lock);
     std::optional<std::size_t> nextSmallTask();
     bool help(std::unique_lock<std::mutex> &lock);
     bool takeStep(Entry &entry, std::unique_lock<std::mutex> &lock);
@@ -109,9 +109,7 @@ private:
     std::size_t m_largeCount = 0;
     std::size_t m_nextSmall = 0;
     int m_largeUnderWay = 0;
-    std::vector<qint64> m_weights; ///< may be empty
-    qint64 m_mostWeight = 0;
-    qint64 m_weightUnderWay = 0;
+    qint64 m_reserved = 0;
     int m_threads = 0; ///< that have not ended
     std::list<Entry> m_works;
     std::atomic<int> m_sharedWorks{0};

@@ -172,9 +172,28 @@ void FileTask::takeOverSignature()
         fail(old.error());
 }
 
+/// Releases at its end what was reserved.
+class Reserved
+{
+public:
+    Reserved(Crew &crew, qint64 amount)
+        : m_crew(crew)
+        , m_amount(amount)
+    {
+    }
+    ~Reserved() { m_crew.release(m_amount); }
+    Reserved(const Reserved &) = delete;
+    Reserved &operator=(const Reserved &) = delete;
+
+private:
+    Crew &m_crew;
+    const qint64 m_amount;
+};
+
 /// The files that describe a change, and what they are made from.
 struct FileTask::Outputs
 {
+    std::optional<Reserved> reserved; ///< memory, for the index
     OutputFile signature;
     OutputFile delta;
     std::unique_ptr<MatchFinder> finder;
@@ -238,7 +257,8 @@ bool FileTask::readOldContent(Outputs &outputs)
     InputFile &old = outputs.oldInput;
     if (!old.open(m_folders.oldBuild + m_file.relativePath))
         return fail(old.error());
-    outputs.oldIndex.emplace(old.size(), m_deltas.effort, m_file.indexMemory);
+    if (!makeIndex(outputs))
+        return false;
     FilePass::Targets targets;
     targets.digest = true;
     targets.index = &*outputs.oldIndex;
@@ -256,6 +276,24 @@ bool FileTask::readOldContent(Outputs &outputs)
     return true;
 }
 
+/// Most of the memory is for large files, which wait for one another where it does not do for all;
+/// each thread has its part of the rest for a small one.
+bool FileTask::makeIndex(Outputs &outputs)
+{
+    const qint64 forSmall = m_deltas.memory / 8;
+    const qint64 forLarge = m_deltas.memory - forSmall;
+    const qint64 size = outputs.oldInput.size();
+    qint64 memory = forSmall / m_crew.threadCount();
+    if (isLarge(m_file.size)) {
+        memory = std::min(forLarge, ContentIndex::memoryFor(size, m_deltas.effort));
+        outputs.reserved.emplace(m_crew, memory);
+        if (!m_crew.reserve(memory, forLarge))
+            return false;
+    }
+    outputs.oldIndex.emplace(size, m_deltas.effort, memory);
+    return true;
+}
+
 bool FileTask::finishDelta(Outputs &outputs)
 {
     if (!close(outputs.delta))
@@ -264,7 +302,8 @@ bool FileTask::finishDelta(Outputs &outputs)
         return true;
     if (!outputs.oldInput.isUnchanged())
         return fail(outputs.oldInput.error());
-    outputs.oldIndex.reset(); // its memory is for others
+    outputs.oldIndex.reset();
+    outputs.reserved.reset();
     return !m_deltas.verifies || verifyDelta();
 }
 

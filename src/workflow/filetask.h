@@ -22,7 +22,7 @@ struct PublishFolders
 struct DeltaSettings
 {
     SearchEffort effort;
-    qint64 memory; ///< bytes, of all indexes together
+    qint64 memory; ///< bytes, of all indexes together; of small files' an eighth
     bool verifies; ///< applies each delta before it counts
 };
 
@@ -35,7 +35,6 @@ struct NewFile
     qint64 size = 0;
     bool isIgnored = false;
     const Sha512 *oldSha512 = nullptr; ///< of the old build's file of this name, if there is one
-    qint64 indexMemory = 0;            ///< what an index of that file may take
 
     Rule rule = Rule::None;
     Sha512 sha512; ///< where it was needed
@@ -76,6 +75,7 @@ private:
     bool openDelta(Outputs &outputs, FilePass::Targets &targets);
     bool readOldSignature(Outputs &outputs);
     bool readOldContent(Outputs &outputs);
+    bool makeIndex(Outputs &outputs);
     bool finishDelta(Outputs &outputs);
     bool verifyDelta();
     GoOn goOn() const;

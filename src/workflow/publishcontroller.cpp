@@ -20,18 +20,17 @@ namespace {
 constexpr int MostThreads = 1024;
 constexpr qint64 LeastDeltaMemory = 1 << 20;
 
-/// Found by measuring, see docs/benchmarks.md.
 SearchEffort searchEffortOf(PublishController::DeltaEffort effort)
 {
     switch (effort) {
     case PublishController::DeltaEffort::Fastest:
-        return {32, 5, 2, 16, 4};
+        return FastestSearch;
     case PublishController::DeltaEffort::Balanced:
         break;
     case PublishController::DeltaEffort::Smallest:
-        return {12, 1, 16, 128, 8};
+        return SmallestSearch;
     }
-    return {16, 3, 4, 64, 8};
+    return BalancedSearch;
 }
 
 QString problemOf(const QString &folder, const QString &manifestName)

@@ -37,9 +37,9 @@ namespace Pellox {
  * leads. A manifest's relative paths begin with a separator in any case. Hidden files are no part
  * of a build.
  *
- * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
- * 2,048 bytes of the old file) or, where the old build is at hand, deltaMemory(), and about half a
- * KiB for each file of the build, its path and its checksums.
+ * Memory: about 8 MiB a thread (20 with the smallest deltas), and of the files in work the
+ * signatures (60 to 80 bytes for each 2,048 bytes of the old file) or, where the old build is at
+ * hand, deltaMemory(), and about half a KiB for each file of the build, its path and its checksums.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that
  * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none. It is

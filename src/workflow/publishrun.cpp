@@ -225,6 +225,9 @@ bool PublishRun::checkSignatures()
             return false;
         if (!file.oldSha512 || file.isIgnored)
             continue;
+        const QString old = m_folders.oldBuild + file.relativePath;
+        if (!m_folders.oldBuild.isEmpty() && !QFileInfo(old).isFile())
+            return fail(old, QStringLiteral("is missing from the old build"));
         const QString path = m_folders.oldSignatures + file.relativePath;
         SignatureFile signature;
         if (SignatureFile::looksWhole(path) || signature.open(path))
@@ -265,28 +268,6 @@ bool PublishRun::workOnFiles()
     return work(m_folders, files, m_bytes);
 }
 
-/// Most of the memory for indexes is for the large files, of which only so many are worked on at
-/// once; each thread has its part of the rest for a small one.
-void PublishRun::shareMemory(const std::vector<NewFile *> &files, Crew *crew) const
-{
-    constexpr qint64 Parts = 8;
-    const qint64 forSmall = m_settings.deltas.memory / Parts;
-    const qint64 forLarge = m_settings.deltas.memory - forSmall;
-    std::vector<qint64> weights;
-    weights.reserve(files.size());
-    for (NewFile *file : files) {
-        const bool isLarge = file->oldSha512 && FileTask::isLarge(file->size);
-        file->indexMemory = forSmall / m_settings.threadCount;
-        if (isLarge) {
-            const qint64 oldSize = QFileInfo(m_folders.oldBuild + file->relativePath).size();
-            file->indexMemory
-                = std::min(forLarge, ContentIndex::memoryFor(oldSize, m_settings.deltas.effort));
-        }
-        weights.push_back(isLarge ? file->indexMemory : 0);
-    }
-    crew->limit(std::move(weights), forLarge);
-}
-
 /// Does for @p files what @p folders ask for.
 bool PublishRun::work(
     const PublishFolders &folders, const std::vector<NewFile *> &files, FileTask::Progress &bytes)
@@ -295,8 +276,6 @@ bool PublishRun::work(
     std::transform(files.cbegin(), files.cend(), sizes.begin(),
         [](const NewFile *file) { return file->size; });
     Crew crew(m_settings.threadCount, m_cancelled);
-    if (!folders.oldBuild.isEmpty())
-        shareMemory(files, &crew);
     const bool done = crew.run(
         sizes, FilePass::ChunkSize,
         [&](std::size_t i) {

@@ -58,7 +58,6 @@ private:
     bool forAll(const Outputs &folders, const std::function<bool(ReleaseFolder &)> &step);
     bool begin(ReleaseFolder &folder);
     bool workOnFiles();
-    void shareMemory(const std::vector<NewFile *> &files, Crew *crew) const;
     bool work(const PublishFolders &folders, const std::vector<NewFile *> &files,
         FileTask::Progress &bytes);
     bool complete(const Outputs &folders);

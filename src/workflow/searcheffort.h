@@ -21,4 +21,9 @@ struct SearchEffort
     int nearPositions;
 };
 
+// Found by measuring, see docs/benchmarks.md.
+inline constexpr SearchEffort FastestSearch{32, 5, 2, 16, 4};
+inline constexpr SearchEffort BalancedSearch{16, 3, 4, 64, 8};
+inline constexpr SearchEffort SmallestSearch{12, 1, 16, 128, 8};
+
 } // namespace Pellox
