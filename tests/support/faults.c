@@ -16,6 +16,7 @@
  *                    half      the call reads or writes half of what it should
  *                    kill      the process dies before the call
  *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried out
+ *                    interrupts  it gets SIGINT twice, as from somebody who does not wait
  *                    append, truncate, rewrite, disguise, replace, remove
  *                              happens to the file that the call is on; then the call is carried
  *                              out. "rewrite" changes bytes in place, "disguise" does and sets the
@@ -30,12 +31,12 @@
  * Any thread may call. Nothing happens when FAULTS_PATH is not set.
  */
 #define _GNU_SOURCE
+#include "preload.h"
+
 #include <dirent.h>
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdatomic.h>
 #include <stdbool.h>
 #include <stdio.h>
@@ -48,9 +49,6 @@
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
-
-/* The C library's own function of that name. */
-#define REAL(name) ((__typeof__(&(name)))dlsym(RTLD_NEXT, #name))
 
 static const char *s_path;
 static const char *s_kinds;
@@ -205,7 +203,10 @@ static enum verdict meet(const char *kind, const char *path)
             kill(getpid(), SIGKILL);
         else if (strcmp(s_action, "interrupt") == 0)
             interrupt(call > s_at);
-        else if (strcmp(s_action, "half") == 0)
+        else if (strcmp(s_action, "interrupts") == 0) {
+            interrupt(false);
+            interrupt(true);
+        } else if (strcmp(s_action, "half") == 0)
             verdict = GO_HALF;
         else if (!change_file(path)) {
             verdict = FAIL;
@@ -250,16 +251,6 @@ static size_t part_of(size_t size, enum verdict verdict)
 {
     return verdict == GO_HALF && size > 1 ? size / 2 : size;
 }
-
-/* The mode of an open() that has one. */
-#define TAKE_MODE(flags, mode)                                                                     \
-    mode_t mode = 0;                                                                               \
-    if ((flags) & (O_CREAT | O_TMPFILE)) {                                                         \
-        va_list arguments;                                                                         \
-        va_start(arguments, flags);                                                                \
-        mode = (mode_t)va_arg(arguments, unsigned);                                                \
-        va_end(arguments);                                                                         \
-    }
 
 static const char *kind_of_open(int flags)
 {

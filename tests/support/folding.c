@@ -6,17 +6,15 @@
  * so.
  */
 #define _GNU_SOURCE
-#include <dlfcn.h>
+#include "preload.h"
+
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#define REAL(name) ((__typeof__(&(name)))dlsym(RTLD_NEXT, #name))
 
 enum { Longest = 4200 };
 
@@ -71,15 +69,6 @@ static const char *folded(int folder, const char *path, char buffer[Longest])
 #define FOLD(folder, path)                                                                         \
     char buffer_of_##path[Longest];                                                                \
     path = folded(folder, path, buffer_of_##path);
-
-#define TAKE_MODE(flags, mode)                                                                     \
-    mode_t mode = 0;                                                                               \
-    if ((flags) & (O_CREAT | O_TMPFILE)) {                                                         \
-        va_list arguments;                                                                         \
-        va_start(arguments, flags);                                                                \
-        mode = (mode_t)va_arg(arguments, unsigned);                                                \
-        va_end(arguments);                                                                         \
-    }
 
 int open(const char *path, int flags, ...)
 {

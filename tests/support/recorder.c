@@ -13,10 +13,10 @@
  * A program that changes files in a way that is not recorded is ended. One thread may call.
  */
 #define _GNU_SOURCE
-#include <dlfcn.h>
+#include "preload.h"
+
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -24,9 +24,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-/* The C library's own function of that name. */
-#define REAL(name) ((__typeof__(&(name)))dlsym(RTLD_NEXT, #name))
 
 static const char *s_path;
 static int s_record = -1;
@@ -115,15 +112,6 @@ static int opened(const char *path, int flags, int file)
     }
     return file;
 }
-
-#define TAKE_MODE(flags, mode)                                                                     \
-    mode_t mode = 0;                                                                               \
-    if ((flags) & (O_CREAT | O_TMPFILE)) {                                                         \
-        va_list arguments;                                                                         \
-        va_start(arguments, flags);                                                                \
-        mode = (mode_t)va_arg(arguments, unsigned);                                                \
-        va_end(arguments);                                                                         \
-    }
 
 int open(const char *path, int flags, ...)
 {
