@@ -65,6 +65,7 @@ public:
     {
         isCancelled = false;
         wasCancelled = false;
+        movedFiles.clear();
         QString error;
         try {
             PublishRun run(absolute(folders),
@@ -72,6 +73,7 @@ public:
                     {searchEffortOf(deltaEffort), deltaMemory, areDeltasVerified}},
                 isCancelled);
             if (run.carryOut(progress)) {
+                movedFiles = run.movedFiles();
                 auto rules = wantsRules ? run.rulesWithSizes() : QVariantList();
                 if (progress)
                     progress(Percent);
@@ -95,6 +97,7 @@ public:
     DeltaEffort deltaEffort = DeltaEffort::Balanced;
     qint64 deltaMemory = 1 << 30;
     bool areDeltasVerified = true;
+    QVector<MovedFile> movedFiles;
     std::atomic<bool> isCancelled{false};
     std::atomic<bool> wasCancelled{false};
 
@@ -193,6 +196,11 @@ bool PublishController::publish(const QString &newBuild, const QString &oldSigna
     return d->areGiven({newBuild, oldSignatures, patch, newSignatures})
         && d->carryOut(
             {newBuild, oldSignatures, patch, newSignatures, d->oldBuild}, ignoreFiles, progress);
+}
+
+QVector<PublishController::MovedFile> PublishController::movedFiles() const
+{
+    return d->movedFiles;
 }
 
 std::optional<QVariantList> PublishController::plan(const QString &newBuild,

@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QStringList>
 #include <QVariant>
+#include <QVector>
 
 #include <memory>
 #include <optional>
@@ -117,6 +118,17 @@ public:
         const QString &patch, const QString &newSignatures,
         const QStringList &ignoreFiles = QStringList(),
         const PROGRESS_CALLBACK &progress = PROGRESS_CALLBACK());
+
+    /// A new file that is an old one under another name.
+    struct MovedFile
+    {
+        QString relativePath;
+        QString oldRelativePath; ///< of several, one that the patch does not touch goes first
+        qint64 size;
+    };
+    /// What the last publish() sends whole although the old build has it, the largest first; none
+    /// of it is empty.
+    QVector<MovedFile> movedFiles() const;
 
     /**
      * What createPatch() would write as patchRules.json, with a member "file_size" also for "copy"

@@ -4,6 +4,7 @@
 #include "buildwalk.h"
 #include "canonicalpath.h"
 #include "manifest.h"
+#include "movesources.h"
 #include "releasefolder.h"
 #include "rules.h"
 #include "signaturefile.h"
@@ -14,6 +15,8 @@
 #include <QSet>
 
 #include <algorithm>
+#include <set>
+#include <tuple>
 #include <utility>
 
 namespace Pellox {
@@ -343,6 +346,41 @@ QVariantList PublishRun::rulesWithSizes() const
         rules.append(rule.toVariantMap());
     });
     return rules;
+}
+
+QVector<PublishController::MovedFile> PublishRun::movedFiles() const
+{
+    if (m_folders.patch.isEmpty() || m_folders.newSignatures.isEmpty())
+        return {}; // then it is not known of all files what they hold
+    std::vector<const NewFile *> copied;
+    std::set<Sha512> contents;
+    for (const NewFile &file : m_newFiles) {
+        if (file.rule == NewFile::Rule::Copy && file.size > 0) {
+            copied.push_back(&file);
+            contents.insert(file.sha512);
+        }
+    }
+    if (copied.empty())
+        return {};
+    MoveSources sources;
+    forEachRule([&](const QJsonObject &rule) {
+        sources.noteRule(rule.value(Manifest::RelativePath).toString());
+    });
+    for (const OldFile &old : m_oldFiles) {
+        if (old.file.sha512 && contents.count(*old.file.sha512) > 0)
+            sources.offer(old.file.relativePath, *old.file.sha512);
+    }
+    QVector<PublishController::MovedFile> moved;
+    for (const NewFile *file : copied) {
+        const QString source = sources.sourceOf(file->relativePath, file->sha512);
+        if (!source.isEmpty())
+            moved.push_back({file->relativePath, source, file->size});
+    }
+    std::sort(moved.begin(), moved.end(), [](const auto &one, const auto &other) {
+        return std::make_tuple(-one.size, one.relativePath)
+            < std::make_tuple(-other.size, other.relativePath);
+    });
+    return moved;
 }
 
 void PublishRun::forEachSignature(const std::function<void(const QJsonObject &)> &take) const

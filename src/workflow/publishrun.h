@@ -4,6 +4,7 @@
 #include "filetask.h"
 #include "manifestfile.h"
 #include "progresscallback.h"
+#include "publishcontroller.h"
 
 #include <QHash>
 #include <QStringList>
@@ -37,6 +38,9 @@ public:
 
     /// Once carried out: the rules, "copy" ones with the size of the file.
     QVariantList rulesWithSizes() const;
+
+    /// Once carried out, of a release with a patch and signatures.
+    QVector<PublishController::MovedFile> movedFiles() const;
 
     QString error() const { return m_error; }
 

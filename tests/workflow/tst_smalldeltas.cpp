@@ -237,6 +237,7 @@ private Q_SLOTS:
     void oldBuildInsideOfThePatch();
     void withoutVerification();
     void settingsAreKept();
+    void movedFilesAreTold();
 
 private:
     std::optional<LogCapture> m_log;
@@ -517,6 +518,29 @@ void tst_SmallDeltas::settingsAreKept()
     QVERIFY(!publisher.areDeltasVerified());
     publisher.setDeltaMemory(-1);
     QCOMPARE(publisher.deltaMemory(), qint64(MiB));
+}
+
+/// Of two old files with the content, the one that stays is told.
+void tst_SmallDeltas::movedFilesAreTold()
+{
+    Pair pair("twice", "twice");
+    pair.tree().write("old/gone"_s, "twice");
+    pair.tree().write("old/large"_s, "another content");
+    pair.tree().write("new/copy"_s, "twice");
+    pair.tree().write("new/moved"_s, "another content");
+    pair.tree().write("new/empty"_s, "");
+    pair.sign();
+    QVERIFY2(pair.publish(), qPrintable(pair.errors.join(QLatin1Char('\n'))));
+    const auto moved = pair.publisher.movedFiles();
+    QCOMPARE(moved.size(), 2);
+    QCOMPARE(moved[0].relativePath, "/moved"_s);
+    QCOMPARE(moved[0].oldRelativePath, "/large"_s);
+    QCOMPARE(moved[0].size, qint64(15));
+    QCOMPARE(moved[1].relativePath, "/copy"_s);
+    QCOMPARE(moved[1].oldRelativePath, "/file"_s);
+    QVERIFY(pair.publisher.createPatch(
+        pair.path("new"_s), pair.path("signatures"_s), pair.path("patch"_s)));
+    QVERIFY(pair.publisher.movedFiles().isEmpty());
 }
 
 int main(int argc, char **argv)

@@ -54,15 +54,8 @@ void addCheckCommand(CLI::App &app, Invocation &invocation)
     CLI::App *command = addCommand(app, invocation, "check",
         "Compare an installed build with its signatures; exit status 1 when it is not intact");
     const auto arguments = std::make_shared<Arguments>();
-    command->add_option("BUILD", arguments->build, "The installed build, only read")
-        ->type_name("FOLDER")
-        ->required();
-    command
-        ->add_option("SIGNATURES", arguments->signatures,
-            "What \"pellox publish\" or \"pellox sign\" wrote for this build; its signatures.json "
-            "is enough")
-        ->type_name("FOLDER")
-        ->required();
+    addBuildAndSignatures(
+        *command, arguments->build, "The installed build, only read", arguments->signatures);
     addThreadsOption(*command, arguments->threads);
     command->footer("Files that the signatures do not name, a player's saves say, are listed apart "
                     "and do not\ncount; hidden ones are not listed.\n\n"

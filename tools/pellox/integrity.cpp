@@ -67,3 +67,15 @@ QString integritySummary(const Pellox::IntegrityReport &report)
         text += QLatin1String("; ") + counted(report.extra.size(), "extra file");
     return text;
 }
+
+void addBuildAndSignatures(
+    CLI::App &command, std::string &build, const std::string &buildMeans, std::string &signatures)
+{
+    command.add_option("BUILD", build, buildMeans)->type_name("FOLDER")->required();
+    command
+        .add_option("SIGNATURES", signatures,
+            "What \"pellox publish\" or \"pellox sign\" wrote for this build; its signatures.json "
+            "is enough")
+        ->type_name("FOLDER")
+        ->required();
+}

@@ -5,7 +5,15 @@
 
 #include <QString>
 
+#include <CLI/App.hpp>
+
+#include <string>
+
 class Console;
+
+/// Adds the arguments BUILD and SIGNATURES, which "check" and all that rests on it take.
+void addBuildAndSignatures(
+    CLI::App &command, std::string &build, const std::string &buildMeans, std::string &signatures);
 
 /// Tells each file that is not intact.
 void tellDifferences(Console &console, const Pellox::IntegrityReport &report);

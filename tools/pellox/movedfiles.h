@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QJsonArray>
-#include <QString>
+#include <Pellox/PublishController>
 
 class Console;
 
-/// Tells which files that @p rules of a release copy whole into folder @p patch the old build has
-/// as they are, the largest first: by the SHA-512s in the manifests in folders @p oldSignatures and
-/// @p newSignatures. Of many only some, but JSON shows all. False after Console::error().
-bool tellMovedFiles(Console &console, const QJsonArray &rules, const QString &patch,
-    const QString &oldSignatures, const QString &newSignatures);
+/// Tells which files a release sends whole although the old build has them. Of many only the first
+/// ones, but JSON shows all.
+void tellMovedFiles(Console &console, const QVector<Pellox::PublishController::MovedFile> &moved);

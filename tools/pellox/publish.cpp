@@ -246,11 +246,14 @@ bool tellPlan(Console &console, Engine &engine, const Job &job)
 bool makeRelease(Console &console, Engine &engine, const Job &job)
 {
     const NewBuild &newBuild = job.newBuild;
+    QVector<PublishController::MovedFile> moved;
     const bool made = engine.run(QStringLiteral("publish"), newBuild.size,
         [&](PublishController &controller, const PROGRESS_CALLBACK &progress) {
             job.deltas.applyTo(controller, job.oldBuild);
-            return controller.publish(newBuild.folder, job.oldSignatures, job.patch, job.signatures,
-                newBuild.ignored, progress);
+            const bool published = controller.publish(newBuild.folder, job.oldSignatures, job.patch,
+                job.signatures, newBuild.ignored, progress);
+            moved = controller.movedFiles();
+            return published;
         });
     if (!made)
         return false;
@@ -259,7 +262,8 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
         return false;
     console.result(patchSummary(*rules, job.patch));
     console.result(signedSummary(newBuild.fileCount, newBuild.size, job.signatures));
-    return tellMovedFiles(console, *rules, job.patch, job.oldSignatures, job.signatures);
+    tellMovedFiles(console, moved);
+    return true;
 }
 
 bool packPatch(Console &console, Packing &packing)

@@ -71,15 +71,8 @@ void addRecordCommand(CLI::App &app, Invocation &invocation)
     CLI::App *command = addCommand(app, invocation, "record",
         "Record which release an installer has laid down, so that sealed updates lead on from it");
     const auto arguments = std::make_shared<Arguments>();
-    command->add_option("BUILD", arguments->build, "The installed build; no file of it is changed")
-        ->type_name("FOLDER")
-        ->required();
-    command
-        ->add_option("SIGNATURES", arguments->signatures,
-            "What \"pellox publish\" or \"pellox sign\" wrote for this build; its signatures.json "
-            "is enough")
-        ->type_name("FOLDER")
-        ->required();
+    addBuildAndSignatures(*command, arguments->build,
+        "The installed build; no file of it is changed", arguments->signatures);
     command
         ->add_option("PATCH", arguments->patch,
             "The sealed patch that leads to this build; its patchSeal.json is enough")

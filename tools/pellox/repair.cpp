@@ -52,15 +52,8 @@ void addRepairCommand(CLI::App &app, Invocation &invocation)
     CLI::App *command = addCommand(app, invocation, "repair",
         "Bring back the files of an installed build that are changed or missing");
     const auto arguments = std::make_shared<Arguments>();
-    command->add_option("BUILD", arguments->build, "The installed build, changed in place")
-        ->type_name("FOLDER")
-        ->required();
-    command
-        ->add_option("SIGNATURES", arguments->signatures,
-            "What \"pellox publish\" or \"pellox sign\" wrote for this build; its signatures.json "
-            "is enough")
-        ->type_name("FOLDER")
-        ->required();
+    addBuildAndSignatures(
+        *command, arguments->build, "The installed build, changed in place", arguments->signatures);
     command
         ->add_option("--from", arguments->source,
             "A folder with the right files; those that are not needed may be missing")
