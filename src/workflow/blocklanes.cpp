@@ -38,8 +38,7 @@ constexpr uchar Order[Rounds][16] = {
 constexpr quint64 Parameters = 0x01010000 | StrongSumLength; // no key, no tree
 constexpr std::size_t Piece = 128;                           // bytes of one compression
 
-constexpr std::size_t WeakColumns = 16; // bytes that the weak sum takes at once
-static_assert(BlockLength % Piece == 0 && Piece % WeakColumns == 0);
+static_assert(BlockLength % Piece == 0);
 
 // Vectors go by reference: how they go by value depends on the processor.
 template <int Lanes> struct Words
@@ -47,9 +46,9 @@ template <int Lanes> struct Words
     // gcc ignores the attribute in an alias here
     typedef quint64 Type
         __attribute__((vector_size(Lanes * sizeof(quint64)))); // NOLINT(modernize-use-using)
+    typedef quint16 Halves
+        __attribute__((vector_size(Lanes * sizeof(quint64)))); // NOLINT(modernize-use-using)
 };
-using Bytes = uchar __attribute__((vector_size(WeakColumns)));
-using Columns = quint32 __attribute__((vector_size(WeakColumns * sizeof(quint32))));
 
 template <int Bits, typename Vector> [[gnu::always_inline]] inline void rotateRight(Vector &vector)
 {
@@ -137,26 +136,38 @@ template <int Lanes>
 /**
  * librsync's rolling sum: in its lower half the sum of all bytes, each with an offset, in its upper
  * half the sum of these sums behind each byte, so that a byte counts as often as bytes are left.
+ * Each half is 16 bits wide, so sums may overflow in 16 bits on the way.
  */
+template <int Lanes>
 [[gnu::always_inline]] inline void addWeakSum(
     const uchar *block, std::size_t size, BlockRecord &record)
 {
+    using Row = typename Words<Lanes>::Halves; // two columns of bytes in each half word
     constexpr quint32 Offset = 31;
-    Columns sums{};       // of all bytes in a column
-    Columns sumsOfSums{}; // behind each row
+    constexpr std::size_t Width = sizeof(Row);
+    static_assert(Piece % Width == 0);
+    Row evenSums{}; // of all bytes in a column
+    Row oddSums{};
+    Row sumsOfEven{}; // of these sums behind each row
+    Row sumsOfOdd{};
     std::size_t end = 0;
-    for (; end < size; end += WeakColumns) {
-        Bytes row;
+    for (; end < size; end += Width) {
+        Row row;
         std::memcpy(&row, block + end, sizeof row);
-        sumsOfSums += sums;
-        sums += __builtin_convertvector(row, Columns);
+        sumsOfEven += evenSums;
+        sumsOfOdd += oddSums;
+        evenSums += row & 0xff;
+        oddSums += row >> 8;
     }
     quint32 sum = 0;
     quint32 sumOfSums = 0; // as of a block up to the end, where zeros may stand
-    for (std::size_t column = 0; column < WeakColumns; ++column) {
-        sum += sums[column];
-        sumOfSums += quint32(WeakColumns) * sumsOfSums[column]
-            + static_cast<quint32>(WeakColumns - column) * sums[column];
+    for (std::size_t i = 0; i < Width / 2; ++i) {
+        const quint32 even = evenSums[i];
+        const quint32 odd = oddSums[i];
+        const auto left = static_cast<quint32>(Width - 2 * i); // columns from the even one on
+        sum += even + odd;
+        sumOfSums += quint32(Width) * (quint32(sumsOfEven[i]) + sumsOfOdd[i]) + left * even
+            + (left - 1) * odd;
     }
     const auto count = static_cast<quint32>(size);
     sumOfSums -= static_cast<quint32>(end - size) * sum;
@@ -177,7 +188,7 @@ template <int Lanes>
             const std::size_t index = std::min(first + lane, whole - 1); // the last fills the rest
             blocks[lane] = data + index * BlockLength;
             targets[lane] = records + index;
-            addWeakSum(blocks[lane], BlockLength, *targets[lane]);
+            addWeakSum<Lanes>(blocks[lane], BlockLength, *targets[lane]);
         }
         addStrongSums<Lanes>(blocks, BlockLength, targets);
     }
@@ -190,7 +201,7 @@ template <int Lanes>
     BlockRecord *targets[Lanes];
     std::fill(std::begin(blocks), std::end(blocks), padded);
     std::fill(std::begin(targets), std::end(targets), records + whole);
-    addWeakSum(padded, rest, records[whole]);
+    addWeakSum<Lanes>(padded, rest, records[whole]);
     addStrongSums<Lanes>(blocks, rest, targets);
 }
 
@@ -220,7 +231,8 @@ void computeTwo(const uchar *data, std::size_t size, std::vector<BlockRecord> *r
     sumBlocks<4>(data, size, records);
 }
 
-[[gnu::target("avx512f")]] void sumEight(const uchar *data, std::size_t size, BlockRecord *records)
+[[gnu::target("avx512f,avx512bw")]] void sumEight(
+    const uchar *data, std::size_t size, BlockRecord *records)
 {
     sumBlocks<8>(data, size, records);
 }
@@ -245,7 +257,7 @@ std::vector<BlockSumMethod> methods()
 #if defined(__x86_64__)
     if (__builtin_cpu_supports("avx2"))
         methods.push_back({"four lanes", computeFour});
-    if (__builtin_cpu_supports("avx512f"))
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"))
         methods.push_back({"eight lanes", computeEight});
 #endif
     return methods;
