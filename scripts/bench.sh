@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Measures how fast things are beside what people use instead, in turn in one run.
-# Usage: scripts/bench.sh [primitives [FILTER] | releases [PROFILE]...]   (default: both)
+# Usage: scripts/bench.sh [primitives [FILTER] | releases [PROFILE]... | updates [PROFILE]... |
+#            deltas [PROFILE]...]   (default: primitives and releases)
 #
 # primitives: single operations of the library and the program beside rdiff, openssl, cp, dd and
 #     7zr, printed as a table; where there are two others, the quicker one counts. FILTER is a
@@ -12,7 +13,11 @@
 #     keep their last results, which are CSV files in build/benchmarks. Takes an hour or two, most
 #     of it for the slowest tools, and up to 15 GiB in $TMPDIR or memory. SCALE=0.02 tries it all
 #     out in minutes and leaves the docs alone.
-# Environment: REPETITIONS (9 and 5), and what benchmarks/releases.py tells.
+# updates: installed builds updated and checked, beside rdiff, sha512sum and mv, and the digest.
+#     PROFILE is mixed, huge, small, phaser or monaco. Takes five minutes.
+# deltas: how small patches are beside those of tools that see both builds. PROFILE is mixed,
+#     program, phaser, monaco, swc or rollup. Takes an hour, most of it for the slowest tools.
+# Environment: REPETITIONS (9, 5, 5 and 3), and what benchmarks/releases.py tells.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,8 +36,12 @@ main() {
         prepare
         releases "${@:2}"
         ;;
+    updates | deltas)
+        prepare
+        "benchmarks/$1.py" build/release/bin "${@:2}"
+        ;;
     *)
-        echo "usage: scripts/bench.sh [primitives [FILTER] | releases [PROFILE]...]" >&2
+        echo "usage: scripts/bench.sh [primitives [FILTER] | (releases|updates|deltas) [PROFILE]...]" >&2
         exit 2
         ;;
     esac

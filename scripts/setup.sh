@@ -7,7 +7,7 @@ set -euo pipefail
 packages_for() {
     case $1 in
     build) echo g++ cmake ninja-build ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev p7zip ;;
-    test) echo rdiff python3-jsonschema ;;
+    test) echo rdiff python3 python3-jsonschema ;;
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
     bench) echo libbenchmark-dev bsdiff rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
