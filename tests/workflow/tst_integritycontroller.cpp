@@ -906,11 +906,8 @@ void tst_IntegrityController::cancelledWhileTheBuildIsWalked()
 {
     const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
         QObject::connect(
-            &controller, &IntegrityController::progress, &controller,
-            [&controller](qlonglong done, qlonglong total) {
-                if (done == total) // the walk comes next
-                    s_beforeEntry = [&controller] { controller.cancel(); };
-            },
+            &controller, &IntegrityController::phaseChanged, &controller,
+            [&controller] { s_beforeEntry = [&controller] { controller.cancel(); }; },
             Qt::DirectConnection);
         return controller.check(m_scenario->build(), m_scenario->signatures());
     });

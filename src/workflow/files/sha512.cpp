@@ -5,13 +5,32 @@
 
 namespace Pellox {
 
+namespace {
+
+/// -1 for what is none. Capital letters are none: toText() never writes them.
+int hexDigitOf(QChar character)
+{
+    const ushort code = character.unicode();
+    if (code >= '0' && code <= '9')
+        return code - '0';
+    return code >= 'a' && code <= 'f' ? code - 'a' + 10 : -1;
+}
+
+} // namespace
+
 std::optional<Sha512> Sha512::fromText(const QString &text)
 {
-    const QByteArray digest = QByteArray::fromHex(text.toLatin1());
-    // Decoding skips what is no digit, so only the way back tells whether all were.
-    if (digest.size() != Size || QString::fromLatin1(digest.toHex()) != text)
+    if (text.size() != 2 * Size)
         return {};
-    return fromDigest(digest);
+    Sha512 sha512;
+    for (int i = 0; i < Size; ++i) {
+        const int high = hexDigitOf(text.at(2 * i));
+        const int low = hexDigitOf(text.at(2 * i + 1));
+        if (high < 0 || low < 0)
+            return {};
+        sha512.m_bytes[static_cast<std::size_t>(i)] = static_cast<char>(high << 4 | low);
+    }
+    return sha512;
 }
 
 Sha512 Sha512::fromDigest(const QByteArray &digest)

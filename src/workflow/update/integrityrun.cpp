@@ -9,10 +9,11 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSet>
+#include <QHash>
 
 #include <algorithm>
 #include <cerrno>
+#include <numeric>
 
 #include <sys/stat.h>
 
@@ -40,13 +41,7 @@ bool IntegrityRun::carryOutCheck()
         if (!QFileInfo(folder).isDir())
             return fail(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
     }
-    QString error;
-    auto files = readSignedFiles(m_settings.signatures, &error, [this] { return !m_cancelled; });
-    if (!files)
-        return fail(
-            Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE, error);
-    m_files = std::move(*files);
-    if (!compare() || !findExtra())
+    if (!readBoth() || !compare())
         return false;
     for (QStringList *paths :
         {&m_report.changed, &m_report.missing, &m_report.unreadable, &m_report.extra})
@@ -54,20 +49,63 @@ bool IntegrityRun::carryOutCheck()
     return true;
 }
 
+/// What should be there and what is, at the same time.
+bool IntegrityRun::readBoth()
+{
+    const GoOn goOn = [this] { return !m_cancelled; };
+    std::optional<std::vector<SignedFile>> files;
+    std::optional<std::vector<BuildFile>> found;
+    QString filesError;
+    QString foundError;
+    Crew crew(m_settings.threadCount, m_cancelled);
+    const bool done = crew.run(
+        {0, 0}, FilePass::ChunkSize,
+        [&](std::size_t task) {
+            if (task == 0)
+                files = readSignedFiles(m_settings.signatures, &filesError, goOn);
+            else
+                found = walkBuild(m_settings.build, &foundError, goOn, &m_report.extra);
+        },
+        [] {});
+    if (!done)
+        return fail(Code::NoMemory, m_settings.build, crew.error());
+    if (!files)
+        return fail(Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE,
+            filesError);
+    if (!found)
+        return fail(Code::ReadOrWrite, m_settings.build, foundError);
+    m_files = std::move(*files);
+    noteFound(*found);
+    return true;
+}
+
+void IntegrityRun::noteFound(const std::vector<BuildFile> &files)
+{
+    QHash<QString, qint64> sizes;
+    for (const BuildFile &file : files)
+        sizes.insert(file.relativePath, file.size);
+    m_sizes.clear();
+    for (const SignedFile &file : m_files) {
+        const auto found = sizes.constFind(file.relativePath);
+        if (found == sizes.constEnd()) { // as in a hidden folder
+            const QFileInfo info(installed(file));
+            m_sizes.push_back(info.isFile() ? info.size() : 0);
+        } else {
+            m_sizes.push_back(*found);
+            sizes.erase(found);
+        }
+    }
+    m_report.extra += sizes.keys();
+}
+
 bool IntegrityRun::compare()
 {
-    std::vector<qint64> sizes(m_files.size());
-    qint64 total = 0;
-    for (std::size_t i = 0; i < m_files.size(); ++i) {
-        const QFileInfo info(installed(m_files[i]));
-        sizes[i] = info.isFile() ? info.size() : 0;
-        total += sizes[i];
-    }
+    const qint64 total = std::accumulate(m_sizes.cbegin(), m_sizes.cend(), qint64(0));
     m_states.assign(m_files.size(), State::Unreadable);
     std::atomic<qint64> done{0};
     Crew crew(m_settings.threadCount, m_cancelled);
     const bool compared = crew.run(
-        sizes, FilePass::ChunkSize,
+        m_sizes, FilePass::ChunkSize,
         [&](std::size_t i) { m_states[i] = stateOf(crew, m_files[i], done); },
         [&] { m_reports.progress(std::min<qint64>(done, total), total); });
     if (!compared)
@@ -115,23 +153,6 @@ IntegrityRun::State IntegrityRun::stateOf(
     if (!isDone || !reading.error().isEmpty())
         return State::Unreadable;
     return reading.sha512() == file.sha512 ? State::Intact : State::Changed;
-}
-
-bool IntegrityRun::findExtra()
-{
-    QSet<QString> known;
-    for (const SignedFile &file : m_files)
-        known.insert(file.relativePath);
-    QString error;
-    const auto files = walkBuild(
-        m_settings.build, &error, [this] { return !m_cancelled; }, &m_report.extra);
-    if (!files)
-        return fail(Code::ReadOrWrite, m_settings.build, error);
-    for (const BuildFile &file : *files) {
-        if (!known.contains(file.relativePath))
-            m_report.extra.append(file.relativePath);
-    }
-    return true;
 }
 
 bool IntegrityRun::repair()

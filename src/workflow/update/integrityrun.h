@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "buildwalk.h"
 #include "integritycontroller.h"
 #include "manifestfile.h"
 #include "sealfile.h"
@@ -50,6 +51,8 @@ private:
     enum class State { Intact, Changed, Missing, Unreadable };
 
     bool carryOutCheck();
+    bool readBoth();
+    void noteFound(const std::vector<BuildFile> &files);
     std::optional<Sha512> identity() const;
     std::optional<SealedPatch> readSeal();
     bool isReleaseOf(const SealedPatch &sealed);
@@ -57,7 +60,6 @@ private:
     bool compare();
     State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
     void addToReport(const QString &path, State state);
-    bool findExtra();
     bool hasRoom(std::vector<UpdateWork> &works);
     std::vector<UpdateWork> works();
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
@@ -73,6 +75,7 @@ private:
     const std::atomic<bool> &m_cancelled;
     Problems m_problems;
     std::vector<SignedFile> m_files;
+    std::vector<qint64> m_sizes; ///< of the files, as installed
     std::vector<State> m_states; ///< of the files
     IntegrityReport m_report;
     Result m_result = Result::Failed; ///< of a repair
