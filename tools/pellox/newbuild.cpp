@@ -47,7 +47,13 @@ std::optional<QString> namesAlike(const QString &path, const QString &other)
 bool isBefore(const QString &path, const QString &other)
 {
     const auto rank = [](QChar letter) {
-        return letter == QLatin1Char('/') ? ushort(0) : letter.toCaseFolded().unicode();
+        constexpr ushort AsciiEnd = 0x80;
+        const ushort code = letter.unicode();
+        if (code >= AsciiEnd)
+            return letter.toCaseFolded().unicode();
+        if (code == '/')
+            return ushort(0);
+        return code >= 'A' && code <= 'Z' ? ushort(code + ('a' - 'A')) : code;
     };
     return std::lexicographical_compare(path.cbegin(), path.cend(), other.cbegin(), other.cend(),
         [&](QChar one, QChar two) { return rank(one) < rank(two); });
