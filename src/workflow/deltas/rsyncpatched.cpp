@@ -5,12 +5,20 @@
 
 namespace Pellox {
 
+namespace {
+
+constexpr int Pages = 64;
+constexpr qint64 ShortPiece = 1 << 12;
+
+} // namespace
+
 bool RsyncPatched::open(const QString &oldFile, const QString &delta, qint64 size)
 {
     m_size = size;
     setPath(delta);
     if (!m_old.open(oldFile))
         return failAs(m_old);
+    m_oldPages.emplace(m_old, Pages);
     if (!m_delta.open(delta))
         return failAs(m_delta);
     m_job.reset(rs_patch_begin(copyOld, this));
@@ -69,14 +77,19 @@ bool RsyncPatched::readDelta()
 
 rs_result RsyncPatched::copyOld(void *self, rs_long_t position, std::size_t *length, void **buffer)
 {
-    InputFile &old = static_cast<RsyncPatched *>(self)->m_old;
-    const qint64 left = old.size() - position;
+    auto *patched = static_cast<RsyncPatched *>(self);
+    const qint64 left = patched->m_old.size() - position;
     if (position < 0 || left <= 0)
         return RS_INPUT_ENDED;
-    *length = static_cast<std::size_t>(std::min(left, static_cast<qint64>(*length)));
-    return old.readAt(position, static_cast<uchar *>(*buffer), static_cast<qint64>(*length))
-        ? RS_DONE
-        : RS_IO_ERROR;
+    const qint64 size = std::min(left, static_cast<qint64>(*length));
+    *length = static_cast<std::size_t>(size);
+    return patched->readOld(position, static_cast<uchar *>(*buffer), size) ? RS_DONE : RS_IO_ERROR;
+}
+
+bool RsyncPatched::readOld(qint64 position, uchar *data, qint64 size)
+{
+    return size > ShortPiece ? m_old.readAt(position, data, size)
+                             : m_oldPages->copy(position, size, data);
 }
 
 bool RsyncPatched::isUnchanged()

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "diskfile.h"
+#include "pagedview.h"
 
 #include <array>
 #include <memory>
+#include <optional>
 
 #include <librsync.h>
 
@@ -34,10 +36,12 @@ private:
     };
 
     static rs_result copyOld(void *self, rs_long_t position, std::size_t *length, void **buffer);
+    bool readOld(qint64 position, uchar *data, qint64 size);
     rs_result make(uchar *data, std::size_t size, std::size_t *made);
     bool readDelta();
 
     InputFile m_old;
+    std::optional<PagedView> m_oldPages; ///< for short pieces, as some deltas have very many
     InputFile m_delta;
     qint64 m_size = 0;
     qint64 m_deltaRead = 0;
