@@ -12,6 +12,7 @@
 
 #include <optional>
 #include <set>
+#include <utility>
 
 using namespace Pellox;
 
@@ -25,7 +26,7 @@ std::optional<std::vector<UpdateRule>> read(const QString &path)
 {
     QStringList errors;
     auto rules = readRules(path, &errors);
-    for (const QString &error : qAsConst(errors))
+    for (const QString &error : std::as_const(errors))
         require(error.startsWith(path), "each error names the manifest");
     return errors.isEmpty() ? std::optional(std::move(rules)) : std::nullopt;
 }

@@ -7,6 +7,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-release}
 case $preset in
 clang) scripts/setup.sh build test ci ;;
+qt6) scripts/setup.sh build test qt6 ;;
 *) scripts/setup.sh build test ;;
 esac
 cmake --preset "$preset"

@@ -3,6 +3,7 @@
 
 #include "compressor.h"
 #include "decompressor.h"
+#include "loggedlist.h"
 
 #include <QDebug>
 #include <QDir>
@@ -57,7 +58,7 @@ bool ArchiveController::createArchive(const QString &archiveFolder, const QStrin
     };
     const auto fail = [&](const QStringList &errors) {
         compressor->disconnect(this); // what the child still says must not turn the outcome
-        qDebug() << "compression finished with errors" << errors;
+        qDebug() << "compression finished with errors" << LoggedList{errors};
         Q_EMIT createArchiveError(errors);
         end();
     };
@@ -102,7 +103,7 @@ bool ArchiveController::extractArchive(const QString &archivePath, const QString
     const auto fail = [&](const QStringList &errors) {
         decompressor->disconnect(this); // what the child still says must not turn the outcome
         decompressor->disconnect(&loop);
-        qDebug() << "extraction finished with errors" << errors;
+        qDebug() << "extraction finished with errors" << LoggedList{errors};
         Q_EMIT extractError(errors);
         loop.quit();
     };

@@ -22,6 +22,7 @@ class PELLOX_EXPORT ArchiveController : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit ArchiveController(QObject *parent = nullptr);
 
     /// The size of a volume in bytes, 500 MiB at first; 0 or less means 1 GiB.
@@ -53,10 +54,10 @@ public:
         const QString &stage, PROGRESS_CALLBACK progress = PROGRESS_CALLBACK());
 
 Q_SIGNALS:
-    void extractSuccess();
-    void extractError(QStringList errors);
-    void createArchiveSuccess();
-    void createArchiveError(QStringList errors);
+    void extractSuccess();                              ///< unpacked; may come more than once
+    void extractError(QStringList errors);              ///< why extractArchive() returns false
+    void createArchiveSuccess();                        ///< packed
+    void createArchiveError(QStringList errors);        ///< why createArchive() returns false
     void extractProgress(double percent, QString file); ///< never emitted
 
 public Q_SLOTS:

@@ -25,6 +25,7 @@ class PELLOX_EXPORT Compressor : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit Compressor(QObject *parent = nullptr);
     /// Ends a child that still runs; emits nothing.
     ~Compressor() override;
@@ -39,6 +40,8 @@ public:
     void addFiles(const QStringList &files);
     /// The folder whose contents are packed, without itself.
     void setArchiveArchivePath(const QString &path);
+    /// Packs under a password; empty, as at first, is none. The quotes that are put around it are a
+    /// part of it.
     void setPassword(const QString &password);
 
     /// Starts to pack into @p archiveName, which may be relative to @p workingDirectory.

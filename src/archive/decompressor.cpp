@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "decompressor.h"
 
+#include "loggedlist.h"
 #include "outputparsers.h"
 #include "sevenzip.h"
 
@@ -72,7 +73,7 @@ void Decompressor::_startExtract()
         return;
     }
     const QString stage = m_stages.takeFirst();
-    qDebug() << "Decompress by: " << stage << " in queue: " << m_stages;
+    qDebug() << "Decompress by: " << stage << " in queue: " << Pellox::LoggedList{m_stages};
     if (stage == WrapperStage)
         _extractByWrapper();
     else if (stage == ProcessStage)

@@ -26,6 +26,7 @@ class PELLOX_EXPORT Decompressor : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit Decompressor(QObject *parent = nullptr);
     /// Ends a child that still runs; emits nothing.
     ~Decompressor() override;

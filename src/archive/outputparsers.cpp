@@ -1,7 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "outputparsers.h"
 
-#include <QRegExp>
+#include <QStringView>
+
+namespace {
+
+/// How long the mark of a progress line is that @p text begins with; 0 where it is none.
+int markSize(QStringView text)
+{
+    if (text.startsWith(QLatin1String(" U")) || text.startsWith(QLatin1String("% ")))
+        return 2;
+    return text.startsWith(QLatin1String(" + ")) || text.startsWith(QLatin1String(" - ")) ? 3 : 0;
+}
+
+} // namespace
 
 QString strip(const QString &text)
 {
@@ -15,7 +27,16 @@ QStringList getPercents(const QString &text)
 {
     if (!text.contains(QLatin1Char('%')))
         return {};
-    return text.split(QRegExp(QStringLiteral(" U| \\+ | - |% ")));
+    QStringList parts{QString()};
+    for (QStringView rest(text); !rest.isEmpty();) {
+        const int size = markSize(rest);
+        if (size > 0)
+            parts.append(QString());
+        else
+            parts.last().append(rest.front());
+        rest = rest.mid(size > 0 ? size : 1);
+    }
+    return parts;
 }
 
 bool isEverythingIsOk(const QString &text)

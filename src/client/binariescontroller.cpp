@@ -21,6 +21,8 @@
 #include <QtConcurrent>
 #include <QThread>
 
+#include <utility>
+
 QLoggingCategory logCatBC("BinariesController");
 
 namespace Pellox {
@@ -91,7 +93,7 @@ bool BinariesController::applyPatch(
         // Promised: the run goes on with no rules and ends with finished(true).
     }
 
-    for (const QVariant &rule : qAsConst(rules)) {
+    for (const QVariant &rule : std::as_const(rules)) {
         const QVariantMap members = rule.toMap();
         _setProgress(members.value(Manifest::RelativePath).toString(),
             {0, members.value(Manifest::FileSize).toLongLong()});
@@ -126,7 +128,7 @@ bool BinariesController::verifyPatchedFiles(
         return false;
     }
 
-    for (const QVariant &rule : qAsConst(rules))
+    for (const QVariant &rule : std::as_const(rules))
         _setProgress(rule.toMap().value(Manifest::RelativePath).toString(), {0, 1});
     const QString buildPath = buildFolder.absolutePath();
     _run(
@@ -259,9 +261,11 @@ bool BinariesController::verifyPatchedFile(const QString &binFilePath, const QBy
     }
 
     QFile::remove(temporaryPath);
+    // A checksum with a zero byte is told up to there: promised.
+    const QByteArray expected = "expect " + checkSum;
     const QString message
         = QStringLiteral("Can't verify file: \nChecksum's are not matched\n%1\n%2")
-              .arg(QString::fromLatin1("expect " + checkSum),
+              .arg(QString::fromLatin1(expected.constData()),
                   QString::fromLatin1("result " + actual));
     qCCritical(logCatBC) << qPrintable(message);
     Q_EMIT verifyError(message);
@@ -317,7 +321,7 @@ QPair<qint64, qint64> BinariesController::_getProgress()
 {
     // Not locked on purpose: other rules may be writing their entries meanwhile.
     QPair<qint64, qint64> sums(0, 0);
-    for (const auto &entry : qAsConst(m_progress)) {
+    for (const auto &entry : std::as_const(m_progress)) {
         sums.first += entry.first;
         sums.second += entry.second;
     }

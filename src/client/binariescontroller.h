@@ -31,6 +31,7 @@ class PELLOX_EXPORT BinariesController : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit BinariesController(QObject *parent = nullptr);
     ~BinariesController() override;
 

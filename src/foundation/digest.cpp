@@ -83,7 +83,7 @@ void Digest::add(const char *data, qint64 size)
     if (m_context)
         m_failed |= EVP_DigestUpdate(m_context.get(), data, static_cast<size_t>(size)) != 1;
     else
-        m_qtHash.addData(data, static_cast<int>(size));
+        m_qtHash.addData(QByteArray::fromRawData(data, static_cast<int>(size)));
 }
 
 QByteArray Digest::finish()
@@ -107,7 +107,7 @@ Digest::Digest(QCryptographicHash::Algorithm algorithm)
 
 void Digest::add(const char *data, qint64 size)
 {
-    m_qtHash.addData(data, static_cast<int>(size));
+    m_qtHash.addData(QByteArray::fromRawData(data, static_cast<int>(size)));
 }
 
 QByteArray Digest::finish()

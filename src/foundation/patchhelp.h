@@ -31,6 +31,7 @@ namespace Pellox {
  * True exactly when librsync reports RS_DONE.
  */
 PELLOX_EXPORT bool createSignature(const char *basisFilePath, const char *signatureFilePath);
+/// The same.
 PELLOX_EXPORT bool createSignature(const QString &basisFilePath, const QString &signatureFilePath);
 
 /**
@@ -44,6 +45,7 @@ PELLOX_EXPORT bool createSignature(const QString &basisFilePath, const QString &
  */
 PELLOX_EXPORT bool createDelta(
     const char *signatureFilePath, const char *newFilePath, const char *deltaFilePath);
+/// The same.
 PELLOX_EXPORT bool createDelta(
     const QString &signatureFilePath, const QString &newFilePath, const QString &deltaFilePath);
 
@@ -55,6 +57,7 @@ PELLOX_EXPORT bool createDelta(
  */
 PELLOX_EXPORT bool applyPatch(const char *basisFilePath, const char *deltaFilePath,
     const char *newFilePath, qint64 fileSize, std::function<void(qint64, qint64)> *progress);
+/// The same.
 PELLOX_EXPORT bool applyPatch(const QString &basisFilePath, const QString &deltaFilePath,
     const QString &newFilePath, qint64 fileSize, std::function<void(qint64, qint64)> *progress);
 
@@ -63,8 +66,8 @@ struct rs_progress
 {
     quint64 reserved; ///< not read here
     void *user;       ///< a std::function<void(qint64, qint64)> *, or null
-    qint64 done;
-    qint64 total;
+    qint64 done;      ///< bytes
+    qint64 total;     ///< bytes
 };
 
 /**

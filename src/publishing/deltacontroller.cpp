@@ -79,9 +79,10 @@ QByteArray sha512Of(const QString &path)
 QVariantList decideNewFiles(const QString &newBuild, const QStringList &relativePaths,
     QList<OldFile> &oldFiles, const PROGRESS_CALLBACK &progress)
 {
+    const auto fileCount = static_cast<double>(relativePaths.size());
     QVariantList rules;
     for (int i = 0; i < relativePaths.size(); ++i) {
-        progress(static_cast<double>(i + 1) / relativePaths.size() * 50);
+        progress(static_cast<double>(i + 1) / fileCount * 50);
         const QString &relativePath = relativePaths.at(i);
         const auto old = std::find_if(oldFiles.begin(), oldFiles.end(),
             [&](const OldFile &file) { return file.relativePath == relativePath; });
@@ -159,10 +160,10 @@ bool DeltaController::createPatch(const QString &binariesFolderPath,
     prependDeletions(rules, oldFiles, newFiles.ignored);
 
     int startedRules = 0; // not synchronised on purpose: the figure may be approximate
-    const int ruleCount = rules.size();
-    const RulesExecutorFunctor execute([&](const QVariant &rule) {
+    const auto ruleCount = static_cast<double>(rules.size());
+    RulesExecutorFunctor execute([&](const QVariant &rule) {
         ++startedRules;
-        progress(static_cast<double>(startedRules) / ruleCount * 50 + 50);
+        progress(startedRules / ruleCount * 50 + 50);
         return _executeRule(rule.toMap(), folders);
     });
     const QList<bool> results = QtConcurrent::blockingMapped(rules, execute);

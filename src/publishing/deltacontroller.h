@@ -20,6 +20,7 @@ class PELLOX_EXPORT DeltaController : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit DeltaController(QObject *parent = nullptr);
 
 Q_SIGNALS:

@@ -42,6 +42,7 @@ void SignaturesController::createSignatures(const QString &binariesFolderPath,
         signaturesFolder.mkpath(signaturesFolder.absolutePath());
 
     const QStringList files = filesUnder(binariesFolderPath);
+    const auto fileCount = static_cast<double>(files.size());
     QVariantList records;
     for (int i = 0; i < files.size(); ++i) {
         const QFileInfo file(files.at(i));
@@ -62,7 +63,7 @@ void SignaturesController::createSignatures(const QString &binariesFolderPath,
             {Manifest::Sha512, QString::fromLatin1(checkSum.toHex())},
         });
         if (progress)
-            progress(static_cast<double>(i) / files.size() * 100);
+            progress(static_cast<double>(i) / fileCount * 100);
     }
 
     if (!Manifest::write(

@@ -20,6 +20,7 @@ class PELLOX_EXPORT SignaturesController : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit SignaturesController(QObject *parent = nullptr);
 
     /**

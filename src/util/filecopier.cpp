@@ -82,7 +82,7 @@ FileCopier::CopyError FileCopier::copy(const QString &source, const QString &des
 
 void FileCopier::copyAsync()
 {
-    QtConcurrent::run([this] { copy(); });
+    static_cast<void>(QtConcurrent::run([this] { copy(); }));
 }
 
 void FileCopier::copyAsync(const QString &destination)

@@ -26,18 +26,21 @@ public:
         CopierIsBusyError,           ///< refused: a copy is marked as running
         DestinationNotSetError,      ///< the destination path is empty
         SourceFileDoesNotExistError, ///< the source path is empty or names nothing
-        SourceIsDirectoryError,
-        DestinationFileExistsError, ///< nothing is ever overwritten
-        OpenSourceFileForReadError, ///< also when a read fails later; the partial copy is deleted
-        OpenDestinationFileForWriteError,
+        SourceIsDirectoryError,      ///< the source path is that of a folder
+        DestinationFileExistsError,  ///< nothing is ever overwritten
+        OpenSourceFileForReadError,  ///< also when a read fails later; the partial copy is deleted
+        OpenDestinationFileForWriteError, ///< the destination cannot be made
         WriteError,           ///< a block could not be written; the partial copy is deleted
         BlockSizeIsZeroError, ///< the block size is below 1
         StoppedManuallyError, ///< ended by stop() or stopWithoutRemove()
     };
     Q_ENUM(CopyError)
 
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit FileCopier(QObject *parent = nullptr);
+    /// The same, with the file that copy() is to copy.
     explicit FileCopier(const QString &source, QObject *parent = nullptr);
+    /// The same, with the file to copy and the path of the copy.
     FileCopier(const QString &source, const QString &destination, QObject *parent = nullptr);
 
     /// Bytes to copy between two reports, 10 MiB at first. Looked at when a copy starts.
@@ -45,12 +48,16 @@ public:
 
     /// Copies the source to the destination and returns when done, after finished().
     CopyError copy();
+    /// Sets the destination, and copies.
     CopyError copy(const QString &destination);
+    /// Sets both, and copies.
     CopyError copy(const QString &source, const QString &destination);
 
     /// Starts the same on the global thread pool and returns at once.
     void copyAsync();
+    /// Sets the destination, and starts.
     void copyAsync(const QString &destination);
+    /// Sets both, and starts.
     void copyAsync(const QString &source, const QString &destination);
 
     /// Ends a running copy at the next block and deletes the partial file. Forgotten when it

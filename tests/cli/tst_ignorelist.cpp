@@ -345,6 +345,8 @@ void tst_IgnoreList::refusesWhatCannotBeRead_data()
     QTest::newRow("folder") << QStringLiteral("folder") << QStringLiteral("cannot be read");
     QTest::newRow("encoding") << QStringLiteral("latin1")
                               << QStringLiteral("is not text in the encoding of the locale");
+    QTest::newRow("zero byte") << QStringLiteral("zero")
+                               << QStringLiteral("is not text in the encoding of the locale");
     QTest::newRow("failing read") << QStringLiteral("memory") << QStringLiteral("cannot be read");
 }
 
@@ -357,6 +359,7 @@ void tst_IgnoreList::refusesWhatCannotBeRead()
     tree.write(QStringLiteral("latin1"),
         "gr\xfc\xdf"
         "e\n");
+    tree.write(QStringLiteral("zero"), QByteArray("a\0b\n", 4));
     tree.link(QStringLiteral("memory"), QStringLiteral("/proc/self/mem"));
     try {
         IgnoreList::fromFile(tree.path(path));

@@ -11,6 +11,7 @@
 #include <QTest>
 
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -441,7 +442,7 @@ void tst_Inspect::jsonTellsErrors()
     const QJsonObject last = objects.takeLast();
     QCOMPARE(member(last, "outcome"), QStringLiteral("failed"));
     int errors = 0;
-    for (const QJsonObject &object : qAsConst(objects)) {
+    for (const QJsonObject &object : std::as_const(objects)) {
         if (member(object, "event") == QLatin1String("progress"))
             continue;
         ++errors;

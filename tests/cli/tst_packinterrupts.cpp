@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "hardships.h"
 #include "packtest.h"
+#include "qtversion.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,13 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-/// A child with a process group of its own, as a shell gives it one at a terminal.
-class SessionLeader : public QProcess
-{
-protected:
-    void setupChildProcess() override { ::setsid(); }
-};
 
 /// A 7-Zip that makes so many files that it takes a while to remove them.
 const char ManyFiles[] = "a|x) seq 1500 | xargs touch; touch \"${0%/*}/made\"; exec sleep 30;;";
@@ -94,7 +88,7 @@ void tst_PackInterrupts::interruptLeavesNothing()
     const QStringList before = namesOfAll();
     const QByteArray archive = m_tree->read(QStringLiteral("old.7z.001"));
 
-    SessionLeader process;
+    PreparedProcess process([] { ::setsid(); }); // a group of its own, as a shell gives it one
     startProgram(process, program, words.split(QLatin1Char(' ')), m_tree->path());
     const QFileInfo pattern(m_tree->path(sign));
     QTRY_VERIFY(!entries(pattern.path(), pattern.fileName()).isEmpty());

@@ -888,7 +888,7 @@ void tst_Verify::progressReachesTheTotalOnManyThreads()
     QStringList told = verify();
     QCOMPARE(told.size(), 101);
     QCOMPARE(told.takeLast(), "verifyFinished(true)"_s);
-    for (const QString &progress : qAsConst(told))
+    for (const QString &progress : std::as_const(told))
         QVERIFY2(possible.contains(progress), qPrintable(progress));
     QVERIFY(told.contains("verifyProgress(100, 100)"_s));
 }

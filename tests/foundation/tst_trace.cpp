@@ -18,6 +18,7 @@
 #include <climits>
 #include <memory>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <dlfcn.h>
@@ -416,7 +417,7 @@ void tst_Trace::controllerInstallsTrace()
     Pellox::setRsyncLogOutput(keepMessage);
     provokeDiagnostic();
     QStringList expected;
-    for (const Message &message : qAsConst(s_messages)) {
+    for (const Message &message : std::as_const(s_messages)) {
         QCOMPARE(message.level, 3);
         expected.append(
             QStringLiteral("debug: level:  3  msg:  ") + QString::fromUtf8(message.text));

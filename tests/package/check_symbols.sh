@@ -8,7 +8,7 @@ echo "$exported" | grep -q '^Pellox::BinariesController::applyPatch(' || {
     echo "applyPatch is not exported"
     exit 1
 }
-ours='(Pellox::|PelloxMor::|PelloxMOR|RulesExecutorFunctor|Compressor|Decompressor|(strip|getPercents|isEverythingIsOk|checkErrors)\()'
+ours='(Pellox::|PelloxMor::|PelloxMOR|RulesExecutorFunctor|Compressor|Decompressor|pellox_[a-z_]+$|(strip|getPercents|isEverythingIsOk|checkErrors)\()'
 strangers=$(echo "$exported" | grep -vE "^((typeinfo|typeinfo name|vtable) for )?$ours" || true)
 [ -z "$strangers" ] || {
     echo "exported, but not ours to export:"

@@ -23,6 +23,7 @@
 #include <optional>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -724,7 +725,7 @@ void tst_DeltaController::ruleProgressComesOnceARule()
 
     // How the values fall is approximate by promise where rules run side by side.
     QCOMPARE(progress.size(), Count);
-    for (const double percent : qAsConst(progress))
+    for (const double percent : std::as_const(progress))
         QVERIFY2(percent >= 51 && percent <= 100, qPrintable(QString::number(percent)));
 }
 

@@ -33,6 +33,7 @@ void makePipe(int (&ends)[2])
 } // namespace
 
 PipedProcess::PipedProcess()
+    : PreparedProcess([this] { setUpChild(); })
 {
     makePipe(m_commands);
     makePipe(m_answers);
@@ -51,7 +52,7 @@ void PipedProcess::closeChildEnds()
 }
 
 // Runs in the child, between fork and exec.
-void PipedProcess::setupChildProcess()
+void PipedProcess::setUpChild() const
 {
     dup2(m_commands[0], ReadEnd);
     dup2(m_answers[1], WriteEnd);

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "qtversion.h"
+
 #include <QByteArray>
 #include <QJsonObject>
 #include <QJsonValue>
-#include <QProcess>
 #include <QSize>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
 /// A process that talks to this one through its file descriptors 3 and 4.
-class PipedProcess : public QProcess
+class PipedProcess : public PreparedProcess
 {
 public:
     PipedProcess();
@@ -22,10 +23,9 @@ public:
     /// Call it once the process runs: its ends are its own then.
     void closeChildEnds();
 
-protected:
-    void setupChildProcess() override;
-
 private:
+    void setUpChild() const;
+
     int m_commands[2];
     int m_answers[2];
 };

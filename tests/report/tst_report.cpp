@@ -241,7 +241,7 @@ void tst_Report::rectanglesAreInProportion()
     QCOMPARE(drawn.size(), 20);
     QCOMPARE(areaOf(drawn), areaOf(map)); // no gap, no overlap
     for (const Tile &tile : drawn) {
-        const int number = tile.path.midRef(5).toInt();
+        const int number = tile.path.mid(5).toInt();
         const double expected = 1000.0 * number * number / static_cast<double>(bytes);
         const double share = areaOf(tile.box) / areaOf(map);
         // Edges are on whole pixels.
@@ -390,10 +390,10 @@ void tst_Report::addressOpensAFolder()
     openExample(fragment);
     const bool isWhole = folder == QLatin1String("/");
     const QVector<Tile> drawn = tiles();
-    QTEST(drawn.size(), "tiles");
+    QTEST(static_cast<int>(drawn.size()), "tiles");
     for (const Tile &tile : drawn)
         QVERIFY(isWhole || tile.path.startsWith(folder + QLatin1Char('/')));
-    QTEST(texts(QStringLiteral("#rows tr")).size(), "rows");
+    QTEST(static_cast<int>(texts(QStringLiteral("#rows tr")).size()), "rows");
     QCOMPARE(text(QStringLiteral("#table-title")),
         isWhole ? QStringLiteral("Files") : QStringLiteral("Files in ") + folder);
     const QStringList expected
@@ -694,8 +694,8 @@ void tst_Report::littlePatches()
         patch.copy(QStringLiteral("/a/b/c/file"), 9);
     m_browser->open(report(patch));
     QCOMPARE(text(QStringLiteral("#lead")), lead);
-    QTEST(tiles().size(), "tiles");
-    QTEST(texts(QStringLiteral("#rows tr")).size(), "rows");
+    QTEST(static_cast<int>(tiles().size()), "tiles");
+    QTEST(static_cast<int>(texts(QStringLiteral("#rows tr")).size()), "rows");
     QCOMPARE(text(QStringLiteral("#map .nothing")).isEmpty(), tiles().size() == 1);
     if (content == QLatin1String("deep"))
         QCOMPARE(text(QStringLiteral(".folder .label bdi")), QStringLiteral("a/b/c"));

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -58,7 +59,7 @@ QStringList LogCapture::take(QtMsgType type, const char *category)
     const QMutexLocker lock(&s_mutex);
     QStringList taken;
     QList<Line> left;
-    for (const Line &line : qAsConst(s_lines)) {
+    for (const Line &line : std::as_const(s_lines)) {
         if (line.type == type && line.category == QLatin1String(category))
             taken.append(line.text);
         else
@@ -73,7 +74,7 @@ QStringList LogCapture::takeAll(const char *category)
     const QMutexLocker lock(&s_mutex);
     QStringList taken;
     QList<Line> left;
-    for (const Line &line : qAsConst(s_lines)) {
+    for (const Line &line : std::as_const(s_lines)) {
         if (line.category == QLatin1String(category))
             taken.append(nameOf(line.type) + QLatin1String(": ") + line.text);
         else
@@ -87,7 +88,7 @@ QStringList LogCapture::troubleLeft()
 {
     const QMutexLocker lock(&s_mutex);
     QStringList left;
-    for (const Line &line : qAsConst(s_lines)) {
+    for (const Line &line : std::as_const(s_lines)) {
         if (line.type != QtDebugMsg && line.type != QtInfoMsg)
             left.append(line.category + QLatin1Char(' ') + nameOf(line.type) + QLatin1String(": ")
                 + line.text);

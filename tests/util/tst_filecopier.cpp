@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "leftovers.h"
 #include "logcapture.h"
+#include "qtversion.h"
 #include "testtree.h"
 
 #include <Pellox/FileCopier>
@@ -138,7 +139,7 @@ public:
     HeldPool()
     {
         QThreadPool::globalInstance()->setMaxThreadCount(1);
-        QtConcurrent::run([this] { m_gate.tryAcquire(1, Patience); });
+        static_cast<void>(QtConcurrent::run([this] { m_gate.tryAcquire(1, Patience); }));
     }
     ~HeldPool()
     {
@@ -571,12 +572,12 @@ void tst_FileCopier::constructorsRegisterTheMetaType()
 {
     QFETCH(int, arguments);
     QVERIFY(holdsInAFork([&] {
-        if (QMetaType::type("CopyError") != QMetaType::UnknownType)
+        if (metaTypeNamed("CopyError") != QMetaType::UnknownType)
             return false;
         const std::unique_ptr<FileCopier> copier(arguments == 0 ? new FileCopier(nullptr)
                 : arguments == 1                                ? new FileCopier(source(), nullptr)
                                  : new FileCopier(source(), target(), nullptr));
-        return QMetaType::type("CopyError") != QMetaType::UnknownType;
+        return metaTypeNamed("CopyError") != QMetaType::UnknownType;
     }));
 }
 
@@ -584,9 +585,9 @@ void tst_FileCopier::metaTypeIsThatOfTheEnumeration()
 {
     const FileCopier copier;
     const int type = qMetaTypeId<FileCopier::CopyError>();
-    QCOMPARE(QMetaType::type("CopyError"), type);
-    QCOMPARE(QMetaType::type("FileCopier::CopyError"), type);
-    QCOMPARE(QMetaType::type("Pellox::FileCopier::CopyError"), type);
+    QCOMPARE(metaTypeNamed("CopyError"), type);
+    QCOMPARE(metaTypeNamed("FileCopier::CopyError"), type);
+    QCOMPARE(metaTypeNamed("Pellox::FileCopier::CopyError"), type);
     QVERIFY(QMetaType(type).flags() & QMetaType::IsEnumeration);
 }
 
@@ -1503,7 +1504,7 @@ void tst_FileCopier::copyAsyncEmitsOnAThreadOfTheGlobalPool()
     const Recorder recorder(copier);
     HeldPool pool;
     QThread *poolThread = nullptr;
-    QtConcurrent::run([&] { poolThread = QThread::currentThread(); });
+    static_cast<void>(QtConcurrent::run([&] { poolThread = QThread::currentThread(); }));
     copier.copyAsync();
     QCOMPARE(recorder.ends(), Errors());
     pool.release();
@@ -1664,7 +1665,7 @@ void tst_FileCopier::spiesSeeTheError()
     run(copier, onPool);
     QCOMPARE(ends->count(), 1);
     const QVariant error = ends->first().first();
-    QCOMPARE(error.userType(), QMetaType::type("CopyError"));
+    QCOMPARE(error.userType(), metaTypeNamed("CopyError"));
     QCOMPARE(error.value<FileCopier::CopyError>(), FileCopier::DestinationFileExistsError);
 }
 

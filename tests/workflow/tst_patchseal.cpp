@@ -1323,10 +1323,10 @@ void tst_PatchSeal::rotation()
         QVERIFY(PatchSeal::generateKey(keyFile(letter), keyFile(letter) + ".pub"_s, &error));
     }
     QStringList privateKeys;
-    for (const char letter : qAsConst(sealedBy))
+    for (const char letter : std::as_const(sealedBy))
         privateKeys.append(keyFile(letter));
     QStringList publicKeys;
-    for (const char letter : qAsConst(trusted))
+    for (const char letter : std::as_const(trusted))
         publicKeys.append(keyFile(letter) + ".pub"_s);
     QCOMPARE(seal(privateKeys), QString());
     QString error;
@@ -2024,7 +2024,8 @@ void tst_PatchSeal::everyAlteredFileIsNamed()
             m_tree->write(relative, content.chopped(1));
             QCOMPARE(differencesTo(sealed), QStringList(otherSize));
         }
-        for (const int position : {0, content.size() / 2, content.size() - 1}) {
+        const auto size = static_cast<int>(content.size());
+        for (const int position : {0, size / 2, size - 1}) {
             if (content.isEmpty())
                 continue;
             m_tree->write(relative, changedAt(content, position));

@@ -323,7 +323,7 @@ void tst_RuleChecks::paths_data()
 
     for (const uint ignorable : {0xadU, 0x34fU, 0x200bU, 0x200fU, 0x202aU, 0x202eU, 0x2060U,
              0x2064U, 0x206fU, 0xfeffU, 0xfe00U, 0xfe0fU, 0x180eU, 0xe0001U, 0xe0100U, 0xe0fffU}) {
-        const QString text = QString::fromUcs4(&ignorable, 1);
+        const QString text = QString::fromStdU32String({static_cast<char32_t>(ignorable)});
         const QByteArray number = QByteArray::number(ignorable, 16);
         bad("own folder, and " + number, "/.pel"_s + text + "lox/journal"_s);
         bad("own folder behind " + number, "/"_s + text + ".PELLOX"_s);

@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <utility>
 
 using Result = Pellox::UpdateController::UpdateResult;
 
@@ -189,7 +190,7 @@ void tst_UpdateCrash::withoutAFaultAllIsWell()
     QStringList expected{"create"_s, "write"_s, "sync"_s, "rename"_s, "remove"_s, "mkdir"_s};
     if (command != "rollback"_s)
         expected.append("mode"_s);
-    for (const QString &kind : qAsConst(expected))
+    for (const QString &kind : std::as_const(expected))
         QVERIFY2(kinds.contains(kind), qPrintable(kind));
 }
 

@@ -156,8 +156,9 @@ void addApplyCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command->footer("New files are copied in and old ones deleted at once; patched files are\n"
                     "written beside the old ones as .temp files until \"pellox verify\".\n\n"
-                    "Example:\n  pellox apply installed/game patches/1.0-1.1\n"
-                    "  pellox verify installed/game patches/1.0-1.1");
+        + exitStatusHelp()
+        + "\nExample:\n  pellox apply installed/game patches/1.0-1.1\n"
+          "  pellox verify installed/game patches/1.0-1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return apply(console, *arguments); };
     });

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <utility>
 
 namespace {
 
@@ -377,7 +378,7 @@ Ending BuildRun::fail(int status)
             QStringLiteral("and %1; -v names them all").arg(counted(m_untoldErrors, "more error")));
     if (!m_explanation.isEmpty())
         m_console.note(m_explanation);
-    for (const QString &advice : qAsConst(m_advices))
+    for (const QString &advice : std::as_const(m_advices))
         m_console.note(advice);
     QString message = toldOfEarlier(lastWordsOf(status));
     if (m_shownPhase == Phase::Finishing && status == DamagedInstall)

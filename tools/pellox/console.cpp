@@ -47,8 +47,8 @@ QString onOneLine(QString text)
 /// Whether @p text names @p file itself; something in that folder is not enough.
 bool isNamedIn(const QString &text, const QString &file)
 {
-    int at = text.indexOf(file);
-    while (at >= 0 && text.midRef(at + file.size()).startsWith(QLatin1Char('/')))
+    auto at = text.indexOf(file);
+    while (at >= 0 && QStringView(text).mid(at + file.size()).startsWith(QLatin1Char('/')))
         at = text.indexOf(file, at + 1);
     return at >= 0;
 }

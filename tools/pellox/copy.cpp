@@ -154,7 +154,8 @@ void addCopyCommand(CLI::App &app, Invocation &invocation)
         "A single file never replaces one that exists. Of a folder, hidden files and\n"
         "empty folders, which are no part of a build, are left out, and all copies are\n"
         "compared with their sources before any of them gets its place.\n\n"
-        "Example:\n  pellox copy downloads/data.pak installed/game/data.pak");
+        + exitStatusHelp()
+        + "\nExample:\n  pellox copy downloads/data.pak installed/game/data.pak");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return copy(console, *arguments); };
     });

@@ -175,7 +175,7 @@ QStringList checkedFiles(const FolderCopy &copy)
         throw Refusal(ancestor, QStringLiteral("is a file, and a folder belongs there"));
     requireListable(copy.source);
     QStringList files = filesOfBuild(copy.source);
-    for (const QString &file : qAsConst(files))
+    for (const QString &file : std::as_const(files))
         requirePlace(copy.target + file.mid(copy.source.size()), copy);
     requireRoom(totalSize(files), copy.target);
     return files;

@@ -20,9 +20,9 @@ void addDeltaOptions(CLI::App &command, DeltaOptions &options, CLI::Option *oldB
         {"balanced", Effort::Balanced}, {"smallest", Effort::Smallest}};
     command
         .add_option("--effort", options.effort,
-            "How thoroughly the old build is searched: fastest, balanced (the default) or smallest")
+            "How thoroughly the old build is searched; balanced where not given")
         ->transform(CLI::CheckedTransformer(efforts).description(""))
-        ->type_name("STEP")
+        ->type_name("fastest|balanced|smallest")
         ->needs(oldBuild);
     addSizeOption(command, "--memory", options.memory,
         "What that search may use, 1G where not given; with less, deltas are larger")

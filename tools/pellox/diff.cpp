@@ -176,8 +176,9 @@ void addDiffCommand(CLI::App &app, Invocation &invocation)
     command->footer(
         "Use a new or empty folder for PATCH: files of an earlier patch stay in it, but "
         "with --fast\nit is replaced as a whole, and refused when it holds more than a release.\n\n"
-        "Example:\n  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1 "
-        "--ignore settings.ini");
+        + exitStatusHelp()
+        + "\nExample:\n  pellox diff releases/1.1 signatures/1.0 patches/1.0-1.1 "
+          "--ignore settings.ini");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return diff(console, *arguments); };
     });

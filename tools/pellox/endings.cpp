@@ -82,3 +82,12 @@ std::string exitStatusHelp(std::initializer_list<int> statuses)
         + "  130 Ctrl-C (128 and the signal's number); the last line of standard error tells what "
           "to do\n";
 }
+
+std::string exitStatusHelp()
+{
+    return "Exit status:\n"
+           "  0   done\n"
+           "  1   failed; each error is told on standard error and names its file\n"
+           "  2   wrong usage, or refused before anything was touched\n"
+           "  130 Ctrl-C (128 and the signal's number)\n";
+}

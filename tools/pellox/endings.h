@@ -56,3 +56,5 @@ QString lastWords(int status);
 
 /// For --help: those of @p statuses, of the commands on an installed build, and what all have.
 std::string exitStatusHelp(std::initializer_list<int> statuses);
+/// The same for all other commands.
+std::string exitStatusHelp();

@@ -15,13 +15,13 @@
 QString culpritOf(const QString &problem)
 {
     const QLatin1String separator(": ");
-    const int first = problem.indexOf(separator);
-    for (int end = first; end >= 0; end = problem.indexOf(separator, end + 1)) {
+    const auto first = problem.indexOf(separator);
+    for (auto end = first; end >= 0; end = problem.indexOf(separator, end + 1)) {
         const QFileInfo info(problem.left(end));
         if (info.exists() || info.isSymLink())
             return info.filePath();
     }
-    return problem.left(std::max(first, 0));
+    return problem.left(first < 0 ? 0 : first);
 }
 
 Refusal refusalOf(const QString &problem)

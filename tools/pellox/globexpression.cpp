@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "globexpression.h"
 
-#include <QVector>
-
 #include <array>
 #include <cstring>
 #include <optional>
+#include <string>
 
 namespace {
 
@@ -22,7 +21,7 @@ class Translator
 {
 public:
     explicit Translator(const QString &glob)
-        : m_glob(glob.toUcs4())
+        : m_glob(glob.toStdU32String())
     {
     }
 
@@ -40,7 +39,7 @@ public:
 
 private:
     /// 0 behind the end.
-    uint at(int position) const { return m_glob.value(position, 0); }
+    uint at(std::size_t position) const { return position < m_glob.size() ? m_glob[position] : 0; }
 
     /// Nothing when the glob is broken from here on.
     std::optional<QString> nextPiece()
@@ -65,7 +64,7 @@ private:
 
     QString stars()
     {
-        const int first = m_at;
+        const std::size_t first = m_at;
         while (at(m_at) == '*')
             ++m_at;
         const bool beginsPart = first == 0 || at(first - 1) == '/';
@@ -87,7 +86,7 @@ private:
         if (isNegated)
             ++m_at;
         QString members;
-        const int first = m_at;
+        const std::size_t first = m_at;
         while (at(m_at) != ']' || m_at == first) {
             const std::optional<QString> next = nextMembers();
             if (!next)
@@ -132,10 +131,10 @@ private:
     /// "[:alpha:]", and steps over it; nothing where it does not end like that.
     std::optional<QString> className()
     {
-        const int end = m_glob.indexOf(']', m_at);
-        if (end < m_at + 3 || at(end - 1) != ':')
+        const std::size_t end = m_glob.find(U']', m_at);
+        if (end == std::u32string::npos || end < m_at + 3 || at(end - 1) != ':')
             return {};
-        const QString name = QString::fromUcs4(m_glob.constData() + m_at, end + 1 - m_at);
+        const QString name = QString::fromStdU32String(m_glob.substr(m_at, end + 1 - m_at));
         m_at = end + 1;
         return name;
     }
@@ -152,8 +151,8 @@ private:
         return false;
     }
 
-    const QVector<uint> m_glob;
-    int m_at = 0;
+    const std::u32string m_glob;
+    std::size_t m_at = 0;
 };
 
 } // namespace

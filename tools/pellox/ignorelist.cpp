@@ -21,7 +21,7 @@ QString withoutTrailingBlanks(const QString &line)
             ++i;
         else if (line.at(i) == QLatin1Char(' '))
             continue;
-        end = std::min(i + 1, line.size());
+        end = i < line.size() ? i + 1 : i;
     }
     return line.left(end);
 }
@@ -29,7 +29,7 @@ QString withoutTrailingBlanks(const QString &line)
 QString decoded(const QByteArray &bytes, const QString &path)
 {
     QString text = QFile::decodeName(bytes);
-    if (QFile::encodeName(text) != bytes)
+    if (bytes.contains('\0') || QFile::encodeName(text) != bytes)
         throw Refusal(path, QStringLiteral("is not text in the encoding of the locale"));
     return text;
 }
@@ -138,8 +138,8 @@ bool IgnoreList::matches(const Pattern &pattern, const QString &path, bool isFol
 {
     if (pattern.isForFolders && !isFolder)
         return false;
-    const int nameStart = pattern.isForNames ? path.lastIndexOf(QLatin1Char('/')) + 1 : 0;
-    const QRegularExpressionMatch match = pattern.expression.match(path.midRef(nameStart));
+    const QRegularExpressionMatch match = pattern.expression.match(
+        pattern.isForNames ? path.mid(path.lastIndexOf(QLatin1Char('/')) + 1) : path);
     if (!match.isValid())
         throw Refusal(path, QStringLiteral("takes too long to match with ") + pattern.text);
     return match.hasMatch();

@@ -86,8 +86,8 @@ private:
     {
         const QLatin1Char separator('/');
         const QString path = QDir::cleanPath(argument);
-        for (int end = path.indexOf(separator); end > 0; end = path.indexOf(separator, end + 1)) {
-            if (m_prefix.endsWith(separator + path.leftRef(end + 1)))
+        for (auto end = path.indexOf(separator); end > 0; end = path.indexOf(separator, end + 1)) {
+            if (m_prefix.endsWith(separator + path.left(end + 1)))
                 return QStringLiteral("; paths count from NEW_BUILD: --ignore ")
                     + path.mid(end + 1);
         }

@@ -104,8 +104,9 @@ public:
     {
         m_rows.append(row);
         for (int i = 0; i < row.size(); ++i) {
-            m_widths.resize(std::max(m_widths.size(), row.size()));
-            m_widths[i] = std::max(m_widths.at(i), row.at(i).size());
+            if (i == m_widths.size())
+                m_widths.append(0);
+            m_widths[i] = std::max(m_widths.at(i), static_cast<int>(row.at(i).size()));
         }
     }
 
@@ -280,15 +281,20 @@ bool writeReport(Console &console, const QString &path, const QByteArray &page)
 
 constexpr int MostTold = 10; // of many alike, where a person reads them
 
-/// Calls @p tell for each of @p count things, or for the first of them.
-template <typename Tell> void tellFirst(Console &console, int count, const Tell &tell)
+/// Calls @p tell for each of @p things, or for the first of them.
+template <typename Things, typename Tell>
+void tellFirst(Console &console, const Things &things, const Tell &tell)
 {
-    const int told = console.tellsAll() ? count : std::min(count, MostTold);
-    for (int i = 0; i < told; ++i)
-        tell(i);
-    if (told < count)
+    int told = 0;
+    for (const auto &thing : things) {
+        if (told == MostTold && !console.tellsAll())
+            break;
+        tell(thing);
+        ++told;
+    }
+    if (told < things.size())
         console.note(QStringLiteral("and so for %1; -v names them all")
-                         .arg(counted(count - told, "more file")));
+                         .arg(counted(things.size() - told, "more file")));
 }
 
 /// Names what stands in an unsealed patch and belongs to no rule.
@@ -305,9 +311,9 @@ void noteStrayFiles(Console &console, const QString &patch, const QVector<Inspec
             strays.append(path);
     }
     strays.sort();
-    tellFirst(console, strays.size(), [&](int i) {
-        console.event(QStringLiteral("stray"), {{QStringLiteral("file"), strays.at(i)}});
-        console.note(printable(strays.at(i)) + QLatin1String(" is no part of the patch"));
+    tellFirst(console, strays, [&](const QString &path) {
+        console.event(QStringLiteral("stray"), {{QStringLiteral("file"), path}});
+        console.note(printable(path) + QLatin1String(" is no part of the patch"));
     });
 }
 
@@ -339,8 +345,9 @@ bool checkSeal(
     Console &console, const SealView &seal, const QString &patch, const QStringList &keys)
 {
     const SealView::Differences differences = comparedWithSeal(console, seal);
-    tellFirst(console, differences.size(),
-        [&](int i) { console.error(differences.at(i).path, differences.at(i).reason); });
+    tellFirst(console, differences, [&](const SealView::Difference &difference) {
+        console.error(difference.path, difference.reason);
+    });
     const auto signers = checkedSigners(console, patch, keys);
     console.event(QStringLiteral("seal"),
         {{QStringLiteral("release"), seal.release()}, {QStringLiteral("keys"), seal.keys()},
@@ -384,7 +391,7 @@ bool inspect(Console &console, const Arguments &arguments)
     const QString patch = existingFolder(arguments.patch);
     const QString report = checkedReport(arguments, patch);
     const QString oldSignatures = checkedSignatures(arguments, report);
-    const int rules = readManifest(patch, Pellox::PATCH_RULES_FILE).size();
+    const auto rules = readManifest(patch, Pellox::PATCH_RULES_FILE).size();
 
     const QStringList keys = existingPublicKeys(arguments.trustedKeys);
     const auto seal = SealView::read(patch);
@@ -399,7 +406,7 @@ bool inspect(Console &console, const Arguments &arguments)
         if (!isUnderWay)
             console.startProgress(QStringLiteral("inspect"), Progress::Unit::Files, rules);
         isUnderWay = true;
-        console.advanceTo(static_cast<qint64>(percent / 100 * rules));
+        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(rules)));
     });
     if (whole)
         console.advanceTo(rules);
@@ -451,7 +458,7 @@ void addInspectCommand(CLI::App &app, Invocation &invocation)
     command->footer(
         "Exit status 1 means that the patch is damaged: a file is missing, a delta is\n"
         "broken, or a rule is not as it should be; or that it is not what was sealed.\n\n"
-        "Example:\n  pellox inspect patches/1.0-1.1 --html 1.0-1.1.html");
+        + exitStatusHelp() + "\nExample:\n  pellox inspect patches/1.0-1.1 --html 1.0-1.1.html");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return inspect(console, *arguments); };
     });

@@ -6,6 +6,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <utility>
+
 namespace {
 
 constexpr qint64 LargestKeyFile = 64 * 1024; // bytes: others are no keys
@@ -30,8 +32,8 @@ bool holdsPublicKey(const QByteArray &content)
     static const QByteArray Head = QByteArray::fromHex("302a300506032b6570032100");
     constexpr int KeySize = 32;
     static const QByteArray Begin("-----BEGIN PUBLIC KEY-----");
-    const int begin = content.indexOf(Begin) + Begin.size();
-    const int end = content.indexOf("-----END PUBLIC KEY-----");
+    const auto begin = content.indexOf(Begin) + Begin.size();
+    const auto end = content.indexOf("-----END PUBLIC KEY-----");
     if (!content.contains(Begin) || end < begin)
         return false;
     const QByteArray key = QByteArray::fromBase64(content.mid(begin, end - begin));
@@ -68,7 +70,7 @@ QStringList existingKeys(const std::vector<std::string> &keys)
 QStringList existingPublicKeys(const std::vector<std::string> &keys)
 {
     QStringList paths = existingKeys(keys);
-    for (const QString &path : qAsConst(paths)) {
+    for (const QString &path : std::as_const(paths)) {
         const QByteArray content = contentOf(path);
         if (holdsPrivateKey(content))
             throw Refusal(path,

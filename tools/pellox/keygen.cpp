@@ -70,7 +70,7 @@ void addKeygenCommand(CLI::App &app, Invocation &invocation)
     command->footer(
         "Files that exist are never replaced. Keep a copy of PRIVATE in a safe place: who has it\n"
         "can make patches that players trust, and without it nobody can.\n\n"
-        "Example:\n  pellox keygen publisher.key publisher.pub");
+        + exitStatusHelp() + "\nExample:\n  pellox keygen publisher.key publisher.pub");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return makeKey(console, *arguments); };
     });

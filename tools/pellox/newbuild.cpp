@@ -46,13 +46,13 @@ std::optional<QString> namesAlike(const QString &path, const QString &other)
 /// Without case, and what is in a folder right behind what has its name.
 bool isBefore(const QString &path, const QString &other)
 {
-    const auto rank = [](QChar letter) {
+    const auto rank = [](QChar letter) -> ushort {
         constexpr ushort AsciiEnd = 0x80;
         const ushort code = letter.unicode();
         if (code >= AsciiEnd)
             return letter.toCaseFolded().unicode();
         if (code == '/')
-            return ushort(0);
+            return 0;
         return code >= 'A' && code <= 'Z' ? ushort(code + ('a' - 'A')) : code;
     };
     return std::lexicographical_compare(path.cbegin(), path.cend(), other.cbegin(), other.cend(),
@@ -149,7 +149,7 @@ NewBuild checkedNewBuild(
     NewBuild build;
     build.folder = folder;
     build.files = filesOfBuild(folder);
-    build.fileCount = build.files.size();
+    build.fileCount = static_cast<int>(build.files.size());
     if (!options.allowEmpty)
         refuseEmpty(folder, build.files);
     build.ignored = ignoredFiles(options.ignore, folder, build.files);

@@ -76,8 +76,8 @@ void addPackCommand(CLI::App &app, Invocation &invocation)
         "The size of a volume: bytes, or with K, M, G, T, P or E; cut to whole G above 1G. "
         "500M where not given");
     command->add_flag("--force", arguments->options.force, "Replace an archive that exists");
-    command->footer("Hidden files are packed too.\n\n"
-                    "Example:\n  pellox pack patches/1.0-1.1 upload/1.0-1.1.7z --volume-size 100M");
+    command->footer("Hidden files are packed too.\n\n" + exitStatusHelp()
+        + "\nExample:\n  pellox pack patches/1.0-1.1 upload/1.0-1.1.7z --volume-size 100M");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return pack(console, *arguments); };
     });

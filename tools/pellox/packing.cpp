@@ -21,6 +21,7 @@
 #include <memory>
 #include <numeric>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -144,7 +145,7 @@ QString Packing::withoutHidden() const
     const QString folder = m_workFolder->filePath(QStringLiteral("sealed"));
     QStringList paths = SealView::read(m_folder)->paths();
     paths.append(QLatin1Char('/') + SealFile);
-    for (const QString &path : qAsConst(paths)) {
+    for (const QString &path : std::as_const(paths)) {
         const fs::path from = QFile::encodeName(m_folder + path).toStdString();
         const fs::path to = QFile::encodeName(folder + path).toStdString();
         std::error_code problem;
@@ -260,7 +261,7 @@ bool Packing::putInPlace(Console &console, const Volumes &made)
             }
         }
     }
-    const int count = made.paths().size();
+    const int count = static_cast<int>(made.paths().size());
     for (int number = 1; number <= count; ++number) {
         const QString path = m_target.path(number);
         if (!renames.rename(made.paths().at(number - 1), path)) {

@@ -7,6 +7,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <utility>
 
 using Pellox::InspectedFile;
 
@@ -17,7 +18,8 @@ const QLatin1Char Separator('/');
 /// Empty where there is none but the patch itself.
 QString folderOf(const QString &path)
 {
-    return path.left(std::max(path.lastIndexOf(Separator), 0));
+    const auto end = path.lastIndexOf(Separator);
+    return path.left(end < 0 ? 0 : end);
 }
 
 } // namespace
@@ -70,10 +72,10 @@ QVector<FolderSums> heaviestFolders(const QVector<InspectedFile> &files)
 {
     QVector<FolderSums> folders = sumsOfFolders(files);
     QHash<QString, qint64> filesOf;
-    for (const FolderSums &folder : qAsConst(folders))
+    for (const FolderSums &folder : std::as_const(folders))
         filesOf.insert(folder.path, folder.sums.files);
     QSet<QString> merePaths; // folders with one folder in them and nothing else
-    for (const FolderSums &folder : qAsConst(folders)) {
+    for (const FolderSums &folder : std::as_const(folders)) {
         const QString above = folderOf(folder.path);
         if (filesOf.value(above) == folder.sums.files)
             merePaths.insert(above);

@@ -85,7 +85,7 @@ QString Progress::barAfter(qint64 elapsed, int columns) const
     constexpr int Shortest = 5;
     const QString label = QStringLiteral("%1 %").arg(percent(), 3);
     const QString tail = textAfter(elapsed);
-    const int width = columns - Frame - tail.size();
+    const int width = columns - Frame - static_cast<int>(tail.size());
     if (width < Shortest)
         return withoutBar(label, elapsed, columns);
     const int filled = width * percent() / 100;

@@ -360,8 +360,9 @@ void addPublishCommand(CLI::App &app, Invocation &invocation)
         "Hidden files are no part of a build and left out.\n"
         "The folders to write are replaced as a whole; one that holds anything but an "
         "earlier\nrelease is refused.\n\n"
-        "Example:\n  pellox publish releases/1.1 --old-signatures signatures/1.0 "
-        "--patch patches/1.0-1.1 --signatures signatures/1.1");
+        + exitStatusHelp()
+        + "\nExample:\n  pellox publish releases/1.1 --old-signatures signatures/1.0 "
+          "--patch patches/1.0-1.1 --signatures signatures/1.1");
     command->callback([arguments, &invocation] {
         if (!arguments->oldSignatures && !arguments->oldBuild)
             throw CLI::RequiredError("--old-signatures or --old-build");

@@ -38,7 +38,7 @@ Ending repair(Console &console, const Arguments &arguments)
     if (result == BuildRun::Result::Updated)
         tellDifferences(console, report);
     noteOtherBuild(console, report, build);
-    const int repaired = report.changed.size() + report.missing.size() + report.unreadable.size();
+    const auto repaired = report.changed.size() + report.missing.size() + report.unreadable.size();
     return run.end(result,
         QStringLiteral("Repaired %1 (%2): %3")
             .arg(fileCount(repaired), byteCount(run.stagedBytes()), build),

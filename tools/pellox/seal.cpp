@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -49,7 +50,7 @@ void checkSlim(const Arguments &arguments, Job &job)
     job.slim = folderToFill(*arguments.slim);
     requireApart(job.slim, job.patch);
     requireApart(job.slim, job.oldSignatures);
-    for (const QString &key : qAsConst(job.keys))
+    for (const QString &key : std::as_const(job.keys))
         requireOutside(key, job.slim);
     requireReplaceable(job.slim, Pellox::PATCH_RULES_FILE);
 }
@@ -61,7 +62,7 @@ Job checkedJob(const Arguments &arguments)
     job.oldSignatures = existingFolder(arguments.oldSignatures);
     requireApart(job.oldSignatures, job.patch);
     job.keys = existingKeys(arguments.keys);
-    for (const QString &key : qAsConst(job.keys))
+    for (const QString &key : std::as_const(job.keys))
         requireOutside(key, job.patch);
     readManifest(job.patch, Pellox::PATCH_RULES_FILE);
     readManifest(job.oldSignatures, Pellox::SIGNATURES_FILE);
@@ -190,8 +191,9 @@ void addSealCommand(CLI::App &app, Invocation &invocation)
     command->footer(
         "An earlier seal is replaced in one step. Seal before you pack, and change nothing\n"
         "afterwards.\n\n"
-        "Example:\n  pellox seal patches/1.0-1.1 --signatures signatures/1.0 --release 2 "
-        "--key publisher.key");
+        + exitStatusHelp()
+        + "\nExample:\n  pellox seal patches/1.0-1.1 --signatures signatures/1.0 --release 2 "
+          "--key publisher.key");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return seal(console, *arguments); };
     });

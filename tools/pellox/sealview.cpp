@@ -54,7 +54,7 @@ std::optional<SealView> SealView::read(const QString &patch)
     SealView view;
     view.m_patch = patch;
     view.m_release = numberIn(text, "release");
-    view.m_keys = seal.value(QLatin1String("signatures")).toArray().size();
+    view.m_keys = static_cast<int>(seal.value(QLatin1String("signatures")).toArray().size());
     for (const QJsonValue &value : text.value(QLatin1String("files")).toArray()) {
         const QJsonObject sealed = value.toObject();
         view.m_files.emplace(textIn(sealed, "path"), fileIn(sealed));

@@ -76,7 +76,7 @@ std::vector<ArchivedEntry> parseRecords(const QString &list)
         entry = {};
     };
     for (const QString &line : list.split(QLatin1Char('\n'))) {
-        const int separator = line.indexOf(QLatin1String(" = "));
+        const auto separator = line.indexOf(QLatin1String(" = "));
         if (separator >= 0)
             readField(entry, line.left(separator), line.mid(separator + 3));
         else if (line.trimmed().isEmpty())
@@ -175,7 +175,7 @@ std::vector<ArchivedEntry> entriesOfArchive(const QString &firstVolume)
         refuseUnreadable(firstVolume, process);
     }
     const QString list = QString::fromUtf8(process.readAllStandardOutput());
-    const int endOfHead = list.indexOf(EndOfHead);
+    const auto endOfHead = list.indexOf(EndOfHead);
     refuseOtherFormats(list.left(endOfHead), firstVolume);
     return endOfHead < 0 ? std::vector<ArchivedEntry>()
                          : parseRecords(list.mid(endOfHead + EndOfHead.size()));

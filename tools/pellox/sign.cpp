@@ -122,7 +122,7 @@ void addSignCommand(CLI::App &app, Invocation &invocation)
         "Files of the same name in SIGNATURES are replaced, others stay; with --fast the\n"
         "folder is replaced as a whole, and refused when it holds more than a release.\n"
         "Hidden files are no part of a build.\n\n"
-        "Example:\n  pellox sign releases/1.0 signatures/1.0");
+        + exitStatusHelp() + "\nExample:\n  pellox sign releases/1.0 signatures/1.0");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return sign(console, *arguments); };
     });

@@ -20,7 +20,7 @@ std::optional<qint64> parsedSize(const QString &text)
     if (!match.hasMatch() || !fits)
         return {};
     const QString unit = match.captured(2).toLower();
-    const int exponent = unit.isEmpty() ? 0 : 1 + QStringLiteral("kmgtpe").indexOf(unit);
+    const auto exponent = unit.isEmpty() ? 0 : 1 + QStringLiteral("kmgtpe").indexOf(unit);
     const qint64 factor = 1LL << (10 * exponent);
     if (number < 1 || number > Largest / factor)
         return {};

@@ -48,7 +48,7 @@ void StageFolder::finish()
 void requireOwnFolders(const QString &folder, const QString &path)
 {
     const std::optional<dev_t> disk = diskOf(folder);
-    for (int end = path.indexOf(QLatin1Char('/'), folder.size() + 1); end >= 0;
+    for (auto end = path.indexOf(QLatin1Char('/'), folder.size() + 1); end >= 0;
          end = path.indexOf(QLatin1Char('/'), end + 1)) {
         const QString parent = path.left(end);
         const auto status = statusOf(parent);

@@ -198,7 +198,7 @@ void addUnpackCommand(CLI::App &app, Invocation &invocation)
         ->required();
     command->footer(
         "Nothing that exists is overwritten. A run that fails leaves nothing behind.\n\n"
-        "Example:\n  pellox unpack download/1.0-1.1.7z.001 patches/1.0-1.1");
+        + exitStatusHelp() + "\nExample:\n  pellox unpack download/1.0-1.1.7z.001 patches/1.0-1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return unpack(console, *arguments); };
     });

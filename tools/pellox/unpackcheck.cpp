@@ -74,7 +74,7 @@ Arrived arrived(const fs::directory_entry &found, const QString &path)
         return {false, static_cast<qint64>(found.file_size()), {}};
     const fs::path target = fs::read_symlink(found.path());
     return {true, static_cast<qint64>(target.native().size()),
-        faultOfLink(target, path.count(QLatin1Char('/')))};
+        faultOfLink(target, static_cast<int>(path.count(QLatin1Char('/'))))};
 }
 
 class Comparison
@@ -113,7 +113,7 @@ public:
 
     UnpackedContent finish()
     {
-        for (const ArchivedEntry &entry : qAsConst(m_missing))
+        for (const ArchivedEntry &entry : std::as_const(m_missing))
             error(entry.path, QStringLiteral("was not unpacked in full"));
         return m_content;
     }

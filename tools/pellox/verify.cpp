@@ -152,7 +152,7 @@ void addVerifyCommand(CLI::App &app, Invocation &invocation)
     command->footer("Each patched file replaces the old one only if its SHA-512 is that of the\n"
                     "patch; otherwise it is deleted and the old one stays. Works once per apply:\n"
                     "a second run finds nothing left to check and fails.\n\n"
-                    "Example:\n  pellox verify installed/game patches/1.0-1.1");
+        + exitStatusHelp() + "\nExample:\n  pellox verify installed/game patches/1.0-1.1");
     command->callback([arguments, &invocation] {
         arguments->tellsAll = invocation.console.json || invocation.console.verbose;
         invocation.run = [arguments](Console &console) { return verify(console, *arguments); };

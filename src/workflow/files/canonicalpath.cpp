@@ -21,11 +21,11 @@ QString canonical(const QString &path)
 }
 
 /// The length of @p path up to its last part ".." and with that; 0 when there is none.
-int lengthToLastClimb(const QString &path)
+auto lengthToLastClimb(const QString &path)
 {
     const QString climb = QStringLiteral("/..");
     const QString withEnd = path + QLatin1Char('/');
-    const int at = withEnd.lastIndexOf(climb + QLatin1Char('/'));
+    const auto at = withEnd.lastIndexOf(climb + QLatin1Char('/'));
     return at < 0 ? 0 : at + climb.size();
 }
 
@@ -38,7 +38,7 @@ QString absoluteFolder(const QString &path)
         return path;
     const QString absolute
         = path.startsWith(separator) ? path : QDir::currentPath() + separator + path;
-    const int climbs = lengthToLastClimb(absolute);
+    const auto climbs = lengthToLastClimb(absolute);
     // Nothing where a part is missing, and so no link.
     const QString resolved = QFileInfo(absolute.left(climbs)).canonicalFilePath();
     return QDir::cleanPath(

@@ -36,7 +36,7 @@ std::optional<Sha512> Sha512::fromText(const QString &text)
 Sha512 Sha512::fromDigest(const QByteArray &digest)
 {
     Sha512 sha512;
-    std::copy_n(digest.cbegin(), std::min(digest.size(), Size), sha512.m_bytes.begin());
+    std::copy_n(digest.cbegin(), std::min<qint64>(digest.size(), Size), sha512.m_bytes.begin());
     return sha512;
 }
 

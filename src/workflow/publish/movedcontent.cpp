@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <utility>
 
 namespace Pellox {
 
@@ -157,7 +158,7 @@ std::optional<FoundContent> MovedContent::find(
 bool MovedContent::readBlocks(FileError *error)
 {
     qint64 blocks = 0;
-    for (const QString &file : qAsConst(m_files))
+    for (const QString &file : std::as_const(m_files))
         blocks += blocksIn(m_signatures + file);
     m_every = std::max<qint64>((blocks + m_mostBlocks - 1) / m_mostBlocks, 1);
     std::vector<BlockRecord> records;

@@ -64,6 +64,7 @@ class PELLOX_EXPORT PatchInspector : public QObject
     Q_OBJECT
 
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit PatchInspector(QObject *parent = nullptr);
     ~PatchInspector() override;
 

@@ -53,12 +53,14 @@ class PELLOX_EXPORT PublishController : public QObject
     Q_OBJECT
 
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit PublishController(QObject *parent = nullptr);
     ~PublishController() override;
 
     /// How many threads work, 1,024 at most; 0, the default, means one for each core. Counts from
     /// the next call. Where the system gives fewer, those do it all.
     void setThreadCount(int count);
+    /// What setThreadCount() has set.
     int threadCount() const;
 
     /**
@@ -71,16 +73,19 @@ public:
      * This and the settings below count from the next call.
      */
     void setOldBuild(const QString &folder);
+    /// What setOldBuild() has set.
     QString oldBuild() const;
 
     /// How thoroughly the old build is searched. docs/benchmarks.md has figures for each.
     enum class DeltaEffort {
-        Fastest,
+        Fastest,  ///< for builds so large that their reading counts
         Balanced, ///< the default: most of what can be found, for a build farm
-        Smallest,
+        Smallest, ///< a little less to send, for up to twice the time
     };
     Q_ENUM(DeltaEffort)
+    /// Sets how thoroughly; Balanced where nothing is set.
     void setDeltaEffort(DeltaEffort effort);
+    /// What setDeltaEffort() has set.
     DeltaEffort deltaEffort() const;
 
     /**
@@ -89,11 +94,13 @@ public:
      * knows less of them, and deltas become larger.
      */
     void setDeltaMemory(qint64 bytes);
+    /// What setDeltaMemory() has set, in bytes.
     qint64 deltaMemory() const;
 
     /// Whether each delta that was made from the old build is applied by librsync's own patch and
     /// the outcome held against the new file, before the patch has a manifest; on by default.
     void setDeltasVerified(bool verified);
+    /// What setDeltasVerified() has set.
     bool areDeltasVerified() const;
 
     /// Writes into folder @p signatures a signature for each file of @p build, and signatures.json.
@@ -122,9 +129,9 @@ public:
     /// A new file that is an old one under another name.
     struct MovedFile
     {
-        QString relativePath;
+        QString relativePath;    ///< in the new build
         QString oldRelativePath; ///< of several, one that the patch does not touch goes first
-        qint64 size;
+        qint64 size;             ///< in bytes
     };
     /// What the last publish() sends whole although the old build has it, the largest first; none
     /// of it is empty.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -98,7 +99,7 @@ bool BuildFiles::removeEmptyFolders(const QString &path)
 {
     QStringList names;
     list(path, &names);
-    for (const QString &name : qAsConst(names)) {
+    for (const QString &name : std::as_const(names)) {
         const QString entry = path + Separator + name;
         if (look(entry).isFolder())
             removeEmptyFolders(entry);

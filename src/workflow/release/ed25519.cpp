@@ -208,7 +208,7 @@ std::optional<PublicKey> PublicKey::read(const QString &path, QString *error)
     auto text = readKeyFile(file, error);
     if (!text)
         return {};
-    const BioHandle bio(BIO_new_mem_buf(text->constData(), text->size()));
+    const BioHandle bio(BIO_new_mem_buf(text->constData(), static_cast<int>(text->size())));
     KeyHandle handle(PEM_read_bio_PUBKEY(bio.get(), nullptr, &noPassword, nullptr));
     QString problem = problemOfKey(handle.get(), *text, "public");
     if (!handle && text->contains("PRIVATE KEY-----")) {
@@ -262,7 +262,7 @@ std::optional<PrivateKey> PrivateKey::read(const QString &path, QString *error)
     auto text = readKeyFile(file, error);
     if (!text)
         return {};
-    const BioHandle bio(BIO_new_mem_buf(text->constData(), text->size()));
+    const BioHandle bio(BIO_new_mem_buf(text->constData(), static_cast<int>(text->size())));
     KeyHandle handle(PEM_read_bio_PrivateKey(bio.get(), nullptr, &noPassword, nullptr));
     const QString problem = !handle && text->contains("ENCRYPTED")
         ? QStringLiteral("has a password; only a key without one can be used")

@@ -185,7 +185,7 @@ QString problemOfManifestPath(const QString &path)
         return QStringLiteral("has a relative path that does not begin with a separator");
     if (path.contains(QChar::Null))
         return QStringLiteral("has a path with a zero character in it");
-    for (const QStringRef &part : path.midRef(1).split(separator)) {
+    for (const QString &part : path.mid(1).split(separator)) {
         if (part == QLatin1String(".."))
             return QStringLiteral("leads out of the folder");
         if (part.isEmpty() || part == QLatin1String("."))

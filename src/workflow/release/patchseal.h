@@ -36,11 +36,13 @@ class PELLOX_EXPORT PatchSeal : public QObject
     Q_OBJECT
 
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit PatchSeal(QObject *parent = nullptr);
     ~PatchSeal() override;
 
     /// How many threads hash; 0, the default, means one for each core. Counts from the next call.
     void setThreadCount(int count);
+    /// What setThreadCount() has set.
     int threadCount() const;
 
     /**

@@ -42,7 +42,7 @@ public:
     /// @p path: what they are about.
     QStringList all(const QString &path) const
     {
-        const int more = m_count - m_texts.size();
+        const auto more = m_count - m_texts.size();
         const QString rest = QStringLiteral("and %1 more").arg(more);
         return more == 0 ? m_texts
                          : m_texts + QStringList(path.isEmpty() ? rest : aboutFile(path, rest));
@@ -70,7 +70,7 @@ QString withoutIgnorable(const QString &text)
     if (std::all_of(text.cbegin(), text.cend(), isPlain))
         return text;
     QString kept;
-    for (const uint character : text.toUcs4()) {
+    for (const char32_t character : text.toStdU32String()) {
         if (!isIgnorable(character))
             kept += QString::fromUcs4(&character, 1);
     }
@@ -262,7 +262,7 @@ std::vector<UpdateRule> readRules(const QString &path, QStringList *errors, cons
 QStringList foldersAbove(const QString &relativePath)
 {
     QStringList folders;
-    for (int i = relativePath.indexOf(Separator, 1); i > 0;
+    for (auto i = relativePath.indexOf(Separator, 1); i > 0;
          i = relativePath.indexOf(Separator, i + 1))
         folders.append(relativePath.left(i));
     return folders;

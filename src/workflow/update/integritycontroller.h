@@ -15,10 +15,10 @@ namespace Pellox {
 /// a separator and are sorted.
 struct IntegrityReport
 {
-    int intactFiles = 0;
-    QStringList changed;
-    QStringList missing;
-    QStringList unreadable;
+    int intactFiles = 0;    ///< how many files are as the manifest says
+    QStringList changed;    ///< files with other content
+    QStringList missing;    ///< files that are not there
+    QStringList unreadable; ///< files that the system does not let be read
     /// Files that the manifest does not name; hidden ones do not count. And folders that cannot be
     /// listed, and files and folders whose names the locale's encoding cannot tell.
     QStringList extra;
@@ -39,6 +39,7 @@ class PELLOX_EXPORT IntegrityController : public QObject
     Q_OBJECT
 
 public:
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit IntegrityController(QObject *parent = nullptr);
     /// Cancels a run and waits for its end, that of all slots that are connected directly among it.
     /// So not to be reached from one of these.
@@ -80,6 +81,7 @@ public:
 
     /// Ends a run soon. One that is cancelled changes nothing. Any thread.
     void cancel();
+    /// Whether a run is under way.
     bool isRunning() const;
 
     /// What the last run found, before it repaired anything. Valid after finished().

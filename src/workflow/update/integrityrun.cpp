@@ -364,7 +364,7 @@ bool IntegrityRun::fail(Code code, const QString &file, const QString &error)
     if (error.isEmpty())
         return false;
     const QLatin1String separator(": ");
-    const int pathEnd = error.startsWith(file) ? error.indexOf(separator, file.size()) : -1;
+    const auto pathEnd = error.startsWith(file) ? error.indexOf(separator, file.size()) : -1;
     m_problems.add(code, pathEnd < 0 ? file : error.left(pathEnd),
         pathEnd < 0 ? error : error.mid(pathEnd + separator.size()));
     return false;

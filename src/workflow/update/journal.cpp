@@ -89,7 +89,7 @@ bool fromJson(const QJsonValue &value, std::vector<Journal::Deletion> *deletions
 /// Of a whole journal, the line of JSON; empty of any other.
 QByteArray lineOf(const QByteArray &bytes)
 {
-    const int lineEnd = bytes.indexOf('\n') + 1;
+    const auto lineEnd = bytes.indexOf('\n') + 1;
     const QByteArray line = bytes.left(lineEnd);
     return lineEnd > 0 && bytes.mid(lineEnd) == checksum(line) + '\n' ? line : QByteArray();
 }

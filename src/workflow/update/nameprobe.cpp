@@ -68,7 +68,7 @@ NameSense seenNameSense(const QString &build, const std::vector<UpdateRule> &rul
     Witness witness;
     for (const UpdateRule &rule : rules) {
         const QString path = build + rule.relativePath;
-        const int nameStart = path.lastIndexOf(QLatin1Char('/')) + 1;
+        const auto nameStart = path.lastIndexOf(QLatin1Char('/')) + 1;
         witness.hear(path.left(nameStart), path.mid(nameStart));
     }
     QDirIterator entry(

@@ -66,7 +66,7 @@ bool StagedRecord::read()
 
 bool StagedRecord::takeBytes(const QByteArray &bytes)
 {
-    const int lastLine = bytes.lastIndexOf('\n', -2) + 1;
+    const auto lastLine = bytes.lastIndexOf('\n', -2) + 1;
     const QByteArray lines = bytes.left(lastLine);
     if (!lines.startsWith(FirstLine) || bytes.mid(lastLine) != checksumLine(lines))
         return false;

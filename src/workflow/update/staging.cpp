@@ -354,7 +354,7 @@ void Staging::report(const Reports &reports, qint64 total)
         const std::lock_guard lock(m_stagedMutex);
         staged.swap(m_staged);
     }
-    for (const QString &path : qAsConst(staged))
+    for (const QString &path : std::as_const(staged))
         reports.staged(path);
     reports.progress(std::min(done(), total), total);
 }

@@ -15,6 +15,7 @@
 
 #include <climits>
 #include <filesystem>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -69,7 +70,7 @@ std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend, const GoOn &go
     const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
     std::vector<UpdateRule> rules = readRules(manifest, &errors, goOn);
     checkNames(rules, &errors);
-    for (const QString &error : qAsConst(errors)) {
+    for (const QString &error : std::as_const(errors)) {
         const QString begin = manifest + QLatin1String(": ");
         add(Code::BadManifest, manifest, error.startsWith(begin) ? error.mid(begin.size()) : error);
     }
@@ -98,7 +99,7 @@ bool UpdateCheck::checkFolders()
 {
     QStringList folders{m_folders.build, m_folders.patch, m_folders.fallback};
     folders.removeAll(QString());
-    for (const QString &folder : qAsConst(folders)) {
+    for (const QString &folder : std::as_const(folders)) {
         if (!QFileInfo(folder).isDir()) {
             add(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
             return false;
@@ -203,7 +204,7 @@ UpdateWork UpdateCheck::workFor(const UpdateRule &rule, std::size_t number)
 bool UpdateCheck::fits(const QString &relativePath) const
 {
     const QByteArray path = QFile::encodeName(m_folders.build + relativePath);
-    const int name = path.size() - path.lastIndexOf('/') - 1;
+    const auto name = path.size() - path.lastIndexOf('/') - 1;
     return path.size() < PATH_MAX && (m_longestName <= 0 || name <= m_longestName);
 }
 
@@ -363,7 +364,7 @@ void UpdateCheck::checkPayload(UpdateWork &work)
             break; // said of the file itself
         m_plainFolders.insert(path);
     }
-    const int lastSeparator = work.rule.relativePath.lastIndexOf(Separator);
+    const auto lastSeparator = work.rule.relativePath.lastIndexOf(Separator);
     const QString folder = m_folders.patch + work.rule.relativePath.left(lastSeparator);
     const QString path = m_folders.patch + work.rule.relativePath;
     const auto status = error.isEmpty() ? statusOf(path, &error) : std::nullopt;

@@ -24,7 +24,7 @@ struct UpdatePlan
     QStringList copies;       ///< likewise
     QStringList deletions;    ///< files that would go, likewise
     qint64 bytesToRead = 0;   ///< of the patch and of the old files, about
-    qint64 bytesToWrite = 0;
+    qint64 bytesToWrite = 0;  ///< of new content
     qint64 peakExtraDisk = 0; ///< what the build's file system must have free, in bytes; with
                               ///< copies of what is kept, where it is known to give no links
 };
@@ -77,6 +77,7 @@ public:
     };
     Q_ENUM(UpdatePhase)
 
+    /// Starts nothing. The object belongs to @p parent, where there is one.
     explicit UpdateController(QObject *parent = nullptr);
     /// Cancels a run and waits for its end, that of all slots that are connected directly among it.
     /// So not to be reached from one of these.
@@ -145,6 +146,7 @@ public:
     /// Ends a run soon: as Cancelled before the commit has begun, else when it is finished. Any
     /// thread.
     void cancel();
+    /// Whether a run is under way.
     bool isRunning() const;
 
 Q_SIGNALS:

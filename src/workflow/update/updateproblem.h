@@ -35,9 +35,9 @@ struct PELLOX_EXPORT UpdateProblem
         DamagedKept,    ///< a kept file of the earlier build is missing or not as it was
     };
 
-    Code code = Code::ReadOrWrite;
-    QString file;   ///< absolute path
-    QString reason; ///< English, without the path
+    Code code = Code::ReadOrWrite; ///< its kind
+    QString file;                  ///< absolute path
+    QString reason;                ///< English, without the path
 
     /// The file and the reason, for people.
     QString message() const;

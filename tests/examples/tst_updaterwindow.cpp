@@ -1,0 +1,932 @@
+// SPDX-License-Identifier: MIT
+#include "faultrun.h"
+#include "gametree.h"
+#include "logcapture.h"
+#include "updaterwindow.h"
+#include "virtualscreen.h"
+
+#include <Pellox/PatchSeal>
+
+#include <QAccessible>
+#include <QApplication>
+#include <QDialogButtonBox>
+#include <QFile>
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSemaphore>
+#include <QSet>
+#include <QTabWidget>
+#include <QtTest>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+
+using Pellox::UpdateController;
+using Phase = UpdateController::UpdatePhase;
+
+namespace {
+
+constexpr int Patience = 60000; // milliseconds
+
+QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, static_cast<int>(size));
+}
+
+QStringList sorted(QStringList texts)
+{
+    texts.sort();
+    return texts;
+}
+
+/// Where pictures of the window go; empty: nobody wants any.
+QString pictureFolder()
+{
+    return qEnvironmentVariable("PELLOX_PICTURES");
+}
+
+/// Holds a run at the first signal of its that passes, on the thread that tells it.
+class Hold
+{
+public:
+    Hold() = default;
+    Hold(const Hold &) = delete;
+    Hold &operator=(const Hold &) = delete;
+    ~Hold() { release(); }
+
+    /// Stops where @p signal comes and @p isRight says so of what it tells.
+    template <typename Sender, typename Signal, typename Condition>
+    void at(Sender *sender, Signal signal, Condition isRight)
+    {
+        QObject::connect(
+            sender, signal, &m_context,
+            [state = m_state, isRight](auto... told) {
+                if (isRight(told...) && !state->isReached.exchange(true))
+                    state->gate.acquire();
+            },
+            Qt::DirectConnection);
+    }
+
+    bool isReached() const { return m_state->isReached; }
+    void release() { m_state->gate.release(); }
+
+private:
+    struct State // the run may still hold it when a test has failed
+    {
+        std::atomic<bool> isReached{false};
+        QSemaphore gate;
+    };
+
+    QObject m_context;
+    const std::shared_ptr<State> m_state = std::make_shared<State>();
+};
+
+} // namespace
+
+/// The example's window, used as a player does: by mouse and keyboard, in a real X server.
+class tst_UpdaterWindow : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void fullUpdateByClicks();
+    void fullUpdateByKeyboard();
+    void foldersAreChosenInADialog();
+    void checkTouchesNothing();
+    void changedPathNeedsANewCheck();
+    void nothingToDo();
+    void showsProgress();
+    void cancel();
+    void escapeCancels();
+    void commitCannotBeCancelled();
+    void hostilePathIsRefused();
+    void brokenSealIsRefused();
+    void sealedPatchIsTaken();
+    void damagedGameIsRefusedWithAdvice();
+    void archive();
+    void archiveInVolumes();
+    void damagedArchiveIsRefused();
+    void cancelWhileUnpacking();
+    void cutOffUpdateIsFinishedFirst();
+    void verifyAndRepair();
+    void verifyTellsExtraFiles();
+    void verifyWithoutSignatures();
+    void repairFromTheWrongFolder();
+    void cancelOfVerify();
+    void closingAsksFirst();
+    void closingWhileItStops();
+    void closingWaitsForTheCommit();
+    void questionGoesWhenItIsTooLate();
+    void windowThatIsDestroyedMeanwhile();
+    void everyWidgetHasAName();
+    void everyControlHasAnAccessibleName();
+    void mnemonicsAreDistinct();
+    void tabOrderFollowsTheEye();
+    void nothingIsCutOff_data();
+    void nothingIsCutOff();
+    void darkColours();
+
+private:
+    template <typename Widget> Widget *get(const char *name) const
+    {
+        auto *widget = m_window->findChild<Widget *>(QLatin1String(name));
+        if (!widget)
+            qFatal("there is no %s", name);
+        return widget;
+    }
+    QPushButton *button(const char *name) const { return get<QPushButton>(name); }
+    QString text(const char *label) const { return get<QLabel>(label)->text(); }
+    QStringList lines() const;
+    UpdateController *controller() const { return m_updater->findChild<UpdateController *>(); }
+
+    void click(const char *name) const;
+    void type(const char *edit, const QString &text) const;
+    void chooseGameAndPatch(const QString &patch = QString()) const;
+    void checkByClicks(const QString &patch = QString()) const;
+    void waitForEnd() const;
+    void holdAtFirstFile(Hold &hold) const;
+    void holdAt(Phase phase, Hold &hold) const;
+    void sealPatch(const QString &key) const;
+    void openRepairPage() const;
+    void shoot(const char *name) const;
+
+    std::optional<LogCapture> m_log;
+    std::optional<GameTree> m_tree;
+    std::unique_ptr<Updater> m_updater;
+    std::unique_ptr<UpdaterWindow> m_window;
+};
+
+void tst_UpdaterWindow::init()
+{
+    m_log.emplace();
+    m_tree.emplace(pictureFolder().isEmpty() ? 1 : 40); // so that there is something to see
+    m_updater = std::make_unique<Updater>();
+    m_window = std::make_unique<UpdaterWindow>(*m_updater);
+    m_window->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    m_window->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+}
+
+void tst_UpdaterWindow::cleanup()
+{
+    m_window.reset();
+    m_updater.reset();
+    m_tree.reset();
+    m_log->takeAll("qt.qpa.xcb"); // without a window manager the focus may come too early
+    const QStringList trouble = m_log->troubleLeft();
+    QVERIFY2(trouble.isEmpty(), qPrintable(trouble.join(QLatin1Char(10))));
+    m_log.reset();
+}
+
+QStringList tst_UpdaterWindow::lines() const
+{
+    const auto *list = get<QListWidget>("lines");
+    QStringList texts;
+    for (int i = 0; i < list->count(); ++i)
+        texts.append(list->item(i)->text());
+    return texts;
+}
+
+void tst_UpdaterWindow::click(const char *name) const
+{
+    QPushButton *const target = button(name);
+    QVERIFY2(target->isVisible() && target->isEnabled(), name);
+    QTest::mouseClick(target, Qt::LeftButton);
+}
+
+/// As a player does who has clicked into the field.
+void tst_UpdaterWindow::type(const char *edit, const QString &text) const
+{
+    auto *const field = get<QLineEdit>(edit);
+    QTest::mouseClick(field, Qt::LeftButton);
+    QTest::keyClick(field, Qt::Key_A, Qt::ControlModifier);
+    QTest::keyClicks(field, text);
+    QCOMPARE(field->text(), text);
+}
+
+void tst_UpdaterWindow::chooseGameAndPatch(const QString &patch) const
+{
+    type("build", m_tree->game());
+    type("patch", patch.isEmpty() ? m_tree->patch() : patch);
+}
+
+void tst_UpdaterWindow::checkByClicks(const QString &patch) const
+{
+    chooseGameAndPatch(patch);
+    click("check");
+    waitForEnd();
+}
+
+void tst_UpdaterWindow::waitForEnd() const
+{
+    QTRY_VERIFY_WITH_TIMEOUT(!m_updater->isBusy(), Patience);
+}
+
+void tst_UpdaterWindow::holdAtFirstFile(Hold &hold) const
+{
+    hold.at(controller(), &UpdateController::fileStaged, [](const QString &) { return true; });
+}
+
+void tst_UpdaterWindow::holdAt(Phase phase, Hold &hold) const
+{
+    hold.at(controller(), &UpdateController::phaseChanged,
+        [phase](Phase entered) { return entered == phase; });
+}
+
+void tst_UpdaterWindow::openRepairPage() const
+{
+    auto *const bar = get<QTabWidget>("pages")->findChild<QTabBar *>();
+    QTest::mouseClick(bar, Qt::LeftButton, Qt::NoModifier, bar->tabRect(1).center());
+    QVERIFY(button("verify")->isVisible());
+}
+
+/// A picture for the guide, where one is wanted.
+void tst_UpdaterWindow::shoot(const char *name) const
+{
+    if (pictureFolder().isEmpty())
+        return;
+    const QString file = pictureFolder() + QLatin1String("/updater-window-") + QLatin1String(name)
+        + QLatin1String(".png");
+    QVERIFY2(m_window->grab().save(file), qPrintable(file));
+}
+
+void tst_UpdaterWindow::fullUpdateByClicks()
+{
+    QVERIFY(!button("check")->isEnabled());
+    QVERIFY(!button("update")->isEnabled());
+    QVERIFY(!button("cancel")->isEnabled());
+    chooseGameAndPatch();
+    QVERIFY(!button("update")->isEnabled());
+
+    click("check");
+    QVERIFY(!button("check")->isEnabled());
+    QVERIFY(!get<QLineEdit>("build")->isEnabled());
+    waitForEnd();
+    QCOMPARE(text("headline"), "The update is ready"_s);
+    QVERIFY2(text("detail").startsWith("2 files to change, 5 files to add, 1 file to remove.\n"_s),
+        qPrintable(text("detail")));
+    QStringList added;
+    QStringList written{"Written: data/harbour.pak"_s, "Written: lighthouse"_s};
+    for (const char *level : GameTree::Levels) {
+        added.append("To add: "_s + QLatin1String(level));
+        written.append("Written: "_s + QLatin1String(level));
+    }
+    QCOMPARE(sorted(lines()),
+        sorted(added
+            + QStringList{"To change: data/harbour.pak"_s, "To change: lighthouse"_s,
+                "To remove: data/intro.txt"_s}));
+    shoot("check");
+
+    click("update");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(text("detail"), "All files are in place. You can play."_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+    QStringList told = lines();
+    QCOMPARE(told.takeLast(), "The game is up to date"_s);
+    QCOMPARE(sorted(told), sorted(written));
+    QCOMPARE(get<QProgressBar>("progress")->value(), get<QProgressBar>("progress")->maximum());
+    QVERIFY(button("check")->isEnabled());
+    QVERIFY(!button("update")->isEnabled());
+    QVERIFY(!button("cancel")->isEnabled());
+    shoot("done");
+}
+
+/// Alt and a letter leads to a field, Tab on from there; Enter is what comes next.
+void tst_UpdaterWindow::fullUpdateByKeyboard()
+{
+    QTest::keyClick(m_window.get(), Qt::Key_G, Qt::AltModifier);
+    QCOMPARE(QApplication::focusWidget(), get<QLineEdit>("build"));
+    QTest::keyClicks(QApplication::focusWidget(), m_tree->game());
+    QTest::keyClick(m_window.get(), Qt::Key_P, Qt::AltModifier);
+    QCOMPARE(QApplication::focusWidget(), get<QLineEdit>("patch"));
+    QTest::keyClicks(QApplication::focusWidget(), m_tree->patch());
+    QVERIFY(button("check")->isDefault());
+
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QVERIFY(m_updater->isBusy());
+    waitForEnd();
+    QCOMPARE(text("headline"), "The update is ready"_s);
+    QVERIFY(button("update")->isDefault() && !button("check")->isDefault());
+    QTest::keyClick(m_window.get(), Qt::Key_U, Qt::AltModifier);
+    QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "The game is up to date"_s, Patience);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::foldersAreChosenInADialog()
+{
+    bool isChosen = false;
+    QTimer::singleShot(0, m_window.get(), [&] {
+        auto *const dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+        QVERIFY(dialog);
+        dialog->setDirectory(m_tree->game());
+        auto *const buttons = dialog->findChild<QDialogButtonBox *>();
+        QTest::mouseClick(buttons->button(QDialogButtonBox::Open), Qt::LeftButton);
+        isChosen = true;
+    });
+    click("chooseBuild"); // until the dialog is closed
+    QVERIFY(isChosen);
+    QCOMPARE(get<QLineEdit>("build")->text(), m_tree->game());
+
+    QTimer::singleShot(0, m_window.get(),
+        [] { QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Escape); });
+    click("choosePatchArchive");
+    QCOMPARE(get<QLineEdit>("patch")->text(), QString());
+}
+
+void tst_UpdaterWindow::checkTouchesNothing()
+{
+    const auto before = TestTree::snapshot(m_tree->path());
+    checkByClicks();
+    QCOMPARE(text("headline"), "The update is ready"_s);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_UpdaterWindow::changedPathNeedsANewCheck()
+{
+    checkByClicks();
+    QVERIFY(button("update")->isEnabled());
+    QTest::keyClicks(get<QLineEdit>("patch"), "x"_s);
+    QVERIFY(!button("update")->isEnabled());
+    click("check");
+    waitForEnd();
+    QCOMPARE(text("headline"), "This update cannot be installed"_s);
+}
+
+void tst_UpdaterWindow::nothingToDo()
+{
+    checkByClicks();
+    click("update");
+    waitForEnd();
+    click("check");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(text("detail"), "There is nothing to do. You can play."_s);
+    QVERIFY(!button("update")->isEnabled());
+    QCOMPARE(lines(), QStringList());
+}
+
+void tst_UpdaterWindow::showsProgress()
+{
+    m_tree->addLargeFile();
+    const auto before = m_tree->installed();
+    checkByClicks();
+    click("update");
+    const auto *bar = get<QProgressBar>("progress");
+    QTRY_VERIFY_WITH_TIMEOUT(bar->maximum() == 1000 && bar->value() >= 400, Patience);
+    QTRY_VERIFY_WITH_TIMEOUT(text("figures").contains(" left"_s), Patience);
+    const QRegularExpression figures("^[0-9.]+ [MG]B of 1\\.[0-9] GB, [0-9.]+ MB/s, "
+                                     "[0-9]+ seconds? left$"_s);
+    QVERIFY2(figures.match(text("figures")).hasMatch(), qPrintable(text("figures")));
+    QCOMPARE(text("headline"), "Writing the new files …"_s);
+    shoot("progress");
+    click("cancel");
+    waitForEnd();
+    QCOMPARE(text("headline"), "Stopped, nothing was changed"_s);
+    QCOMPARE(text("figures"), QString());
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::cancel()
+{
+    const auto before = m_tree->installed();
+    checkByClicks();
+    {
+        Hold hold;
+        holdAtFirstFile(hold);
+        click("update");
+        QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+        QTRY_COMPARE(text("headline"), "Writing the new files …"_s);
+        QVERIFY(m_tree->installed() != before); // it writes beside the old files
+        click("cancel");
+        QCOMPARE(text("headline"), "Stopping …"_s);
+        QVERIFY(!button("cancel")->isEnabled());
+        hold.release();
+        waitForEnd();
+    }
+    QCOMPARE(text("headline"), "Stopped, nothing was changed"_s);
+    QCOMPARE(text("detail"), "The game is as it was."_s);
+    QCOMPARE(m_tree->installed(), before);
+    QCOMPARE(get<QProgressBar>("progress")->value(), 0);
+    shoot("cancelled");
+
+    click("update"); // what was checked still counts
+    waitForEnd();
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::escapeCancels()
+{
+    const auto before = m_tree->installed();
+    QTest::keyClick(m_window.get(), Qt::Key_Escape); // nothing runs
+    QVERIFY(m_window->isVisible());
+    checkByClicks();
+    Hold hold;
+    holdAtFirstFile(hold);
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    QTest::keyClick(m_window.get(), Qt::Key_Escape);
+    hold.release();
+    waitForEnd();
+    QCOMPARE(text("headline"), "Stopped, nothing was changed"_s);
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::commitCannotBeCancelled()
+{
+    checkByClicks();
+    Hold hold;
+    holdAt(Phase::Committing, hold);
+    click("update");
+    QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "Putting the new files in place …"_s, Patience);
+    QVERIFY(hold.isReached());
+    QVERIFY(!button("cancel")->isEnabled());
+    QTest::keyClick(m_window.get(), Qt::Key_Escape);
+    hold.release();
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::hostilePathIsRefused()
+{
+    m_tree->addRule("/../../stolen.txt"_s);
+    m_tree->write("stolen.txt"_s, "what the rule would copy");
+    m_tree->addRule("/data/../../outside.txt"_s);
+    const auto before = TestTree::snapshot(m_tree->path());
+    checkByClicks();
+    QCOMPARE(text("headline"), "This update cannot be installed"_s);
+    QVERIFY2(
+        text("detail").startsWith("Nothing was changed. See whether this is the right folder"_s),
+        qPrintable(text("detail")));
+    QVERIFY2(lines().join(QLatin1Char('\n')).contains("/../../stolen.txt"_s),
+        qPrintable(lines().join(QLatin1Char('\n'))));
+    QVERIFY(!button("update")->isEnabled());
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    shoot("refused");
+}
+
+/// Makes "key.pub" and seals the patch with its private key.
+void tst_UpdaterWindow::sealPatch(const QString &key) const
+{
+    QString error;
+    QVERIFY2(Pellox::PatchSeal::generateKey(
+                 m_tree->path(key + ".key"_s), m_tree->path(key + ".pub"_s), &error),
+        qPrintable(error));
+    Pellox::PatchSeal sealer;
+    QVERIFY2(sealer.seal(m_tree->patch(), m_tree->path("signatures/1.0"_s), 2,
+                 {m_tree->path(key + ".key"_s)}),
+        qPrintable(sealer.error()));
+    m_updater->setTrustedKeys({m_tree->path(key + ".pub"_s)});
+}
+
+void tst_UpdaterWindow::brokenSealIsRefused()
+{
+    sealPatch("publisher"_s);
+    QByteArray content = m_tree->read("patch/data/levels/caves.pak"_s);
+    content[1000] = static_cast<char>(~content.at(1000));
+    m_tree->write("patch/data/levels/caves.pak"_s, content);
+    const auto before = TestTree::snapshot(m_tree->path());
+    checkByClicks();
+    QCOMPARE(text("headline"), "This update cannot be installed"_s);
+    QCOMPARE(text("detail"),
+        "Nothing was changed. Get the patch from its publisher; do not use this one."_s);
+    QVERIFY2(lines().first().startsWith(m_tree->path("patch/data/levels/caves.pak"_s)),
+        qPrintable(lines().first()));
+    QVERIFY(!button("update")->isEnabled());
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_UpdaterWindow::sealedPatchIsTaken()
+{
+    sealPatch("publisher"_s);
+    checkByClicks();
+    click("update");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QVERIFY(m_tree->exists("Lighthouse/.pellox/release"_s));
+}
+
+void tst_UpdaterWindow::damagedGameIsRefusedWithAdvice()
+{
+    m_tree->write("Lighthouse/data/harbour.pak"_s, "overwritten");
+    checkByClicks();
+    QCOMPARE(text("headline"), "The update is ready"_s); // the writing shows it
+    click("update");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The update has failed"_s);
+    QVERIFY2(text("detail").startsWith("The game is as it was. Either the build is damaged"_s),
+        qPrintable(text("detail")));
+    QVERIFY2(!lines().filter(m_tree->path("Lighthouse/data/harbour.pak: "_s)).isEmpty(),
+        qPrintable(lines().join(QLatin1Char('\n'))));
+    QCOMPARE(m_tree->read("Lighthouse/data/harbour.pak"_s), QByteArray("overwritten"));
+}
+
+void tst_UpdaterWindow::archive()
+{
+    QVERIFY(QFile::rename(m_tree->pack(), m_tree->path("dl/1.0-1.1.7z"_s)));
+    const QString archive = m_tree->path("dl/1.0-1.1.7z"_s);
+    QVector<Updater::Stage> stages;
+    connect(m_updater.get(), &Updater::stageChanged, this,
+        [&](Updater::Stage stage) { stages.append(stage); });
+    checkByClicks(archive);
+    QCOMPARE(text("headline"), "The update is ready"_s);
+    QCOMPARE(stages.first(), Updater::Stage::Unpacking);
+    click("update");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+    QCOMPARE(TestTree::snapshot(m_tree->path("dl"_s)).keys(), QStringList("1.0-1.1.7z"_s));
+}
+
+void tst_UpdaterWindow::archiveInVolumes()
+{
+    const QString firstVolume = m_tree->pack(500000);
+    QVERIFY(m_tree->exists("dl/1.0-1.1.7z.002"_s));
+    checkByClicks(firstVolume);
+    click("update");
+    waitForEnd();
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::damagedArchiveIsRefused()
+{
+    m_tree->write("dl/1.0-1.1.7z"_s, randomBytes(5000, 9));
+    const auto before = TestTree::snapshot(m_tree->path());
+    checkByClicks(m_tree->path("dl/1.0-1.1.7z"_s));
+    QCOMPARE(text("headline"), "This update cannot be installed"_s);
+    QVERIFY2(text("detail").startsWith("Nothing was changed. Get the patch anew"_s),
+        qPrintable(text("detail")));
+    QVERIFY2(
+        lines().first().startsWith(m_tree->path("dl/1.0-1.1.7z"_s) + ": cannot be unpacked: "_s),
+        qPrintable(lines().first()));
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_UpdaterWindow::cancelWhileUnpacking()
+{
+    const QString firstVolume = m_tree->pack();
+    const auto before = TestTree::snapshot(m_tree->path());
+    chooseGameAndPatch(firstVolume);
+    click("check");
+    QCOMPARE(text("headline"), "Unpacking the patch …"_s);
+    click("cancel");
+    waitForEnd();
+    QCOMPARE(text("headline"), "Stopped, nothing was changed"_s);
+    QVERIFY(!button("update")->isEnabled());
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_UpdaterWindow::cutOffUpdateIsFinishedFirst()
+{
+    const FaultRun killed = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {"update"_s, m_tree->game(), m_tree->patch()},
+        {m_tree->path("Lighthouse/lighthouse"_s), "rename", 1, "kill"});
+    QVERIFY(killed.crashed);
+    QVERIFY(m_tree->exists("Lighthouse/.pellox/journal"_s));
+    QVector<Updater::Stage> stages;
+    connect(m_updater.get(), &Updater::stageChanged, this,
+        [&](Updater::Stage stage) { stages.append(stage); });
+    checkByClicks();
+    QVERIFY(stages.contains(Updater::Stage::Finishing));
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::verifyAndRepair()
+{
+    const auto right = m_tree->installed();
+    m_tree->write("Lighthouse/data/music.pak"_s, "noise");
+    m_tree->remove("Lighthouse/lighthouse"_s);
+    type("build", m_tree->game());
+    openRepairPage();
+    QVERIFY(!button("verify")->isEnabled());
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    QVERIFY(!button("repair")->isEnabled());
+    QVERIFY(button("verify")->isDefault());
+    click("verify");
+    waitForEnd();
+    QCOMPARE(text("headline"), "2 of 4 files damaged or missing"_s);
+    QCOMPARE(lines(), QStringList({"Damaged: data/music.pak"_s, "Missing: lighthouse"_s}));
+    shoot("verify");
+
+    type("source", m_tree->path("releases/1.0"_s));
+    click("repair");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is repaired"_s);
+    QCOMPARE(m_tree->installed(), right);
+    click("repair");
+    waitForEnd();
+    QCOMPARE(text("headline"), "There is nothing to repair"_s);
+    click("verify");
+    waitForEnd();
+    QCOMPARE(text("headline"), "All is well: 4 files verified"_s);
+}
+
+void tst_UpdaterWindow::verifyTellsExtraFiles()
+{
+    type("build", m_tree->game());
+    openRepairPage();
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    QTest::keyClick(get<QLineEdit>("signatures"), Qt::Key_Enter);
+    waitForEnd();
+    QCOMPARE(text("headline"), "All is well: 4 files verified"_s);
+    QCOMPARE(text("detail"), "Not part of the game, and left alone: 1 file."_s);
+}
+
+void tst_UpdaterWindow::verifyWithoutSignatures()
+{
+    type("build", m_tree->game());
+    openRepairPage();
+    type("signatures", m_tree->path("releases"_s));
+    click("verify");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The files cannot be verified"_s);
+    QVERIFY2(text("detail").startsWith("Nothing was changed. See whether"_s),
+        qPrintable(text("detail")));
+}
+
+void tst_UpdaterWindow::repairFromTheWrongFolder()
+{
+    m_tree->write("Lighthouse/data/music.pak"_s, "noise");
+    const auto before = m_tree->installed();
+    type("build", m_tree->game());
+    openRepairPage();
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    type("source", m_tree->path("patch"_s));
+    click("repair");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game cannot be repaired like this"_s);
+    QVERIFY2(text("detail").contains("Give a folder with the files of the very build"_s),
+        qPrintable(text("detail")));
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::cancelOfVerify()
+{
+    Hold hold;
+    hold.at(m_updater->findChild<Pellox::IntegrityController *>(),
+        &Pellox::IntegrityController::phaseChanged, [](Phase) { return true; });
+    type("build", m_tree->game());
+    openRepairPage();
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    click("verify");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    QCOMPARE(text("headline"), "Verifying the files …"_s);
+    click("cancel");
+    hold.release();
+    waitForEnd();
+    QCOMPARE(text("headline"), "Stopped, nothing was changed"_s);
+}
+
+void tst_UpdaterWindow::closingAsksFirst()
+{
+    const auto before = m_tree->installed();
+    checkByClicks();
+    Hold hold;
+    holdAtFirstFile(hold);
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+
+    m_window->close();
+    QVERIFY(m_window->isVisible());
+    auto *question = get<QMessageBox>("closeQuestion");
+    QTRY_VERIFY(question->isVisible());
+    QTest::keyClick(question, Qt::Key_Escape); // goes on
+    QTRY_VERIFY(!m_window->findChild<QMessageBox *>());
+    QVERIFY(m_updater->canCancel());
+
+    m_window->close();
+    QTRY_VERIFY(get<QMessageBox>("closeQuestion")->isVisible());
+    click("stop");
+    QVERIFY(m_window->isVisible());
+    QCOMPARE(text("headline"), "Stopping …"_s);
+    hold.release();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->isVisible(), Patience);
+    QVERIFY(!m_updater->isBusy());
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::closingWhileItStops()
+{
+    checkByClicks();
+    Hold hold;
+    holdAtFirstFile(hold);
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    click("cancel");
+    m_window->close();
+    QVERIFY(m_window->isVisible());
+    QVERIFY(!m_window->findChild<QMessageBox *>());
+    hold.release();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->isVisible(), Patience);
+}
+
+void tst_UpdaterWindow::closingWaitsForTheCommit()
+{
+    checkByClicks();
+    Hold hold;
+    holdAt(Phase::Committing, hold);
+    click("update");
+    QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "Putting the new files in place …"_s, Patience);
+    m_window->close();
+    QVERIFY(m_window->isVisible());
+    QVERIFY(!m_window->findChild<QMessageBox *>());
+    hold.release();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->isVisible(), Patience);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+/// What was asked while it could be stopped is no longer asked in the commit.
+void tst_UpdaterWindow::questionGoesWhenItIsTooLate()
+{
+    checkByClicks();
+    Hold writing;
+    holdAtFirstFile(writing);
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(writing.isReached(), Patience);
+    m_window->close();
+    QTRY_VERIFY(get<QMessageBox>("closeQuestion")->isVisible());
+    writing.release();
+    waitForEnd();
+    QTRY_VERIFY(!m_window->findChild<QMessageBox *>());
+    QVERIFY(m_window->isVisible());
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+}
+
+void tst_UpdaterWindow::windowThatIsDestroyedMeanwhile()
+{
+    const auto before = m_tree->installed();
+    checkByClicks();
+    Hold hold;
+    holdAtFirstFile(hold);
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    m_window.reset();
+    m_updater->cancel();
+    hold.release();
+    m_updater.reset(); // waits
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::everyWidgetHasAName()
+{
+    for (const QWidget *widget : m_window->findChildren<QWidget *>()) {
+        const bool isPartOfAnother = widget->objectName().startsWith("qt_"_s)
+            || widget->parentWidget()->objectName().startsWith("qt_"_s)
+            || qobject_cast<QTabWidget *>(widget->parentWidget())
+            || qobject_cast<QLineEdit *>(widget->parentWidget());
+        QVERIFY2(
+            isPartOfAnother || !widget->objectName().isEmpty(), widget->metaObject()->className());
+    }
+}
+
+void tst_UpdaterWindow::everyControlHasAnAccessibleName()
+{
+    int controls = 0;
+    for (QWidget *widget : m_window->findChildren<QWidget *>()) {
+        if (widget->objectName().isEmpty() || widget->objectName().startsWith("qt_"_s)
+            || (widget->focusPolicy() & Qt::TabFocus) == 0)
+            continue;
+        ++controls;
+        QAccessibleInterface *told = QAccessible::queryAccessibleInterface(widget);
+        QVERIFY2(
+            told && !told->text(QAccessible::Name).isEmpty(), qPrintable(widget->objectName()));
+    }
+    QVERIFY(controls >= 15);
+}
+
+void tst_UpdaterWindow::mnemonicsAreDistinct()
+{
+    const auto *pages = get<QTabWidget>("pages");
+    for (const char *page : {"updatePage", "repairPage"}) {
+        QStringList texts{pages->tabText(0), pages->tabText(1), text("buildLabel"),
+            button("chooseBuild")->text(), button("cancel")->text()};
+        for (const QLabel *label : get<QWidget>(page)->findChildren<QLabel *>()) {
+            if (label->buddy())
+                texts.append(label->text());
+        }
+        for (const QPushButton *one : get<QWidget>(page)->findChildren<QPushButton *>())
+            texts.append(one->text());
+        QSet<QString> keys;
+        for (const QString &text : texts) {
+            const QString key = QKeySequence::mnemonic(text).toString();
+            QVERIFY2(!key.isEmpty() && !keys.contains(key), qPrintable(text));
+            keys.insert(key);
+        }
+    }
+}
+
+void tst_UpdaterWindow::tabOrderFollowsTheEye()
+{
+    chooseGameAndPatch();
+    QTest::keyClick(m_window.get(), Qt::Key_G, Qt::AltModifier);
+    QStringList visited;
+    for (int i = 0; i < 9; ++i) {
+        visited.append(QApplication::focusWidget()->objectName());
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    }
+    QCOMPARE(visited,
+        QStringList({"build"_s, "chooseBuild"_s, "qt_tabwidget_tabbar"_s, "patch"_s,
+            "choosePatchFolder"_s, "choosePatchArchive"_s, "check"_s, "lines"_s, "build"_s}));
+}
+
+void tst_UpdaterWindow::nothingIsCutOff_data()
+{
+    QTest::addColumn<QSize>("size");
+
+    QTest::newRow("as it opens") << QSize();
+    QTest::newRow("as small as can be") << QSize(1, 1);
+    QTest::newRow("large") << QSize(1500, 1100);
+}
+
+void tst_UpdaterWindow::nothingIsCutOff()
+{
+    QFETCH(QSize, size);
+    if (size.isValid())
+        m_window->resize(size);
+    m_tree->write("Lighthouse/data/harbour.pak"_s, "damaged"); // the longest advice
+    checkByClicks();
+    click("update");
+    waitForEnd();
+    QVERIFY(text("detail").size() > 200);
+    QTest::qWait(0); // for the layout
+    for (const char *page : {"updatePage", "repairPage"}) {
+        if (get<QWidget>(page)->isHidden())
+            openRepairPage();
+        for (const QWidget *widget : m_window->findChildren<QWidget *>()) {
+            if (!widget->isVisible() || widget->objectName().isEmpty())
+                continue;
+            const QString state = "%1: %2 x %3"_s.arg(widget->objectName())
+                                      .arg(widget->width())
+                                      .arg(widget->height());
+            QVERIFY2(widget->width() >= widget->minimumSizeHint().width()
+                    && widget->height() >= widget->minimumSizeHint().height(),
+                qPrintable(state));
+            if (const auto *label = qobject_cast<const QLabel *>(widget))
+                QVERIFY2(
+                    label->height() >= label->heightForWidth(label->width()), qPrintable(state));
+            const QRect place(widget->mapTo(m_window.get(), QPoint(0, 0)), widget->size());
+            QVERIFY2(m_window->rect().contains(place), qPrintable(state));
+        }
+    }
+}
+
+/// Everything is drawn in the colours of the palette.
+void tst_UpdaterWindow::darkColours()
+{
+    const QPalette before = QApplication::palette();
+    QPalette dark;
+    dark.setColor(QPalette::Window, QColor(45, 45, 48));
+    dark.setColor(QPalette::Base, QColor(32, 32, 34));
+    dark.setColor(QPalette::AlternateBase, QColor(38, 38, 41));
+    dark.setColor(QPalette::Button, QColor(58, 58, 62));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        dark.setColor(role, QColor(230, 230, 230));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        dark.setColor(QPalette::Disabled, role, QColor(125, 125, 125));
+    dark.setColor(QPalette::PlaceholderText, QColor(125, 125, 125));
+    dark.setColor(QPalette::Highlight, QColor(53, 132, 228));
+    dark.setColor(QPalette::HighlightedText, Qt::white);
+    QApplication::setPalette(dark);
+    checkByClicks();
+    click("update");
+    waitForEnd();
+    shoot("dark");
+
+    // No part of the window is as bright as paper, but for letters, icons and the bar.
+    const QImage picture = m_window->grab().toImage();
+    int bright = 0;
+    for (int y = 0; y < picture.height(); ++y) {
+        for (int x = 0; x < picture.width(); ++x)
+            bright += picture.pixelColor(x, y).lightness() > 160 ? 1 : 0;
+    }
+    QApplication::setPalette(before);
+    QVERIFY2(bright < picture.width() * picture.height() / 20, qPrintable(QString::number(bright)));
+    QVERIFY(bright > 500); // there are letters
+}
+
+int main(int argc, char **argv)
+{
+    if (pictureFolder().isEmpty())
+        useMemoryForFiles();
+    const VirtualScreen screen;
+    QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+    QApplication application(argc, argv);
+    if (!pictureFolder().isEmpty())
+        QApplication::setApplicationName("games"_s); // the folders' name
+    tst_UpdaterWindow test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_updaterwindow.moc"
