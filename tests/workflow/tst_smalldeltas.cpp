@@ -328,6 +328,15 @@ void tst_SmallDeltas::whatIsOldIsNotSentAgain_data()
             << content + run.repeated(500 * KiB / period) << 5 + 5 * 11;
     }
     QTest::newRow("zeros") << QByteArray(64 * KiB, '\0') << QByteArray(80 * KiB, '\0') << 5 + 2 * 9;
+    // Repeated content has one window alone, which must not be the one that the index leaves out.
+    for (const char byte : {'\0', '\3', '\7'}) {
+        for (quint32 seed = 1; seed <= 12; ++seed) {
+            const QByteArray run(2 * KiB, byte);
+            const QByteArray head = randomBytes(2 * KiB, seed);
+            QTest::addRow("a run of %d behind content %u", byte, seed)
+                << head + run << head + run + run << 5 + 4 * 9;
+        }
+    }
     QByteArray pieces;
     for (int i = 0; i < 100; ++i)
         pieces += content.mid((i * 37 % 100) * KiB, KiB);

@@ -89,16 +89,24 @@ void ContentIndex::sample(const uchar *data, qint64 count, std::vector<quint32> 
 
 void ContentIndex::insert(const uchar *data, qint64 position, const std::vector<quint32> &samples)
 {
+    quint64 lastFingerprint = 0;
     for (const quint32 sample : samples) {
         const quint64 place = static_cast<quint64>(position) + sample;
         if (place >= MostPosition)
             return;
         const quint64 fingerprint = fingerprintOf(data + sample);
+        const bool isRepeated = !keeps(fingerprint) || fingerprint == lastFingerprint;
+        lastFingerprint = fingerprint;
+        const quint64 tag = tagOf(fingerprint);
         quint64 *const bucket = m_buckets.data() + bucketOf(fingerprint);
         quint64 *const end = bucket + m_places;
-        quint64 *const free = std::find(bucket, end, Free);
-        if (free != end)
-            *free = tagOf(fingerprint) << PositionBits | place;
+        quint64 *target = std::find(bucket, end, Free);
+        // Content that repeats itself has few windows, or this one alone; other content has more.
+        const auto isSame = [tag](quint64 other) { return other >> PositionBits == tag; };
+        if (target == end && isRepeated && std::none_of(bucket, end, isSame))
+            --target;
+        if (target != end)
+            *target = tag << PositionBits | place;
     }
 }
 

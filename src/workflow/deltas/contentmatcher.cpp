@@ -114,9 +114,18 @@ void ContentMatcher::lookIntoIndex()
 /// Whether what stands at @p oldPosition is better than what has been found for the position.
 void ContentMatcher::consider(qint64 oldPosition)
 {
+    const qint64 shared = compare(oldPosition);
+    // Content that repeats itself reaches farther from where nothing of it is copied twice.
+    if (shared > 0 && shared <= oldPosition)
+        compare(oldPosition - shared);
+}
+
+/// Returns how far the match reaches into the last one.
+qint64 ContentMatcher::compare(qint64 oldPosition)
+{
     const qint64 after = sameAfter(m_position, oldPosition);
     if (after < LeastSame)
-        return;
+        return 0;
     // Into the last match only a little: it is as good where it is long.
     const qint64 ofLast = hasMatch() ? std::min(m_matches.back().length, Resumed) : 0;
     const qint64 before = sameBefore(m_position, oldPosition, m_position - m_end + ofLast);
@@ -124,6 +133,7 @@ void ContentMatcher::consider(qint64 oldPosition)
     const qint64 spared = this->spared(match);
     if (spared > m_best.spared)
         m_best = {match, spared};
+    return m_end - match.position;
 }
 
 /// How much smaller @p match makes the delta. It may come in the stead of the last one.

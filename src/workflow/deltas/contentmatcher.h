@@ -34,6 +34,7 @@ private:
     void lookBehindLastMatch();
     void lookIntoIndex();
     void consider(qint64 oldPosition);
+    qint64 compare(qint64 oldPosition);
     qint64 spared(const Match &match) const;
     void take(const Match &match);
     void loadNeighbourhood();
