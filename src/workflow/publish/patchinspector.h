@@ -90,7 +90,7 @@ Q_SIGNALS:
     void inspectError(const QString &message, const QString &path);
 
 private:
-    class Private;
+    class PELLOX_NO_EXPORT Private;
     const std::unique_ptr<Private> d;
 };
 

@@ -180,7 +180,7 @@ Q_SIGNALS:
     void publishError(const QString &message);
 
 private:
-    class Private;
+    class PELLOX_NO_EXPORT Private;
     const std::unique_ptr<Private> d;
 };
 

@@ -119,7 +119,7 @@ public:
         const QString &privateKey, const QString &publicKey, QString *error);
 
 private:
-    class Private;
+    class PELLOX_NO_EXPORT Private;
     const std::unique_ptr<Private> d;
 };
 

@@ -106,7 +106,7 @@ Q_SIGNALS:
     void finished(bool success);
 
 private:
-    class Private;
+    class PELLOX_NO_EXPORT Private;
     const std::unique_ptr<Private> d;
 };
 

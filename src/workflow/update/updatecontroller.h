@@ -166,7 +166,7 @@ Q_SIGNALS:
     void finished(Pellox::UpdateController::UpdateResult result);
 
 private:
-    class Private;
+    class PELLOX_NO_EXPORT Private;
     const std::unique_ptr<Private> d;
 };
 
