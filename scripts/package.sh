@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# Makes the packages: three for Debian, a tarball with the binaries and one with the source.
+# Usage: scripts/package.sh [--try]
+# They come to build/package/. lintian must find nothing wrong with those for Debian. With --try
+# they are then installed and used in a fresh Debian; scripts/try-packages.sh tells what that needs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+case "${1:-}" in
+"" | --try) ;;
+*)
+    sed -n '3,6s/^# //p' "$0" >&2
+    exit 2
+    ;;
+esac
+
+scripts/setup.sh build package
+out=$PWD/build/package
+# The date in the packages, so that the same source makes the same ones.
+if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
+    SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || date +%s)
+fi
+export SOURCE_DATE_EPOCH
+umask 022
+# The tarball's source is the same as this one: ccache need not compile it twice.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+
+rm -f "$out"/*.deb "$out"/*.tar.gz
+
+echo "== Debian packages"
+cmake --preset package >/dev/null
+cmake --build --preset package
+(cd "$out" && cpack -G DEB)
+
+echo "== Source tarball"
+(cd "$out" && cpack --config CPackSourceConfig.cmake)
+source_tarball=$(ls "$out"/pellox-*[0-9].tar.gz)
+name=$(basename "$source_tarball" .tar.gz)
+if git rev-parse --git-dir >/dev/null 2>&1; then
+    strangers=$(diff <(git ls-files | sort) \
+        <(tar -tzf "$source_tarball" | sed "s,^$name/,,; /\/$/d; /^$/d" | sort) || true)
+    [ -z "$strangers" ] || {
+        echo "package.sh: the source tarball is not what git has (< only git, > only the tarball):" >&2
+        echo "$strangers" >&2
+        exit 1
+    }
+fi
+
+# Of the source tarball, which is thereby known to be whole.
+echo "== Tarball with the binaries"
+unpacked=$out/unpacked
+rm -rf "$unpacked/$name/src"
+mkdir -p "$unpacked"
+tar -xzf "$source_tarball" -C "$unpacked"
+(
+    cd "$unpacked/$name"
+    cmake --preset tarball >/dev/null
+    cmake --build --preset tarball
+    cd build/tarball
+    cpack -G TGZ -B "$out"
+)
+
+echo "== lintian"
+lintian --fail-on error,warning "$out"/*.deb
+
+echo "== Made"
+ls -l "$out"/*.deb "$out"/*.tar.gz
+if [ "${1:-}" = --try ]; then
+    scripts/try-packages.sh "$out"
+fi

@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# shellcheck disable=SC2016 # what is quoted is for the shell in there, or for apt
+# Installs the Debian packages into a fresh Debian and uses them there: the program updates a build,
+# and hosts are built against libpellox-dev alone.
+# Usage: scripts/try-packages.sh [FOLDER WITH THE PACKAGES]   (default: build/package)
+# Needs root, debootstrap, 2 GB in TMPDIR and Debian's mirror that this machine's apt uses; or name
+# one: MIRROR=http://... scripts/try-packages.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+shopt -s nullglob
+
+packages=$(realpath "${1:-build/package}")
+fail() {
+    echo "try-packages.sh: $*" >&2
+    exit 1
+}
+
+debs=("$packages"/*.deb)
+[ ${#debs[@]} -eq 3 ] || fail "no three packages in $packages; scripts/package.sh makes them"
+[ "$(id -u)" -eq 0 ] || fail "only root can make a folder with a Debian of its own; run it as root"
+command -v debootstrap >/dev/null || fail "debootstrap is missing: scripts/setup.sh package"
+# Mounts of ours end with the process, whatever ends it.
+if [ -z "${PELLOX_OWN_MOUNTS:-}" ]; then
+    PELLOX_OWN_MOUNTS=1 exec unshare --mount --propagation private "$0" "$packages"
+fi
+
+# shellcheck source=/dev/null
+release=$(. /etc/os-release && echo "${VERSION_CODENAME:-bookworm}")
+mirror=${MIRROR:-$(apt-get indextargets --format '$(REPO_URI)' \
+    "Identifier: Packages" "Codename: $release" "Component: main" | head -n 1)}
+[ -n "$mirror" ] || fail "this machine's apt has no mirror of $release; name one: MIRROR=http://... $0"
+
+root=$(mktemp -d "${TMPDIR:-/tmp}/pellox-try.XXXXXX")
+chmod 755 "$root" # apt fetches as a user of its own
+clean() {
+    umount "$root/proc" 2>/dev/null || true
+    rm -rf --one-file-system "$root"
+}
+trap clean EXIT
+trap 'exit 1' INT TERM HUP
+
+inside() { # COMMAND...
+    chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+        DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} \
+        ${https_proxy:+https_proxy="$https_proxy"} ${no_proxy:+no_proxy="$no_proxy"} "$@"
+}
+step() { printf '\n== %s\n' "$*"; }
+
+step "A fresh $release from $mirror"
+debootstrap --variant=minbase "$release" "$root" "$mirror" >"$packages/debootstrap.log" 2>&1 || {
+    tail -n 20 "$packages/debootstrap.log" >&2
+    fail "debootstrap failed"
+}
+mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
+# The way to the mirror is this machine's, through a proxy where it has one.
+apt-config dump | grep -i '^Acquire::https\?::' >"$root/etc/apt/apt.conf.d/90way" || true
+echo 'Dpkg::Use-Pty "0";' >"$root/etc/apt/apt.conf.d/91quiet"
+mkdir "$root/packages"
+cp "${debs[@]}" "$root/packages"
+inside apt-get update -qq
+
+step "The program, with what it depends on"
+inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/libpellox1_*.deb /packages/pellox_*.deb' \
+    >"$packages/install.log"
+inside pellox --version
+inside sh -eu -c '
+    cd "$(mktemp -d)"
+    mkdir releases releases/1 releases/2
+    head -c 3000000 /dev/urandom >releases/1/world.pak
+    { head -c 1000000 releases/1/world.pak; echo news; tail -c 1500000 releases/1/world.pak; } >releases/2/world.pak
+    echo new >releases/2/notes.txt
+    cp -r releases/1 installed
+    pellox sign -q releases/1 signatures
+    pellox publish -q releases/2 --old-signatures signatures --patch patch --signatures signatures-2
+    pellox pack -q patch patch.7z
+    pellox unpack -q patch.7z arrived
+    pellox update installed arrived
+    pellox check installed signatures-2
+    cmp releases/2/world.pak installed/world.pak
+    cmp releases/2/notes.txt installed/notes.txt
+    pellox help >/dev/null
+'
+
+step "A host, with libpellox-dev alone"
+inside sh -c 'apt-get install -y -qq --no-install-recommends g++ make cmake pkg-config /packages/libpellox-dev_*.deb' \
+    >>"$packages/install.log"
+cp -r tests/package/host tests/package/headers tests/package/build_with_pkgconfig.sh "$root/root"
+inside sh -eu -c '
+    cd /root
+    for project in host headers; do
+        cmake -S $project -B build-$project
+        cmake --build build-$project
+    done
+    build-host/host
+    ./build_with_pkgconfig.sh c++ "$(pkg-config --variable=libdir Pellox)" host/host.cpp ./host-by-pkgconfig
+'
+for example in examples/*/CMakeLists.txt; do
+    example=$(basename "$(dirname "$example")")
+    step "examples/$example"
+    cp -r "examples/$example" "$root/root"
+    inside sh -eu -c "cmake -S /root/$example -B /root/build-$example && cmake --build /root/build-$example"
+done
+
+step "Removed without a trace"
+inside apt-get purge -y -qq libpellox1 libpellox-dev pellox >>"$packages/install.log"
+left=$(inside find / -xdev -not -path '/root*' -not -path '/packages*' -not -path '/var/*' \
+    -not -path '/tmp/*' -iname '*pellox*')
+[ -z "$left" ] || fail "left behind: $left"
+
+printf '\nThe packages work in a fresh %s.\n' "$release"
