@@ -1,17 +1,23 @@
 #!/bin/sh
 # SPDX-License-Identifier: MIT
-# Fails when the library exports anything but its own classes and functions. Weak symbols do not
-# count: without optimisation they hold instantiations of the standard library's templates.
+# Fails when the library exports anything but its own classes and functions, each under a version.
 set -eu
-exported=$(nm --dynamic --defined-only --demangle "$1" | sed -n 's/^[0-9a-f]* [TDBR] //p')
-echo "$exported" | grep -q '^Pellox::BinariesController::applyPatch(' || {
-    echo "applyPatch is not exported"
+exported=$(nm --dynamic --defined-only --demangle --with-symbol-versions "$1" |
+    sed -n 's/^[0-9a-f]* . //p' | grep -v '^PELLOX_[0-9.]*$')
+echo "$exported" | grep -q '^Pellox::BinariesController::applyPatch(.*@@PELLOX_1\.0$' || {
+    echo "applyPatch is not exported under its version"
     exit 1
 }
-ours='(Pellox::|PelloxMor::|PelloxMOR|RulesExecutorFunctor|Compressor|Decompressor|pellox_[a-z_]+$|(strip|getPercents|isEverythingIsOk|checkErrors)\()'
-strangers=$(echo "$exported" | grep -vE "^((typeinfo|typeinfo name|vtable) for )?$ours" || true)
-[ -z "$strangers" ] || {
-    echo "exported, but not ours to export:"
-    echo "$strangers"
+complain() { # WHAT SYMBOLS
+    [ -z "$2" ] && return
+    echo "exported, but $1:"
+    echo "$2"
     exit 1
 }
+
+classes='(Pellox::|PelloxMor::|PelloxMOR|RulesExecutorFunctor|Compressor|Decompressor)'
+functions='((strip|getPercents|isEverythingIsOk|checkErrors)\(|pellox_[a-z0-9_]+@)'
+ours="^(((typeinfo|typeinfo name|vtable) for )?$classes|$functions)"
+complain "not ours to export" "$(echo "$exported" | grep -vE "$ours" || true)"
+complain "without a version" "$(echo "$exported" | grep -vE '@@PELLOX_[0-9]+\.[0-9]+$' || true)"
+complain "private" "$(echo "$exported" | grep -E '::Private|\{lambda' || true)"
