@@ -36,7 +36,7 @@ ON_FILE = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p)
 
 
 def load_library():
-    library = ctypes.CDLL(os.environ.get("PELLOX_LIBRARY", "libPellox.so.0"))
+    library = ctypes.CDLL(os.environ.get("PELLOX_LIBRARY", "libPellox.so.1"))
     job, text = ctypes.c_void_p, ctypes.c_char_p
     library.pellox_job_new.restype = job
     library.pellox_result_name.restype = text
