@@ -50,8 +50,9 @@ fi
 # Of the source tarball, which is thereby known to be whole.
 echo "== Tarball with the binaries"
 unpacked=$out/unpacked
-rm -rf "$unpacked/$name/src"
-mkdir -p "$unpacked"
+mkdir -p "$unpacked/$name"
+# What was built there before is of use to the next build, old source is not.
+find "$unpacked/$name" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 tar -xzf "$source_tarball" -C "$unpacked"
 (
     cd "$unpacked/$name"
