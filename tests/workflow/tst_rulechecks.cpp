@@ -671,6 +671,12 @@ void tst_RuleChecks::manifests_data()
     QTest::newRow("nested deeply in a record")
         << "[" + QByteArray("{\"a\":").repeated(5000) + "1" + QByteArray(5000, '}') + "]" << false;
     QTest::newRow("a long text") << "[\"" + QByteArray(1 << 20, 'x') + "\"]" << false;
+    // The core would take the path of the name with a byte order mark, which Qt takes away.
+    const QByteArray twoPaths
+        = "[{\"rule\": \"delete\", \"relative_path\": \"/x\", \"?relative_path\": \"/y\"}]";
+    QTest::newRow("a path beside another") << twoPaths << true;
+    QTest::newRow("a path behind another")
+        << QByteArray(twoPaths).replace("?", "\xef\xbb\xbf") << false;
     QTest::newRow("a number too large for any type") << "[1" + QByteArray(5000, '0') + "]" << false;
 }
 

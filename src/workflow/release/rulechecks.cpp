@@ -143,12 +143,21 @@ QString aboutRecord(int number, const QString &problem, const QString &path)
     return QStringLiteral("record %1 %2%3").arg(QString::number(number), problem, name);
 }
 
+/// Where Qt makes a map of an object, as the core does, byte order marks in front of names go: then
+/// one member may take the place of another.
+bool hidesMembers(const QJsonObject &members)
+{
+    return members.toVariantMap().size() != members.size();
+}
+
 /// What is wrong with @p record; empty when it is @p rule.
 QString problemOfRecord(const QJsonValue &record, UpdateRule *rule)
 {
     if (!record.isObject())
         return QStringLiteral("is no object");
     const QJsonObject members = record.toObject();
+    if (hidesMembers(members))
+        return QStringLiteral("has two members whose names differ in a byte order mark alone");
     const auto kind = kindOf(members.value(Manifest::Rule).toString());
     if (!kind)
         return QStringLiteral("has an unknown rule");
