@@ -476,13 +476,16 @@ void tst_UpdaterWindow::hostilePathIsRefused()
     shoot("refused");
 }
 
-/// Makes "key.pub" and seals the patch with its private key.
+/// Makes "key.pub" and seals the patch with its private key. Skips the test where seals are not
+/// built in.
 void tst_UpdaterWindow::sealPatch(const QString &key) const
 {
     QString error;
-    QVERIFY2(Pellox::PatchSeal::generateKey(
-                 m_tree->path(key + ".key"_s), m_tree->path(key + ".pub"_s), &error),
-        qPrintable(error));
+    if (!Pellox::PatchSeal::generateKey(
+            m_tree->path(key + ".key"_s), m_tree->path(key + ".pub"_s), &error)) {
+        QVERIFY2(error.contains("libcrypto"_s), qPrintable(error));
+        QSKIP("built without libcrypto");
+    }
     Pellox::PatchSeal sealer;
     QVERIFY2(sealer.seal(m_tree->patch(), m_tree->path("signatures/1.0"_s), 2,
                  {m_tree->path(key + ".key"_s)}),
@@ -493,6 +496,8 @@ void tst_UpdaterWindow::sealPatch(const QString &key) const
 void tst_UpdaterWindow::brokenSealIsRefused()
 {
     sealPatch("publisher"_s);
+    if (QTest::currentTestFailed() || !m_tree->exists("publisher.pub"_s))
+        return;
     QByteArray content = m_tree->read("patch/data/levels/caves.pak"_s);
     content[1000] = static_cast<char>(~content.at(1000));
     m_tree->write("patch/data/levels/caves.pak"_s, content);
@@ -510,6 +515,8 @@ void tst_UpdaterWindow::brokenSealIsRefused()
 void tst_UpdaterWindow::sealedPatchIsTaken()
 {
     sealPatch("publisher"_s);
+    if (QTest::currentTestFailed() || !m_tree->exists("publisher.pub"_s))
+        return;
     checkByClicks();
     click("update");
     waitForEnd();

@@ -43,8 +43,9 @@ public:
     /// "child" and "thread NAME" of each that is left, with commas between them.
     QByteArray found() const
     {
-        // Whoever waits for one of Qt's threads goes on shortly before it has left the process.
-        const QDeadlineTimer patience(5000);
+        // Whoever waits for one of Qt's threads goes on shortly before it has left the process; on
+        // a busy machine that may last.
+        const QDeadlineTimer patience(30000);
         while (!newThreads().isEmpty() && !patience.hasExpired())
             QThread::msleep(1);
 
