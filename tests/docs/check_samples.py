@@ -25,6 +25,7 @@ lines "<!-- KEY: VALUE -->", says how it is to be taken:
   file: PATH          it is also written into the world
   run: ARGUMENTS      the program is run there and must succeed
   without: stderr     the block does not show what goes there
+  qt: MAJOR           it is for this major version alone, and no sample with others
 """
 
 import argparse
@@ -41,7 +42,7 @@ HERE = Path(__file__).resolve().parent
 CODE = {"cpp", "c", "cmake", "json"}
 COMMANDS = {"sh", "console"}
 OTHERS = {"", "text"}  # what is printed or drawn, and nothing to try
-KEYS = {"not run", "first", "meanwhile", "each alone", "inside", "file", "run", "without"}
+KEYS = {"not run", "first", "meanwhile", "each alone", "inside", "file", "run", "without", "qt"}
 FENCE = re.compile(r"^```(\w*)\s*$")
 PLACE = re.compile(r"^ *// SAMPLE$", re.MULTILINE)
 COMMENT = re.compile(r"^<!-- ([a-z ]+): (.*?)(?: -->)?$")
@@ -66,7 +67,13 @@ class Failure(Exception):
     pass
 
 
-def blocks_of(path):
+def blocks_of(path, options):
+    """The fenced blocks of a page, but for those for another Qt."""
+    return [block for block in all_blocks_of(path)
+            if block.directives.get("qt", options.qt) == options.qt]
+
+
+def all_blocks_of(path):
     """All fenced blocks of a page, each with the comments that stand right before it."""
     blocks, directives, block, value = [], {}, None, None
     for number, line in enumerate(path.read_text().splitlines(), 1):
@@ -304,7 +311,7 @@ def is_wanted(block, only):
 def check_page(path, options):
     """Yields a text for each block that is not as it should be."""
     world = None
-    for block in blocks_of(path):
+    for block in blocks_of(path, options):
         if block.language not in CODE | COMMANDS | OTHERS:
             yield f"{block.place}: {block.language} is no language that is known here"
         if left_out(block) or block.language in OTHERS:
@@ -339,13 +346,14 @@ def main():
     parser.add_argument("--c-compiler", default="cc")
     parser.add_argument("--faults", type=absolute, help="the library that kills programs")
     parser.add_argument("--left-out", type=int, required=True)
+    parser.add_argument("--qt", default="5", help="the major version that the library is made with")
     parser.add_argument("--only", choices=["code", "commands"])
     parser.add_argument("pages", type=Path, nargs="+")
     options = parser.parse_args()
 
     problems, tried, skipped = [], 0, []
     for page in options.pages:
-        for block in blocks_of(page):
+        for block in blocks_of(page, options):
             if left_out(block):
                 skipped.append(f"{block.place}: not run: {block.directives['not run']}")
             tried += is_wanted(block, options.only)
