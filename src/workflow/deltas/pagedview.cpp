@@ -8,6 +8,7 @@ namespace Pellox {
 namespace {
 
 constexpr qint64 PageSize = 1 << 14;
+constexpr qint64 LargePiece = 1 << 12; // worth a call of its own
 
 } // namespace
 
@@ -54,6 +55,8 @@ bool PagedView::load(qint64 number, Page *page, uchar *data)
 
 bool PagedView::copy(qint64 position, qint64 size, uchar *to)
 {
+    if (m_content && size >= LargePiece)
+        return m_content->readAt(position, to, size);
     while (size > 0) {
         const Bytes bytes = at(position);
         const qint64 part = std::min(size, bytes.after);

@@ -31,7 +31,8 @@ public:
     qint64 size() const { return m_size; }
     /// @p position lies in the file or at its end.
     Bytes at(qint64 position);
-    /// Copies @p size bytes at @p position, which must lie in the file. False when unreadable.
+    /// Copies @p size bytes at @p position, which must lie in the file; large pieces do not go by
+    /// pages. False when unreadable.
     bool copy(qint64 position, qint64 size, uchar *to);
 
 private:

@@ -93,13 +93,9 @@ bool PatchedContent::readAt(qint64 /*position*/, uchar *data, qint64 size)
 /// @p size bytes of what the command makes, from @p offset on.
 bool PatchedContent::readPart(qint64 offset, uchar *data, qint64 size)
 {
-    constexpr qint64 Short = 4096;
-    InputFile &source = m_command->isCopy ? m_old : m_deltaBytes;
-    const qint64 position = m_command->place + offset;
-    if (size >= Short)
-        return source.readAt(position, data, size) || failAs(source);
     PagedView &pages = m_command->isCopy ? *m_oldPages : *m_deltaPages;
-    return pages.copy(position, size, data) || failAs(source);
+    return pages.copy(m_command->place + offset, size, data)
+        || failAs(m_command->isCopy ? m_old : m_deltaBytes);
 }
 
 bool PatchedContent::isUnchanged()

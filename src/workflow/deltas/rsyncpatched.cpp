@@ -8,7 +8,6 @@ namespace Pellox {
 namespace {
 
 constexpr int Pages = 64;
-constexpr qint64 ShortPiece = 1 << 12;
 
 } // namespace
 
@@ -77,19 +76,13 @@ bool RsyncPatched::readDelta()
 
 rs_result RsyncPatched::copyOld(void *self, rs_long_t position, std::size_t *length, void **buffer)
 {
-    auto *patched = static_cast<RsyncPatched *>(self);
-    const qint64 left = patched->m_old.size() - position;
+    PagedView &old = *static_cast<RsyncPatched *>(self)->m_oldPages;
+    const qint64 left = old.size() - position;
     if (position < 0 || left <= 0)
         return RS_INPUT_ENDED;
     const qint64 size = std::min(left, static_cast<qint64>(*length));
     *length = static_cast<std::size_t>(size);
-    return patched->readOld(position, static_cast<uchar *>(*buffer), size) ? RS_DONE : RS_IO_ERROR;
-}
-
-bool RsyncPatched::readOld(qint64 position, uchar *data, qint64 size)
-{
-    return size > ShortPiece ? m_old.readAt(position, data, size)
-                             : m_oldPages->copy(position, size, data);
+    return old.copy(position, size, static_cast<uchar *>(*buffer)) ? RS_DONE : RS_IO_ERROR;
 }
 
 bool RsyncPatched::isUnchanged()

@@ -36,7 +36,6 @@ private:
     };
 
     static rs_result copyOld(void *self, rs_long_t position, std::size_t *length, void **buffer);
-    bool readOld(qint64 position, uchar *data, qint64 size);
     rs_result make(uchar *data, std::size_t size, std::size_t *made);
     bool readDelta();
 
