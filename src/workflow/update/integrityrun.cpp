@@ -155,6 +155,18 @@ IntegrityRun::State IntegrityRun::stateOf(
     return reading.sha512() == file.sha512 ? State::Intact : State::Changed;
 }
 
+/// Locks the build and finishes what an earlier run has begun. False at the end of this one.
+bool IntegrityRun::begin(Transaction &transaction)
+{
+    if (!transaction.lock())
+        return end(Result::Refused);
+    if (transaction.hasUnfinished())
+        m_reports.phase(Phase::Finishing);
+    if (transaction.finishUnfinished() == Transaction::Outcome::Interrupted)
+        return end(Result::Interrupted);
+    return true;
+}
+
 bool IntegrityRun::repair()
 {
     Transaction transaction(
@@ -162,12 +174,8 @@ bool IntegrityRun::repair()
         {{m_reports.progress, [](const QString &) {}},
             [this] { m_reports.phase(Phase::Committing); }},
         m_cancelled, m_problems);
-    if (!transaction.lock())
-        return end(Result::Refused);
-    if (transaction.hasUnfinished())
-        m_reports.phase(Phase::Finishing);
-    if (transaction.finishUnfinished() == Transaction::Outcome::Interrupted)
-        return end(Result::Interrupted);
+    if (!begin(transaction))
+        return false;
     if (!check())
         return false;
     Transaction::Aim aim;
@@ -223,12 +231,8 @@ bool IntegrityRun::recordRelease()
 {
     Transaction transaction({{m_settings.build, QString(), QString()}, 1, true, false},
         {{m_reports.progress, [](const QString &) {}}, [] {}}, m_cancelled, m_problems);
-    if (!transaction.lock())
-        return end(Result::Refused);
-    if (transaction.hasUnfinished())
-        m_reports.phase(Phase::Finishing);
-    if (transaction.finishUnfinished() == Transaction::Outcome::Interrupted)
-        return end(Result::Interrupted);
+    if (!begin(transaction))
+        return false;
     const auto sealed = readSeal();
     if (!sealed)
         return end(Result::Refused);

@@ -50,6 +50,7 @@ private:
     using Result = UpdateController::UpdateResult;
     enum class State { Intact, Changed, Missing, Unreadable };
 
+    bool begin(Transaction &transaction);
     bool carryOutCheck();
     bool readBoth();
     void noteFound(const std::vector<BuildFile> &files);
