@@ -61,18 +61,25 @@ std::string kindOf(Value value, const std::vector<std::string> &choices)
         return "folder";
     case Value::File:
         return "file";
-    case Value::OneOf: {
-        std::string words = "words";
-        for (const std::string &choice : choices)
-            words += ' ' + choice;
-        return words;
-    }
+    case Value::OneOf:
+        return "words " + inARow(choices);
     case Value::Other:
         return "other";
     case Value::None:
         break;
     }
     return {};
+}
+
+std::string optionNames(const CommandText &command)
+{
+    std::vector<std::string> names;
+    for (const OptionText &option : command.options) {
+        if (!option.shortName.empty())
+            names.push_back(option.shortName);
+        names.push_back(option.longName);
+    }
+    return inARow(names);
 }
 
 std::string row(const std::string &pattern, const std::string &result)
@@ -118,17 +125,6 @@ std::string arguments(const ProgramText &text)
 }
 
 } // namespace
-
-std::string optionNames(const CommandText &command)
-{
-    std::string names;
-    for (const OptionText &option : command.options) {
-        if (!option.shortName.empty())
-            names += ' ' + option.shortName;
-        names += ' ' + option.longName;
-    }
-    return names.substr(1);
-}
 
 std::string bashCompletion(const ProgramText &text)
 {

@@ -4,6 +4,7 @@
 #include "programtext.h"
 
 #include <string>
+#include <vector>
 
 /*
  * What the shells load to complete command lines of the program: commands, options, their values
@@ -14,5 +15,5 @@ std::string bashCompletion(const ProgramText &text);
 std::string zshCompletion(const ProgramText &text);
 std::string fishCompletion(const ProgramText &text);
 
-/// The options' names in a row, with blanks between.
-std::string optionNames(const CommandText &command);
+/// Of all three: @p words with blanks between.
+std::string inARow(const std::vector<std::string> &words);

@@ -55,7 +55,6 @@ std::string inQuotes(const std::string &text)
 
 std::string valueOf(const OptionText &option)
 {
-    std::string words;
     switch (option.value) {
     case Value::None:
         return {};
@@ -64,9 +63,7 @@ std::string valueOf(const OptionText &option)
     case Value::File:
         return " -r -F";
     case Value::OneOf:
-        for (const std::string &choice : option.choices)
-            words += (words.empty() ? "" : " ") + choice;
-        return " -x -a " + inQuotes(words);
+        return " -x -a " + inQuotes(inARow(option.choices));
     case Value::Other:
         break;
     }

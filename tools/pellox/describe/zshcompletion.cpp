@@ -29,12 +29,8 @@ std::string action(Value value, const std::vector<std::string> &choices)
         return "_files -/";
     case Value::File:
         return "_files";
-    case Value::OneOf: {
-        std::string words;
-        for (const std::string &choice : choices)
-            words += (words.empty() ? "" : " ") + choice;
-        return '(' + words + ')';
-    }
+    case Value::OneOf:
+        return '(' + inARow(choices) + ')';
     default:
         return " ";
     }
