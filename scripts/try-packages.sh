@@ -41,7 +41,7 @@ trap clean EXIT
 trap 'exit 1' INT TERM HUP
 
 inside() { # COMMAND...
-    chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/srv LC_ALL=C.UTF-8 \
         DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} \
         ${https_proxy:+https_proxy="$https_proxy"} ${no_proxy:+no_proxy="$no_proxy"} "$@"
 }
@@ -85,9 +85,9 @@ inside sh -eu -c '
 step "A host, with libpellox-dev alone"
 inside sh -c 'apt-get install -y -qq --no-install-recommends g++ make cmake pkg-config /packages/libpellox-dev_*.deb' \
     >>"$packages/install.log"
-cp -r tests/package/host tests/package/headers tests/package/build_with_pkgconfig.sh "$root/root"
+cp -r tests/package/host tests/package/headers tests/package/build_with_pkgconfig.sh "$root/srv"
 inside sh -eu -c '
-    cd /root
+    cd /srv
     for project in host headers; do
         cmake -S $project -B build-$project
         cmake --build build-$project
@@ -98,13 +98,13 @@ inside sh -eu -c '
 for example in examples/*/CMakeLists.txt; do
     example=$(basename "$(dirname "$example")")
     step "examples/$example"
-    cp -r "examples/$example" "$root/root"
-    inside sh -eu -c "cmake -S /root/$example -B /root/build-$example && cmake --build /root/build-$example"
+    cp -r "examples/$example" "$root/srv"
+    inside sh -eu -c "cmake -S /srv/$example -B /srv/build-$example && cmake --build /srv/build-$example"
 done
 
 step "Removed without a trace"
 inside apt-get purge -y -qq libpellox1 libpellox-dev pellox >>"$packages/install.log"
-left=$(inside find / -xdev -not -path '/root*' -not -path '/packages*' -not -path '/var/*' \
+left=$(inside find / -xdev -not -path '/srv*' -not -path '/packages*' -not -path '/var/*' \
     -not -path '/tmp/*' -iname '*pellox*')
 [ -z "$left" ] || fail "left behind: $left"
 
