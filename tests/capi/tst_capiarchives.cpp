@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "fakesevenzip.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "recordedjob.h"
 
@@ -13,11 +14,6 @@
 using namespace Step;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 const QPair<qint64, qint64> Whole(10000, 10000);
 

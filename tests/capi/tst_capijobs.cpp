@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "recordedjob.h"
 #include "updatescenario.h"
@@ -22,11 +23,6 @@
 #include <pthread.h>
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 std::atomic<bool> s_threadsAreUsedUp{false};
 

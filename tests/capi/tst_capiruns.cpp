@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "foldercompare.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "recordedjob.h"
 #include "updatescenario.h"
@@ -17,11 +18,6 @@
 #include <optional>
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// The names of @p files, as the interface tells them.
 QVector<QByteArray> toldPaths(const QStringList &files)

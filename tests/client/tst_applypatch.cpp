@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -37,11 +38,6 @@ namespace {
 
 const char Category[] = "BinariesController";
 constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// Writes down what a controller tells its host, in order, on whatever thread it is told.
 class Told

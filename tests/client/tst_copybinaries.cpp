@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -65,11 +66,6 @@ extern "C" int open64(const char *path, int flags, ...)
 namespace {
 
 const char Category[] = "BinariesController";
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 const QStringList ReplacedOne{"warning: target file already exists! Remove it!"_s};
 

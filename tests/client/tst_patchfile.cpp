@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -51,11 +52,6 @@ namespace {
 using Progress = std::function<void(qint64, qint64)>;
 
 const char Category[] = "BinariesController";
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 QString quoted(const QString &text)
 {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -32,11 +33,6 @@ Q_DECLARE_METATYPE(Build)
 namespace {
 
 constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 QString anyOf(QRandomGenerator &random, const QStringList &texts)
 {

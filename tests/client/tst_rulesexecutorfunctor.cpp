@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 
 #include <Pellox/RulesExecutorFunctor>
@@ -23,11 +24,6 @@ namespace {
 using RuleFunction = std::function<bool(const QVariant &)>;
 
 constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 QVariantList numbers(int count)
 {

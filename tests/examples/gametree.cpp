@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "gametree.h"
 
+#include "literals.h"
+
 #include <Pellox/ArchiveController>
 #include <Pellox/PublishController>
 
@@ -10,11 +12,6 @@
 #include <QJsonObject>
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 void require(bool done, const char *what)
 {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "gametree.h"
+#include "literals.h"
 
 #include <QProcess>
 #include <QtTest>
@@ -10,11 +11,6 @@
 namespace {
 
 constexpr int Patience = 60000; // milliseconds
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 } // namespace
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "speedmeter.h"
 
 #include <QtTest>
@@ -6,11 +7,6 @@
 namespace {
 
 constexpr qint64 MB = 1000000;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 } // namespace
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "gametree.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "updaterwindow.h"
 #include "virtualscreen.h"
@@ -33,11 +34,6 @@ using Phase = UpdateController::UpdatePhase;
 namespace {
 
 constexpr int Patience = 60000; // milliseconds
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 QStringList sorted(QStringList texts)
 {
@@ -153,7 +149,7 @@ private:
     void chooseGameAndPatch(const QString &patch = QString()) const;
     void checkByClicks(const QString &patch = QString()) const;
     void waitForEnd() const;
-    void holdAtFirstFile(Hold &hold) const;
+    void updateUntilFirstFile(Hold &hold) const;
     void holdAt(Phase phase, Hold &hold) const;
     void sealPatch(const QString &key) const;
     void openRepairPage() const;
@@ -232,9 +228,12 @@ void tst_UpdaterWindow::waitForEnd() const
     QTRY_VERIFY_WITH_TIMEOUT(!m_updater->isBusy(), Patience);
 }
 
-void tst_UpdaterWindow::holdAtFirstFile(Hold &hold) const
+/// Once the patch is checked.
+void tst_UpdaterWindow::updateUntilFirstFile(Hold &hold) const
 {
     hold.at(controller(), &UpdateController::fileStaged, [](const QString &) { return true; });
+    click("update");
+    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
 }
 
 void tst_UpdaterWindow::holdAt(Phase phase, Hold &hold) const
@@ -403,9 +402,7 @@ void tst_UpdaterWindow::cancel()
     checkByClicks();
     {
         Hold hold;
-        holdAtFirstFile(hold);
-        click("update");
-        QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+        updateUntilFirstFile(hold);
         QTRY_COMPARE(text("headline"), "Writing the new files …"_s);
         QVERIFY(m_tree->installed() != before); // it writes beside the old files
         click("cancel");
@@ -432,9 +429,7 @@ void tst_UpdaterWindow::escapeCancels()
     QVERIFY(m_window->isVisible());
     checkByClicks();
     Hold hold;
-    holdAtFirstFile(hold);
-    click("update");
-    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    updateUntilFirstFile(hold);
     QTest::keyClick(m_window.get(), Qt::Key_Escape);
     hold.release();
     waitForEnd();
@@ -701,9 +696,7 @@ void tst_UpdaterWindow::closingAsksFirst()
     const auto before = m_tree->installed();
     checkByClicks();
     Hold hold;
-    holdAtFirstFile(hold);
-    click("update");
-    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    updateUntilFirstFile(hold);
 
     m_window->close();
     QVERIFY(m_window->isVisible());
@@ -728,9 +721,7 @@ void tst_UpdaterWindow::closingWhileItStops()
 {
     checkByClicks();
     Hold hold;
-    holdAtFirstFile(hold);
-    click("update");
-    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    updateUntilFirstFile(hold);
     click("cancel");
     m_window->close();
     QVERIFY(m_window->isVisible());
@@ -759,9 +750,7 @@ void tst_UpdaterWindow::questionGoesWhenItIsTooLate()
 {
     checkByClicks();
     Hold writing;
-    holdAtFirstFile(writing);
-    click("update");
-    QTRY_VERIFY_WITH_TIMEOUT(writing.isReached(), Patience);
+    updateUntilFirstFile(writing);
     m_window->close();
     QTRY_VERIFY(get<QMessageBox>("closeQuestion")->isVisible());
     writing.release();
@@ -776,9 +765,7 @@ void tst_UpdaterWindow::windowThatIsDestroyedMeanwhile()
     const auto before = m_tree->installed();
     checkByClicks();
     Hold hold;
-    holdAtFirstFile(hold);
-    click("update");
-    QTRY_VERIFY_WITH_TIMEOUT(hold.isReached(), Patience);
+    updateUntilFirstFile(hold);
     m_window.reset();
     m_updater->cancel();
     hold.release();

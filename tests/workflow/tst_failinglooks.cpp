@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 #include "updatescenario.h"
@@ -14,11 +15,6 @@
 using Result = Pellox::UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 constexpr int FirstResult = 10; ///< status of updatecall
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
 #include "testtree.h"
@@ -39,11 +40,6 @@ using Pellox::IntegrityReport;
 using Result = Pellox::UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");
 

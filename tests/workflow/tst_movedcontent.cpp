@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "movedcontent.h"
 #include "testtree.h"
@@ -20,11 +21,6 @@ namespace {
 
 constexpr int Block = 2048;
 constexpr int MiB = 1 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 } // namespace
 

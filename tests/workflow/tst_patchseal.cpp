@@ -2,6 +2,7 @@
 #include "ed25519.h"
 #include "foldercompare.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "patchfiles.h"
 #include "sealfile.h"
@@ -65,11 +66,6 @@ namespace {
 using Files = QMap<QString, QByteArray>; ///< by relative path without a separator in front
 
 constexpr qint64 Release = 7;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 QByteArray sha512(const QByteArray &content)
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "foldercompare.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -48,11 +49,6 @@ namespace {
 
 constexpr int Block = 2048;
 constexpr qint64 MiB = 1 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// The paths of one release.
 struct Paths

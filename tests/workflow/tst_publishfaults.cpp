@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "foldercompare.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 
@@ -29,11 +30,6 @@ namespace {
 
 constexpr int Block = 2048;
 constexpr int MiB = 1 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 const QString Mark = ".pellox-incomplete"_s;
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "foldercompare.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
 #include "testtree.h"
@@ -31,11 +32,6 @@ namespace {
 
 constexpr int Block = 2048;
 constexpr int MiB = 1 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 std::atomic<int> s_threadsLeft{-1}; // that the system gives; -1: as many as it has
 std::atomic<int> s_digestsLeft{-1}; // that libcrypto computes

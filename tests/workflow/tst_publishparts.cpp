@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "buildwalk.h"
+#include "literals.h"
 #include "manifestfile.h"
 #include "releasefolder.h"
 #include "signaturefile.h"
@@ -11,11 +12,6 @@
 using namespace Pellox;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// Says no from the call @p most on, and counts them.
 GoOn stopAfter(int most, int *calls)

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
 #include "rulechecks.h"
@@ -32,11 +33,6 @@ using Layout = std::function<void(const TestTree &)>;
 Q_DECLARE_METATYPE(Layout)
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 const QByteArray NewContent("new content");
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
 #include "updatescenario.h"
@@ -29,11 +30,6 @@ using Code = Pellox::UpdateProblem::Code;
 using Result = UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 constexpr qint64 Release = 7;
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "updatescenario.h"
 
@@ -31,11 +32,6 @@ using Result = UpdateController::UpdateResult;
 Q_DECLARE_METATYPE(Code)
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 void removeIfThere(const TestTree &tree, const QString &path)
 {
@@ -119,6 +115,8 @@ private:
     }
     QString writeSlim() const;
     void seal(const QString &patch, const QString &oldSignatures) const;
+    void publishSealed(const TestTree &tree) const;
+    void publishSlim(const TestTree &tree) const;
     UpdateOutcome update(
         const QString &patch, const std::function<void(UpdateController &)> &set = {}) const;
     UpdateOutcome update() const { return update(slim()); }
@@ -171,6 +169,23 @@ void tst_SlimPatch::seal(const QString &patch, const QString &oldSignatures) con
         qFatal("cannot seal: %s", qPrintable(sealer.error()));
 }
 
+/// From "old" to "new", into "patch".
+void tst_SlimPatch::publishSealed(const TestTree &tree) const
+{
+    PublishController publisher;
+    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
+    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
+    seal(tree.path("patch"_s), tree.path("of old"_s));
+}
+
+/// Likewise, and the slim patch into "slim".
+void tst_SlimPatch::publishSlim(const TestTree &tree) const
+{
+    publishSealed(tree);
+    PatchSeal sealer;
+    QVERIFY(sealer.writeSlim(tree.path("patch"_s), tree.path("slim"_s)));
+}
+
 UpdateOutcome tst_SlimPatch::update(
     const QString &patch, const std::function<void(UpdateController &)> &set) const
 {
@@ -220,10 +235,7 @@ void tst_SlimPatch::patchWithoutMovedFilesIsAllThere()
     tree.write("new/b"_s, "three");
     tree.write("new/empty"_s, "");
     tree.write("old/was empty"_s, "");
-    PublishController publisher;
-    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
-    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
-    seal(tree.path("patch"_s), tree.path("of old"_s));
+    publishSealed(tree);
     PatchSeal sealer;
     QVERIFY(sealer.writeSlim(tree.path("patch"_s), tree.path("deep/slim"_s)));
     QCOMPARE(
@@ -417,10 +429,7 @@ void tst_SlimPatch::anyOfThemMayBeMissing()
     tree.write("new/to/one again"_s, "one");
     tree.write("new/two"_s, "two");
     tree.write("new/two again"_s, "two");
-    PublishController publisher;
-    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
-    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
-    seal(tree.path("patch"_s), tree.path("of old"_s));
+    publishSealed(tree);
     const QStringList moved{"to/one"_s, "to/one again"_s, "two again"_s};
     for (int missing = 0; missing < 8; ++missing) {
         removeIfThere(tree, "some"_s);
@@ -523,12 +532,7 @@ void tst_SlimPatch::sourceMayChangeInTheSameUpdate()
     tree.write("new/was patched"_s, content);
     tree.write("new/was deleted"_s, content + "2");
     tree.write("new/place/of/it"_s, content + "3");
-    PublishController publisher;
-    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
-    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
-    seal(tree.path("patch"_s), tree.path("of old"_s));
-    PatchSeal sealer;
-    QVERIFY(sealer.writeSlim(tree.path("patch"_s), tree.path("slim"_s)));
+    publishSlim(tree);
     QCOMPARE(TestTree::snapshot(tree.path("slim"_s)).keys(),
         (QStringList{"patchRules.json"_s, "patchSeal.json"_s, "patched"_s}));
     const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
@@ -605,12 +609,7 @@ void tst_SlimPatch::everySourceIsNamedAtOnce()
     tree.write("new/of a"_s, "a");
     tree.write("new/of a again"_s, "a");
     tree.write("new/of b"_s, "b");
-    PublishController publisher;
-    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
-    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
-    seal(tree.path("patch"_s), tree.path("of old"_s));
-    PatchSeal sealer;
-    QVERIFY(sealer.writeSlim(tree.path("patch"_s), tree.path("slim"_s)));
+    publishSlim(tree);
     tree.write("old/a"_s, "x");
     tree.remove("old/b"_s);
     tree.write("old/patched"_s, "modded");
@@ -637,12 +636,7 @@ void tst_SlimPatch::linkToTheContentWillDo()
     tree.write("old/data/kept"_s, "content");
     tree.write("new/data/kept"_s, "content");
     tree.write("new/double"_s, "content");
-    PublishController publisher;
-    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("of old"_s)));
-    QVERIFY(publisher.createPatch(tree.path("new"_s), tree.path("of old"_s), tree.path("patch"_s)));
-    seal(tree.path("patch"_s), tree.path("of old"_s));
-    PatchSeal sealer;
-    QVERIFY(sealer.writeSlim(tree.path("patch"_s), tree.path("slim"_s)));
+    publishSlim(tree);
     const auto updateLinked = [&] {
         return outcomeOf([&](UpdateController &updater) {
             updater.setTrustedKeys({m_key + ".pub"_s});

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "randombuild.h"
 #include "testtree.h"
@@ -56,11 +57,6 @@ namespace {
 
 constexpr int KiB = 1024;
 constexpr int MiB = 1024 * KiB;
-
-QString operator""_s(const char *utf8, std::size_t size)
-{
-    return QString::fromUtf8(utf8, static_cast<int>(size));
-}
 
 QByteArray contentOf(const QString &path)
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "diskrecord.h"
 #include "faultrun.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "updatescenario.h"
 
@@ -35,11 +36,6 @@ using Code = Pellox::UpdateProblem::Code;
 using Result = UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// The kinds of calls that change something on the disk.
 const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
 #include "leftovers.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
 #include "updatescenario.h"
@@ -43,11 +44,6 @@ namespace {
 constexpr int MiB = 1 << 20;
 constexpr int FirstResult = 10; ///< status of updatecall
 constexpr rlim_t LittleMemory = 32 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// The kinds of calls that change something on the disk.
 const QByteArray Changes("create,write,rename,remove,mkdir,mode,truncate,copy");

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 #include "updaterestart.h"
@@ -21,11 +22,6 @@
 using Result = Pellox::UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// The kinds of calls that change something on the disk.
 const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");

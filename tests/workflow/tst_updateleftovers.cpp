@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "faultrun.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "updatescenario.h"
 
@@ -27,11 +28,6 @@ using Change = std::function<void(const TestTree &tree, const QString &path)>;
 Q_DECLARE_METATYPE(Change)
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 constexpr int FirstResult = 10; ///< status of updatecall
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "diskrecord.h"
 #include "faultrun.h"
+#include "literals.h"
 #include "logcapture.h"
 #include "testtree.h"
 #include "updaterestart.h"
@@ -18,11 +19,6 @@
 using Result = Pellox::UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 constexpr int FirstResult = 10; ///< status of updatecall
 

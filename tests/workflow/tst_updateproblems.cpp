@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "updatescenario.h"
 
@@ -33,11 +34,6 @@ Q_DECLARE_METATYPE(Prepare)
 Q_DECLARE_METATYPE(Pellox::UpdateProblem::Code)
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 // What the file system says of locks. Only one run is at work when they are changed.
 QVector<int> s_errors;     ///< of the next calls

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "literals.h"
 #include "logcapture.h"
 #include "updatescenario.h"
 
@@ -17,11 +18,6 @@ using Phase = UpdateController::UpdatePhase;
 using Result = UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 std::atomic<int> s_syncs{0};
 std::function<int(int)> s_onSync; ///< the errno of a sync, which it gets counted from 1; 0: done

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "updaterestart.h"
 
+#include "literals.h"
+
 using Result = Pellox::UpdateController::UpdateResult;
 
 namespace {
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 /// What is wrong with the build after a run has ended well. @p isBack: as the old one.
 QString problemOfEnd(const UpdateScenario &scenario, const QString &command,

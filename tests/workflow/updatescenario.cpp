@@ -2,6 +2,7 @@
 #include "updatescenario.h"
 
 #include "foldercompare.h"
+#include "literals.h"
 
 #include <Pellox/patchseal.h>
 #include <Pellox/publishcontroller.h>
@@ -26,11 +27,6 @@ namespace {
 
 constexpr int Block = 2048;
 constexpr int MiB = 1 << 20;
-
-QString operator""_s(const char *text, size_t size)
-{
-    return QString::fromUtf8(text, static_cast<int>(size));
-}
 
 void require(bool done, const char *what)
 {
