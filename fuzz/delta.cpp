@@ -9,8 +9,6 @@
 #include "patchhelp.h"
 #include "testtree.h"
 
-#include <QFile>
-
 #include <algorithm>
 #include <optional>
 
@@ -50,9 +48,10 @@ bool opens(qint64 size)
 /// How much of the old file the delta takes.
 qint64 neededSize()
 {
-    QFile file(world->delta);
-    require(file.open(QIODevice::ReadOnly | QIODevice::Unbuffered), "the delta opens");
-    DeltaReader reader(file);
+    InputFile file;
+    require(file.open(world->delta), "the delta opens");
+    PagedView pages(file, 1);
+    DeltaReader reader(pages);
     qint64 needed = 0;
     while (const auto command = reader.next()) {
         require(command->length > 0 && command->place >= 0, "every command adds something");
@@ -67,8 +66,8 @@ qint64 neededSize()
 
 std::optional<DeltaSums> sums()
 {
-    QFile file(world->delta);
-    require(file.open(QIODevice::ReadOnly | QIODevice::Unbuffered), "the delta opens");
+    InputFile file;
+    require(file.open(world->delta), "the delta opens");
     QString error;
     const auto sums = sumsOfDelta(file, &error);
     require(sums.has_value() == error.isEmpty(), "a delta is refused for a reason");

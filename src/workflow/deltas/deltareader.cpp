@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "deltareader.h"
 
-#include "deltaformat.h"
-
-#include <QIODevice>
-
-#include <algorithm>
 #include <limits>
 
 namespace Pellox {
@@ -13,10 +8,6 @@ namespace Pellox {
 namespace {
 
 using namespace DeltaFormat;
-
-/// A page: enough for hundreds of small commands, and little to read in vain between large ones.
-constexpr qint64 WindowSize = 4096;
-static_assert(WindowSize >= LongestHead);
 
 constexpr auto LargestSize = static_cast<quint64>(std::numeric_limits<qint64>::max());
 
@@ -28,9 +19,8 @@ QString atByte(qint64 position, const char *problem)
 
 } // namespace
 
-DeltaReader::DeltaReader(QIODevice &delta)
+DeltaReader::DeltaReader(PagedView &delta)
     : m_delta(delta)
-    , m_size(delta.size())
 {
 }
 
@@ -66,7 +56,7 @@ std::optional<DeltaCommand> DeltaReader::next()
 
 bool DeltaReader::checkMagic()
 {
-    if (m_size < MagicSize)
+    if (m_delta.size() < MagicSize)
         return fail(QStringLiteral("is no delta"));
     return prepare(MagicSize) && (take(MagicSize) == Magic || fail(QStringLiteral("is no delta")));
 }
@@ -74,34 +64,28 @@ bool DeltaReader::checkMagic()
 bool DeltaReader::checkEnd()
 {
     m_ended = true;
-    return m_position == m_size
+    return m_position == m_delta.size()
         || fail(QStringLiteral("is no whole delta: it goes on behind its end"));
 }
 
 /// Makes sure that the next @p size bytes are there to be taken.
 bool DeltaReader::prepare(qint64 size)
 {
-    if (size > m_size - m_position)
+    if (size > m_delta.size() - m_position)
         return fail(QStringLiteral("is no whole delta: it is cut off"));
-    if (m_position >= m_windowStart && m_position + size <= m_windowStart + m_window.size())
-        return true;
-    m_windowStart = m_position;
-    m_window.resize(static_cast<int>(std::min(WindowSize, m_size - m_position)));
-    if (!m_delta.seek(m_position))
-        return fail(QStringLiteral("cannot be read: ") + m_delta.errorString());
-    const qint64 got = m_delta.read(m_window.data(), m_window.size());
-    if (got < 0)
-        return fail(QStringLiteral("cannot be read: ") + m_delta.errorString());
-    return got == m_window.size() || fail(QStringLiteral("is being written"));
+    const PagedView::Bytes bytes = m_delta.at(m_position);
+    m_next = bytes.after >= size ? bytes.data : m_cut.data();
+    return bytes.after >= size || m_delta.copy(m_position, size, m_cut.data())
+        || fail(m_delta.error());
 }
 
 quint64 DeltaReader::take(int width)
 {
     quint64 number = 0;
-    for (int i = 0; i < width; ++i, ++m_position) {
-        const auto index = static_cast<int>(m_position - m_windowStart);
-        number = number << 8 | static_cast<quint8>(m_window.at(index));
-    }
+    for (int i = 0; i < width; ++i)
+        number = number << 8 | m_next[i];
+    m_next += width;
+    m_position += width;
     return number;
 }
 
@@ -109,7 +93,7 @@ std::optional<DeltaCommand> DeltaReader::literal(quint64 length)
 {
     if (length == 0)
         fail(atByte(m_command, "has no length"));
-    else if (length > static_cast<quint64>(m_size - m_position))
+    else if (length > static_cast<quint64>(m_delta.size() - m_position))
         fail(atByte(m_command, "holds more bytes than the file has left"));
     if (m_ended)
         return {};
@@ -136,9 +120,10 @@ bool DeltaReader::fail(const QString &error)
     return false;
 }
 
-std::optional<DeltaSums> sumsOfDelta(QIODevice &delta, QString *error)
+std::optional<DeltaSums> sumsOfDelta(Content &delta, QString *error)
 {
-    DeltaReader reader(delta);
+    PagedView pages(delta, 1);
+    DeltaReader reader(pages);
     DeltaSums sums;
     while (const auto command = reader.next()) {
         const qint64 room

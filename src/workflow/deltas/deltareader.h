@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QByteArray>
+#include "deltaformat.h"
+#include "pagedview.h"
+
 #include <QString>
 
+#include <array>
 #include <optional>
-
-class QIODevice;
 
 namespace Pellox {
 
@@ -25,9 +26,8 @@ struct DeltaCommand
 class DeltaReader
 {
 public:
-    /// @p delta is open, can seek and outlives the reader. Best without a buffer of its own:
-    /// the reader has one, which suits jumps over literals.
-    explicit DeltaReader(QIODevice &delta);
+    /// @p delta outlives the reader.
+    explicit DeltaReader(PagedView &delta);
 
     /// The next command; nothing behind the last one and after an error.
     std::optional<DeltaCommand> next();
@@ -44,12 +44,11 @@ private:
     std::optional<DeltaCommand> copy(quint64 place, quint64 length);
     bool fail(const QString &error);
 
-    QIODevice &m_delta;
-    const qint64 m_size;
-    qint64 m_position = 0; ///< behind what was taken
-    qint64 m_command = 0;  ///< where the command begins that is read
-    QByteArray m_window;   ///< a piece of the delta
-    qint64 m_windowStart = 0;
+    PagedView &m_delta;
+    qint64 m_position = 0;         ///< behind what was taken
+    qint64 m_command = 0;          ///< where the command begins that is read
+    const uchar *m_next = nullptr; ///< what is to be taken: in a page, or else in m_cut
+    std::array<uchar, DeltaFormat::LongestHead> m_cut{}; ///< what two pages have a part of each
     bool m_ended = false;
     QString m_error;
 };
@@ -64,6 +63,6 @@ struct DeltaSums
 
 /// Reads @p delta to its end. Nothing when it is broken; @p error then tells why, to be put
 /// behind its name.
-std::optional<DeltaSums> sumsOfDelta(QIODevice &delta, QString *error);
+std::optional<DeltaSums> sumsOfDelta(Content &delta, QString *error);
 
 } // namespace Pellox

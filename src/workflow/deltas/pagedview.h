@@ -34,6 +34,8 @@ public:
     /// Copies @p size bytes at @p position, which must lie in the file; large pieces do not go by
     /// pages. False when unreadable.
     bool copy(qint64 position, qint64 size, uchar *to);
+    /// Why the file could not be read, without its name.
+    QString error() const { return m_content ? m_content->error().reason : QString(); }
 
 private:
     struct Page

@@ -10,39 +10,31 @@ bool PatchedContent::open(
     const QString &oldFile, const QString &delta, qint64 size, const IsStopped &isStopped)
 {
     m_size = size;
-    if (!openAll(oldFile, delta))
-        return false;
+    setPath(oldFile);
+    if (!m_old.open(oldFile))
+        return failAs(m_old);
+    if (!m_delta.open(delta))
+        return failAs(m_delta);
+    constexpr int OldPages = 16;
+    constexpr int DeltaPages = 1;
+    m_oldPages.emplace(m_old, OldPages);
+    m_deltaPages.emplace(m_delta, DeltaPages);
     const Outcome outcome = readCommands(isStopped);
+    if (!m_delta.error().isEmpty())
+        return failAs(m_delta);
     if (!outcome.error.isEmpty()) {
         setPath(delta);
         return fail(outcome.error);
     }
     m_fits = outcome.oldSize <= m_old.size();
-    constexpr int OldPages = 16;
-    constexpr int DeltaPages = 1;
-    m_oldPages.emplace(m_old, OldPages);
-    m_deltaPages.emplace(m_deltaBytes, DeltaPages);
-    return rewind();
-}
-
-bool PatchedContent::openAll(const QString &oldFile, const QString &delta)
-{
-    setPath(oldFile);
-    if (!m_old.open(oldFile))
-        return failAs(m_old);
-    if (!m_deltaBytes.open(delta))
-        return failAs(m_deltaBytes);
-    m_deltaFile.setFileName(delta);
-    if (m_deltaFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return true;
-    setPath(delta);
-    return fail(QLatin1String("cannot be opened: ") + m_deltaFile.errorString());
+    rewind();
+    return true;
 }
 
 PatchedContent::Outcome PatchedContent::readCommands(const IsStopped &isStopped)
 {
     constexpr qint64 UntilAsked = 1 << 16; // commands: a few milliseconds
-    DeltaReader reader(m_deltaFile);
+    DeltaReader reader(*m_deltaPages);
     Outcome outcome;
     for (qint64 read = 1; const auto command = reader.next(); ++read) {
         if (command->length > m_size - outcome.made) {
@@ -63,12 +55,11 @@ PatchedContent::Outcome PatchedContent::readCommands(const IsStopped &isStopped)
     return outcome;
 }
 
-bool PatchedContent::rewind()
+void PatchedContent::rewind()
 {
-    m_reader.emplace(m_deltaFile);
+    m_reader.emplace(*m_deltaPages);
     m_command.reset();
     m_taken = 0;
-    return true;
 }
 
 bool PatchedContent::readAt(qint64 /*position*/, uchar *data, qint64 size)
@@ -78,7 +69,9 @@ bool PatchedContent::readAt(qint64 /*position*/, uchar *data, qint64 size)
             m_command = m_reader->next();
             m_taken = 0;
             if (!m_command)
-                return fail(QStringLiteral("cannot be patched: the delta has changed"));
+                return m_delta.error().isEmpty()
+                    ? fail(QStringLiteral("cannot be patched: the delta has changed"))
+                    : failAs(m_delta);
         }
         const qint64 part = std::min(size, m_command->length - m_taken);
         if (!readPart(m_taken, data, part))
@@ -95,13 +88,12 @@ bool PatchedContent::readPart(qint64 offset, uchar *data, qint64 size)
 {
     PagedView &pages = m_command->isCopy ? *m_oldPages : *m_deltaPages;
     return pages.copy(m_command->place + offset, size, data)
-        || failAs(m_command->isCopy ? m_old : m_deltaBytes);
+        || failAs(m_command->isCopy ? m_old : m_delta);
 }
 
 bool PatchedContent::isUnchanged()
 {
-    return (m_old.isUnchanged() || failAs(m_old))
-        && (m_deltaBytes.isUnchanged() || failAs(m_deltaBytes));
+    return (m_old.isUnchanged() || failAs(m_old)) && (m_delta.isUnchanged() || failAs(m_delta));
 }
 
 bool PatchedContent::mayBeNewAlready()
@@ -120,7 +112,7 @@ bool PatchedContent::mayBeNewAlready()
             std::array<uchar, LookSize> literal{};
             std::array<uchar, LookSize> installed{};
             const qint64 size = std::min(LookSize, m_command->length);
-            mayBe = m_deltaBytes.readAt(m_command->place, literal.data(), size)
+            mayBe = m_deltaPages->copy(m_command->place, size, literal.data())
                 && m_old.readAt(position, installed.data(), size) && literal == installed;
         }
         position += m_command->length;

@@ -5,8 +5,6 @@
 #include "diskfile.h"
 #include "pagedview.h"
 
-#include <QFile>
-
 #include <functional>
 #include <optional>
 
@@ -52,14 +50,13 @@ private:
 
     bool openAll(const QString &oldFile, const QString &delta);
     Outcome readCommands(const IsStopped &isStopped);
-    bool rewind();
+    void rewind();
     bool readPart(qint64 offset, uchar *data, qint64 size);
 
     InputFile m_old;
-    InputFile m_deltaBytes;
+    InputFile m_delta;
     std::optional<PagedView> m_oldPages; ///< for short pieces, as some deltas have very many
     std::optional<PagedView> m_deltaPages;
-    QFile m_deltaFile; ///< for the commands
     qint64 m_size = 0;
     bool m_fits = false;
     std::optional<DeltaReader> m_reader;

@@ -348,9 +348,9 @@ void PatchInspector::Private::checkPayload(const QString &path) const
 
 void PatchInspector::Private::readDelta(const QString &path, InspectedFile &file) const
 {
-    QFile delta(path);
-    if (!delta.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        throw Problem{path, QStringLiteral("cannot be read: ") + delta.errorString()};
+    InputFile delta;
+    if (!delta.open(path))
+        throw Problem{path, delta.error().reason};
     QString error;
     const auto sums = sumsOfDelta(delta, &error);
     if (!sums)
