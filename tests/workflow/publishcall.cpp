@@ -4,10 +4,13 @@
 //   publishcall THREADS diff BUILD SIGNATURES PATCH [IGNORED ...]
 //   publishcall THREADS plan BUILD SIGNATURES [IGNORED ...]
 //   publishcall THREADS publish BUILD SIGNATURES PATCH NEW_SIGNATURES [IGNORED ...]
+//   publishcall THREADS small BUILD SIGNATURES PATCH OLD_BUILD EFFORT MEMORY
+//     also prints how much memory it took at its peak, in bytes
 // Prints each error on a line. Status 0: the call was successful; 1: it was not; 2: wrong usage.
 #include <Pellox/publishcontroller.h>
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QStringList>
 #include <QVariant>
 
@@ -17,6 +20,19 @@
 using Pellox::PublishController;
 
 namespace {
+
+/// Of this process, once it was started.
+long long peakMemory()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
+    }
+    return -1;
+}
 
 std::optional<bool> runCommand(
     PublishController &publisher, const QString &command, const QStringList &paths)
@@ -29,6 +45,14 @@ std::optional<bool> runCommand(
         return publisher.plan(paths[0], paths[1], paths.mid(2)).has_value();
     if (command == QLatin1String("publish") && paths.size() >= 4)
         return publisher.publish(paths[0], paths[1], paths[2], paths[3], paths.mid(4));
+    if (command == QLatin1String("small") && paths.size() == 6) {
+        publisher.setOldBuild(paths[3]);
+        publisher.setDeltaEffort(static_cast<PublishController::DeltaEffort>(paths[4].toInt()));
+        publisher.setDeltaMemory(paths[5].toLongLong());
+        const bool done = publisher.createPatch(paths[0], paths[1], paths[2]);
+        std::printf("%lld\n", peakMemory());
+        return done;
+    }
     return std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "memorylimit.h"
 #include "randombuild.h"
 #include "testtree.h"
 
@@ -223,6 +224,8 @@ private Q_SLOTS:
     void whatIsOldIsNotSentAgain();
     void largeFilesAreSearchedAsWhole();
     void lessMemoryMakesLargerDeltas();
+    void memoryIsEnoughForAllThreads_data();
+    void memoryIsEnoughForAllThreads();
     void filesAbove4GiB();
 
     void deltaThatDoesNotMakeTheNewFile();
@@ -387,8 +390,47 @@ void tst_SmallDeltas::lessMemoryMakesLargerDeltas()
     QVERIFY2(pair.publish(), qPrintable(pair.errors.join(QLatin1Char('\n'))));
     QCOMPARE(pair.rebuilt(), after);
     QVERIFY2(pair.delta().size() > size, qPrintable(QString::number(pair.delta().size())));
-    QVERIFY2(
-        pair.delta().size() < after.size() / 2, qPrintable(QString::number(pair.delta().size())));
+    QVERIFY2(pair.delta().size() < after.size() / 4 * 3,
+        qPrintable(QString::number(pair.delta().size())));
+}
+
+void tst_SmallDeltas::memoryIsEnoughForAllThreads_data()
+{
+    QTest::addColumn<PublishController::DeltaEffort>("effort");
+    QTest::addColumn<int>("mebibytes");
+    QTest::newRow("balanced") << PublishController::DeltaEffort::Balanced << 64;
+    QTest::newRow("smallest") << PublishController::DeltaEffort::Smallest << 96;
+}
+
+/// However many they are, and on a file that is larger.
+void tst_SmallDeltas::memoryIsEnoughForAllThreads()
+{
+    if (HasSanitizer)
+        QSKIP("a sanitizer needs memory itself");
+    QFETCH(PublishController::DeltaEffort, effort);
+    QFETCH(int, mebibytes);
+    constexpr int ProcessItself = 16 * MiB;
+    QByteArray content = randomBytes(128 * MiB, 1);
+    const TestTree tree;
+    tree.write("old/file"_s, content);
+    for (int at = 0; at < content.size(); at += 50 * KiB)
+        content[at] = static_cast<char>(content.at(at) + 1);
+    tree.write("new/file"_s, content);
+    PublishController publisher;
+    QVERIFY(publisher.createSignatures(tree.path("old"_s), tree.path("signatures"_s)));
+
+    QProcess call;
+    call.start(QStringLiteral(PUBLISHCALL_PROGRAM),
+        {"64"_s, "small"_s, tree.path("new"_s), tree.path("signatures"_s), tree.path("patch"_s),
+            tree.path("old"_s), QString::number(static_cast<int>(effort)),
+            QString::number(qint64(mebibytes) * MiB)});
+    QVERIFY(call.waitForFinished(120000));
+    QCOMPARE(call.exitCode(), 0);
+    const qint64 size = QFileInfo(tree.path("patch/file"_s)).size();
+    QVERIFY2(size < content.size() / 20, qPrintable(QString::number(size)));
+    const qint64 peak = call.readAllStandardOutput().trimmed().toLongLong();
+    QVERIFY2(peak > mebibytes * MiB / 2 && peak <= mebibytes * MiB + ProcessItself,
+        qPrintable(QString::number(peak)));
 }
 
 /// Places behind 4 GiB take wider fields, in the delta and in the index.

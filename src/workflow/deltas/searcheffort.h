@@ -19,11 +19,13 @@ struct SearchEffort
     int nearDistance;
     /// ... from each of so many of the next positions.
     int nearPositions;
+    /// Bytes that a thread takes, at the most, for what it works on; the index is apart.
+    qint64 memoryPerThread;
 };
 
 // Found by measuring, see docs/benchmarks.md.
-inline constexpr SearchEffort FastestSearch{32, 5, 2, 16, 4};
-inline constexpr SearchEffort BalancedSearch{16, 3, 4, 64, 8};
-inline constexpr SearchEffort SmallestSearch{12, 1, 16, 128, 8};
+inline constexpr SearchEffort FastestSearch{32, 5, 2, 16, 4, 12 << 20};
+inline constexpr SearchEffort BalancedSearch{16, 3, 4, 64, 8, 12 << 20};
+inline constexpr SearchEffort SmallestSearch{12, 1, 16, 128, 8, 32 << 20};
 
 } // namespace Pellox

@@ -10,6 +10,17 @@
 
 namespace Pellox {
 
+int DeltaSettings::threads(int wanted) const
+{
+    const qint64 enoughFor = memory / 2 / effort.memoryPerThread;
+    return static_cast<int>(std::clamp<qint64>(enoughFor, 1, wanted));
+}
+
+qint64 DeltaSettings::indexMemory(int threadCount) const
+{
+    return std::max(memory / 2, memory - threadCount * effort.memoryPerThread);
+}
+
 FileTask::FileTask(Crew &crew, const PublishFolders &folders, const DeltaSettings &deltas,
     NewFile &file, Progress &progress)
     : m_crew(crew)
@@ -277,11 +288,12 @@ bool FileTask::readOldContent(Outputs &outputs)
 }
 
 /// Most of the memory is for large files, which wait for one another where it does not do for all;
-/// each thread has its part of the rest for a small one.
+/// each thread has its part of the rest, an eighth, for a small one.
 bool FileTask::makeIndex(Outputs &outputs)
 {
-    const qint64 forSmall = m_deltas.memory / 8;
-    const qint64 forLarge = m_deltas.memory - forSmall;
+    const qint64 forAll = m_deltas.indexMemory(m_crew.threadCount());
+    const qint64 forSmall = forAll / 8;
+    const qint64 forLarge = forAll - forSmall;
     const qint64 size = outputs.oldInput.size();
     qint64 memory = forSmall / m_crew.threadCount();
     if (isLarge(m_file.size)) {

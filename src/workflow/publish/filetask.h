@@ -22,8 +22,13 @@ struct PublishFolders
 struct DeltaSettings
 {
     SearchEffort effort;
-    qint64 memory; ///< bytes, of all indexes together; of small files' an eighth
+    qint64 memory; ///< bytes, for all that the search works with
     bool verifies; ///< applies each delta before it counts
+
+    /// How many of @p wanted threads that is enough for, and an index of the same size; at least 1.
+    int threads(int wanted) const;
+    /// What @p threadCount threads leave for all indexes together: at least half of it.
+    qint64 indexMemory(int threadCount) const;
 };
 
 /// A file of the new build, and what became of it.

@@ -38,9 +38,9 @@ namespace Pellox {
  * leads. A manifest's relative paths begin with a separator in any case. Hidden files are no part
  * of a build.
  *
- * Memory: about 8 MiB a thread (20 with the smallest deltas), and of the files in work the
- * signatures (60 to 80 bytes for each 2,048 bytes of the old file) or, where the old build is at
- * hand, deltaMemory(), and about half a KiB for each file of the build, its path and its checksums.
+ * Memory: about 8 MiB a thread, and of the files in work the signatures (60 to 80 bytes for each
+ * 2,048 bytes of the old file), or, where the old build is at hand, deltaMemory() for both; and
+ * about half a KiB for each file of the build, its path and its checksums.
  *
  * The calls block, one at a time, and may be made on any thread; signals and progress come on that
  * thread. Progress runs from 0 to 100 and never falls, by bytes; an empty callback is none. It is
@@ -89,9 +89,11 @@ public:
     DeltaEffort deltaEffort() const;
 
     /**
-     * How many bytes of memory that search may use for what it knows of the old files, all threads
-     * together; 1 GiB by default, 1 MiB at least. Where it is less than the search would like, it
-     * knows less of them, and deltas become larger.
+     * How many bytes of memory that search may use, all threads together: for what it knows of the
+     * old files, and for what it works on, 12 MiB a thread, 32 with the smallest deltas. 1 GiB by
+     * default, 1 MiB at least. Where it is less than the search would like, it knows less of the
+     * old files, and deltas become larger; and no more threads work than half of it is enough for,
+     * but for one, whatever that takes.
      */
     void setDeltaMemory(qint64 bytes);
     /// What setDeltaMemory() has set, in bytes.

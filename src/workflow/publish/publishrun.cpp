@@ -278,7 +278,10 @@ bool PublishRun::work(
     std::vector<qint64> sizes(files.size());
     std::transform(files.cbegin(), files.cend(), sizes.begin(),
         [](const NewFile *file) { return file->size; });
-    Crew crew(m_settings.threadCount, m_cancelled);
+    const int threadCount = folders.oldBuild.isEmpty()
+        ? m_settings.threadCount
+        : m_settings.deltas.threads(m_settings.threadCount);
+    Crew crew(threadCount, m_cancelled);
     const bool done = crew.run(
         sizes, FilePass::ChunkSize,
         [&](std::size_t i) {
