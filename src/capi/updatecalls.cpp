@@ -6,6 +6,8 @@
 
 #include <QThreadPool>
 
+#include <thread>
+
 using namespace Pellox;
 
 namespace {
@@ -54,12 +56,22 @@ public:
         QObject::connect(&controller, &Controller::phaseChanged,
             [this](UpdateController::UpdatePhase phase) { events.tell(phase); });
         QObject::connect(&controller, &Controller::problemFound,
-            [this](const UpdateProblem &problem) { events.tell(problem); });
+            [this](const UpdateProblem &problem) { tellProblem(problem); });
     }
 
-    void tellProgress(qint64 done, qint64 total) { events.tell(RunProgress{done, total}); }
-    int wait()
+    void tellProblem(const UpdateProblem &problem)
     {
+        if (std::this_thread::get_id() == m_waiting)
+            events.post(problem); // of a run that did not start; nobody is there to wait for
+        else
+            events.tell(problem);
+    }
+    void tellProgress(qint64 done, qint64 total) { events.tell(RunProgress{done, total}); }
+    /// For the end of a run, if it has @p started.
+    int wait(bool started)
+    {
+        if (!started)
+            events.end(PELLOX_NO_MEMORY);
         return tellUntilEnd(m_job, events, [this] { controller.cancel(); });
     }
     int work(const std::function<int()> &work)
@@ -69,6 +81,7 @@ public:
 
 private:
     pellox_job &m_job;
+    const std::thread::id m_waiting = std::this_thread::get_id();
     PoolThread m_poolThread; // these two outlive the controller, which waits for its run
 
 public:
@@ -147,7 +160,7 @@ int pellox_update(pellox_job *job, const char *build, const char *patch)
 {
     return startRun(job, {build, patch}, [](pellox_job &usedJob, const QStringList &paths) {
         Updater updater(usedJob);
-        return updater.controller.update(paths[0], paths[1]) ? updater.wait() : PELLOX_NO_MEMORY;
+        return updater.wait(updater.controller.update(paths[0], paths[1]));
     });
 }
 
@@ -170,7 +183,7 @@ int pellox_recover(pellox_job *job, const char *build)
 {
     return startRun(job, {build}, [](pellox_job &usedJob, const QStringList &paths) {
         Updater updater(usedJob);
-        return updater.controller.recover(paths[0]) ? updater.wait() : PELLOX_NO_MEMORY;
+        return updater.wait(updater.controller.recover(paths[0]));
     });
 }
 
@@ -178,7 +191,7 @@ int pellox_rollback(pellox_job *job, const char *build)
 {
     return startRun(job, {build}, [](pellox_job &usedJob, const QStringList &paths) {
         Updater updater(usedJob);
-        return updater.controller.rollback(paths[0]) ? updater.wait() : PELLOX_NO_MEMORY;
+        return updater.wait(updater.controller.rollback(paths[0]));
     });
 }
 
@@ -196,9 +209,7 @@ int pellox_check(pellox_job *job, const char *build, const char *signatures)
 {
     return startRun(job, {build, signatures}, [](pellox_job &usedJob, const QStringList &paths) {
         Checker checker(usedJob);
-        if (!checker.controller.check(paths[0], paths[1]))
-            return static_cast<int>(PELLOX_NO_MEMORY);
-        const int result = checker.wait();
+        const int result = checker.wait(checker.controller.check(paths[0], paths[1]));
         if (result != PELLOX_DONE)
             return result;
         const IntegrityReport report = checker.controller.report();
@@ -212,10 +223,10 @@ int pellox_repair(pellox_job *job, const char *build, const char *signatures, co
     return startRun(
         job, {build, signatures, source}, [](pellox_job &usedJob, const QStringList &paths) {
             Checker checker(usedJob);
-            if (!checker.controller.repair(paths[0], paths[1], paths[2]))
-                return static_cast<int>(PELLOX_NO_MEMORY);
-            const int result = checker.wait();
-            tellReport(usedJob, checker.controller.report());
+            const bool started = checker.controller.repair(paths[0], paths[1], paths[2]);
+            const int result = checker.wait(started);
+            if (started)
+                tellReport(usedJob, checker.controller.report());
             return result;
         });
 }
@@ -228,6 +239,6 @@ int pellox_record_release(
             Checker checker(usedJob);
             const bool started = checker.controller.recordRelease(
                 paths[0], paths[1], paths[2], usedJob.settings.trustedKeys);
-            return started ? checker.wait() : PELLOX_NO_MEMORY;
+            return checker.wait(started);
         });
 }

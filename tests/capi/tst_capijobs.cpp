@@ -15,9 +15,11 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -153,6 +155,7 @@ private Q_SLOTS:
     void callbackThatThrows_data();
     void callbackThatThrows();
     void noThreads();
+    void runsThatGetNoThread();
 
     void twoAtTheSameTime();
     void runWithinACallback();
@@ -391,6 +394,35 @@ void tst_CapiJobs::noThreads()
         QVERIFY2(line.contains("QThread::start"_s), qPrintable(line));
     m_log->clear();
     QCOMPARE(pellox_plan(job, build(), patch()), int(PELLOX_DONE));
+}
+
+/// Of those that work on the pool.
+void tst_CapiJobs::runsThatGetNoThread()
+{
+    using Run = std::function<int(pellox_job *)>;
+    const QByteArray signatures = utf8(m_scenario->signatures());
+    const QByteArray source = utf8(m_scenario->newBuild());
+    const std::vector<Run> runs{
+        [&](pellox_job *job) { return pellox_update(job, build(), patch()); },
+        [&](pellox_job *job) { return pellox_recover(job, build()); },
+        [&](pellox_job *job) { return pellox_rollback(job, build()); },
+        [&](pellox_job *job) { return pellox_check(job, build(), signatures); },
+        [&](pellox_job *job) { return pellox_repair(job, build(), signatures, source); },
+        [&](pellox_job *job) { return pellox_record_release(job, build(), signatures, patch()); },
+    };
+    for (const Run &run : runs) {
+        RecordedJob job;
+        s_threadsAreUsedUp = true;
+        const int result = run(job);
+        s_threadsAreUsedUp = false;
+        QCOMPARE(result, int(PELLOX_NO_MEMORY));
+        QCOMPARE(job.problems.size(), 1);
+        QCOMPARE(job.problems.first().code, int(PELLOX_PROBLEM_NO_MEMORY));
+        QCOMPARE(job.problems.first().file, build());
+    }
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    const RecordedJob job;
+    QCOMPARE(pellox_update(job, build(), patch()), int(PELLOX_DONE));
 }
 
 void tst_CapiJobs::twoAtTheSameTime()

@@ -3,6 +3,7 @@
 #include "logcapture.h"
 #include "updatescenario.h"
 
+#include <Pellox/IntegrityController>
 #include <Pellox/PatchSeal>
 #include <Pellox/UpdateProblem>
 
@@ -23,14 +24,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using Pellox::IntegrityController;
 using Pellox::UpdateController;
 using Pellox::UpdateProblem;
 using Phase = UpdateController::UpdatePhase;
 using Result = UpdateController::UpdateResult;
 using Code = UpdateProblem::Code;
 using Prepare = std::function<void(const UpdateScenario &)>;
+using Start = std::function<bool(UpdateController &, const UpdateScenario &)>;
 
 Q_DECLARE_METATYPE(Prepare)
+Q_DECLARE_METATYPE(Start)
 Q_DECLARE_METATYPE(Pellox::UpdateProblem::Code)
 
 namespace {
@@ -118,6 +122,9 @@ private Q_SLOTS:
     void filesThatCannotBeReplaced();
     void immutableFileIsRefused();
     void sealThatThereAreNoThreadsFor();
+    void runThatGetsNoThread_data();
+    void runThatGetsNoThread();
+    void checkThatGetsNoThread();
     void rollbackWithNothingKept();
     void namesAndAdviceAreThereForAll();
     void adviceLeadsOut_data();
@@ -425,6 +432,68 @@ void tst_UpdateProblems::sealThatThereAreNoThreadsFor()
     QCOMPARE(outcome.result, Result::Refused);
     QCOMPARE(outcome.problems.size(), 1);
     QCOMPARE(outcome.problems.first().codeName(), "no-memory"_s);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+void tst_UpdateProblems::runThatGetsNoThread_data()
+{
+    QTest::addColumn<Start>("start");
+    QTest::newRow("update") << Start([](UpdateController &updater, const UpdateScenario &scenario) {
+        return updater.update(scenario.build(), scenario.patch());
+    });
+    QTest::newRow("recover") << Start(
+        [](UpdateController &updater, const UpdateScenario &scenario) {
+            return updater.recover(scenario.build());
+        });
+    QTest::newRow("rollback") << Start(
+        [](UpdateController &updater, const UpdateScenario &scenario) {
+            return updater.rollback(scenario.build());
+        });
+}
+
+/// The pool would let it wait for ever.
+void tst_UpdateProblems::runThatGetsNoThread()
+{
+    QFETCH(Start, start);
+    {
+        UpdateController updater;
+        QVector<UpdateProblem> problems;
+        bool hasEnded = false;
+        connect(&updater, &UpdateController::problemFound, this,
+            [&](const UpdateProblem &problem) { problems.append(problem); });
+        connect(&updater, &UpdateController::finished, this, [&] { hasEnded = true; });
+        s_threadsAreUsedUp = true;
+        const bool started = start(updater, *m_scenario);
+        s_threadsAreUsedUp = false;
+        QVERIFY(!started);
+        QVERIFY(!updater.isRunning());
+        QVERIFY(!hasEnded);
+        QCOMPARE(problems.size(), 1);
+        QCOMPARE(problems.first().codeName(), "no-memory"_s);
+        QCOMPARE(problems.first().file, m_scenario->build());
+        QCOMPARE(m_scenario->differenceToOld(), QString());
+    }
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+}
+
+void tst_UpdateProblems::checkThatGetsNoThread()
+{
+    IntegrityController checker;
+    QVector<UpdateProblem> problems;
+    connect(&checker, &IntegrityController::problemFound, this,
+        [&](const UpdateProblem &problem) { problems.append(problem); });
+    s_threadsAreUsedUp = true;
+    const bool checks = checker.check(m_scenario->build(), m_scenario->signatures());
+    const bool repairs
+        = checker.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild());
+    const bool records = checker.recordRelease(
+        m_scenario->build(), m_scenario->signatures(), m_scenario->patch(), {});
+    s_threadsAreUsedUp = false;
+    QVERIFY(!checks && !repairs && !records);
+    QVERIFY(!checker.isRunning());
+    QCOMPARE(problems.size(), 3);
+    for (const UpdateProblem &problem : std::as_const(problems))
+        QCOMPARE(problem.codeName(), "no-memory"_s);
     QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 

@@ -3,10 +3,15 @@
 
 #include <QtConcurrent>
 
+#include <chrono>
 #include <exception>
 #include <new>
 #include <stdexcept>
+#include <thread>
 #include <utility>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Pellox {
 
@@ -21,6 +26,36 @@ void callSafely(const std::function<void()> &function)
     }
 }
 
+pid_t ownThread()
+{
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+/// One that was joined counts for the system's limits until it is gone for good, a moment later.
+void waitUntilGone(pid_t thread)
+{
+    constexpr std::chrono::seconds Long(1); // then the number is another thread's by now
+    const auto isThere = [thread] { return ::syscall(SYS_tgkill, ::getpid(), thread, 0) == 0; };
+    const auto end = std::chrono::steady_clock::now() + Long;
+    while (isThere() && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+}
+
+/// The pool does not tell: what it has no thread for waits for ever, and so does whoever waits for
+/// its end. Hence one is tried out beforehand.
+bool givesThread()
+{
+    try {
+        pid_t number = 0;
+        std::thread thread([&number] { number = ownThread(); });
+        thread.join();
+        waitUntilGone(number);
+        return true;
+    } catch (const std::exception &) {
+        return false;
+    }
+}
+
 } // namespace
 
 BackgroundRuns::BackgroundRuns(std::function<void()> tellEnd)
@@ -28,27 +63,30 @@ BackgroundRuns::BackgroundRuns(std::function<void()> tellEnd)
 {
 }
 
-bool BackgroundRuns::start(std::function<void()> run)
+BackgroundRuns::Started BackgroundRuns::start(std::function<void()> run)
 {
     const std::lock_guard lock(m_mutex);
     if (isTaken())
-        return false;
+        return Started::Taken;
     m_isCancelled = false;
     m_next = std::move(run);
-    return m_state == State::Telling || startThread();
+    return m_state == State::Telling ? Started::Yes : startThread();
 }
 
 /// Called with the lock held, as isTaken() is.
-bool BackgroundRuns::startThread()
+BackgroundRuns::Started BackgroundRuns::startThread()
 {
     m_thread.waitForFinished(); // it has nothing left to do but to return
     try {
-        m_thread = QtConcurrent::run([this] { work(); });
-        m_state = State::Working;
-    } catch (const std::exception &) {
-        m_next = nullptr;
+        if (givesThread()) {
+            m_thread = QtConcurrent::run([this] { work(); });
+            m_state = State::Working;
+            return Started::Yes;
+        }
+    } catch (const std::exception &) { // NOLINT(bugprone-empty-catch): told by what is returned
     }
-    return m_state == State::Working;
+    m_next = nullptr;
+    return Started::NoThread;
 }
 
 bool BackgroundRuns::block(const std::function<void()> &run)
@@ -118,6 +156,11 @@ bool BackgroundRuns::isLast()
     if (!m_next)
         m_state = State::Idle;
     return !m_next;
+}
+
+UpdateProblem problemOfNoThread(const QString &build)
+{
+    return {UpdateProblem::Code::NoMemory, build, QStringLiteral("the system gives no thread")};
 }
 
 UpdateProblem problemOfException(const QString &build)

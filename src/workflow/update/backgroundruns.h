@@ -26,9 +26,14 @@ public:
     BackgroundRuns(const BackgroundRuns &) = delete;
     BackgroundRuns &operator=(const BackgroundRuns &) = delete;
 
-    /// False when a run is under way, after stop(), and when the system has nothing to start it
-    /// with. What @p run throws is lost.
-    bool start(std::function<void()> run);
+    enum class Started {
+        Yes,
+        Taken,    ///< no: a run is under way, or it is after stop()
+        NoThread, ///< no: the system gives no thread
+    };
+
+    /// What @p run throws is lost.
+    Started start(std::function<void()> run);
     /// Does @p run on this thread, without tellEnd. False, without it, when a run is under way.
     bool block(const std::function<void()> &run);
 
@@ -45,7 +50,7 @@ private:
     enum class State { Idle, Working, Telling };
 
     bool isTaken() const;
-    bool startThread();
+    Started startThread();
     void work();
     void enter(State state);
     bool isLast();
@@ -59,6 +64,9 @@ private:
     std::function<void()> m_next; ///< waits for the thread
     QFuture<void> m_thread;
 };
+
+/// What a host is told of Started::NoThread, about folder @p build.
+UpdateProblem problemOfNoThread(const QString &build);
 
 /// To be called while an exception is handled: what a host is told of it, about folder @p build.
 UpdateProblem problemOfException(const QString &build);

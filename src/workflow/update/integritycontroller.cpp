@@ -22,7 +22,10 @@ public:
 
     bool start(const IntegrityRun::Settings &settings, bool (IntegrityRun::*job)())
     {
-        return runs.start([this, settings, job] { carryOut(settings, job); });
+        const auto started = runs.start([this, settings, job] { carryOut(settings, job); });
+        if (started == BackgroundRuns::Started::NoThread)
+            tell(problemOfNoThread(settings.build));
+        return started == BackgroundRuns::Started::Yes;
     }
 
     void carryOut(const IntegrityRun::Settings &settings, bool (IntegrityRun::*job)())

@@ -51,9 +51,10 @@ public:
     /**
      * Starts to compare the build in folder @p build with signatures.json in folder
      * @p signatures. Changes nothing on disk. True means started: finished() follows exactly
-     * once. False when a run is under way. A run is no longer under way when finished() is told;
-     * one that is started meanwhile begins when all slots that are connected directly have
-     * returned.
+     * once. False when a run is under way, and, after a problem NoMemory that is told on this
+     * thread, when the system gives no thread to run it; the same holds for repair() and
+     * recordRelease(). A run is no longer under way when finished() is told; one that is started
+     * meanwhile begins when all slots that are connected directly have returned.
      */
     bool check(const QString &build, const QString &signatures);
 

@@ -57,7 +57,10 @@ public:
 
     bool start(const UpdateRun::Settings &settings, UpdateResult (UpdateRun::*job)())
     {
-        return runs.start([this, settings, job] { carryOut(settings, job); });
+        const auto started = runs.start([this, settings, job] { carryOut(settings, job); });
+        if (started == BackgroundRuns::Started::NoThread)
+            tell(problemOfNoThread(settings.transaction.folders.build));
+        return started == BackgroundRuns::Started::Yes;
     }
 
     void carryOut(const UpdateRun::Settings &settings, UpdateResult (UpdateRun::*job)())

@@ -118,9 +118,11 @@ public:
 
     /**
      * Starts to bring the installed build in folder @p build to where @p patch leads. True means
-     * started: finished() follows exactly once. False when a run is under way. A run is no longer
-     * under way when finished() is told; one that is started meanwhile begins, and tells of itself,
-     * when all slots that are connected directly have returned, so these must not wait for it.
+     * started: finished() follows exactly once. False when a run is under way, and, after a problem
+     * NoMemory that is told on this thread, when the system gives no thread to run it; the same
+     * holds for recover() and rollback(). A run is no longer under way when finished() is told; one
+     * that is started meanwhile begins, and tells of itself, when all slots that are connected
+     * directly have returned, so these must not wait for it.
      */
     bool update(const QString &build, const QString &patch);
     /**
