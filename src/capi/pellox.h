@@ -310,7 +310,9 @@ PELLOX_EXPORT int pellox_update(pellox_job *job, const char *build, const char *
 PELLOX_EXPORT int pellox_plan(pellox_job *job, const char *build, const char *patch);
 
 /**
- * Finishes what a crash has interrupted; to be called before the host starts the game.
+ * Finishes what a crash has interrupted; to be called before the host starts the game. Where files
+ * were not being put in place yet there is nothing to finish, PELLOX_NOTHING_TO_DO, and the next
+ * update goes on with what was written.
  * PELLOX_FAILED with problems PELLOX_PROBLEM_DAMAGED_INSTALL: finished but for the files that these
  * tell; the build is to be repaired.
  */

@@ -124,6 +124,8 @@ private Q_SLOTS:
     void repairSparesFilesOfSuchNames();
     void leftoversGoWhateverComesNext_data();
     void leftoversGoWhateverComesNext();
+    void recoveryLeavesWhatIsStaged_data();
+    void recoveryLeavesWhatIsStaged();
     void leftoversAreInNobodysWay();
     void recordIsThereBeforeTheFiles();
     void leftoversGoAfterAnyPowerCut();
@@ -301,7 +303,7 @@ void tst_StagedFiles::playersFilesStayWhereverItIsKilled_data()
 {
     QTest::addColumn<QString>("second");
     QTest::newRow("then update") << "update"_s;
-    QTest::newRow("then recovery") << "recover"_s;
+    QTest::newRow("then recovery, and discarding") << "recover"_s;
 }
 
 /// And nothing of the run's own is left by the next, whether it is old or new.
@@ -324,6 +326,8 @@ void tst_StagedFiles::playersFilesStayWhereverItIsKilled()
         };
         note(harmedTemporaryFile());
         const FaultRun next = run(second, {});
+        if (second == "recover"_s) // which leaves what is staged
+            run("discard"_s, {});
         if (next.status != statusOf(Result::Updated)
             && next.status != statusOf(Result::AlreadyUpToDate))
             note("status %1 "_s.arg(next.status) + QString::fromLocal8Bit(next.output));
@@ -376,8 +380,8 @@ void tst_StagedFiles::repairSparesFilesOfSuchNames()
 void tst_StagedFiles::leftoversGoWhateverComesNext_data()
 {
     QTest::addColumn<QString>("next");
-    for (const char *next : {"another patch", "patch that changes nothing", "recovery",
-             "discarding", "repair of what is intact", "repair", "cancelled", "failed"})
+    for (const char *next : {"another patch", "patch that changes nothing", "discarding",
+             "repair of what is intact", "repair", "cancelled", "failed"})
         QTest::newRow(next) << QString::fromLatin1(next);
 }
 
@@ -403,8 +407,6 @@ void tst_StagedFiles::leftoversGoWhateverComesNext()
         tree.remove("build/other"_s);
     } else if (next == "patch that changes nothing"_s) {
         QCOMPARE(updateBy(emptyPatch(), [](auto &) {}).result, Result::AlreadyUpToDate);
-    } else if (next == "recovery"_s) {
-        QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
     } else if (next == "discarding"_s) {
         QVERIFY(m_scenario->discardPrevious());
     } else if (next.startsWith("repair"_s)) {
@@ -427,6 +429,54 @@ void tst_StagedFiles::leftoversGoWhateverComesNext()
         QCOMPARE(run("update"_s, noJournal).status, statusOf(Result::Failed));
     }
     QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->touchedFile(), QString());
+}
+
+void tst_StagedFiles::recoveryLeavesWhatIsStaged_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("last"); // what is made just then
+    QTest::newRow("all") << "update"_s
+                         << ".pellox/journal.new"_s;
+    QTest::newRow("all, and what is to be kept") << "update-keeping"_s
+                                                 << ".pellox/journal.new"_s;
+    QTest::newRow("some") << "update"_s
+                          << "data/taken whole.temp"_s;
+}
+
+/// Launchers recover whenever they start, and the next update goes on where this one was.
+void tst_StagedFiles::recoveryLeavesWhatIsStaged()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, last);
+    QVERIFY(run(command, {file(last), "create", 1, "kill"}).crashed);
+    const auto stagedFiles = [this] {
+        QMap<QString, quint64> files; // with their numbers
+        for (const QString &path : temporaryFiles()) {
+            struct stat status = {};
+            const QByteArray name = QFile::encodeName(file(path));
+            if (path.endsWith(".temp"_s) && ::lstat(name.constData(), &status) == 0)
+                files.insert(path, status.st_ino);
+        }
+        return files;
+    };
+    const auto staged = stagedFiles();
+    QVERIFY(staged.size() > 1);
+
+    const UpdateOutcome recovery = m_scenario->recover();
+    QCOMPARE(recovery.errors, QStringList());
+    QCOMPARE(recovery.result, Result::AlreadyUpToDate);
+    QCOMPARE(stagedFiles(), staged);
+    QVERIFY(!m_scenario->tree().exists("build/.pellox/keeping"_s));
+    QVERIFY(!m_scenario->tree().exists("build/.pellox/keeping.json"_s));
+    QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
+
+    const FaultRun again = run("update"_s, {m_scenario->build(), "create"});
+    QCOMPARE(again.status, statusOf(Result::Updated));
+    for (const QString &path : staged.keys()) {
+        QVERIFY2(path == last || !again.calls.contains("create "_s + file(path)), qPrintable(path));
+    }
+    QCOMPARE(m_scenario->differenceToNew(), QString());
     QCOMPARE(m_scenario->touchedFile(), QString());
 }
 
@@ -508,6 +558,8 @@ void tst_StagedFiles::leftoversGoAfterAnyPowerCut()
             const QString where = "%1 (%2): "_s.arg(record.name(at)).arg(at);
             if (!isGood(m_scenario->recover().result))
                 problems.append(where + "is not recovered"_s);
+            if (!m_scenario->discardPrevious()) // a recovery leaves what is staged
+                problems.append(where + "is not cleared"_s);
             const QString harmed = harmedTemporaryFile();
             if (!harmed.isEmpty())
                 problems.append(where + harmed);
@@ -559,7 +611,7 @@ void tst_StagedFiles::leftoversBehindALinkStay()
     outside.write("deep/program.temp"_s, "a canary");
     m_scenario->tree().remove("build/added"_s);
     m_scenario->tree().link("build/added"_s, outside.path());
-    QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
+    QVERIFY(m_scenario->discardPrevious());
     QCOMPARE(outside.read("deep/program.temp"_s), QByteArray("a canary"));
     QFile::remove(file("added"_s));
     QCOMPARE(m_scenario->differenceToOld(), QString());
@@ -576,7 +628,7 @@ void tst_StagedFiles::leftoverThatStaysIsTold()
     QCOMPARE(run.status, statusOf(Result::Failed));
     QVERIFY2(run.output.contains(staged.toLocal8Bit() + ": "), run.output);
     QVERIFY(QFile::exists(staged));
-    QCOMPARE(m_scenario->recover().result, Result::AlreadyUpToDate);
+    QVERIFY(m_scenario->discardPrevious());
     QCOMPARE(temporaryFiles(), QStringList());
 }
 
@@ -598,6 +650,8 @@ void tst_StagedFiles::leftoverThatNothingRemovesIsTold()
     else if (command != "recover"_s)
         m_scenario->layNew();
     for (const QString &leftover : {".pellox/staged/7"_s, ".pellox/keeping/gone"_s}) {
+        if (command == "recover"_s && leftover.startsWith(".pellox/staged"_s))
+            continue; // which a recovery leaves
         tree.write("build/"_s + leftover, "of a run that was killed");
         const QStringList more = command == "repair"_s
             ? QStringList{m_scenario->signatures(), m_scenario->newBuild()}

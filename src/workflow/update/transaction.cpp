@@ -195,17 +195,31 @@ bool Transaction::clear(const QSet<QString> &kept)
 
 bool Transaction::clearLeftovers(const QSet<QString> &kept)
 {
-    const auto stands
-        = [this](const QString &path) { return statusOf(m_folder.absolute(path)).has_value(); };
-    const bool hasBegun = stands(WorkFolder::NewJournal) || stands(WorkFolder::KeepingRecord)
-        || stands(WorkFolder::Keeping); // a commit, but its journal was never in place
-    if (hasUnfinished() || (!hasBegun && !m_record.isThere()))
+    if (!clearUncertain())
+        return false;
+    return hasUnfinished() || !m_record.isThere() || (m_record.read() && clear(kept))
+        || tellErrorsOfRecord();
+}
+
+bool Transaction::clearUncertain()
+{
+    if (hasUnfinished() || !hasUncertain())
         return true;
-    if (hasBegun && !m_commit.abandon()) {
+    if (!m_commit.abandon()) {
         fail(m_commit.error());
         return false;
     }
-    return (m_record.read() && clear(kept)) || tellErrorsOfRecord();
+    m_folder.removeIfEmpty();
+    return true;
+}
+
+/// Whether a commit has begun whose journal was never in place.
+bool Transaction::hasUncertain() const
+{
+    const auto stands
+        = [this](const QString &path) { return statusOf(m_folder.absolute(path)).has_value(); };
+    return stands(WorkFolder::NewJournal) || stands(WorkFolder::KeepingRecord)
+        || stands(WorkFolder::Keeping);
 }
 
 /// Once there is a journal, that tells of all that is staged. False with a problem.

@@ -69,6 +69,8 @@ public:
     /// Where no commit is unfinished: removes what an earlier run has staged, but for @p kept.
     /// False with a problem when something of it stays.
     bool clearLeftovers(const QSet<QString> &kept = {});
+    /// The same of what a commit has left that was never certain, and of nothing else.
+    bool clearUncertain();
     /// Commits steps that need no staging.
     Outcome commit(Journal journal);
     /// Bytes that copies of what @p works replace take, where it is kept and the file system knows
@@ -82,6 +84,7 @@ public:
 
 private:
     bool copiesWhatIsKept();
+    bool hasUncertain() const;
     bool mayHaveBegun();
     Outcome stageAndCommit(std::vector<UpdateWork> &works, const Aim &aim);
     Outcome stage(std::vector<UpdateWork> &works);

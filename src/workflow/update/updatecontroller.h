@@ -127,7 +127,8 @@ public:
     bool update(const QString &build, const QString &patch);
     /**
      * Starts to finish what a crash has interrupted; needs no patch. AlreadyUpToDate when there
-     * was nothing to finish. Failed with a problem DamagedInstall for each file whose new content
+     * was nothing to finish: what an update had staged by then stays for the next one, which goes
+     * on with it. Failed with a problem DamagedInstall for each file whose new content
      * was gone or damaged by then: these are as they were, all others are finished, and the build
      * is no release until it is repaired, or updated once more.
      */

@@ -112,7 +112,8 @@ UpdateRun::UpdateResult UpdateRun::recover()
     if (!m_transaction.lock())
         return end(UpdateResult::Refused);
     const auto unfinished = finishUnfinished();
-    return endRecovery(m_transaction.clearLeftovers() ? unfinished : Transaction::Outcome::Failed);
+    // What is staged waits for the next update.
+    return endRecovery(m_transaction.clearUncertain() ? unfinished : Transaction::Outcome::Failed);
 }
 
 /// What could not be finished makes the build less than what was aimed at.
