@@ -93,6 +93,9 @@ private Q_SLOTS:
     void fileThatCameBackStays_data();
     void fileThatCameBackStays();
     void changedFileIsNotDeleted();
+    void sparedFilesLeaveTheWayBack_data();
+    void sparedFilesLeaveTheWayBack();
+    void sparingKilledAtAnyCall();
     void linkOnTheWay_data();
     void linkOnTheWay();
     void linkThatComesWhileItStages();
@@ -112,6 +115,8 @@ private:
     void verifyAllIsNewBut(const QString &path) const;
     void noteStaying(const QString &staged);
     void verifyStays(const QString &staged) const;
+    void changeWhatIsToGo() const;
+    void verifyBackButForSpared() const;
     void removeStaying(const QString &staged) const;
 
     std::optional<LogCapture> m_log;
@@ -562,6 +567,84 @@ void tst_UpdateLeftovers::changedFileIsNotDeleted()
     QCOMPARE(m_scenario->recover().result, Result::Updated);
     QVERIFY(tree().exists("build/gone"_s));
     QCOMPARE(tree().read("build/gone"_s), m_scenario->oldFiles().value("gone"_s).content + "more");
+}
+
+/// One file is another by then, one is gone.
+void tst_UpdateLeftovers::changeWhatIsToGo() const
+{
+    append(tree(), "build/gone"_s);
+    tree().remove("build/saves/gone"_s);
+}
+
+/// After changeWhatIsToGo().
+void tst_UpdateLeftovers::verifyBackButForSpared() const
+{
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    const auto &old = m_scenario->oldFiles();
+    QCOMPARE(tree().read("build/gone"_s), old.value("gone"_s).content + "more");
+    QVERIFY(!tree().exists("build/saves/gone"_s));
+    tree().write("build/gone"_s, old.value("gone"_s).content);
+    tree().write("build/saves/gone"_s, old.value("saves/gone"_s).content);
+    for (auto file = old.cbegin(); file != old.cend(); ++file)
+        QVERIFY2(tree().exists("build/"_s + file.key())
+                && tree().read("build/"_s + file.key()) == file->content,
+            qPrintable(file.key()));
+    QVERIFY(!tree().exists("build/.pellox"_s));
+    QCOMPARE(m_scenario->touchedFile(), QString());
+}
+
+void tst_UpdateLeftovers::sparedFilesLeaveTheWayBack_data()
+{
+    QTest::addColumn<bool>("crashes");
+    QTest::newRow("after a crash") << true;
+    QTest::newRow("while it runs") << false;
+}
+
+void tst_UpdateLeftovers::sparedFilesLeaveTheWayBack()
+{
+    QFETCH(bool, crashes);
+    if (crashes) {
+        killBeforeItPlaces("update-keeping"_s);
+        changeWhatIsToGo();
+        QCOMPARE(m_scenario->recover().result, Result::Updated);
+    } else {
+        const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+            updater.setSynced(false);
+            updater.setKeepPrevious(true);
+            QObject::connect(
+                &updater, &UpdateController::phaseChanged, &updater,
+                [&](Phase phase) {
+                    if (phase == Phase::Committing)
+                        changeWhatIsToGo();
+                },
+                Qt::DirectConnection);
+            return updater.update(m_scenario->build(), m_scenario->patch());
+        });
+        QCOMPARE(outcome.result, Result::Updated);
+    }
+    verifyBackButForSpared();
+}
+
+/// The recovery, and with it the way back that it shortens.
+void tst_UpdateLeftovers::sparingKilledAtAnyCall()
+{
+    const QString own = build(".pellox"_s);
+    bool crashed = true;
+    int at = 0;
+    while (crashed && !QTest::currentTestFailed()) {
+        m_scenario->lay();
+        killBeforeItPlaces("update-keeping"_s);
+        changeWhatIsToGo();
+        crashed
+            = run("recover"_s, {own, "create,rename,remove", ++at, "kill", false, true}).crashed;
+        const UpdateOutcome outcome = m_scenario->recover();
+        QVERIFY2(outcome.result == Result::Updated || outcome.result == Result::AlreadyUpToDate,
+            qPrintable(outcome.errors.join(QLatin1Char(';'))));
+        verifyBackButForSpared();
+    }
+    QVERIFY(at > 3);
 }
 
 void tst_UpdateLeftovers::linkOnTheWay_data()

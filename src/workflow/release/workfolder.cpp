@@ -25,6 +25,7 @@ const QString WorkFolder::StagedRecord = QStringLiteral("/.pellox/staging");
 const QString WorkFolder::NewStagedRecord = QStringLiteral("/.pellox/staging.new");
 const QString WorkFolder::Keeping = QStringLiteral("/.pellox/keeping");
 const QString WorkFolder::KeepingRecord = QStringLiteral("/.pellox/keeping.json");
+const QString WorkFolder::NewKeepingRecord = QStringLiteral("/.pellox/keeping.json.new");
 const QString WorkFolder::Previous = QStringLiteral("/.pellox/previous");
 const QString WorkFolder::PreviousRecord = QStringLiteral("/.pellox/previous.json");
 const QString WorkFolder::Release = QStringLiteral("/.pellox/release");

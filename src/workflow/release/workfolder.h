@@ -33,6 +33,7 @@ public:
     static const QString NewStagedRecord; ///< on the way to be one
     static const QString Keeping;
     static const QString KeepingRecord;
+    static const QString NewKeepingRecord; ///< on the way to be one
     static const QString Previous;
     static const QString PreviousRecord;
     static const QString Release;

@@ -108,7 +108,7 @@ bool Commit::carryOut()
     if (!findSpoiled() || !place(m_journal.first) || !deleteAll())
         return false;
     removeEmptiedFolders();
-    return place(m_journal.last) && sync() && settleRecords() && clearUp();
+    return place(m_journal.last) && forgetSpared() && sync() && settleRecords() && clearUp();
 }
 
 /// Between a crash and now anybody may have been there, with a file of such a name too.
@@ -218,6 +218,13 @@ void Commit::removeEmptiedFolders()
         while (!folder.isEmpty() && (m_files.removeFolder(folder) || errno == ENOENT))
             folder = folderOf(folder);
     }
+}
+
+/// Else the way back would rely on what was never set aside.
+bool Commit::forgetSpared()
+{
+    return !m_journal.keepsPrevious || m_setAside.forgetSpared(m_journal.deletions, m_syncs)
+        || failAs(m_setAside);
 }
 
 /// What the build's own folder says of it: what can be brought back, and which release it is.

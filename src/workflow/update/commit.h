@@ -82,6 +82,7 @@ private:
     bool deleteAll();
     bool deleteOne(const Journal::Deletion &deletion);
     void removeEmptiedFolders();
+    bool forgetSpared();
     bool settleRecords();
     bool completeKept();
     bool settleRelease();

@@ -164,6 +164,56 @@ bool SetAside::take(const QString &path)
         || failBySystem(path, "cannot be set aside: ");
 }
 
+bool SetAside::forgetSpared(const std::vector<Journal::Deletion> &deletions, bool syncs)
+{
+    QSet<QString> spared;
+    if (m_files.look(WorkFolder::KeepingRecord).isNothing()) // an earlier try has completed it
+        return true;
+    if (!findSpared(deletions, &spared))
+        return false;
+    if (spared.isEmpty())
+        return true;
+    FileError error;
+    auto wayBack = Journal::read(m_files, WorkFolder::KeepingRecord, &error);
+    if (!wayBack) { // a damaged one is told when it is to be used
+        m_error = error;
+        return error.system == 0;
+    }
+    auto &files = wayBack->first;
+    const auto kept = std::remove_if(files.begin(), files.end(),
+        [&](const Journal::Placement &placement) { return spared.contains(placement.to); });
+    if (kept == files.end())
+        return true;
+    files.erase(kept, files.end());
+    return replaceRecord(*wayBack, syncs);
+}
+
+/// Which of @p deletions have not been taken. An earlier try may have moved all files already.
+bool SetAside::findSpared(const std::vector<Journal::Deletion> &deletions, QSet<QString> *spared)
+{
+    const bool isMoved = m_files.look(WorkFolder::Keeping).isNothing();
+    const QString &folder = isMoved ? WorkFolder::Previous : WorkFolder::Keeping;
+    for (const Journal::Deletion &deletion : deletions) {
+        const Standing standing = m_files.look(folder + deletion.path);
+        errno = standing.error;
+        if (standing.error != 0)
+            return failBySystem(folder + deletion.path, "cannot be looked at: ");
+        if (standing.isNothing())
+            spared->insert(deletion.path);
+    }
+    return true;
+}
+
+/// In one step.
+bool SetAside::replaceRecord(const Journal &wayBack, bool syncs)
+{
+    return (m_files.removeFile(WorkFolder::NewKeepingRecord) // of a run that was killed
+               || failBySystem(WorkFolder::NewKeepingRecord, "cannot be removed: "))
+        && writeWhole(m_files, WorkFolder::NewKeepingRecord, wayBack.toBytes(), syncs, &m_error)
+        && (m_files.rename(WorkFolder::NewKeepingRecord, WorkFolder::KeepingRecord)
+            || failBySystem(WorkFolder::KeepingRecord, "cannot be written: "));
+}
+
 /// An earlier try may have been cut off anywhere.
 bool SetAside::completeFiles()
 {
@@ -210,7 +260,9 @@ bool SetAside::discard()
 
 bool SetAside::abandon()
 {
-    return remove(WorkFolder::KeepingRecord, WorkFolder::Keeping);
+    return (m_files.removeFile(WorkFolder::NewKeepingRecord)
+               || failBySystem(WorkFolder::NewKeepingRecord, "cannot be removed: "))
+        && remove(WorkFolder::KeepingRecord, WorkFolder::Keeping);
 }
 
 /// The record first: what has one is whole.

@@ -32,6 +32,10 @@ public:
     bool begin(const Journal &journal, const GoOn &goOn);
     /// Moves a file that is deleted.
     bool take(const QString &path);
+    /// Once all of @p deletions have had their turn: what was not taken, as it was changed or gone
+    /// by then, is no part of the way back. @p syncs: the new record is on the disk before its
+    /// name. Can be repeated at any point from then on.
+    bool forgetSpared(const std::vector<Journal::Deletion> &deletions, bool syncs);
     /// Makes it what can be brought back, in the place of what an earlier update has kept: its
     /// files, then, once these are on the disk, its record. Without a record nothing changes, as
     /// an earlier try has done it.
@@ -59,6 +63,8 @@ private:
     bool addReplaced(const QString &path, const Names &deleted, Journal *wayBack);
     QString nameOf(const QString &path, const Standing &standing, const Names &deleted);
     void addDeleted(const Journal &journal, Journal *wayBack) const;
+    bool findSpared(const std::vector<Journal::Deletion> &deletions, QSet<QString> *spared);
+    bool replaceRecord(const Journal &wayBack, bool syncs);
     bool keep(const QString &path, const QString &name);
     bool copy(const QString &from, const QString &to);
     bool remove(const QString &record, const QString &folder);
