@@ -569,6 +569,12 @@ int lchown(const char *path, uid_t user, gid_t group)
     return meet_at("mode", AT_FDCWD, path) == FAIL ? -1 : REAL(lchown)(path, user, group);
 }
 
+int fchownat(int folder, const char *path, uid_t user, gid_t group, int flags)
+{
+    return meet_at("mode", folder, path) == FAIL ? -1
+                                                 : REAL(fchownat)(folder, path, user, group, flags);
+}
+
 /* What a file system has free, where the environment says so. */
 #define TAKE_ROOM(status)                                                                          \
     do {                                                                                           \

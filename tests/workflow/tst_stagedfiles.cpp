@@ -145,6 +145,8 @@ private Q_SLOTS:
     void ownersStay_data();
     void ownersStay();
     void ownersOfStagedFilesStay();
+    void foldersThatGetAFileStay();
+    void foldersOfRootBelongToThePlayer();
     void deletionSparesTheNewFile_data();
     void deletionSparesTheNewFile();
     void renameOfCaseIsRolledBack_data();
@@ -850,6 +852,69 @@ void tst_StagedFiles::ownersOfStagedFilesStay()
     QCOMPARE(m_scenario->update().result, Result::Updated);
     QCOMPARE(statusOfFile(file("data/changed"_s)).st_uid, Player);
     QCOMPARE(statusOfFile(file("data/large.pak"_s)).st_uid, ::geteuid());
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// Where a file becomes a folder that is the only thing in another.
+void tst_StagedFiles::foldersThatGetAFileStay()
+{
+    const TestTree tree;
+    tree.write("build/deep/own/notes"_s, "a file");
+    tree.write("patch/deep/own/notes/inside"_s, "inside");
+    tree.write("patch/patchRules.json"_s,
+        QJsonDocument(QJsonArray{rule("delete", "/deep/own/notes"_s),
+                          rule("copy", "/deep/own/notes/inside"_s)})
+            .toJson());
+    const QString folder = tree.path("build/deep/own"_s);
+    constexpr mode_t Private = 0700;
+    const bool isRoot = ::geteuid() == 0;
+    QVERIFY(::chmod(QFile::encodeName(folder).constData(), Private) == 0);
+    QVERIFY(!isRoot || give(folder));
+    const struct stat before = statusOfFile(folder);
+    const auto verifyStays = [&] {
+        const struct stat status = statusOfFile(folder);
+        QCOMPARE(status.st_ino, before.st_ino);
+        QCOMPARE(status.st_mode & mode_t(07777), Private);
+        QCOMPARE(status.st_uid, before.st_uid);
+        QCOMPARE(status.st_gid, before.st_gid);
+    };
+
+    const UpdateOutcome update = outcomeOf([&](UpdateController &updater) {
+        updater.setKeepPrevious(true);
+        return updater.update(tree.path("build"_s), tree.path("patch"_s));
+    });
+    QCOMPARE(update.errors, QStringList());
+    QCOMPARE(update.result, Result::Updated);
+    QCOMPARE(tree.read("build/deep/own/notes/inside"_s), QByteArray("inside"));
+    verifyStays();
+    QVERIFY(!isRoot || statusOfFile(folder + "/notes"_s).st_uid == Player);
+
+    const UpdateOutcome rollback = outcomeOf(
+        [&](UpdateController &updater) { return updater.rollback(tree.path("build"_s)); });
+    QCOMPARE(rollback.errors, QStringList());
+    QCOMPARE(rollback.result, Result::Updated);
+    QCOMPARE(tree.read("build/deep/own/notes"_s), QByteArray("a file"));
+    verifyStays();
+}
+
+/// Else his next update could not write there.
+void tst_StagedFiles::foldersOfRootBelongToThePlayer()
+{
+    if (::geteuid() != 0)
+        QSKIP("only root may give files away");
+    QVERIFY(give(m_scenario->build()));
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    const QStringList paths{"added"_s, "added/deep"_s, "file to folder"_s, ".pellox"_s,
+        ".pellox/previous"_s, ".pellox/previous/left empty/deep"_s};
+    QStringList others;
+    for (const QString &path : paths) {
+        const struct stat status = statusOfFile(file(path));
+        if (status.st_uid != Player || status.st_gid != PlayersGroup)
+            others.append(path);
+    }
+    QVERIFY(::lchown(QFile::encodeName(m_scenario->build()).constData(), 0, ::getegid()) == 0);
+    QCOMPARE(others, QStringList());
+    QVERIFY(m_scenario->discardPrevious());
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 

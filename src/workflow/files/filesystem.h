@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 #include <optional>
@@ -22,6 +23,14 @@ bool mayStand(const QString &path);
 /// No link to one.
 bool isRegularFile(const QString &path);
 bool isFolder(const QString &path);
+
+/// Makes folder @p name in the open folder @p above. What root makes belongs to the owner of that,
+/// as far as the file system keeps owners: he is to work there, too.
+bool makeFolderIn(int above, const QByteArray &name);
+/// The same by path.
+bool makeFolder(const QString &path);
+/// @p path and the folders above it, as far as they are missing.
+bool makeFolders(const QString &path);
 
 /// Replaces what stands at @p to, in one step.
 bool renameFile(const QString &from, const QString &to);

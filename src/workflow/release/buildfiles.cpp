@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "buildfiles.h"
 
+#include "filesystem.h"
+
 #include <QFile>
 
 #include <algorithm>
@@ -122,11 +124,9 @@ bool BuildFiles::removeAll(const QString &path)
 
 bool BuildFiles::makeFolders(const QString &path)
 {
-    constexpr mode_t All = 0777; // less what the user's mask takes away
     const auto make = [&] {
         const int parent = folderAbove(path);
-        return parent >= 0
-            && (::mkdirat(parent, encodedNameOf(path).constData(), All) == 0 || errno == EEXIST);
+        return parent >= 0 && (makeFolderIn(parent, encodedNameOf(path)) || errno == EEXIST);
     };
     const auto makeAbove = [&] {
         const QString above = parentOf(path);

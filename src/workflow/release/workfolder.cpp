@@ -139,11 +139,8 @@ bool WorkFolder::failToLock(const QString &path)
 
 bool WorkFolder::make()
 {
-    constexpr mode_t All = 0777; // less what the user's mask takes away
     const QString path = m_build + Name;
-    if (isFolder(path) || ::mkdir(QFile::encodeName(path).constData(), All) == 0)
-        return true;
-    return failBySystem(path, "cannot be made: ");
+    return isFolder(path) || makeFolder(path) || failBySystem(path, "cannot be made: ");
 }
 
 void WorkFolder::removeIfEmpty()

@@ -3,6 +3,7 @@
 
 #include "diskfile.h"
 #include "filesystem.h"
+#include "rulechecks.h"
 #include "wholefile.h"
 
 #include <algorithm>
@@ -207,15 +208,23 @@ bool Commit::deleteOne(const Journal::Deletion &deletion)
     return m_files.removeFile(path) || failBySystem(path, "cannot be removed: ");
 }
 
-/// Removes the folders that the deletions have left empty, and those above them. An earlier try may
-/// have removed some of them.
+/// Removes the folders that the deletions have left empty, and those above them, but for those that
+/// a file is to come into: they stay as they are, with their permissions and their owner. An
+/// earlier try may have removed some.
 void Commit::removeEmptiedFolders()
 {
+    QSet<QString> needed;
+    for (const Journal::Placement &placement : m_journal.last) {
+        for (const QString &folder : foldersAbove(placement.to))
+            needed.insert(folder);
+    }
+    const auto mayGo
+        = [&](const QString &folder) { return !folder.isEmpty() && !needed.contains(folder); };
     const auto folderOf
         = [](const QString &path) { return path.left(path.lastIndexOf(QLatin1Char('/'))); };
     for (const Journal::Deletion &deletion : m_journal.deletions) {
         QString folder = folderOf(deletion.path);
-        while (!folder.isEmpty() && (m_files.removeFolder(folder) || errno == ENOENT))
+        while (mayGo(folder) && (m_files.removeFolder(folder) || errno == ENOENT))
             folder = folderOf(folder);
     }
 }

@@ -564,6 +564,16 @@ void Staging::discard(UpdateWork &work)
     doneOf(work) = 0;
 }
 
+/// Those that root makes, with their owners. One after the other: none is made in a folder that has
+/// not got its own yet.
+bool Staging::makeFoldersFor(const UpdateWork &work)
+{
+    if (::geteuid() != 0)
+        return true; // they come with the file
+    const std::lock_guard lock(m_foldersMutex);
+    return makeFolders(QFileInfo(staged(work)).path());
+}
+
 /// Writes @p content where the work is staged. Its SHA-512; nothing after @p error, and when the
 /// crew was stopped.
 std::optional<Sha512> Staging::write(
@@ -577,6 +587,10 @@ std::optional<Sha512> Staging::write(
         *error = output.error();
         return std::nullopt;
     };
+    if (!makeFoldersFor(work)) {
+        *error = FileError::ofSystem(staged(work), "cannot be made: ");
+        return {};
+    }
     if (!output.open(staged(work)))
         return failOutput();
     work.isOwnStaged = true;

@@ -77,6 +77,7 @@ private:
     void stageCopy(UpdateWork &work);
     void stageMoved(UpdateWork &work);
     void discard(UpdateWork &work);
+    bool makeFoldersFor(const UpdateWork &work);
     std::optional<Sha512> write(
         UpdateWork &work, Content &content, mode_t permissions, FileError *error);
     bool pass(FilePass &pass, qint64 size, FileError *error);
@@ -111,6 +112,7 @@ private:
     Crew *m_crew = nullptr;                  ///< at work
     std::vector<std::atomic<qint64>> m_done; ///< bytes of each work that are staged
     std::atomic<qint64> m_read{0};           ///< bytes of installed files
+    std::mutex m_foldersMutex;               ///< of folders that are made
     std::mutex m_stagedMutex;
     QStringList m_staged; ///< relative paths that are to be reported
 };
