@@ -121,6 +121,8 @@ private Q_SLOTS:
     void filesThatCannotBeReplaced_data();
     void filesThatCannotBeReplaced();
     void immutableFileIsRefused();
+    void workFolderThatCannotBeWritten_data();
+    void workFolderThatCannotBeWritten();
     void sealThatThereAreNoThreadsFor();
     void runThatGetsNoThread_data();
     void runThatGetsNoThread();
@@ -388,6 +390,36 @@ void tst_UpdateProblems::filesThatCannotBeReplaced()
     }
     QVERIFY2(!refused || named.contains(file), qPrintable(named.join(QLatin1Char(' '))));
     QCOMPARE(refused ? m_scenario->differenceToOld() : m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateProblems::workFolderThatCannotBeWritten_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::newRow("the folder") << ".pellox"_s;
+    QTest::newRow("that of staged files") << ".pellox/staged"_s;
+}
+
+/// Nothing could be staged there, and a plan would have promised it.
+void tst_UpdateProblems::workFolderThatCannotBeWritten()
+{
+    QFETCH(QString, folder);
+    const QString path = m_scenario->tree().path("build/"_s + folder);
+    m_scenario->tree().write("build/.pellox/mine"_s, "mine"); // it stays
+    m_scenario->tree().makeFolder("build/.pellox/staged"_s);
+    s_fixedPath = QFile::encodeName(path);
+    s_attribute = STATX_ATTR_IMMUTABLE;
+    const auto plan = UpdateController().plan(m_scenario->build(), m_scenario->patch());
+    const UpdateOutcome outcome = m_scenario->update();
+    s_attribute = 0;
+    QCOMPARE(plan.refusals.size(), 1);
+    QCOMPARE(plan.refusals.first().codeName(), "not-writable"_s);
+    QCOMPARE(plan.refusals.first().file, path);
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().codeName(), "not-writable"_s);
+    QCOMPARE(outcome.problems.first().file, path);
+    m_scenario->tree().remove("build/.pellox"_s);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 
 /// A real one, where the file system and the user's rights allow it.

@@ -113,7 +113,9 @@ bool UpdateCheck::checkFolders()
     }
     for (const QString &name : {WorkFolder::Name, WorkFolder::Staged}) {
         const QString own = m_folders.build + name;
-        if (statusOf(own) && !isFolder(own))
+        if (isFolder(own))
+            checkWritable(own);
+        else if (statusOf(own))
             add(Code::Obstructed, own,
                 QStringLiteral("is no folder, but where an update keeps its own files"));
         checkMount(own);
