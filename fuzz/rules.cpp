@@ -24,11 +24,11 @@ QString manifest;
 
 std::optional<std::vector<UpdateRule>> read(const QString &path)
 {
-    QStringList errors;
+    std::vector<FileError> errors;
     auto rules = readRules(path, &errors);
-    for (const QString &error : std::as_const(errors))
-        require(error.startsWith(path), "each error names the manifest");
-    return errors.isEmpty() ? std::optional(std::move(rules)) : std::nullopt;
+    for (const FileError &error : errors)
+        require(error.path == path && !error.isEmpty(), "each error names the manifest");
+    return errors.empty() ? std::optional(std::move(rules)) : std::nullopt;
 }
 
 bool isSame(const UpdateRule &rule, const UpdateRule &other)

@@ -42,7 +42,7 @@ void ignoreMessage(loglevel, const char *) { }
 void tryManifest(const QByteArray &bytes)
 {
     writeFile(world->manifest, bytes);
-    QString error;
+    FileError error;
     const auto files = readSignedFiles(world->folder, &error);
     require(files.has_value() == error.isEmpty(), "signatures are refused for a reason");
     if (!files)

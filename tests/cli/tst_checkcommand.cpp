@@ -31,6 +31,8 @@ private Q_SLOTS:
     void oddEntriesAreExtra();
     void checkThatCannotBeCarriedOut_data();
     void checkThatCannotBeCarriedOut();
+    void whatCannotBeReadIsNotBroken_data();
+    void whatCannotBeReadIsNotBroken();
     void quietTellsByTheStatusAlone();
     void statusOneIsForWhatIsNotIntact_data();
     void statusOneIsForWhatIsNotIntact();
@@ -195,6 +197,57 @@ void tst_CheckCommand::checkThatCannotBeCarriedOut()
         !member(error, "error").contains(QLatin1String("signatures.json")), qPrintable(found.out));
     QVERIFY(!member(error, "advice").isEmpty());
     QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+void tst_CheckCommand::whatCannotBeReadIsNotBroken_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QByteArray>("calls");
+    QTest::addColumn<int>("error");
+
+    const QString check = QStringLiteral("check installed sigs-old");
+    const QString repair = QStringLiteral("repair installed sigs-old --from old");
+    const QString update = QStringLiteral("update installed patch");
+    const QString signatures = QStringLiteral("sigs-old/signatures.json");
+    const QString rules = QStringLiteral("patch/patchRules.json");
+    const QByteArray open("open");
+    const QByteArray anyLook("open,look");
+    QTest::newRow("check, no permission") << check << signatures << open << EACCES;
+    QTest::newRow("check, broken disk") << check << signatures << QByteArray("read") << EIO;
+    QTest::newRow("repair, signatures") << repair << signatures << open << EACCES;
+    QTest::newRow("repair, source") << repair << QStringLiteral("old/game.exe") << open << EACCES;
+    QTest::newRow("repair, closed source")
+        << repair << QStringLiteral("old/data/gone.txt") << anyLook << EACCES;
+    QTest::newRow("update") << update << rules << open << EACCES;
+    QTest::newRow("update, broken disk") << update << rules << QByteArray("read") << EIO;
+    QTest::newRow("plan") << update + QStringLiteral(" --dry-run") << rules << open << EACCES;
+}
+
+/// Nor missing: who is to see to permissions or to the disk need not get it anew.
+void tst_CheckCommand::whatCannotBeReadIsNotBroken()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, file);
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    damage();
+    const auto before = m_tree->installed();
+    QStringList arguments = words.split(QLatin1Char(' '));
+    for (QString &argument : arguments) {
+        if (m_tree->exists(argument))
+            argument = m_tree->path(argument);
+    }
+    const FaultRun run
+        = runWithFaults(QStringLiteral(PELLOX_PROGRAM), arguments << QStringLiteral("--json"),
+            {m_tree->path(file), calls, 1, QByteArray::number(error), true});
+    QVERIFY2(run.status == Unchanged, run.output + run.errors);
+    const QList<QJsonObject> events = jsonLines(QString::fromUtf8(run.output));
+    const QJsonObject told = events.value(events.size() - 2);
+    QCOMPARE(member(told, "code"), QStringLiteral("read-or-write"));
+    QCOMPARE(member(told, "file"), m_tree->path(file));
+    QVERIFY2(member(told, "error").startsWith(QLatin1String("cannot be ")), run.output);
+    QCOMPARE(m_tree->installed(), before);
 }
 
 void tst_CheckCommand::quietTellsByTheStatusAlone()

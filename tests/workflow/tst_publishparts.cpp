@@ -62,21 +62,21 @@ void tst_PublishParts::walkStops()
 {
     for (int i = 0; i < Files; ++i)
         m_tree->write("build/a/%1"_s.arg(i), "x");
-    QString error;
+    FileError error;
     QCOMPARE(walkBuild(m_tree->path("build"_s), &error)->size(), std::size_t(Files));
     QVERIFY(!walkBuild(m_tree->path("build"_s), &error, stopAfter(3, &m_calls)));
     QCOMPARE(m_calls, 4);
-    QCOMPARE(error, QString());
+    QCOMPARE(error.text(), QString());
 }
 
 void tst_PublishParts::readingOfAManifestStops()
 {
     writeManifest("signatures.json"_s);
-    QString error;
+    FileError error;
     QCOMPARE(readSignedFiles(m_tree->path(), &error)->size(), std::size_t(Files));
     QVERIFY(!readSignedFiles(m_tree->path(), &error, stopAfter(3, &m_calls)));
     QCOMPARE(m_calls, 4);
-    QCOMPARE(error, QString());
+    QCOMPARE(error.text(), QString());
 }
 
 void tst_PublishParts::lookAtAReleaseStops()

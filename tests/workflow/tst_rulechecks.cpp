@@ -61,6 +61,17 @@ QJsonObject rule(const QString &kind, const QString &path)
     return record;
 }
 
+/// What readRules() finds, its errors as texts.
+std::vector<UpdateRule> rulesIn(
+    const QString &path, QStringList *errors, const Pellox::GoOn &goOn = Pellox::GoOn())
+{
+    std::vector<Pellox::FileError> found;
+    std::vector<UpdateRule> rules = Pellox::readRules(path, &found, goOn);
+    for (const Pellox::FileError &error : found)
+        errors->append(error);
+    return rules;
+}
+
 QByteArray manifest(const QJsonArray &records)
 {
     return QJsonDocument(records).toJson();
@@ -473,7 +484,7 @@ void tst_RuleChecks::records()
     m_tree->write(
         "rules.json"_s, manifest({rule("delete"_s, "/x"_s), record, rule("copy"_s, "/y"_s)}));
     QStringList errors;
-    const std::vector<UpdateRule> rules = Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    const std::vector<UpdateRule> rules = rulesIn(m_tree->path("rules.json"_s), &errors);
     if (isGood) {
         QCOMPARE(errors, QStringList());
         QCOMPARE(rules.size(), std::size_t(3));
@@ -498,7 +509,7 @@ void tst_RuleChecks::everyBadRecordIsNamed()
         manifest({1, rule("copy"_s, "/a"_s), rule("copy"_s, "/../b"_s), rule("move"_s, "/c"_s),
             rule("delete"_s, "/d"_s), rule("patch"_s, "e"_s)}));
     QStringList errors;
-    Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    rulesIn(m_tree->path("rules.json"_s), &errors);
     QCOMPARE(errors.size(), 4);
     const QList<int> numbers{1, 3, 4, 6};
     for (int i = 0; i < 4; ++i) {
@@ -739,7 +750,7 @@ void tst_RuleChecks::errorsAreBounded()
         m_tree->write(
             "rules.json"_s, manyRecords(count, [](int) { return QByteArray("no path"); }));
         QStringList errors;
-        QVERIFY(Pellox::readRules(m_tree->path("rules.json"_s), &errors).empty());
+        QVERIFY(rulesIn(m_tree->path("rules.json"_s), &errors).empty());
         QCOMPARE(errors.size(), std::min(count, 101));
         QVERIFY(errors.at(99).startsWith(m_tree->path("rules.json: record 100 "_s)));
         if (count > 100)
@@ -763,7 +774,7 @@ void tst_RuleChecks::rulesAreBounded()
     constexpr int Most = 1000000;
     m_tree->write("rules.json"_s, manyRecords(Most + 1, numbered));
     QStringList errors;
-    const auto rules = Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    const auto rules = rulesIn(m_tree->path("rules.json"_s), &errors);
     QCOMPARE(errors,
         QStringList(m_tree->path("rules.json: has more rules or longer paths than any build"_s)));
     QCOMPARE(rules.size(), std::size_t(Most) + 1); // it was let up to there
@@ -780,7 +791,7 @@ void tst_RuleChecks::pathsAreBounded()
     QStringList errors;
     {
         const MemoryLimit limit(256 << 20); // all of them take more
-        Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+        rulesIn(m_tree->path("rules.json"_s), &errors);
     }
     QCOMPARE(errors,
         QStringList(m_tree->path("rules.json: has more rules or longer paths than any build"_s)));
@@ -796,7 +807,7 @@ void tst_RuleChecks::valuesAreBounded()
     QStringList errors;
     {
         const MemoryLimit limit(256 << 20);
-        Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+        rulesIn(m_tree->path("rules.json"_s), &errors);
     }
     QCOMPARE(errors.size(), 1);
     QVERIFY2(errors.at(0).contains("has too many parts"_s), qPrintable(errors.at(0)));
@@ -807,7 +818,7 @@ void tst_RuleChecks::longPathIsToldInPart()
     m_tree->write(
         "rules.json"_s, manyRecords(1, [](int) { return "/" + QByteArray(500000, 'n'); }));
     QStringList errors;
-    Pellox::readRules(m_tree->path("rules.json"_s), &errors);
+    rulesIn(m_tree->path("rules.json"_s), &errors);
     QCOMPARE(errors.size(), 1);
     QVERIFY(errors.at(0).size() < 10000);
 }
@@ -826,8 +837,7 @@ void tst_RuleChecks::readingStops()
     m_tree->write("rules.json"_s, json);
     QStringList errors;
     int asked = 0;
-    const auto rules
-        = Pellox::readRules(m_tree->path("rules.json"_s), &errors, [&] { return ++asked < 10; });
+    const auto rules = rulesIn(m_tree->path("rules.json"_s), &errors, [&] { return ++asked < 10; });
     QCOMPARE(errors, QStringList());
     QCOMPARE(asked, 10);
     QVERIFY(rules.size() < 20);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "buildwalk.h"
 
-#include "diskfile.h"
-
 #include <QFile>
 
 #include <filesystem>
@@ -54,19 +52,19 @@ public:
     /// False with error(), and without one when it was stopped.
     bool list(const fs::path &folder);
     std::vector<BuildFile> takeFiles() { return std::move(m_files); }
-    QString error() const { return m_error; }
+    const FileError &error() const { return m_error; }
 
 private:
     bool take(const fs::directory_entry &entry);
     void addFile(const fs::directory_entry &entry);
-    bool meet(const fs::path &path, const QString &reason);
+    bool meet(const fs::path &path, const QString &reason, int system = 0);
     QString relative(const fs::path &path) const { return textOf(path).mid(m_build.size()); }
 
     const QString &m_build;
     const GoOn &m_goOn;
     QStringList *const m_odd;
     std::vector<BuildFile> m_files;
-    QString m_error;
+    FileError m_error;
 };
 
 bool Walk::list(const fs::path &folder)
@@ -80,8 +78,9 @@ bool Walk::list(const fs::path &folder)
     }
     const bool isGone = code == std::errc::no_such_file_or_directory && !relative(folder).isEmpty();
     return !code || (isGone && m_odd)
-        || meet(
-            folder, QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()));
+        || meet(folder,
+            QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()),
+            code.value());
 }
 
 bool Walk::take(const fs::directory_entry &entry)
@@ -107,21 +106,21 @@ void Walk::addFile(const fs::directory_entry &entry)
 
 /// What ends the walk, unless whoever wants it takes what is odd; but nothing stands in for the
 /// build's own folder.
-bool Walk::meet(const fs::path &path, const QString &reason)
+bool Walk::meet(const fs::path &path, const QString &reason, int system)
 {
     const QString odd = relative(path);
     if (m_odd && !odd.isEmpty()) {
         m_odd->append(odd);
         return true;
     }
-    m_error = aboutFile(textOf(path), reason);
+    m_error = {textOf(path), reason, system};
     return false;
 }
 
 } // namespace
 
 std::optional<std::vector<BuildFile>> walkBuild(
-    const QString &build, QString *error, const GoOn &goOn, QStringList *odd)
+    const QString &build, FileError *error, const GoOn &goOn, QStringList *odd)
 {
     Walk walk(build, goOn, odd);
     if (walk.list(fs::path(QFile::encodeName(build).constData())))

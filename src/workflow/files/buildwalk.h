@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "goon.h"
 
 #include <QString>
@@ -28,6 +29,6 @@ struct BuildFile
  * listed. Folders that disappear meanwhile are gone.
  */
 std::optional<std::vector<BuildFile>> walkBuild(
-    const QString &build, QString *error, const GoOn &goOn = GoOn(), QStringList *odd = nullptr);
+    const QString &build, FileError *error, const GoOn &goOn = GoOn(), QStringList *odd = nullptr);
 
 } // namespace Pellox

@@ -14,13 +14,12 @@
 
 namespace Pellox {
 
-namespace {
-
-/// Of a call that looks: whether nothing can stand there.
 bool tellsNothing(int error)
 {
     return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
 }
+
+namespace {
 
 bool giveToOwnerOf(int above, const QByteArray &name)
 {

@@ -14,6 +14,8 @@ struct FileError;
 
 // Single calls on files by path. Those that fail leave the reason in errno.
 
+/// Whether @p error, the errno of a call on a path, says that nothing can stand there.
+bool tellsNothing(int error);
 /// Of what stands at @p path itself, were it a link.
 std::optional<struct stat> statusOf(const QString &path);
 /// The same; nothing with @p error where the system does not tell whether anything stands there.

@@ -111,12 +111,9 @@ MovedContent::MovedContent(QString signatures, qint64 mostBlocks)
 
 bool MovedContent::read(const QStringList &touched, FileError *error)
 {
-    QString text;
-    const auto files = readSignedFiles(m_signatures, &text);
-    if (!files) {
-        *error = errorAbout(Manifest::pathIn(m_signatures, SIGNATURES_FILE), text);
+    const auto files = readSignedFiles(m_signatures, error);
+    if (!files)
         return false;
-    }
     for (const QString &path : touched)
         m_sources.noteRule(path);
     for (const SignedFile &file : *files) {

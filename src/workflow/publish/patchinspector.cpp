@@ -173,11 +173,11 @@ void PatchInspector::Private::readRules(std::vector<Rule> *rules)
     };
     const auto take
         = [&](const QJsonValue &rule, int number) { rules->push_back(checkedRule(rule, number)); };
-    QString error;
-    if (!QFileInfo::exists(m_manifest))
+    FileError error;
+    if (!mayStand(m_manifest))
         tell({m_manifest, QStringLiteral("is missing")});
     else if (!readManifest(m_manifest, begin, take, &error))
-        tell({m_manifest, error.mid(aboutFile(m_manifest, QString()).size())});
+        tell({error.path, error.reason});
     if (failed)
         rules->clear();
 }
@@ -337,7 +337,10 @@ void PatchInspector::Private::checkPayload(const QString &path) const
 {
     if (path == m_manifest)
         throw Problem{path, QStringLiteral("has a rule of its own, but is the manifest")};
+    FileError unknown;
     const QFileInfo info(path);
+    if (!statusOf(path, &unknown) && !unknown.isEmpty())
+        throw Problem{path, unknown.reason};
     if (!info.exists())
         throw Problem{path, QStringLiteral("is missing from the patch")};
     if (!info.isFile())

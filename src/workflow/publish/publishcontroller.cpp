@@ -224,9 +224,12 @@ QString PublishController::problemOfSignaturesFolder(const QString &folder)
 
 std::optional<QStringList> PublishController::signedFiles(const QString &signatures, QString *error)
 {
-    const auto files = readSignedFiles(absoluteFolder(signatures), error, GoOn());
-    if (!files)
+    FileError problem;
+    const auto files = readSignedFiles(absoluteFolder(signatures), &problem);
+    if (!files) {
+        *error = problem;
         return {};
+    }
     QStringList paths;
     paths.reserve(static_cast<int>(files->size()));
     for (const SignedFile &file : *files)

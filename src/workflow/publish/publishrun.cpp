@@ -149,7 +149,7 @@ bool PublishRun::readOldFiles()
 {
     if (m_folders.oldSignatures.isEmpty())
         return true;
-    QString error;
+    FileError error;
     const auto files = readSignedFiles(m_folders.oldSignatures, &error, [this] { return goOn(); });
     if (!files)
         return fail(error);
@@ -168,7 +168,7 @@ bool PublishRun::findNewFiles()
     for (const QString &path : m_settings.ignoreFiles)
         ignored.insert(QDir::cleanPath(build.absoluteFilePath(path)));
 
-    QString error;
+    FileError error;
     auto found = walkBuild(m_folders.newBuild, &error, [this] { return goOn(); });
     if (!found)
         return fail(error);

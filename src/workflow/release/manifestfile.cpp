@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "manifestfile.h"
 
-#include "diskfile.h"
 #include "manifest.h"
 #include "rules.h"
 
@@ -12,6 +11,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace Pellox {
 
@@ -77,12 +77,18 @@ qint64 valuesIn(const QByteArray &json)
         [](char character) { return character == ',' || character == '[' || character == '{'; });
 }
 
+/// Of a file that Qt has failed to read, which keeps the reason as a text alone.
+FileError readingError(const QFile &file, const char *what)
+{
+    return {file.fileName(), QLatin1String(what) + file.errorString(), EIO};
+}
+
 /// Reads an array in any form. False after @p error, without one when @p goOn says no.
 bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, int number)> &take,
-    QString *error, const GoOn &goOn)
+    FileError *error, const GoOn &goOn)
 {
     const auto fail = [&](const QString &reason) {
-        *error = aboutFile(file.fileName(), reason);
+        *error = {file.fileName(), reason};
         return false;
     };
     if (file.size() > LargestAtOnce)
@@ -91,8 +97,10 @@ bool readAtOnce(QFile &file, const std::function<void(const QJsonValue &record, 
     file.seek(0);
     QJsonParseError parsing{};
     const QByteArray json = file.readAll();
-    if (file.error() != QFileDevice::NoError)
-        return fail(QLatin1String("cannot be read: ") + file.errorString());
+    if (file.error() != QFileDevice::NoError) {
+        *error = readingError(file, "cannot be read: ");
+        return false;
+    }
     if (valuesIn(json) > MostValuesAtOnce)
         return fail(QStringLiteral(
             "has too many parts for a manifest that is not in the form that the library writes"));
@@ -146,21 +154,21 @@ bool ManifestWriter::flush()
 }
 
 bool readManifest(const QString &path, const std::function<void()> &begin,
-    const std::function<void(const QJsonValue &record, int number)> &take, QString *error,
+    const std::function<void(const QJsonValue &record, int number)> &take, FileError *error,
     const GoOn &goOn)
 {
-    const auto fail = [&](const QString &text) {
-        *error = text;
+    const auto fail = [&](const FileError &reason) {
+        *error = reason;
         return false;
     };
     InputFile checked;
     if (!checked.open(path))
         return fail(checked.error());
     if (checked.size() > LargestManifest)
-        return fail(aboutFile(path, QStringLiteral("is too large for a manifest")));
+        return fail({path, QStringLiteral("is too large for a manifest")});
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        return fail(aboutFile(path, QLatin1String("cannot be opened: ") + file.errorString()));
+        return fail(readingError(file, "cannot be opened: "));
 
     begin();
     bool stopped = false;
@@ -169,9 +177,9 @@ bool readManifest(const QString &path, const std::function<void()> &begin,
         return !stopped;
     });
     if (file.error() != QFileDevice::NoError)
-        return fail(aboutFile(path, QLatin1String("cannot be read: ") + file.errorString()));
+        return fail(readingError(file, "cannot be read: "));
     if (stopped)
-        return fail(QString());
+        return fail({});
     if (taken)
         return true;
     begin();
@@ -195,7 +203,7 @@ QString problemOfManifestPath(const QString &path)
 }
 
 std::optional<std::vector<SignedFile>> readSignedFiles(
-    const QString &signatures, QString *error, const GoOn &goOn)
+    const QString &signatures, FileError *error, const GoOn &goOn)
 {
     const QString path = Manifest::pathIn(signatures, SIGNATURES_FILE);
     std::vector<SignedFile> files;
@@ -222,7 +230,7 @@ std::optional<std::vector<SignedFile>> readSignedFiles(
         return {};
     if (problem.isEmpty())
         return files;
-    *error = aboutFile(path, problem);
+    *error = {path, problem};
     return {};
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "goon.h"
 #include "sha512.h"
 
@@ -46,10 +47,11 @@ private:
  * Before that, and before it begins anew, it calls @p begin. False with @p error when the file
  * cannot be read or is no JSON array, or is larger than manifests are, which have 1 GiB at most in
  * the form that the library writes, and 64 MiB and some four million values in any other, as that
- * takes many times its size in memory. False without an error when @p goOn says no.
+ * takes many times its size in memory. False without an error when @p goOn says no. What the
+ * system has refused the error tells by its number.
  */
 bool readManifest(const QString &path, const std::function<void()> &begin,
-    const std::function<void(const QJsonValue &record, int number)> &take, QString *error,
+    const std::function<void(const QJsonValue &record, int number)> &take, FileError *error,
     const GoOn &goOn = GoOn());
 
 /// Why @p path, from a manifest, names no file below a folder that it is appended to; empty when it
@@ -69,6 +71,6 @@ struct SignedFile
  * without an error when @p goOn says no.
  */
 std::optional<std::vector<SignedFile>> readSignedFiles(
-    const QString &signatures, QString *error, const GoOn &goOn = GoOn());
+    const QString &signatures, FileError *error, const GoOn &goOn = GoOn());
 
 } // namespace Pellox

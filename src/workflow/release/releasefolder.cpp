@@ -144,9 +144,12 @@ bool ReleaseFolder::readEarlierFiles(Paths *files, bool *isRelease, const GoOn &
         const auto take = [files](const QJsonValue &record, int) {
             files->insert(nameOf(record.toObject().value(Manifest::RelativePath).toString()));
         };
+        FileError error;
         if (!readManifest(
-                manifestPath(), [] {}, take, &m_error, goOn))
+                manifestPath(), [] {}, take, &error, goOn)) {
+            m_error = error;
             return false;
+        }
         *isRelease = true;
     }
     files->insert(nameOf(QLatin1Char('/') + m_manifestName));

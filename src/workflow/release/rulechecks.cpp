@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "rulechecks.h"
 
-#include "diskfile.h"
 #include "manifest.h"
 #include "manifestfile.h"
 #include "rules.h"
@@ -39,13 +38,10 @@ public:
             m_texts.append(error);
     }
     void clear() { *this = Errors(); }
-    /// @p path: what they are about.
-    QStringList all(const QString &path) const
+    QStringList all() const
     {
         const auto more = m_count - m_texts.size();
-        const QString rest = QStringLiteral("and %1 more").arg(more);
-        return more == 0 ? m_texts
-                         : m_texts + QStringList(path.isEmpty() ? rest : aboutFile(path, rest));
+        return more == 0 ? m_texts : m_texts + QStringList(QStringLiteral("and %1 more").arg(more));
     }
 
 private:
@@ -233,7 +229,8 @@ QString problemOfRelativePath(const QString &relativePath)
         : problem;
 }
 
-std::vector<UpdateRule> readRules(const QString &path, QStringList *errors, const GoOn &goOn)
+std::vector<UpdateRule> readRules(
+    const QString &path, std::vector<FileError> *errors, const GoOn &goOn)
 {
     std::vector<UpdateRule> rules;
     Errors found;
@@ -253,18 +250,19 @@ std::vector<UpdateRule> readRules(const QString &path, QStringList *errors, cons
         if (problem.isEmpty())
             rules.push_back(rule);
         else
-            found.add(aboutFile(path, aboutRecord(number, problem, rule.relativePath)));
+            found.add(aboutRecord(number, problem, rule.relativePath));
     };
     const auto isTooMuch = [&] { return count > MostRules || text > MostPathText; };
-    QString error;
+    FileError error;
     const bool isRead
         = readManifest(path, begin, take, &error, [&] { return !isTooMuch() && mayGoOn(goOn); });
     if (isTooMuch())
-        *errors += aboutFile(path, QStringLiteral("has more rules or longer paths than any build"));
+        error = {path, QStringLiteral("has more rules or longer paths than any build")};
+    if (!error.isEmpty())
+        errors->push_back(error);
     else if (isRead)
-        *errors += found.all(path);
-    else if (!error.isEmpty())
-        *errors += error;
+        for (const QString &problem : found.all())
+            errors->push_back({path, problem});
     return rules;
 }
 
@@ -323,7 +321,7 @@ void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStrin
             found.add(aboutFile(
                 path, QStringLiteral("has a rule, but a temporary name of another rule's file")));
     }
-    *errors += found.all(QString());
+    *errors += found.all();
 }
 
 } // namespace Pellox

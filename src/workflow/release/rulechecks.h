@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "diskfile.h"
 #include "goon.h"
 #include "sha512.h"
 
@@ -42,13 +43,14 @@ QStringList foldersAbove(const QString &relativePath);
 
 /**
  * Reads and checks the rules of the manifest at @p path by themselves, without a look at the
- * files. Appends what is wrong to @p errors, each with the number of its record counted from 1; the
- * rules are complete only when it appends nothing, and @p goOn has not said no. Of very many errors
+ * files. Appends what is wrong to @p errors, each of that file, with the number of its record
+ * counted from 1, or with that of the system where the file cannot be read; the rules are
+ * complete only when it appends nothing, and @p goOn has not said no. Of very many errors
  * it appends the first and how many more there are; a manifest with more records, or with more text
  * in its paths, than that of any build is not read to its end.
  */
 std::vector<UpdateRule> readRules(
-    const QString &path, QStringList *errors, const GoOn &goOn = GoOn());
+    const QString &path, std::vector<FileError> *errors, const GoOn &goOn = GoOn());
 
 /// How a file system tells names apart.
 struct NameSense
@@ -60,8 +62,8 @@ struct NameSense
     QString key(const QString &path) const;
 };
 
-/// Appends to @p errors each path of @p rules that cannot stand beside another's; of very many the
-/// first, and how many more there are.
+/// Appends to @p errors each path of @p rules that cannot stand beside another's, and why; of very
+/// many the first, and how many more there are.
 void checkTogether(const std::vector<UpdateRule> &rules, NameSense sense, QStringList *errors);
 
 } // namespace Pellox

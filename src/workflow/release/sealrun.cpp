@@ -109,13 +109,14 @@ bool SealRun::readRules(InputFile &manifest)
     const QString path = Manifest::pathIn(m_settings.patch, PATCH_RULES_FILE);
     if (!manifest.open(path))
         return fail(manifest.error());
-    QStringList errors;
+    std::vector<FileError> errors;
     m_rules = Pellox::readRules(path, &errors);
-    if (!errors.isEmpty())
-        return fail(errors.first());
-    checkTogether(m_rules, NameSense(), &errors);
-    if (!errors.isEmpty())
-        return fail(path, errors.first());
+    if (!errors.empty())
+        return fail(errors.front());
+    QStringList collisions;
+    checkTogether(m_rules, NameSense(), &collisions);
+    if (!collisions.isEmpty())
+        return fail(path, collisions.first());
     for (const UpdateRule &rule : m_rules) {
         if (rule.kind != UpdateRule::Kind::Delete && isInPlaceOfSeal(rule.relativePath))
             return fail(m_settings.patch + rule.relativePath,
@@ -127,9 +128,10 @@ bool SealRun::readRules(InputFile &manifest)
 bool SealRun::readOldBuild()
 {
     const QString path = Manifest::pathIn(m_settings.oldSignatures, SIGNATURES_FILE);
-    const auto files = readSignedFiles(m_settings.oldSignatures, &m_error);
+    FileError error;
+    const auto files = readSignedFiles(m_settings.oldSignatures, &error);
     if (!files)
-        return false;
+        return fail(error);
     for (const SignedFile &file : *files) {
         if (!file.sha512)
             return fail(path, QLatin1String("holds no checksum of ") + file.relativePath);

@@ -3,6 +3,7 @@
 
 #include "buildwalk.h"
 #include "filepass.h"
+#include "filesystem.h"
 #include "rules.h"
 #include "trustcheck.h"
 #include "updatecheck.h"
@@ -39,7 +40,7 @@ bool IntegrityRun::carryOutCheck()
     m_reports.phase(Phase::Checking);
     for (const QString &folder : {m_settings.build, m_settings.signatures}) {
         if (!QFileInfo(folder).isDir())
-            return fail(Code::BadFolder, folder, QStringLiteral("there is no such folder"));
+            return fail(Code::BadFolder, {folder, QStringLiteral("there is no such folder")});
     }
     if (!readBoth() || !compare())
         return false;
@@ -55,8 +56,8 @@ bool IntegrityRun::readBoth()
     const GoOn goOn = [this] { return !m_cancelled; };
     std::optional<std::vector<SignedFile>> files;
     std::optional<std::vector<BuildFile>> found;
-    QString filesError;
-    QString foundError;
+    FileError filesError;
+    FileError foundError;
     Crew crew(m_settings.threadCount, m_cancelled);
     const bool done = crew.run(
         {0, 0}, FilePass::ChunkSize,
@@ -68,12 +69,11 @@ bool IntegrityRun::readBoth()
         },
         [] {});
     if (!done)
-        return fail(Code::NoMemory, m_settings.build, crew.error());
+        return fail(Code::NoMemory, {m_settings.build, crew.error()});
     if (!files)
-        return fail(Code::BadManifest, m_settings.signatures + QLatin1Char('/') + SIGNATURES_FILE,
-            filesError);
+        return fail(codeOf(filesError, Code::BadManifest), filesError);
     if (!found)
-        return fail(Code::ReadOrWrite, m_settings.build, foundError);
+        return fail(Code::ReadOrWrite, foundError);
     m_files = std::move(*files);
     noteFound(*found);
     return true;
@@ -109,7 +109,7 @@ bool IntegrityRun::compare()
         [&](std::size_t i) { m_states[i] = stateOf(crew, m_files[i], done); },
         [&] { m_reports.progress(std::min<qint64>(done, total), total); });
     if (!compared)
-        return fail(Code::NoMemory, m_settings.build, crew.error());
+        return fail(Code::NoMemory, {m_settings.build, crew.error()});
 
     for (std::size_t i = 0; i < m_files.size(); ++i)
         addToReport(m_files[i].relativePath, m_states[i]);
@@ -246,7 +246,7 @@ std::optional<SealedPatch> IntegrityRun::readSeal()
 {
     if (QFileInfo(m_settings.patch).isDir())
         return readTrustedSeal(m_settings.patch, m_settings.keys, m_problems);
-    fail(Code::BadFolder, m_settings.patch, QStringLiteral("there is no such folder"));
+    fail(Code::BadFolder, {m_settings.patch, QStringLiteral("there is no such folder")});
     return {};
 }
 
@@ -320,13 +320,16 @@ std::vector<UpdateWork> IntegrityRun::works()
 void IntegrityRun::addRule(const SignedFile &file, std::vector<UpdateRule> *rules)
 {
     const QString problem = problemOfRelativePath(file.relativePath);
-    const QFileInfo source(m_settings.source + file.relativePath);
+    InputFile source;
     if (!problem.isEmpty()) {
         m_problems.add(Code::BadManifest, installed(file), problem);
     } else if (!file.sha512) {
         m_problems.add(Code::BadManifest, installed(file), QStringLiteral("has no checksum"));
-    } else if (!source.isFile()) {
-        m_problems.add(Code::BadFallback, source.filePath(), QStringLiteral("is not there"));
+    } else if (!source.open(m_settings.source + file.relativePath)) {
+        const FileError &error = source.error();
+        const bool isMissing = tellsNothing(error.system);
+        m_problems.add(codeOf(error, Code::BadFallback), error.path,
+            isMissing ? QStringLiteral("is not there") : error.reason);
     } else {
         UpdateRule rule;
         rule.kind = UpdateRule::Kind::Patch;
@@ -362,15 +365,11 @@ bool IntegrityRun::end(Result result)
     return result == Result::Updated || result == Result::AlreadyUpToDate;
 }
 
-/// @p error may begin with a path, that of @p file or of something in it; empty when cancelled.
-bool IntegrityRun::fail(Code code, const QString &file, const QString &error)
+/// @p error is empty when cancelled.
+bool IntegrityRun::fail(Code code, const FileError &error)
 {
-    if (error.isEmpty())
-        return false;
-    const QLatin1String separator(": ");
-    const auto pathEnd = error.startsWith(file) ? error.indexOf(separator, file.size()) : -1;
-    m_problems.add(code, pathEnd < 0 ? file : error.left(pathEnd),
-        pathEnd < 0 ? error : error.mid(pathEnd + separator.size()));
+    if (!error.isEmpty())
+        m_problems.add(code, error);
     return false;
 }
 

@@ -64,7 +64,7 @@ private:
     bool hasRoom(std::vector<UpdateWork> &works);
     std::vector<UpdateWork> works();
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
-    bool fail(Code code, const QString &file, const QString &error);
+    bool fail(Code code, const FileError &error);
     bool end(Result result);
     bool endIntact(BuildFiles &files);
     bool isRecordRight(BuildFiles &files) const;

@@ -9,7 +9,6 @@
 #include <QFileInfo>
 
 #include <algorithm>
-#include <cerrno>
 
 namespace Pellox {
 
@@ -20,14 +19,6 @@ namespace {
 bool equals(const std::optional<InstalledRelease> &one, const InstalledRelease &other)
 {
     return one && one->number == other.number && one->build == other.build;
-}
-
-/// Of what was found when a patch was read: what the system did is no fault of the patch's.
-Code codeOf(const FileError &error)
-{
-    if (error.system == 0)
-        return Code::NotTrusted;
-    return error.system == ENOMEM ? Code::NoMemory : Code::ReadOrWrite;
 }
 
 } // namespace
@@ -43,7 +34,7 @@ std::optional<SealedPatch> readTrustedSeal(
     }
     auto sealed = readSeal(patch, *keys, &error);
     if (!sealed)
-        problems.add(codeOf(error), error);
+        problems.add(codeOf(error, Code::NotTrusted), error);
     return sealed;
 }
 
@@ -90,7 +81,7 @@ bool TrustCheck::checkFiles(const SealedPatch &sealed)
     if (m_cancelled)
         return false;
     for (const FileError &error : errors)
-        m_problems.add(codeOf(error), error);
+        m_problems.add(codeOf(error, Code::NotTrusted), error);
     return errors.empty();
 }
 

@@ -66,16 +66,17 @@ UpdateCheck::UpdateCheck(const UpdateFolders &folders, Problems &problems, Names
 
 std::vector<UpdateWork> UpdateCheck::carryOut(const Amend &amend, const GoOn &goOn)
 {
-    QStringList errors;
+    std::vector<FileError> errors;
+    QStringList collisions;
     const QString manifest = Manifest::pathIn(m_folders.patch, PATCH_RULES_FILE);
     std::vector<UpdateRule> rules = readRules(manifest, &errors, goOn);
-    checkNames(rules, &errors);
-    for (const QString &error : std::as_const(errors)) {
-        const QString begin = manifest + QLatin1String(": ");
-        add(Code::BadManifest, manifest, error.startsWith(begin) ? error.mid(begin.size()) : error);
-    }
-    return errors.isEmpty() && mayGoOn(goOn) && amend(&rules) ? worksFor(rules)
-                                                              : std::vector<UpdateWork>();
+    checkNames(rules, &collisions);
+    for (const FileError &error : errors)
+        m_problems.add(codeOf(error, Code::BadManifest), error);
+    for (const QString &collision : std::as_const(collisions))
+        add(Code::BadManifest, manifest, collision);
+    const bool isRight = errors.empty() && collisions.isEmpty();
+    return isRight && mayGoOn(goOn) && amend(&rules) ? worksFor(rules) : std::vector<UpdateWork>();
 }
 
 std::vector<UpdateWork> UpdateCheck::worksFor(const std::vector<UpdateRule> &rules)

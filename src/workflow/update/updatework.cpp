@@ -1,9 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "updatework.h"
 
+#include "filesystem.h"
+
 #include <cerrno>
 
 namespace Pellox {
+
+UpdateProblem::Code codeOf(const FileError &error, UpdateProblem::Code ofContent)
+{
+    if (error.system == 0 || tellsNothing(error.system))
+        return ofContent;
+    return error.system == ENOMEM ? UpdateProblem::Code::NoMemory
+                                  : UpdateProblem::Code::ReadOrWrite;
+}
 
 void Problems::add(UpdateProblem::Code code, const QString &file, const QString &reason)
 {

@@ -35,6 +35,10 @@ struct UpdateWork
     Sha512 sha512;             ///< likewise, once it is staged
 };
 
+/// Of what was found when a file was read: @p ofContent where that is missing or broken, but what
+/// the system did is no fault of the file's.
+UpdateProblem::Code codeOf(const FileError &error, UpdateProblem::Code ofContent);
+
 /// What is wrong, from any thread.
 class Problems
 {
