@@ -56,6 +56,8 @@ int archiveBy(pellox_job &job, const ArchiveCall &call)
         controller.setChunkSize(job.settings.volumeSize);
         controller.setSilentEndIsError(true);
         const auto fail = [&](const QStringList &errors) {
+            if (job.isCancelled) // a terminal's Ctrl-C ends 7-Zip as well, as an error
+                return;
             hasFailed = true;
             tellErrors(errors);
         };

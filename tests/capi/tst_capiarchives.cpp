@@ -43,6 +43,8 @@ private Q_SLOTS:
     void cancelInACallback();
     void cancelWhileNothingIsTold_data() { bothWays(); }
     void cancelWhileNothingIsTold();
+    void cancelAs7ZipFails_data() { bothWays(); }
+    void cancelAs7ZipFails();
 
 private:
     static void bothWays();
@@ -195,6 +197,23 @@ void tst_CapiArchives::cancelWhileNothingIsTold()
     QVERIFY(!processExists(m_fake->pid()));
     QVERIFY(job.problems.isEmpty());
     QVERIFY(job.progress.isEmpty());
+}
+
+/// As in a terminal, whose Ctrl-C reaches both: 7-Zip's end may be noticed first.
+void tst_CapiArchives::cancelAs7ZipFails()
+{
+    m_fake->play({says("  7% + a\n"), waitsFor("cancelled"), says("ERROR: X\n"), exits(255)});
+    RecordedJob job;
+    std::thread other([&] {
+        while (!m_fake->hasStarted())
+            QThread::msleep(1);
+        pellox_cancel(job);
+        m_fake->open("cancelled");
+    });
+    const int result = run(job);
+    other.join();
+    QCOMPARE(result, int(PELLOX_CANCELLED));
+    QVERIFY(job.problems.isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_CapiArchives)
