@@ -24,17 +24,24 @@ private Q_SLOTS:
     void cleanup() { m_tree.reset(); }
 
     void fitsOnAScreen();
+    void tellsWhatAnUpdateWouldDo();
     void updatesABuild();
     void takesAnArchive();
     void refusesAHostilePatch();
     void damagedArchive();
     void ctrlCCancels();
     void progressOnATerminal();
+    void verifiesAndRepairs();
+    void repairWithoutTheRightFiles();
+    void wrongUsage_data();
     void wrongUsage();
 
 private:
     void start(const QStringList &arguments);
     int statusAtTheEnd();
+    QStringList linesWith(const QString &beginning) const;
+    QString linesWithout(const QString &beginning) const;
+    QString installed(const char *file) const { return "Lighthouse/"_s + QLatin1String(file); }
 
     std::optional<GameTree> m_tree;
     std::unique_ptr<QProcess> m_process;
@@ -55,6 +62,28 @@ int tst_ConsoleHost::statusAtTheEnd()
     return m_process->exitStatus() == QProcess::NormalExit ? m_process->exitCode() : -1;
 }
 
+/// What follows @p beginning, in alphabetical order.
+QStringList tst_ConsoleHost::linesWith(const QString &beginning) const
+{
+    QStringList found;
+    for (const QString &line : m_output.split(QLatin1Char('\n'))) {
+        if (line.startsWith(beginning))
+            found.append(line.mid(beginning.size()));
+    }
+    found.sort();
+    return found;
+}
+
+QString tst_ConsoleHost::linesWithout(const QString &beginning) const
+{
+    QStringList others;
+    for (const QString &line : m_output.split(QLatin1Char('\n'))) {
+        if (!line.startsWith(beginning))
+            others.append(line);
+    }
+    return others.join(QLatin1Char('\n'));
+}
+
 /// As it says of itself.
 void tst_ConsoleHost::fitsOnAScreen()
 {
@@ -63,21 +92,38 @@ void tst_ConsoleHost::fitsOnAScreen()
     QVERIFY(source.readAll().count('\n') < 80);
 }
 
+void tst_ConsoleHost::tellsWhatAnUpdateWouldDo()
+{
+    const auto before = TestTree::snapshot(m_tree->path());
+    start({"check"_s, m_tree->game(), m_tree->patch()});
+    QCOMPARE(statusAtTheEnd(), 0);
+    QCOMPARE(linesWith("To patch: "_s), QStringList({"/data/harbour.pak"_s, "/lighthouse"_s}));
+    QCOMPARE(linesWith("To add: "_s).size(), int(GameTree::Levels.size()));
+    QCOMPARE(linesWith("To delete: "_s), QStringList("/data/intro.txt"_s));
+    QCOMPARE(linesWithout("To "_s), "done\n"_s);
+    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
 void tst_ConsoleHost::updatesABuild()
 {
-    start({m_tree->game(), m_tree->patch()});
+    start({"update"_s, m_tree->game(), m_tree->patch()});
     QCOMPARE(statusAtTheEnd(), 0);
-    QCOMPARE(m_output, "Checking\nStaging\nCommitting\nUpdated\n"_s);
+    QCOMPARE(linesWithout("Written: "_s), "Checking\nWriting\nPutting in place\ndone\n"_s);
+    QStringList written{"/data/harbour.pak"_s, "/lighthouse"_s};
+    for (const char *level : GameTree::Levels)
+        written.append(QLatin1Char('/') + QLatin1String(level));
+    written.sort();
+    QCOMPARE(linesWith("Written: "_s), written);
     QCOMPARE(m_tree->installed(), m_tree->updated());
-    start({m_tree->game(), m_tree->patch()});
+    start({"update"_s, m_tree->game(), m_tree->patch()});
     QCOMPARE(statusAtTheEnd(), 0);
-    QCOMPARE(m_output, "Checking\nAlreadyUpToDate\n"_s);
+    QCOMPARE(m_output, "Checking\nnothing-to-do\n"_s);
 }
 
 void tst_ConsoleHost::takesAnArchive()
 {
     const QString archive = m_tree->pack();
-    start({m_tree->game(), archive});
+    start({"update"_s, m_tree->game(), archive});
     QCOMPARE(statusAtTheEnd(), 0);
     QCOMPARE(m_tree->installed(), m_tree->updated());
     QCOMPARE(TestTree::snapshot(m_tree->path("dl"_s)).keys(), QStringList("1.0-1.1.7z.001"_s));
@@ -87,10 +133,10 @@ void tst_ConsoleHost::refusesAHostilePatch()
 {
     m_tree->addRule("/../../stolen.txt"_s);
     const auto before = TestTree::snapshot(m_tree->path());
-    start({m_tree->game(), m_tree->patch()});
+    start({"update"_s, m_tree->game(), m_tree->patch()});
     QCOMPARE(statusAtTheEnd(), 1);
     QVERIFY2(m_output.contains("/../../stolen.txt\n  See whether this is the right folder"_s)
-            && m_output.endsWith("\nRefused\n"_s),
+            && m_output.endsWith("\nrefused\n"_s),
         qPrintable(m_output));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
@@ -99,9 +145,10 @@ void tst_ConsoleHost::damagedArchive()
 {
     m_tree->write("dl/1.0-1.1.7z"_s, randomBytes(5000, 9));
     const auto before = TestTree::snapshot(m_tree->path());
-    start({m_tree->game(), m_tree->path("dl/1.0-1.1.7z"_s)});
+    start({"update"_s, m_tree->game(), m_tree->path("dl/1.0-1.1.7z"_s)});
     QCOMPARE(statusAtTheEnd(), 1);
-    QVERIFY2(m_output.contains("ERROR"_s), qPrintable(m_output));
+    QVERIFY2(
+        m_output.contains("ERROR"_s) && m_output.endsWith("\nfailed\n"_s), qPrintable(m_output));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
@@ -109,11 +156,11 @@ void tst_ConsoleHost::ctrlCCancels()
 {
     m_tree->addLargeFile();
     const auto before = m_tree->installed();
-    start({m_tree->game(), m_tree->patch()});
+    start({"update"_s, m_tree->game(), m_tree->patch()});
     QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists("Lighthouse/data/textures.pak.temp"_s), Patience);
     QCOMPARE(::kill(static_cast<pid_t>(m_process->processId()), SIGINT), 0);
     QCOMPARE(statusAtTheEnd(), 130);
-    QCOMPARE(m_output, "Checking\nStaging\nCancelled\n"_s);
+    QCOMPARE(linesWithout("Written: "_s), "Checking\nWriting\ncancelled\n"_s);
     QCOMPARE(m_tree->installed(), before);
 }
 
@@ -122,19 +169,67 @@ void tst_ConsoleHost::progressOnATerminal()
     m_process = std::make_unique<QProcess>();
     m_process->start("script"_s,
         {"--quiet"_s, "--return"_s, "--command"_s,
-            QStringLiteral(CONSOLE_HOST) + " %1 %2"_s.arg(m_tree->game(), m_tree->patch()),
+            QStringLiteral(CONSOLE_HOST) + " update %1 %2"_s.arg(m_tree->game(), m_tree->patch()),
             "/dev/null"_s});
     QCOMPARE(statusAtTheEnd(), 0);
-    const QRegularExpression line("\r\x1b\\[K[0-9]+ %, [0-9.]+ MB/s, [0-9]+ s left\r"_s);
+    const QRegularExpression line(
+        "\r\x1b\\[K[0-9.]+ of 3\\.[0-9] MB, [0-9.]+ MB/s, [0-9]+ s left\r"_s);
     QVERIFY2(line.match(m_output).hasMatch(), qPrintable(m_output));
-    QVERIFY2(m_output.endsWith("\r\x1b[KUpdated\r\n"_s), qPrintable(m_output));
+    QVERIFY2(m_output.endsWith("\r\x1b[Kdone\r\n"_s), qPrintable(m_output));
+}
+
+void tst_ConsoleHost::verifiesAndRepairs()
+{
+    const QString signatures = m_tree->path("signatures/1.0"_s);
+    const auto before = m_tree->installed();
+    start({"verify"_s, m_tree->game(), signatures});
+    QCOMPARE(statusAtTheEnd(), 0);
+    QCOMPARE(m_output, "Checking\nNot of the game: /saves/slot1.sav\ndone\n"_s);
+
+    m_tree->write(installed("lighthouse"), "harmed");
+    m_tree->remove(installed("data/intro.txt"));
+    const auto damaged = m_tree->installed();
+    start({"verify"_s, m_tree->game(), signatures});
+    QCOMPARE(statusAtTheEnd(), 1);
+    const QString found = "Changed: /lighthouse\nMissing: /data/intro.txt\n"
+                          "Not of the game: /saves/slot1.sav\n"_s;
+    QCOMPARE(m_output, "Checking\n"_s + found + "not-intact\n"_s);
+    QCOMPARE(m_tree->installed(), damaged);
+
+    start({"repair"_s, m_tree->game(), signatures, m_tree->path("releases/1.0"_s)});
+    QCOMPARE(statusAtTheEnd(), 0);
+    QCOMPARE(m_output, "Checking\nWriting\nPutting in place\n"_s + found + "done\n"_s);
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_ConsoleHost::repairWithoutTheRightFiles()
+{
+    m_tree->write(installed("lighthouse"), "harmed");
+    const auto before = m_tree->installed();
+    start({"repair"_s, m_tree->game(), m_tree->path("signatures/1.0"_s),
+        m_tree->path("releases/1.1"_s)});
+    QCOMPARE(statusAtTheEnd(), 1);
+    QVERIFY2(m_output.contains("releases/1.1/lighthouse: "_s), qPrintable(m_output));
+    QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_ConsoleHost::wrongUsage_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("nothing") << QStringList();
+    QTest::newRow("no job") << QStringList({"build"_s, "patch"_s, "more"_s});
+    QTest::newRow("no patch") << QStringList({"update"_s, "build"_s});
+    QTest::newRow("no source") << QStringList({"repair"_s, "build"_s, "signatures"_s});
+    QTest::newRow("too much") << QStringList({"verify"_s, "build"_s, "signatures"_s, "more"_s});
 }
 
 void tst_ConsoleHost::wrongUsage()
 {
-    start({m_tree->game()});
+    QFETCH(const QStringList, arguments);
+    start(arguments);
     QCOMPARE(statusAtTheEnd(), 2);
-    QCOMPARE(m_output, "Usage: console-host BUILD PATCH\n"_s);
+    QVERIFY2(m_output.startsWith("Usage: console-host check|update BUILD PATCH\n"_s),
+        qPrintable(m_output));
 }
 
 QTEST_GUILESS_MAIN(tst_ConsoleHost)
