@@ -58,6 +58,16 @@ void touch(const TestTree &tree, const QString &path)
         QDateTime::fromSecsSinceEpoch(1000000000), QFileDevice::FileModificationTime));
 }
 
+/// The identity of a build, as one that 1.0 has recorded.
+const QByteArray Build10("d3ef6e88276b5e1a5e349cd2b1834507a699a5baca4aaa125ec6623fe7e3b489"
+                         "c7d228e47a4fa4856d871bf8519b771d0bf567b4705f5ce6239e6e4ef8ea6f20");
+
+/// A journal of @p line, which ends with a line feed.
+QByteArray withChecksum(const QByteArray &line)
+{
+    return line + QCryptographicHash::hash(line, QCryptographicHash::Sha512).toHex() + '\n';
+}
+
 } // namespace
 
 /// Between a run that was interrupted and the one that finishes it somebody has been at the build.
@@ -81,7 +91,12 @@ private Q_SLOTS:
     void otherPatchTellsOfLostContent();
     void buildWithLostContentIsNoRelease();
     void lostContentDoesNotForgetWhatIsKept();
+    void otherVersionsAreRefused_data();
     void otherVersionsAreRefused();
+    void otherVersionsKeptFilesStay();
+    void otherVersionsStagedFilesStay();
+    void finishesWhatVersion10HasBegun();
+    void rollsBackWhatVersion10HasKept();
     void journalThatCannotBeSeen_data();
     void journalThatCannotBeSeen();
     void keptFilesAreCheckedFirst_data();
@@ -196,9 +211,8 @@ void tst_UpdateLeftovers::changeJournal(const std::function<void(QJsonObject &)>
     const QByteArray journal = tree().read("build/.pellox/journal"_s);
     QJsonObject object = QJsonDocument::fromJson(journal.left(journal.indexOf('\n'))).object();
     change(object);
-    const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
-    const QByteArray sum = QCryptographicHash::hash(line, QCryptographicHash::Sha512).toHex();
-    tree().write("build/.pellox/journal"_s, line + sum + '\n');
+    tree().write("build/.pellox/journal"_s,
+        withChecksum(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n'));
 }
 
 /// @p path is as it was before.
@@ -402,17 +416,103 @@ void tst_UpdateLeftovers::lostContentDoesNotForgetWhatIsKept()
     QCOMPARE(m_scenario->differenceToOld(), QString());
 }
 
+void tst_UpdateLeftovers::otherVersionsAreRefused_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::newRow("earlier") << 1;
+    QTest::newRow("later") << 3;
+}
+
 void tst_UpdateLeftovers::otherVersionsAreRefused()
 {
+    QFETCH(const int, version);
     killBeforeItPlaces();
-    changeJournal([](QJsonObject &journal) { journal.insert("version"_s, 1); });
+    changeJournal([&](QJsonObject &journal) { journal.insert("version"_s, version); });
     const auto before = TestTree::snapshot(m_scenario->build());
-    const UpdateOutcome outcome = m_scenario->update();
-    QCOMPARE(outcome.result, Result::Interrupted);
+    for (const bool recovers : {false, true}) {
+        const UpdateOutcome outcome = recovers ? m_scenario->recover() : m_scenario->update();
+        QCOMPARE(outcome.result, Result::Interrupted);
+        QCOMPARE(outcome.problems.size(), 1);
+        QCOMPARE(outcome.problems.first().code, Code::DamagedJournal);
+        const QString told = "is of version %1, "_s.arg(version);
+        QVERIFY2(outcome.errors.first().contains(told), qPrintable(outcome.errors.first()));
+        QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    }
+}
+
+void tst_UpdateLeftovers::otherVersionsKeptFilesStay()
+{
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    tree().write("build/.pellox/previous.json"_s, withChecksum("{\"version\":3}\n"));
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.result, Result::Refused);
     QCOMPARE(outcome.problems.size(), 1);
     QCOMPARE(outcome.problems.first().code, Code::DamagedJournal);
-    QVERIFY2(outcome.errors.first().contains("version 1"_s), qPrintable(outcome.errors.first()));
+    QVERIFY2(outcome.errors.first().contains("version 3"_s), qPrintable(outcome.errors.first()));
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    QVERIFY(m_scenario->discardPrevious());
+    QVERIFY(!tree().exists("build/.pellox/previous.json"_s));
+}
+
+/// Of a record that is not known nothing is taken for the update's own.
+void tst_UpdateLeftovers::otherVersionsStagedFilesStay()
+{
+    tree().write(
+        "build/.pellox/staging"_s, withChecksum("staged 2\n/data/changed.temp\n/other.temp\n"));
+    tree().write("build/data/changed.temp"_s, "staged");
+    tree().write("build/other.temp"_s, "staged, too");
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+    QCOMPARE(tree().read("build/data/changed.temp"_s), QByteArray("staged"));
+    QCOMPARE(tree().read("build/other.temp"_s), QByteArray("staged, too"));
+    verifyAllIsNewBut("nothing"_s);
+    QVERIFY(!tree().exists("build/.pellox/staging"_s));
+}
+
+/// The text is that of 1.0, to the byte: a later version must not change it here.
+void tst_UpdateLeftovers::finishesWhatVersion10HasBegun()
+{
+    tree().write("build/changed"_s, "old\n");
+    tree().write("build/changed.temp"_s, "newer\n");
+    tree().write("build/gone"_s, "bye\n");
+    touch(tree(), "build/gone"_s);
+    tree().write("build/.pellox/journal"_s,
+        withChecksum("{\"changes_release\":true,\"keep_previous\":false,\"release\":{\"build\":\""
+            + Build10
+            + "\",\"release\":7},\"repair\":false,\"rollback\":false,\"version\":2,"
+              "\"first\":[[\"/changed.temp\",\"/changed\",{\"sha512\":\""
+              "f643e8cc9153751105d9067a6445f0330ebf515d92c341bb23eba950664ac31b"
+              "e761c6e525537d40a8223415b010b78852ac880ef7e50be19b19723892764758\",\"size\":6}]],"
+              "\"delete\":[[\"/gone\",{\"modified\":\"1000000000000000000\",\"size\":4}]],"
+              "\"last\":[]}\n"));
+    const UpdateOutcome outcome = m_scenario->recover();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(tree().read("build/changed"_s), QByteArray("newer\n"));
+    QVERIFY(!tree().exists("build/changed.temp"_s) && !tree().exists("build/gone"_s));
+    QVERIFY(!m_scenario->hasJournal());
+    QCOMPARE(
+        tree().read("build/.pellox/release"_s), "{\"build\":\"" + Build10 + "\",\"release\":7}");
+}
+
+/// Likewise.
+void tst_UpdateLeftovers::rollsBackWhatVersion10HasKept()
+{
+    tree().write("build/changed"_s, "newer\n");
+    tree().write("build/brought"_s, "brought\n");
+    tree().write("build/.pellox/previous/changed"_s, "old\n");
+    touch(tree(), "build/.pellox/previous/changed"_s);
+    tree().write("build/.pellox/previous.json"_s,
+        withChecksum("{\"changes_release\":true,\"keep_previous\":false,\"release\":null,"
+                     "\"repair\":false,\"rollback\":true,\"version\":2,"
+                     "\"first\":[[\"/.pellox/previous/changed\",\"/changed\","
+                     "{\"modified\":\"1000000000000000000\",\"size\":4}]],"
+                     "\"delete\":[[\"/brought\",{\"size\":-1}]],\"last\":[]}\n"));
+    const UpdateOutcome outcome = m_scenario->rollback();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(tree().read("build/changed"_s), QByteArray("old\n"));
+    QVERIFY(!tree().exists("build/brought"_s) && !tree().exists("build/.pellox/previous"_s));
 }
 
 void tst_UpdateLeftovers::journalThatCannotBeSeen_data()

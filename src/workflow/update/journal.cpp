@@ -15,7 +15,9 @@ namespace {
 
 /*
  * A line of JSON, then a line with its SHA-512 in hexadecimal text, by which a torn journal is
- * known for what it is.
+ * known for what it is. Both lines stay as they are in every version, so that an earlier library
+ * can tell one that it does not know. Members that it does not know it passes over: what it would
+ * do wrongly without them takes another number. What 1.0 has written is read for ever.
  */
 constexpr int Version = 2;
 const QString VersionMember = QStringLiteral("version");
@@ -104,7 +106,9 @@ QString problemOf(const QByteArray &bytes)
 {
     const int version = versionOf(QJsonDocument::fromJson(lineOf(bytes)).object());
     return version != 0 && version != Version
-        ? QStringLiteral("is of version %1, which this program cannot read").arg(version)
+        ? QStringLiteral("is of version %1, which this library cannot read; the one that has begun "
+                         "can finish")
+              .arg(version)
         : QStringLiteral("is damaged; if the build is whole, remove it");
 }
 
