@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages_for() {
     case $1 in
-    build) echo g++ cmake ninja-build ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev p7zip ;;
+    build) echo g++ cmake ninja-build make ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev p7zip ;;
     test) echo rdiff python3 python3-jsonschema curl groff-base jq mandoc openssl xxd xvfb ;;
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
@@ -45,8 +45,8 @@ done
 
 if [ "$(id -u)" -eq 0 ]; then
     run=()
-elif command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
-    run=(sudo)
+elif command -v sudo >/dev/null && { sudo -n true 2>/dev/null || [ -t 0 ]; }; then
+    run=(sudo) # which may ask for the password, where somebody is there
 else
     echo "setup.sh: these packages are missing and only root can install them:" >&2
     echo "    sudo apt-get install --no-install-recommends ${missing[*]}" >&2
