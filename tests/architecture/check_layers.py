@@ -28,7 +28,7 @@ MAY_INCLUDE = {
     ".": CORE | {FILES, DELTAS, RELEASE, "workflow/publish", "workflow/update"},
 }
 GENERATED = {"pellox_export.h"}
-INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
+INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 SUFFIXES = {".h", ".c", ".cpp"}
 
 
@@ -36,42 +36,80 @@ def sources_in(folder):
     return sorted(path for path in folder.rglob("*") if path.suffix in SUFFIXES)
 
 
+def includes_of(path):
+    """Pairs of what opens the name, a quote or a bracket, and the name."""
+    return INCLUDE.findall(path.read_text())
+
+
+class Library:
+    """The files of src, and the spellings by which a compiler finds them."""
+
+    def __init__(self, src):
+        self.src = src
+        self.files = {path.name: path for path in sources_in(src)}
+        # The build makes these of its list of public headers: "folder/name.h:ClassName".
+        text = (src / "CMakeLists.txt").read_text()
+        listed = re.search(r"^set\(public_headers\s([^)]*)\)", text, re.MULTILINE).group(1).split()
+        self.headers_of_classes = {}
+        for entry in listed:
+            header, *classes = entry.split(":")
+            self.headers_of_classes.update({name: Path(header).name for name in classes})
+        self.installed = {Path(entry.split(":")[0]).name for entry in listed}
+        self.installed |= set(self.headers_of_classes) | GENERATED
+
+    def folder_of(self, path):
+        return path.parent.relative_to(self.src).as_posix()
+
+    def file_of(self, include):
+        """What is meant by "name.h", "folder/name.h", <Pellox/name.h> or <Pellox/ClassName>, or
+        None when it is none of the library's."""
+        *folders, name = (part for part in include.split("/") if part not in (".", ".."))
+        file = self.files.get(self.headers_of_classes.get(name, name))
+        if not file or folders == ["Pellox"]:
+            return file
+        parents = file.relative_to(self.src).parts[:-1]
+        return file if list(parents[len(parents) - len(folders) :]) == folders else None
+
+
 def problems_of_library(src):
-    folder_of = {}
+    library = Library(src)
     for path in sources_in(src):
-        if path.name in folder_of:
+        if path != library.files[path.name]:
             yield f"{path}: another file has the same name"
-        folder_of[path.name] = path.parent.relative_to(src).as_posix()
-    for path in sources_in(src):
-        folder = folder_of[path.name]
+        folder = library.folder_of(path)
         if folder not in MAY_INCLUDE:
             yield f"{path}: the folder is not known to this test"
             continue
-        for name in INCLUDE.findall(path.read_text()):
+        for opening, name in includes_of(path):
             if name in GENERATED or name == f"{path.stem}.moc":
                 continue
-            if name not in folder_of:
-                yield f"{path}: includes {name}, which is not of the library"
-            elif folder_of[name] != folder and folder_of[name] not in MAY_INCLUDE[folder]:
-                yield f"{path}: includes {name} of {folder_of[name]}"
+            file = library.file_of(name)
+            if not file:
+                if opening == '"' or name.startswith("Pellox/"):
+                    yield f"{path}: includes {name}, which is not of the library"
+            elif library.folder_of(file) not in MAY_INCLUDE[folder] | {folder}:
+                yield f"{path}: includes {name} of {library.folder_of(file)}"
 
 
-def problems_of_program(folder, library_headers):
+def problems_of_program(folder, library):
     """The programs know installed headers, which they include by <Pellox/...>."""
     own = {path.name for path in sources_in(folder)}
     for path in sources_in(folder):
-        for name in INCLUDE.findall(path.read_text()):
-            if Path(name).name in library_headers and Path(name).name not in own:
+        for opening, name in includes_of(path):
+            if opening == "<" and name.startswith("Pellox/"):
+                is_allowed = name[len("Pellox/") :] in library.installed
+            else:
+                is_allowed = Path(name).name in own or not library.file_of(name)
+            if not is_allowed:
                 yield f"{path}: includes {name} of the library's own"
 
 
 def main():
     root = Path(sys.argv[1])
     src = root / "src"
-    headers = {path.name for path in sources_in(src)}
     problems = list(problems_of_library(src))
     for program in ("tools", "examples"):
-        problems += problems_of_program(root / program, headers)
+        problems += problems_of_program(root / program, Library(src))
     print("\n".join(problems) or f"{len(sources_in(src))} files, all on their floors")
     return 1 if problems else 0
 

@@ -13,23 +13,24 @@ import sys
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # beside the sources
-from check_layers import INCLUDE, sources_in  # noqa: E402
+from check_layers import Library, includes_of, sources_in  # noqa: E402
 
 NODE = re.compile(r'^\s*"([^"]+)"\s+\[label', re.MULTILINE)
 ARROW = re.compile(r'^\s*"([^"]+)" -> "([^"]+)"(?: \[(.*)\])?$', re.MULTILINE)
 OUTSIDE = {"tools/pellox", "examples"}
 
 
-def includes_of(src):
-    """Pairs of folders of which the first includes something of the second."""
-    folder_of = {path.name: path.parent.relative_to(src).as_posix() for path in sources_in(src)}
+def includes_between_folders(src):
+    """All folders, and pairs of them of which the first includes something of the second."""
+    library = Library(src)
     pairs = set()
     for path in sources_in(src):
-        for name in INCLUDE.findall(path.read_text()):
-            if name in folder_of:
-                pairs.add((folder_of[path.name], folder_of[name]))
+        for _, name in includes_of(path):
+            file = library.file_of(name)
+            if file:
+                pairs.add((library.folder_of(path), library.folder_of(file)))
     between = {(a, b) for a, b in pairs if a != b and "." not in (a, b)}
-    return set(folder_of.values()) - {"."}, between
+    return {library.folder_of(path) for path in sources_in(src)} - {"."}, between
 
 
 def reachable(arrows, start):
@@ -44,7 +45,7 @@ def reachable(arrows, start):
 
 
 def problems(root):
-    folders, includes = includes_of(root / "src")
+    folders, includes = includes_between_folders(root / "src")
     text = (root / "docs" / "layers.dot").read_text()
     nodes = set(NODE.findall(text))
     arrows = set()
