@@ -202,7 +202,8 @@ int pellox_set_delta_effort(pellox_job *job, int effort)
 
 int pellox_set_delta_memory(pellox_job *job, int64_t bytes)
 {
-    if (bytes < 0)
+    constexpr int64_t Least = 1 << 20; // that of PublishController, which takes more for less
+    if (bytes < Least)
         return PELLOX_BAD_ARGUMENT;
     return set(job, &Pellox::JobSettings::deltaMemory, static_cast<qint64>(bytes));
 }

@@ -26,9 +26,10 @@ extern "C" {
  *     int result = pellox_update(job, "/games/x", "/tmp/patch");
  *     pellox_job_free(job);
  *
- * Errors. Nothing is thrown, and no call ends the process. Calls return one of the results below;
- * what is wrong with a file or a folder comes as problems. Null where a job or a path is expected,
- * an empty path and text that is no UTF-8 are PELLOX_BAD_ARGUMENT.
+ * Errors. Nothing is thrown, and the library ends no process; but Qt may be built upon GLib, which
+ * does where the system gives it no memory. Calls return one of the results below; what is wrong
+ * with a file or a folder comes as problems. Null where a job or a path is expected, an empty path
+ * and text that is no UTF-8 are PELLOX_BAD_ARGUMENT.
  *
  * Text is UTF-8 and ends with a null byte, paths too, whatever the locale. Text given to a call is
  * copied; text given to a callback is valid until that returns.
@@ -225,14 +226,15 @@ PELLOX_EXPORT const char *pellox_result_name(int result);
 
 /**
  * Makes what Qt needs, see above, when it has not been made yet. Optional, as the first job does it
- * too. PELLOX_DONE, or PELLOX_NO_MEMORY.
+ * too. PELLOX_DONE, or PELLOX_NO_MEMORY when the system gives no thread, or this library or Qt no
+ * memory; what GLib does then, see above.
  */
 PELLOX_EXPORT int pellox_prepare(void);
 
 /* ---- Jobs ------------------------------------------------------------------------------------ */
 
 /** A job with all settings at their defaults and without callbacks, to be freed by
-    pellox_job_free(). Null when there is no memory for it. */
+    pellox_job_free(). Null when there is no memory for it, or pellox_prepare() would fail. */
 PELLOX_EXPORT pellox_job *pellox_job_new(void);
 
 /** Frees @p job; null is none. PELLOX_IN_USE, and nothing is freed, while a call of it is under
@@ -348,8 +350,7 @@ PELLOX_EXPORT int pellox_create_signatures(
     pellox_job *job, const char *build, const char *signatures);
 
 /** Writes into folder @p patch what brings players from the build that @p old_signatures describe
-   to
-    @p new_build. */
+    to the one in folder @p new_build. */
 PELLOX_EXPORT int pellox_create_patch(
     pellox_job *job, const char *new_build, const char *old_signatures, const char *patch);
 

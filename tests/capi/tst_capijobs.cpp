@@ -106,7 +106,7 @@ const PlainFunction PlainFunctions[] = {
     {"set_keep_previous", [](auto *job) { return pellox_set_keep_previous(job, 1); }},
     {"set_delta_effort",
         [](auto *job) { return pellox_set_delta_effort(job, PELLOX_EFFORT_FASTEST); }},
-    {"set_delta_memory", [](auto *job) { return pellox_set_delta_memory(job, 0); }},
+    {"set_delta_memory", [](auto *job) { return pellox_set_delta_memory(job, 1 << 20); }},
     {"set_volume_size", [](auto *job) { return pellox_set_volume_size(job, 1); }},
 };
 
@@ -295,6 +295,9 @@ void tst_CapiJobs::numbersThatWillNotDo()
     QCOMPARE(pellox_set_delta_effort(job, 0), int(PELLOX_BAD_ARGUMENT));
     QCOMPARE(pellox_set_delta_effort(job, 4), int(PELLOX_BAD_ARGUMENT));
     QCOMPARE(pellox_set_delta_memory(job, -1), int(PELLOX_BAD_ARGUMENT));
+    QCOMPARE(pellox_set_delta_memory(job, 0), int(PELLOX_BAD_ARGUMENT));
+    QCOMPARE(pellox_set_delta_memory(job, (1 << 20) - 1), int(PELLOX_BAD_ARGUMENT));
+    QCOMPARE(pellox_set_delta_memory(job, 1 << 20), int(PELLOX_DONE));
     QCOMPARE(pellox_set_volume_size(job, 0), int(PELLOX_BAD_ARGUMENT));
 }
 
