@@ -288,8 +288,8 @@ PELLOX_EXPORT int pellox_set_keep_previous(pellox_job *job, int keep);
 PELLOX_EXPORT int pellox_set_old_build(pellox_job *job, const char *folder);
 /** How thoroughly the old build is searched, one of PELLOX_EFFORT_... */
 PELLOX_EXPORT int pellox_set_delta_effort(pellox_job *job, int effort);
-/** How many bytes of memory that search may use for what it knows of old files; 1 GiB by default,
-    1 MiB at least. */
+/** How many bytes of memory that search may use, all threads together; 1 GiB by default, 1 MiB at
+    least. PublishController::setDeltaMemory() tells more. */
 PELLOX_EXPORT int pellox_set_delta_memory(pellox_job *job, int64_t bytes);
 /** Patches and releases: one more file of the new build, absolute or relative to it, that gets no
     rule. */
