@@ -9,7 +9,37 @@
 
 #include <QtTest>
 
+#include <cstdlib>
+#include <new>
+
 using namespace Pellox;
+
+namespace {
+
+int allocationsLeft = -1; ///< below zero there is no end of them
+
+} // namespace
+
+// For all of this process, the standard library too.
+
+void *operator new(std::size_t size)
+{
+    void *const memory = allocationsLeft == 0 ? nullptr : std::malloc(size);
+    if (!memory)
+        throw std::bad_alloc();
+    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
+    return memory;
+}
+
+void operator delete(void *memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void *memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
 
 namespace {
 
@@ -23,7 +53,7 @@ GoOn stopAfter(int most, int *calls)
 } // namespace
 
 /// The pieces of a publishing run that may take long stop when they are told to, and say no error
-/// then.
+/// then; and a lack of memory, at any moment, is thrown, where it could also end the process.
 class tst_PublishParts : public QObject
 {
     Q_OBJECT
@@ -32,6 +62,7 @@ private Q_SLOTS:
     void init() { m_tree.emplace(); }
 
     void walkStops();
+    void walkWithoutMemory();
     void readingOfAManifestStops();
     void lookAtAReleaseStops();
     void emptyingStops();
@@ -67,6 +98,30 @@ void tst_PublishParts::walkStops()
     QVERIFY(!walkBuild(m_tree->path("build"_s), &error, stopAfter(3, &m_calls)));
     QCOMPARE(m_calls, 4);
     QCOMPARE(error.text(), QString());
+}
+
+void tst_PublishParts::walkWithoutMemory()
+{
+    const QString folder = QString(100, QLatin1Char('f')); // long enough to be allocated
+    for (int i = 0; i < Files; ++i)
+        m_tree->write("build/%1/%2/%3"_s.arg(folder, folder).arg(i), "x");
+    const QString build = m_tree->path("build"_s);
+    std::optional<std::vector<BuildFile>> files;
+    int thrown = 0;
+    for (int most = 0; !files && most < 1000; ++most) {
+        FileError error;
+        allocationsLeft = most;
+        try {
+            files = walkBuild(build, &error);
+        } catch (const std::bad_alloc &) {
+            ++thrown;
+        }
+        allocationsLeft = -1;
+        QCOMPARE(error.text(), QString());
+    }
+    QVERIFY(files);
+    QCOMPARE(files->size(), std::size_t(Files));
+    QVERIFY2(thrown > 2, qPrintable(QString::number(thrown)));
 }
 
 void tst_PublishParts::readingOfAManifestStops()

@@ -1,41 +1,34 @@
 // SPDX-License-Identifier: MIT
 #include "buildwalk.h"
 
+#include "folderlisting.h"
+
 #include <QFile>
 
-#include <filesystem>
+#include <cerrno>
 #include <utility>
+
+#include <sys/stat.h>
 
 namespace Pellox {
 
 namespace {
 
-namespace fs = std::filesystem;
+using Entry = FolderListing::Entry;
+using Kind = FolderListing::Kind;
 
-bool isHidden(const fs::path &path)
+/// The file at @p entry, which is none where its size is none. Links count as what they lead to,
+/// and a dangling one as nothing; one to a device has no size, and is refused when it is opened.
+std::optional<qint64> sizeOf(const Entry &entry)
 {
-    return path.filename().native().front() == '.';
-}
-
-QString textOf(const fs::path &path)
-{
-    return QFile::decodeName(path.c_str());
-}
-
-/// Links count as what they lead to; a dangling one as nothing.
-bool isFile(const fs::directory_entry &entry)
-{
-    std::error_code ignored;
-    if (!entry.is_symlink(ignored))
-        return entry.is_regular_file(ignored);
-    const fs::file_status target = entry.status(ignored);
-    return fs::exists(target) && !fs::is_directory(target);
-}
-
-bool isFolder(const fs::directory_entry &entry)
-{
-    std::error_code ignored;
-    return !entry.is_symlink(ignored) && entry.is_directory(ignored);
+    struct stat status = {};
+    if (entry.kind != Kind::File && entry.kind != Kind::Link)
+        return {};
+    if (::stat(entry.path.constData(), &status) != 0)
+        return entry.kind == Kind::File ? std::optional<qint64>(0) : std::nullopt;
+    if (S_ISREG(status.st_mode))
+        return status.st_size;
+    return S_ISDIR(status.st_mode) ? std::nullopt : std::optional<qint64>(0);
 }
 
 /// One walk through a build, from each folder to those in it.
@@ -50,15 +43,13 @@ public:
     }
 
     /// False with error(), and without one when it was stopped.
-    bool list(const fs::path &folder);
+    bool list(const QByteArray &folder);
     std::vector<BuildFile> takeFiles() { return std::move(m_files); }
     const FileError &error() const { return m_error; }
 
 private:
-    bool take(const fs::directory_entry &entry);
-    void addFile(const fs::directory_entry &entry);
-    bool meet(const fs::path &path, const QString &reason, int system = 0);
-    QString relative(const fs::path &path) const { return textOf(path).mid(m_build.size()); }
+    bool take(const Entry &entry);
+    bool meet(const FileError &error);
 
     const QString &m_build;
     const GoOn &m_goOn;
@@ -67,53 +58,41 @@ private:
     FileError m_error;
 };
 
-bool Walk::list(const fs::path &folder)
+bool Walk::list(const QByteArray &folder)
 {
-    std::error_code code;
-    fs::directory_iterator entry(folder, code);
-    while (!code && entry != fs::end(entry)) {
+    FolderListing listing(folder);
+    while (const auto entry = listing.next()) {
         if (!mayGoOn(m_goOn) || !take(*entry))
             return false;
-        entry.increment(code);
     }
-    const bool isGone = code == std::errc::no_such_file_or_directory && !relative(folder).isEmpty();
-    return !code || (isGone && m_odd)
-        || meet(folder,
-            QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()),
-            code.value());
+    const FileError &error = listing.error();
+    const bool isGone = error.system == ENOENT && error.path != m_build;
+    return error.isEmpty() || (isGone && m_odd) || meet(error);
 }
 
-bool Walk::take(const fs::directory_entry &entry)
+bool Walk::take(const Entry &entry)
 {
-    const fs::path &path = entry.path();
-    if (isHidden(path))
+    if (entry.isHidden())
         return true;
-    if (QFile::encodeName(textOf(path)).constData() != path.native())
-        return meet(path, QStringLiteral("has a name that the locale's encoding cannot tell"));
-    if (isFolder(entry))
-        return list(path);
-    if (isFile(entry))
-        addFile(entry);
+    const QString path = QFile::decodeName(entry.path);
+    if (QFile::encodeName(path) != entry.path)
+        return meet({path, QStringLiteral("has a name that the locale's encoding cannot tell")});
+    if (entry.kind == Kind::Folder)
+        return list(entry.path);
+    if (const auto size = sizeOf(entry))
+        m_files.push_back({path.mid(m_build.size()), *size});
     return true;
-}
-
-void Walk::addFile(const fs::directory_entry &entry)
-{
-    std::error_code noSize; // of a link to a device, which is refused when it is opened
-    const auto size = entry.file_size(noSize);
-    m_files.push_back({relative(entry.path()), noSize ? 0 : static_cast<qint64>(size)});
 }
 
 /// What ends the walk, unless whoever wants it takes what is odd; but nothing stands in for the
 /// build's own folder.
-bool Walk::meet(const fs::path &path, const QString &reason, int system)
+bool Walk::meet(const FileError &error)
 {
-    const QString odd = relative(path);
-    if (m_odd && !odd.isEmpty()) {
-        m_odd->append(odd);
+    if (m_odd && error.path != m_build) {
+        m_odd->append(error.path.mid(m_build.size()));
         return true;
     }
-    m_error = {textOf(path), reason, system};
+    m_error = error;
     return false;
 }
 
@@ -123,7 +102,7 @@ std::optional<std::vector<BuildFile>> walkBuild(
     const QString &build, FileError *error, const GoOn &goOn, QStringList *odd)
 {
     Walk walk(build, goOn, odd);
-    if (walk.list(fs::path(QFile::encodeName(build).constData())))
+    if (walk.list(QFile::encodeName(build)))
         return walk.takeFiles();
     *error = walk.error();
     return {};

@@ -2,6 +2,8 @@
 #include "patchfiles.h"
 
 #include "filepass.h"
+#include "filesystem.h"
+#include "folderlisting.h"
 #include "manifest.h"
 #include "workfolder.h"
 
@@ -9,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <mutex>
 #include <numeric>
 
@@ -17,30 +18,50 @@ namespace Pellox {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 /// Whether @p relativePath or a folder above it is hidden.
 bool isHiddenPath(const QString &relativePath)
 {
     return relativePath.contains(QLatin1String("/."));
 }
 
-QString textOf(const fs::path &path)
+/// The file of @p patch at @p entry, which is no folder; nothing when it has disappeared, and with
+/// @p error.
+std::optional<PatchFile> fileFor(
+    const QString &patch, const FolderListing::Entry &entry, FileError *error)
 {
-    return QFile::decodeName(path.c_str());
-}
-
-/// A file of @p patch for @p entry, which is no folder.
-PatchFile fileFor(const QString &patch, const fs::directory_entry &entry, fs::file_type type,
-    std::error_code &code)
-{
+    const QString path = QFile::decodeName(entry.path);
+    const auto status = statusOf(path, error);
+    if (!status)
+        return {};
     PatchFile file;
-    file.relativePath = textOf(entry.path()).mid(patch.size());
-    file.isRegular = type == fs::file_type::regular;
+    file.relativePath = path.mid(patch.size());
+    file.isRegular = S_ISREG(status->st_mode);
     file.isHidden = isHiddenPath(file.relativePath);
     if (file.isRegular)
-        file.size = static_cast<qint64>(entry.file_size(code));
+        file.size = status->st_size;
     return file;
+}
+
+/// Appends the files in @p folder of @p patch to @p files, and the folders to @p folders.
+bool listFolder(const QString &patch, const QByteArray &folder, std::vector<PatchFile> *files,
+    std::vector<QByteArray> *folders, FileError *error)
+{
+    FolderListing listing(folder);
+    while (const auto entry = listing.next()) {
+        const QString path = QFile::decodeName(entry->path);
+        if (QFile::encodeName(path) != entry->path) {
+            *error = {path, QStringLiteral("has a name that the locale's encoding cannot tell")};
+            return false;
+        }
+        if (entry->kind == FolderListing::Kind::Folder)
+            folders->push_back(entry->path);
+        else if (auto file = fileFor(patch, *entry, error))
+            files->push_back(std::move(*file));
+        if (!error->isEmpty())
+            return false;
+    }
+    *error = listing.error();
+    return error->isEmpty();
 }
 
 /// Hashes files, each by one task of a crew.
@@ -180,28 +201,14 @@ void addMissing(const SealedPatch &sealed, const QString &patch,
 
 std::optional<std::vector<PatchFile>> walkPatch(const QString &patch, FileError *error)
 {
-    const auto fail = [&](const fs::path &path, const QString &reason, int system = 0) {
-        *error = {textOf(path), reason, system};
-        return std::nullopt;
-    };
     std::vector<PatchFile> files;
-    std::error_code code;
-    fs::path last(QFile::encodeName(patch).constData());
-    fs::recursive_directory_iterator walk(last, code);
-    for (; !code && walk != fs::end(walk); walk.increment(code)) {
-        last = walk->path();
-        if (QFile::encodeName(textOf(last)).constData() != last.native())
-            return fail(last, QStringLiteral("has a name that the locale's encoding cannot tell"));
-        const fs::file_type type = walk->symlink_status(code).type();
-        if (!code && type != fs::file_type::directory)
-            files.push_back(fileFor(patch, *walk, type, code));
-        if (code)
-            break;
+    std::vector<QByteArray> folders{QFile::encodeName(patch)};
+    while (!folders.empty()) {
+        const QByteArray folder = std::move(folders.back());
+        folders.pop_back();
+        if (!listFolder(patch, folder, &files, &folders, error))
+            return {};
     }
-    if (code)
-        return fail(last,
-            QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()),
-            code.value());
     std::sort(files.begin(), files.end(), [](const PatchFile &one, const PatchFile &other) {
         return InByteOrder()(one.relativePath, other.relativePath);
     });

@@ -2,6 +2,7 @@
 #include "releasefolder.h"
 
 #include "filesystem.h"
+#include "folderlisting.h"
 #include "manifest.h"
 #include "manifestfile.h"
 #include "rules.h"
@@ -12,7 +13,7 @@
 #include <QJsonObject>
 
 #include <cerrno>
-#include <filesystem>
+#include <cstdio>
 #include <utility>
 
 #include <fcntl.h>
@@ -23,43 +24,35 @@ namespace Pellox {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-bool isHidden(const fs::path &path)
-{
-    return path.filename().native().front() == '.';
-}
-
 /// What removeVisible() leaves of a folder.
 enum class Left { Nothing, Hidden, Stopped, Error };
 
 /// Removes what is not hidden in @p folder; folders that hold hidden entries stay. Links are not
 /// followed. @p failed is what cannot be listed or removed.
-Left removeVisible(const fs::path &folder, const GoOn &goOn, fs::path *failed)
+Left removeVisible(const QByteArray &folder, const GoOn &goOn, QByteArray *failed)
 {
-    std::error_code code;
     Left left = Left::Nothing;
-    std::vector<fs::path> visible;
-    for (fs::directory_iterator walk(folder, code); !code && walk != fs::end(walk);
-         walk.increment(code)) {
-        if (isHidden(walk->path()))
+    std::vector<FolderListing::Entry> visible;
+    FolderListing listing(folder);
+    while (auto entry = listing.next()) {
+        if (entry->isHidden())
             left = Left::Hidden;
         else
-            visible.push_back(walk->path());
+            visible.push_back(std::move(*entry));
     }
     *failed = folder;
-    if (code)
+    if (!listing.error().isEmpty())
         return Left::Error;
-    for (const fs::path &path : visible) {
+    for (const FolderListing::Entry &entry : visible) {
         if (!mayGoOn(goOn))
             return Left::Stopped;
-        const bool isFolder = fs::is_directory(fs::symlink_status(path, code));
-        const Left inside = isFolder ? removeVisible(path, goOn, failed) : Left::Nothing;
+        const bool isFolder = entry.kind == FolderListing::Kind::Folder;
+        const Left inside = isFolder ? removeVisible(entry.path, goOn, failed) : Left::Nothing;
         if (inside == Left::Error || inside == Left::Stopped)
             return inside;
         if (inside == Left::Hidden)
             left = Left::Hidden;
-        else if (*failed = path; !fs::remove(path, code))
+        else if (*failed = entry.path; std::remove(entry.path.constData()) != 0)
             return Left::Error;
     }
     return left;
@@ -191,24 +184,20 @@ bool ReleaseFolder::readMarker(Paths *files, bool *isRelease)
 /// Appends the files below @p folder, relative and with a separator in front or empty, to m_found.
 bool ReleaseFolder::findFiles(const std::string &folder, const GoOn &goOn)
 {
-    const fs::path path = QFile::encodeName(m_path).toStdString() + folder;
-    std::error_code code;
-    for (fs::directory_iterator walk(path, code); !code && walk != fs::end(walk);
-         walk.increment(code)) {
+    FolderListing listing(QFile::encodeName(m_path) + folder.c_str());
+    while (const auto entry = listing.next()) {
         if (!mayGoOn(goOn))
             return false;
-        if (isHidden(walk->path()))
+        if (entry->isHidden())
             continue;
-        const std::string name = folder + '/' + walk->path().filename().native();
-        std::error_code ignored;
-        if (!fs::is_directory(walk->symlink_status(ignored)))
+        const std::string name = folder + (entry->path.constData() + entry->path.lastIndexOf('/'));
+        if (entry->kind != FolderListing::Kind::Folder)
             m_found.push_back(name);
         else if (!findFiles(name, goOn))
             return false;
     }
-    return !code
-        || fail(QFile::decodeName(path.c_str()),
-            QLatin1String("cannot be listed: ") + QString::fromStdString(code.message()));
+    const FileError &error = listing.error();
+    return error.isEmpty() || fail(error.path, error.reason);
 }
 
 bool ReleaseFolder::begin(const Names &names, const GoOn &goOn)
@@ -351,15 +340,15 @@ void ReleaseFolder::revoke()
 
 bool ReleaseFolder::clear(const GoOn &goOn)
 {
-    fs::path failed;
-    switch (removeVisible(QFile::encodeName(m_path).constData(), goOn, &failed)) {
+    QByteArray failed;
+    switch (removeVisible(QFile::encodeName(m_path), goOn, &failed)) {
     case Left::Nothing:
     case Left::Hidden:
         return true;
     case Left::Stopped:
         break;
     case Left::Error:
-        fail(QFile::decodeName(failed.c_str()), QStringLiteral("cannot be removed"));
+        fail(QFile::decodeName(failed), QStringLiteral("cannot be removed"));
     }
     return false;
 }

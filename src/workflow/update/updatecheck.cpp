@@ -5,6 +5,7 @@
 #include "diskfile.h"
 #include "diskroom.h"
 #include "filesystem.h"
+#include "folderlisting.h"
 #include "manifest.h"
 #include "nameprobe.h"
 #include "rules.h"
@@ -14,7 +15,6 @@
 #include <QFileInfo>
 
 #include <climits>
-#include <filesystem>
 #include <utility>
 
 #include <fcntl.h>
@@ -319,29 +319,18 @@ void UpdateCheck::checkMount(const QString &folder)
 /// Whether the rules delete all that is in @p folder, or a problem was added.
 bool UpdateCheck::isEmptied(const QString &folder)
 {
-    namespace fs = std::filesystem;
-    QString last = folder;
-    std::error_code error;
-    FileError unknown;
-    fs::recursive_directory_iterator walk(
-        fs::path(QFile::encodeName(m_folders.build + folder).constData()), error);
-    for (; !error && walk != fs::end(walk); walk.increment(error)) {
-        last = QFile::decodeName(walk->path().c_str()).mid(m_folders.build.size());
-        const auto status = statusOf(m_folders.build + last, &unknown);
-        const bool isFolder = status && S_ISDIR(status->st_mode);
+    FolderListing listing(QFile::encodeName(m_folders.build + folder));
+    while (const auto entry = listing.next()) {
+        const QString inside = QFile::decodeName(entry->path).mid(m_folders.build.size());
         // What an earlier run has staged goes before anything is staged.
-        const bool goes = isDeleted(last) || m_record.isOwn(last);
-        if (!unknown.isEmpty())
-            break;
-        if (!isFolder && !goes)
+        const bool goes = entry->kind == FolderListing::Kind::Folder
+            ? isEmptied(inside)
+            : isDeleted(inside) || m_record.isOwn(inside);
+        if (!goes)
             return false;
     }
-    if (error)
-        unknown = {m_folders.build + last,
-            QLatin1String("cannot be listed: ") + QString::fromStdString(error.message()),
-            error.value()};
-    if (!unknown.isEmpty())
-        m_problems.add(Code::ReadOrWrite, unknown);
+    if (!listing.error().isEmpty())
+        m_problems.add(Code::ReadOrWrite, listing.error());
     return true;
 }
 
