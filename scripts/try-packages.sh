@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck disable=SC2016 # what is quoted is for the shell in there, or for apt
 # Installs the Debian packages into a fresh Debian and uses them there: the program updates a build,
-# and hosts are built against libpellox-dev alone.
+# and hosts are built against libpellox-dev alone, and update one, too.
 # Usage: scripts/try-packages.sh [FOLDER WITH THE PACKAGES]   (default: build/package)
 # Needs root, debootstrap, 2 GB in TMPDIR and Debian's mirror that this machine's apt uses; or name
 # one: MIRROR=http://... scripts/try-packages.sh
@@ -65,7 +65,8 @@ inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/libpellox
     >"$packages/install.log"
 inside pellox --version
 inside sh -eu -c '
-    cd "$(mktemp -d)"
+    mkdir /srv/game
+    cd /srv/game
     mkdir releases releases/1 releases/2
     head -c 3000000 /dev/urandom >releases/1/world.pak
     { head -c 1000000 releases/1/world.pak; echo news; tail -c 1500000 releases/1/world.pak; } >releases/2/world.pak
@@ -101,6 +102,26 @@ for example in examples/*/CMakeLists.txt; do
     cp -r "examples/$example" "$root/srv"
     inside sh -eu -c "cmake -S /srv/$example -B /srv/build-$example && cmake --build /srv/build-$example"
 done
+
+step "The hosts update a build"
+inside sh -c 'apt-get install -y -qq --no-install-recommends python3' >>"$packages/install.log"
+cp -r examples/python-host "$root/srv"
+inside sh -eu -c '
+    cd /srv/game
+    update_by() { # PATCH COMMAND...
+        patch=$1
+        shift
+        rm -rf installed
+        cp -r releases/1 installed
+        "$@" installed "$patch"
+        diff -r releases/2 installed
+    }
+    update_by patch ../build-console-host/console-host update
+    update_by patch.7z.001 ../build-console-host/console-host update
+    update_by patch ../build-c-host/updater
+    update_by patch python3 ../python-host/updater.py update
+    python3 ../python-host/updater.py check installed signatures-2
+'
 
 step "Removed without a trace"
 inside apt-get purge -y -qq libpellox1 libpellox-dev pellox >>"$packages/install.log"
