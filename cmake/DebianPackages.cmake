@@ -1,7 +1,16 @@
 # SPDX-License-Identifier: MIT
 # libpellox1, libpellox-dev and pellox, as Debian's policy wants them.
 
+# With Qt 6 the library has the same soname and another binary interface. So its packages have names
+# of their own and stay away from the others': no host gets a library that is not for its Qt.
 set(library_package libpellox${PROJECT_VERSION_MAJOR})
+set(development_package libpellox-dev)
+if(PELLOX_QT_MAJOR_VERSION EQUAL 6)
+    set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONFLICTS ${library_package})
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_CONFLICTS ${development_package})
+    string(APPEND library_package -qt6)
+    string(APPEND development_package -qt6)
+endif()
 set(CPACK_COMPONENTS_ALL library development program)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -31,7 +40,7 @@ safe at any instant.
 
 This package holds the shared library.")
 
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libpellox-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 if(PELLOX_QT_MAJOR_VERSION EQUAL 6)
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS qt6-base-dev)
@@ -59,6 +68,14 @@ installed copies: checked before anything is touched, all or nothing, and
 safe at any instant.
 
 This package holds the program, for the publisher and for the player.")
+
+if(PELLOX_QT_MAJOR_VERSION EQUAL 6)
+    set(overrides ${CMAKE_CURRENT_BINARY_DIR}/packaging/overrides)
+    file(WRITE ${overrides} "# The name without a suffix is that of the package with Qt 5.\n"
+        "${library_package}: package-name-doesnt-match-sonames libPellox${PROJECT_VERSION_MAJOR}\n")
+    install(FILES ${overrides} DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+        RENAME ${library_package} COMPONENT library)
+endif()
 
 # What the policy asks of every package: the licence and the changelogs, compressed.
 find_program(GZIP gzip REQUIRED)

@@ -61,7 +61,7 @@ cp "${debs[@]}" "$root/packages"
 inside apt-get update -qq
 
 step "The program, with what it depends on"
-inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/libpellox1_*.deb /packages/pellox_*.deb' \
+inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/libpellox[0-9]*.deb /packages/pellox_*.deb' \
     >"$packages/install.log"
 inside pellox --version
 inside sh -eu -c '
@@ -84,7 +84,7 @@ inside sh -eu -c '
 '
 
 step "A host, with libpellox-dev alone"
-inside sh -c 'apt-get install -y -qq --no-install-recommends g++ make cmake pkg-config /packages/libpellox-dev_*.deb' \
+inside sh -c 'apt-get install -y -qq --no-install-recommends g++ make cmake pkg-config /packages/libpellox-dev*.deb' \
     >>"$packages/install.log"
 cp -r tests/package/host tests/package/headers tests/package/build_with_pkgconfig.sh "$root/srv"
 inside sh -eu -c '
@@ -124,7 +124,7 @@ inside sh -eu -c '
 '
 
 step "Removed without a trace"
-inside apt-get purge -y -qq libpellox1 libpellox-dev pellox >>"$packages/install.log"
+inside apt-get purge -y -qq '^libpellox' '^pellox$' >>"$packages/install.log"
 left=$(inside find / -xdev -not -path '/srv*' -not -path '/packages*' -not -path '/var/*' \
     -not -path '/tmp/*' -iname '*pellox*')
 [ -z "$left" ] || fail "left behind: $left"
