@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Installs what is missing on a Debian machine.
-# Usage: scripts/setup.sh [build|test|browser|demo|bench|fuzz|qt6|docs|package|abi|ci]...   (default: build test)
+# Usage: scripts/setup.sh [build|test|browser|demo|bench|fuzz|qt6|docs|package|abi|coverage|ci]...   (default: build test)
 set -euo pipefail
 
 packages_for() {
@@ -12,13 +12,14 @@ packages_for() {
     demo) command -v npm >/dev/null || echo npm ;;
     package) echo lintian dpkg-dev file debootstrap ;;
     abi) echo abigail-tools ;; # the dump of the library's interface
+    coverage) echo gcovr ;;
     bench) echo libbenchmark-dev bsdiff rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;
     fuzz) echo clang libclang-rt-dev llvm ;; # its runtimes, and names in stacks
     qt6) echo qt6-base-dev qt6-5compat-dev ;; # beside Qt 5, for the preset of that name
     docs) echo doxygen graphviz qttools5-dev-tools termtosvg ;; # the reference, pictures
     ci) echo clang clang-format clang-tidy zsh fish ;; # both shells for the completions
     *)
-        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, qt6, docs, package, abi, ci)" >&2
+        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, qt6, docs, package, abi, coverage, ci)" >&2
         exit 2
         ;;
     esac

@@ -112,7 +112,8 @@ UpdateOutcome outcomeOf(const UpdateStart &start)
             finished = true;
             loop.quit();
         });
-    QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+    constexpr int Hangs = 600000; // milliseconds
+    QTimer::singleShot(Hangs, &loop, &QEventLoop::quit);
     require(start(updater), "start a run");
     loop.exec();
     require(finished, "see the end of a run");
