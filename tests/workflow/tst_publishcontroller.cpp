@@ -274,8 +274,11 @@ private Q_SLOTS:
     void signatureThatIsNeeded();
     void signatureToTakeOverMustFitTheFile_data();
     void signatureToTakeOverMustFitTheFile();
+    void signatureOfALargeFileMustBeItsOwn();
     void signaturesThatAreNotNeeded();
 
+    void filesNamedLikeManifests_data();
+    void filesNamedLikeManifests();
     void unreadableNewFile_data();
     void unreadableNewFile();
     void unusableBuildFolder_data();
@@ -300,6 +303,8 @@ private Q_SLOTS:
     void planIsWhatThePatchWillSay();
     void planWritesNothing();
     void planOfEqualBuildsIsEmpty();
+    void planNeedsBothFolders_data();
+    void planNeedsBothFolders();
 
     void readsNoMoreThanPromised_data();
     void readsNoMoreThanPromised();
@@ -1584,6 +1589,26 @@ void tst_PublishController::signatureToTakeOverMustFitTheFile()
     EXPECT_FAILURE("publish"_s, path("old signatures/x"_s));
 }
 
+/// It tells how the file changed, so it must not tell of a change where there is none.
+void tst_PublishController::signatureOfALargeFileMustBeItsOwn()
+{
+    QByteArray content = randomBytes(2 * MiB, 6);
+    lay("new"_s, {{"x"_s, content}});
+    lay("old"_s, {{"x"_s, content}});
+    content[0] = static_cast<char>(~content.at(0));
+    lay("another"_s, {{"x"_s, content}});
+    signOld();
+    SignaturesController().createSignatures(path("another"_s), path("other signatures"_s));
+    m_tree->write("old signatures/x"_s, m_tree->read("other signatures/x"_s));
+    for (const QString &name : {"diff"_s, "publish"_s}) {
+        QVERIFY(!call(name));
+        QCOMPARE(m_errors,
+            QStringList(path("old signatures/x"_s) + ": is not the signature of its file"_s));
+        m_errors.clear();
+        QVERIFY(!m_tree->exists("patch/patchRules.json"_s));
+    }
+}
+
 void tst_PublishController::signaturesThatAreNotNeeded()
 {
     lay("old"_s,
@@ -1602,6 +1627,44 @@ void tst_PublishController::signaturesThatAreNotNeeded()
     QCOMPARE(ruleLines(), QStringList({"copy /new"_s, "delete /gone"_s, "patch /changed"_s}));
     EXPECT_CALL("plan"_s);
     QCOMPARE(m_plan.size(), 3);
+}
+
+void tst_PublishController::filesNamedLikeManifests_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("file");
+    QTest::newRow("signatures, sign") << "sign"_s
+                                      << "signatures.json"_s;
+    QTest::newRow("signatures, publish") << "publish"_s
+                                         << "signatures.json"_s;
+    QTest::newRow("rules, diff") << "diff"_s
+                                 << "patchRules.json"_s;
+    QTest::newRow("rules, publish") << "publish"_s
+                                    << "patchRules.json"_s;
+}
+
+/// One of the two would overwrite the other. Deeper down, and where no such manifest is made, a
+/// file may have any name.
+void tst_PublishController::filesNamedLikeManifests()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, file);
+    layRelease();
+    m_tree->write("new/data/"_s + file, "no manifest");
+    m_tree->write("new/"_s
+            + (file == "signatures.json"_s ? "patchRules.json"_s : "signatures.json"_s) + "~"_s,
+        "near miss");
+    EXPECT_CALL(name);
+    m_tree->write("new/"_s + file, "no manifest");
+    const auto before = TestTree::snapshot(path("patch"_s));
+    QVERIFY(!call(name));
+    QCOMPARE(m_errors, QStringList(path("new/"_s + file) + ": has the name of a manifest"_s));
+    m_errors.clear();
+    QCOMPARE(TestTree::snapshot(path("patch"_s)), before);
+    if (file == "patchRules.json"_s) { // nor is it in the way where the patch has no such file
+        m_ignored = QStringList(file);
+        EXPECT_CALL(name);
+    }
 }
 
 void tst_PublishController::unreadableNewFile_data()
@@ -2005,6 +2068,27 @@ void tst_PublishController::planOfEqualBuildsIsEmpty()
     signOld();
     EXPECT_CALL("plan"_s);
     QCOMPARE(m_plan, QVariantList());
+}
+
+void tst_PublishController::planNeedsBothFolders_data()
+{
+    QTest::addColumn<QString>("build");
+    QTest::addColumn<QString>("signatures");
+    QTest::newRow("no build") << QString() << "old signatures"_s;
+    QTest::newRow("no signatures") << "new"_s << QString();
+}
+
+/// An empty path is a mistake of the host, and not the folder that it happens to run in.
+void tst_PublishController::planNeedsBothFolders()
+{
+    QFETCH(QString, build);
+    QFETCH(QString, signatures);
+    layRelease();
+    const auto given
+        = [this](const QString &folder) { return folder.isEmpty() ? QString() : path(folder); };
+    QVERIFY(!m_publisher->plan(given(build), given(signatures)));
+    QCOMPARE(m_errors, QStringList("a folder is not given"_s));
+    m_errors.clear();
 }
 
 void tst_PublishController::readsNoMoreThanPromised_data()

@@ -49,6 +49,12 @@ QByteArray s_fixedPath;      ///< what has the attribute
 quint64 s_attribute = 0;
 bool s_threadsAreUsedUp = false;
 
+void makePipe(const QString &path)
+{
+    if (::mkfifo(QFile::encodeName(path).constData(), 0600) != 0)
+        qFatal("cannot make a pipe");
+}
+
 bool isFolder(int handle)
 {
     struct stat status = {};
@@ -110,6 +116,10 @@ private Q_SLOTS:
 
     void eachProblemHasItsCode_data();
     void eachProblemHasItsCode();
+    void patchIsMadeOfPlainFiles_data();
+    void patchIsMadeOfPlainFiles();
+    void foldersStandApart_data();
+    void foldersStandApart();
     void lockedBuildIsBusy();
     void lockIsTriedAgainAfterASignal();
     void buildThatCannotBeLocked();
@@ -159,30 +169,46 @@ void tst_UpdateProblems::eachProblemHasItsCode_data()
     QTest::addColumn<Prepare>("prepare");
     QTest::addColumn<Code>("code");
     QTest::addColumn<QString>("file");
-    const auto row = [](const char *name, Code code, const QString &file, const Prepare &prepare) {
-        QTest::newRow(name) << prepare << code << file;
-    };
-    row("no build", Code::BadFolder, "build"_s,
+    QTest::addColumn<QString>("reason");
+    const auto row
+        = [](const char *name, Code code, const QString &file, const QString &reason,
+              const Prepare &prepare) { QTest::newRow(name) << prepare << code << file << reason; };
+    row("no build", Code::BadFolder, "build"_s, "cannot be opened: No such file or directory"_s,
         [](const UpdateScenario &scenario) { QDir(scenario.build()).removeRecursively(); });
-    row("installed file is missing", Code::DamagedInstall, "build/game.exe"_s,
+    row("installed file is missing", Code::DamagedInstall, "build/game.exe"_s, "is missing"_s,
         [](const UpdateScenario &scenario) { scenario.tree().remove("build/game.exe"_s); });
     row("installed file is another", Code::DamagedInstall, "build/data/changed"_s,
-        [](const UpdateScenario &scenario) {
+        "is not the file that the patch is for"_s, [](const UpdateScenario &scenario) {
             scenario.tree().write("build/data/changed"_s, QByteArray(20480, 'x'));
         });
-    row("link in the place of a file", Code::Obstructed, "build/game.exe"_s,
+    row("link in the place of a file", Code::Obstructed, "build/game.exe"_s, "is a symbolic link"_s,
         [](const UpdateScenario &scenario) {
             scenario.tree().remove("build/game.exe"_s);
             scenario.tree().link("build/game.exe"_s, scenario.newBuild() + "/game.exe"_s);
         });
-    row("player's file in a folder that becomes a file", Code::Obstructed, "build/folder to file"_s,
+    row("pipe in the place of a file", Code::Obstructed, "build/game.exe"_s, "is no regular file"_s,
         [](const UpdateScenario &scenario) {
+            scenario.tree().remove("build/game.exe"_s);
+            makePipe(scenario.tree().path("build/game.exe"_s));
+        });
+    row("link in the place of a folder", Code::Obstructed, "build/added/deep"_s,
+        "is a symbolic link"_s, [](const UpdateScenario &scenario) {
+            scenario.tree().makeFolder("build/added"_s);
+            scenario.tree().link("build/added/deep"_s, scenario.newBuild() + "/added/deep"_s);
+        });
+    row("player's file in the place of a folder", Code::Obstructed, "build/added/deep"_s,
+        "is no folder"_s, [](const UpdateScenario &scenario) {
+            scenario.tree().write("build/added/deep"_s, "mine");
+        });
+    row("player's file in a folder that becomes a file", Code::Obstructed, "build/folder to file"_s,
+        "is a folder, and holds files that no rule deletes"_s, [](const UpdateScenario &scenario) {
             scenario.tree().write("build/folder to file/mine"_s, "mine");
         });
     row("own folder is a file", Code::Obstructed, "build/.pellox"_s,
+        "is no folder, but where an update keeps its own files"_s,
         [](const UpdateScenario &scenario) { scenario.tree().write("build/.pellox"_s, "mine"); });
     row("journal is no journal", Code::DamagedJournal, "build/.pellox/journal"_s,
-        [](const UpdateScenario &scenario) {
+        "is damaged; if the build is whole, remove it"_s, [](const UpdateScenario &scenario) {
             scenario.tree().write("build/.pellox/journal"_s, "torn");
         });
 }
@@ -192,14 +218,96 @@ void tst_UpdateProblems::eachProblemHasItsCode()
     QFETCH(Prepare, prepare);
     QFETCH(Code, code);
     QFETCH(QString, file);
+    QFETCH(QString, reason);
     prepare(*m_scenario);
     const UpdateOutcome outcome = m_scenario->update();
     QCOMPARE(outcome.problems.size(), 1);
     const UpdateProblem &problem = outcome.problems.first();
+    QCOMPARE(problem.reason, reason);
     QCOMPARE(problem.codeName(), UpdateProblem({code, QString(), QString()}).codeName());
     QCOMPARE(problem.file, m_scenario->tree().path(file));
     QCOMPARE(outcome.errors, QStringList(problem.file + ": "_s + problem.reason));
     QCOMPARE(outcome.errors, QStringList(problem.message()));
+}
+
+void tst_UpdateProblems::patchIsMadeOfPlainFiles_data()
+{
+    QTest::addColumn<QString>("taken");
+    QTest::addColumn<Prepare>("replace");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("reason");
+    const QString deep = "patch/added/deep"_s;
+    const QString game = "patch/game.exe"_s;
+    QTest::newRow("a file is a pipe") << game << Prepare([=](const UpdateScenario &scenario) {
+        makePipe(scenario.tree().path(game));
+    }) << game << "is no regular file"_s;
+    QTest::newRow("a file is a link") << game << Prepare([=](const UpdateScenario &scenario) {
+        scenario.tree().link(game, scenario.tree().path("taken"_s));
+    }) << game << "is no regular file"_s;
+    QTest::newRow("a folder is a link") << deep << Prepare([=](const UpdateScenario &scenario) {
+        scenario.tree().link(deep, scenario.tree().path("taken"_s));
+    }) << deep + "/program"_s
+                                        << "is reached through a symbolic link"_s;
+    QTest::newRow("a file is missing")
+        << game << Prepare([](const UpdateScenario &) {}) << game << "is missing from the patch"_s;
+}
+
+/// What stands at one of its paths is the publisher's own file, or the patch is refused.
+void tst_UpdateProblems::patchIsMadeOfPlainFiles()
+{
+    QFETCH(QString, taken);
+    QFETCH(Prepare, replace);
+    QFETCH(QString, file);
+    QFETCH(QString, reason);
+    const TestTree &tree = m_scenario->tree();
+    QVERIFY(QDir().rename(tree.path(taken), tree.path("taken"_s)));
+    replace(*m_scenario);
+    const UpdateOutcome outcome = m_scenario->update();
+    QFile::remove(tree.path(taken));
+    QVERIFY(QDir().rename(tree.path("taken"_s), tree.path(taken)));
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().code == Code::BadPatch);
+    QCOMPARE(outcome.errors, QStringList(tree.path(file) + ": "_s + reason));
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+}
+
+void tst_UpdateProblems::foldersStandApart_data()
+{
+    QTest::addColumn<QString>("patch");
+    QTest::addColumn<QString>("fallback"); // may be empty
+    QTest::addColumn<QString>("refused");
+    QTest::newRow("patch in the build") << "build/mods"_s << QString() << "build/mods"_s;
+    QTest::newRow("patch is the build") << "build"_s << QString() << "build"_s;
+    QTest::newRow("fallback in the build") << "patch"_s
+                                           << "build/mods"_s
+                                           << "build/mods"_s;
+    QTest::newRow("fallback holds the build") << "patch"_s
+                                              << "."_s
+                                              << "."_s;
+}
+
+void tst_UpdateProblems::foldersStandApart()
+{
+    QFETCH(QString, patch);
+    QFETCH(QString, fallback);
+    QFETCH(QString, refused);
+    const TestTree &tree = m_scenario->tree();
+    const auto absolute = [&](const QString &path) { return QDir::cleanPath(tree.path(path)); };
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        if (!fallback.isEmpty())
+            updater.setFallbackSource(absolute(fallback));
+        return updater.update(m_scenario->build(), absolute(patch));
+    });
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.problems.size(), 1);
+    QVERIFY(outcome.problems.first().code == Code::BadFolder);
+    QCOMPARE(outcome.errors,
+        QStringList(
+            absolute(refused) + ": must not be, hold or lie inside of "_s + m_scenario->build()));
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->touchedFile(), QString());
 }
 
 void tst_UpdateProblems::lockedBuildIsBusy()
