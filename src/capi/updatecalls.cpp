@@ -4,8 +4,6 @@
 #include "integritycontroller.h"
 #include "updatecontroller.h"
 
-#include <QThreadPool>
-
 #include <thread>
 
 using namespace Pellox;
@@ -32,17 +30,6 @@ int resultOf(Result result)
     }
     return PELLOX_FAILED;
 }
-
-/// A thread more for the global pool, which runs these controllers: a host that runs more jobs than
-/// there are cores, or one from a callback of another, is not to wait for the others.
-class PoolThread
-{
-public:
-    PoolThread() { QThreadPool::globalInstance()->releaseThread(); }
-    ~PoolThread() { QThreadPool::globalInstance()->reserveThread(); }
-    PoolThread(const PoolThread &) = delete;
-    PoolThread &operator=(const PoolThread &) = delete;
-};
 
 /// A controller and what it tells. The connections have no context: their slots run on the threads
 /// that tell.
@@ -82,10 +69,9 @@ public:
 private:
     pellox_job &m_job;
     const std::thread::id m_waiting = std::this_thread::get_id();
-    PoolThread m_poolThread; // these two outlive the controller, which waits for its run
 
 public:
-    RunEvents events;
+    RunEvents events; // outlives the controller, which waits for its run
     Controller controller;
 };
 

@@ -14,6 +14,7 @@
 #include <QJsonObject>
 #include <QSet>
 #include <QSignalSpy>
+#include <QtConcurrent>
 #include <QThread>
 #include <QThreadPool>
 #include <QtTest>
@@ -22,6 +23,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <future>
 #include <mutex>
 #include <new>
@@ -124,6 +126,7 @@ private Q_SLOTS:
     void twoObjectsAtTheSameMoment();
     void mayStartTheNextRunAtTheEnd_data();
     void mayStartTheNextRunAtTheEnd();
+    void hostMayWaitOnThePool();
 
     void planOfAnUpdate();
     void planOfTheNewBuild();
@@ -1161,6 +1164,31 @@ void tst_UpdateController::mayStartTheNextRunAtTheEnd()
     QTRY_COMPARE(finished.size(), 2);
     QVERIFY(started);
     QCOMPARE(finished.at(1).at(0).value<Result>(), Result::AlreadyUpToDate);
+}
+
+/// Even where the host's own thread is the only one that the pool has.
+void tst_UpdateController::hostMayWaitOnThePool()
+{
+    QThreadPool &pool = *QThreadPool::globalInstance();
+    const int before = pool.maxThreadCount();
+    pool.setMaxThreadCount(1);
+    UpdateController updater;
+    updater.setSynced(false);
+    std::promise<Result> end;
+    connect(
+        &updater, &UpdateController::finished, &updater,
+        [&](Result result) { end.set_value(result); }, Qt::DirectConnection);
+    const auto host = QtConcurrent::run([&] {
+        std::future<Result> result = end.get_future();
+        const bool ended = updater.update(m_scenario->build(), m_scenario->patch())
+            && result.wait_for(std::chrono::minutes(1)) == std::future_status::ready;
+        return ended ? std::optional(result.get()) : std::nullopt;
+    });
+    pool.waitForDone();
+    pool.setMaxThreadCount(before);
+    QVERIFY(host.result().has_value());
+    QCOMPARE(*host.result(), Result::Updated);
+    QCOMPARE(pool.activeThreadCount(), 0); // what was lent is given back
 }
 
 void tst_UpdateController::planOfAnUpdate()

@@ -2,6 +2,7 @@
 #include "backgroundruns.h"
 
 #include <QtConcurrent>
+#include <QThreadPool>
 
 #include <chrono>
 #include <exception>
@@ -73,13 +74,15 @@ BackgroundRuns::Started BackgroundRuns::start(std::function<void()> run)
     return m_state == State::Telling ? Started::Yes : startThread();
 }
 
-/// Called with the lock held, as isTaken() is.
+/// Called with the lock held, as isTaken() is. The pool has a thread more while it works: a host
+/// that waits on the pool for the end of a run, or for the end of several, is not to wait for ever.
 BackgroundRuns::Started BackgroundRuns::startThread()
 {
     m_thread.waitForFinished(); // it has nothing left to do but to return
     try {
         if (givesThread()) {
             m_thread = QtConcurrent::run([this] { work(); });
+            QThreadPool::globalInstance()->releaseThread(); // until work() has ended
             m_state = State::Working;
             return Started::Yes;
         }
@@ -141,6 +144,7 @@ void BackgroundRuns::work()
         enter(State::Telling);
         callSafely(m_tellEnd);
     } while (!isLast());
+    QThreadPool::globalInstance()->reserveThread();
 }
 
 void BackgroundRuns::enter(State state)
