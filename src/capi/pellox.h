@@ -72,8 +72,9 @@ enum {
     /** It could not be done, as the problems tell. An installed build is as it was, but see
         pellox_recover(). */
     PELLOX_FAILED = 3,
-    /** The commit could not be finished: some files are old, some new. pellox_recover() or the same
-        run again will finish it, once what the problems tell is mended. */
+    /** The commit was not finished: some files are old, some new. pellox_recover() or the same run
+        again will finish it, once what the problems tell is mended. Without a problem it was
+        pellox_cancel(), before the rest of what an earlier run has begun was begun with. */
     PELLOX_INTERRUPTED = 4,
     /** By pellox_cancel(). An installed build is as it was. */
     PELLOX_CANCELLED = 5,

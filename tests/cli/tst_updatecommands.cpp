@@ -73,6 +73,7 @@ private Q_SLOTS:
     void signalsCancel();
     void signalsCancelAfterFinishing();
     void aSecondInterruptAfterFinishing();
+    void aSignalWhileItLooksAtWhatIsLeft();
     void aSignalDuringTheCommitIsTooLate();
     void aSecondInterruptEndsAtOnce();
 
@@ -85,7 +86,7 @@ private Q_SLOTS:
 private:
     Outcome run(const char *words) const { return m_tree->run(QLatin1String(words)); }
     FaultRun runWith(const QString &command, Faults faults) const;
-    void addLargeFile() const;
+    void addLargeFile(qint64 size = qint64(1) << 30) const;
     Outcome signalWhileItStages(int signal) const;
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
 
@@ -708,11 +709,11 @@ void tst_UpdateCommands::signalsCancel()
 }
 
 /// To the patch. It takes long to write, and no room.
-void tst_UpdateCommands::addLargeFile() const
+void tst_UpdateCommands::addLargeFile(qint64 size) const
 {
     const QString large = QStringLiteral("patch/large.pak");
     m_tree->write(large, QByteArray());
-    QVERIFY(QFile::resize(m_tree->path(large), qint64(1) << 30));
+    QVERIFY(QFile::resize(m_tree->path(large), size));
     QFile manifest(path("patch/patchRules.json"));
     QVERIFY(manifest.open(QIODevice::ReadWrite));
     QJsonArray rules = QJsonDocument::fromJson(manifest.readAll()).array();
@@ -765,6 +766,33 @@ void tst_UpdateCommands::aSecondInterruptAfterFinishing()
         run.errors);
     QCOMPARE(m_tree->read(QStringLiteral("installed/game.exe")),
         m_tree->read(QStringLiteral("new/game.exe")));
+}
+
+/// Before it puts anything in place.
+void tst_UpdateCommands::aSignalWhileItLooksAtWhatIsLeft()
+{
+    addLargeFile(qint64(1) << 28); // takes long enough to read
+    QVERIFY(runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    const FaultRun stopped = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("recover"), path("installed"), QStringLiteral("--json")},
+        {path("installed/large.pak.temp"), "open", 1, "interrupt", false, true});
+    QCOMPARE(stopped.status, Interrupted);
+    QVERIFY2(stopped.errors.endsWith("pellox: interrupted while files were put in place: run "
+                                     "\"pellox recover\", or the same again, to finish it\n"),
+        stopped.errors);
+    const QJsonObject last = jsonLines(QString::fromUtf8(stopped.output)).last();
+    QCOMPARE(member(last, "outcome"), QStringLiteral("interrupted"));
+    QVERIFY(m_tree->exists(QStringLiteral("installed/large.pak.temp")));
+
+    const Outcome finished = run("recover installed --json");
+    QVERIFY2(finished.status == Done, qPrintable(finished.err));
+    QVERIFY(m_tree->exists(QStringLiteral("installed/large.pak")));
+    QVERIFY(!m_tree->exists(QStringLiteral("installed/.pellox")));
+    const QString python = pythonWithJsonSchema();
+    if (python.isEmpty())
+        QSKIP("python3-jsonschema is missing");
+    QCOMPARE(
+        schemaViolations(python, finished.out + QString::fromUtf8(stopped.output)), QStringList());
 }
 
 void tst_UpdateCommands::aSignalDuringTheCommitIsTooLate()

@@ -115,6 +115,9 @@ private Q_SLOTS:
     void linkOnTheWay();
     void linkThatComesWhileItStages();
     void buildThatIsMovedIsFinished();
+    void recoveryTellsHowFarItHasRead();
+    void recoveryIsCancelled_data();
+    void recoveryIsCancelled();
 
 private:
     QString build(const QString &path) const
@@ -835,6 +838,62 @@ void tst_UpdateLeftovers::buildThatIsMovedIsFinished()
     QCOMPARE(outcome.result, Result::Updated);
     QVERIFY(QDir().rename(moved, m_scenario->build()));
     m_scenario->removeEmptyWorkFolder();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateLeftovers::recoveryTellsHowFarItHasRead()
+{
+    killBeforeItPlaces();
+    qint64 total = 0;
+    const auto &old = m_scenario->oldFiles();
+    for (auto file = m_scenario->newFiles().cbegin(); file != m_scenario->newFiles().cend();
+         ++file) {
+        if (!old.contains(file.key()) || old.value(file.key()).content != file->content)
+            total += file->content.size();
+    }
+    const UpdateOutcome outcome = m_scenario->recover();
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(outcome.phases, QVector<Phase>{Phase::Finishing});
+    QVERIFY(!outcome.progress.isEmpty());
+    qint64 before = 0;
+    for (const auto &[done, all] : outcome.progress) {
+        QVERIFY(done >= before);
+        QCOMPARE(all, total);
+        before = done;
+    }
+    QCOMPARE(before, total);
+}
+
+void tst_UpdateLeftovers::recoveryIsCancelled_data()
+{
+    QTest::addColumn<QString>("command");
+    for (const char *command : {"recover", "update", "rollback"})
+        QTest::newRow(command) << QString::fromLatin1(command);
+}
+
+/// As long as it only looks at what is staged; with large releases that takes its time.
+void tst_UpdateLeftovers::recoveryIsCancelled()
+{
+    QFETCH(QString, command);
+    killBeforeItPlaces();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setSynced(false);
+        QObject::connect(
+            &updater, &UpdateController::phaseChanged, &updater, [&] { updater.cancel(); },
+            Qt::DirectConnection);
+        if (command == "update"_s)
+            return updater.update(m_scenario->build(), m_scenario->patch());
+        return command == "recover"_s ? updater.recover(m_scenario->build())
+                                      : updater.rollback(m_scenario->build());
+    });
+    QCOMPARE(outcome.result, Result::Interrupted);
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.phases, QVector<Phase>{Phase::Finishing});
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    QVERIFY(m_scenario->isOld());
+
+    QCOMPARE(m_scenario->recover().result, Result::Updated);
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 

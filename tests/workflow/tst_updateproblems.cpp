@@ -7,6 +7,7 @@
 #include <Pellox/PatchSeal>
 #include <Pellox/UpdateProblem>
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
@@ -137,6 +138,7 @@ private Q_SLOTS:
     void runThatGetsNoThread_data();
     void runThatGetsNoThread();
     void checkThatGetsNoThread();
+    void recoveryNeedsNoMoreThreads();
     void rollbackWithNothingKept();
     void namesAndAdviceAreThereForAll();
     void adviceLeadsOut_data();
@@ -635,6 +637,37 @@ void tst_UpdateProblems::checkThatGetsNoThread()
     for (const UpdateProblem &problem : std::as_const(problems))
         QCOMPARE(problem.codeName(), "no-memory"_s);
     QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+/// Until it is finished the build is neither old nor new.
+void tst_UpdateProblems::recoveryNeedsNoMoreThreads()
+{
+    const TestTree tree;
+    const QByteArray content("the new content");
+    const auto sum = [](const QByteArray &bytes) {
+        return QCryptographicHash::hash(bytes, QCryptographicHash::Sha512).toHex();
+    };
+    const QByteArray mark = "{\"size\":" + QByteArray::number(content.size()) + ",\"sha512\":\""
+        + sum(content) + "\"}";
+    const QByteArray line = "{\"version\":2,\"first\":[[\"/one.temp\",\"/one\"," + mark
+        + "],[\"/two.temp\",\"/two\"," + mark + "]],\"delete\":[],\"last\":[]}\n";
+    tree.write("build/.pellox/journal"_s, line + sum(line) + '\n');
+    tree.write("build/one.temp"_s, content);
+    tree.write("build/two.temp"_s, QByteArray(content.size(), 'x'));
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        connect( // by then the run has its own
+            &updater, &UpdateController::phaseChanged, &updater, [] { s_threadsAreUsedUp = true; },
+            Qt::DirectConnection);
+        return updater.recover(tree.path("build"_s));
+    });
+    s_threadsAreUsedUp = false;
+    QCOMPARE(outcome.result, Result::Failed);
+    QCOMPARE(outcome.problems.size(), 1);
+    QCOMPARE(outcome.problems.first().codeName(), "damaged-install"_s);
+    QCOMPARE(outcome.problems.first().file, tree.path("build/two"_s));
+    QCOMPARE(tree.read("build/one"_s), content);
+    QVERIFY(!tree.exists("build/two"_s));
+    QVERIFY(!tree.exists("build/.pellox"_s));
 }
 
 void tst_UpdateProblems::rollbackWithNothingKept()

@@ -192,6 +192,13 @@ template <typename Controller> void BuildRun::run(Controller &controller, const 
 template <typename Controller> void BuildRun::stop(Controller &controller)
 {
     controller.cancel();
+    if (m_phase == Phase::Finishing) {
+        m_console.note(
+            QStringLiteral("stopping, unless files are being put in place already: then finishing "
+                           "that (a second Ctrl-C ends at once; \"pellox recover\" then finishes "
+                           "it)"));
+        return;
+    }
     m_console.note(isCommitting()
             ? QStringLiteral("files are being put in place already: finishing that (a second "
                              "Ctrl-C ends at once; \"pellox recover\" then finishes it)")
@@ -359,6 +366,8 @@ Ending BuildRun::end(Result result, const QString &done, const QString &nothingT
 {
     if (result == Result::Cancelled)
         return interrupted();
+    if (result == Result::Interrupted && m_signalStatus != 0 && m_codes.isEmpty())
+        return interruptedMeanwhile();
     tellProblems();
     m_hasFinishedEarlier |= m_shownPhase == Phase::Finishing && result != Result::Interrupted;
     const int status = statusOf(result);
@@ -394,6 +403,14 @@ Ending BuildRun::interrupted()
     Interrupt::tell();
     return {
         m_signalStatus, toldOfEarlier(QStringLiteral("nothing was changed: run the same again"))};
+}
+
+/// Before the rest of an earlier run was done.
+Ending BuildRun::interruptedMeanwhile()
+{
+    m_advice.emplace(StoppedMeanwhile);
+    Interrupt::tell();
+    return {m_signalStatus, lastWords(Unfinished)};
 }
 
 /// @p message, as it is to be after the rest of an earlier run was done.

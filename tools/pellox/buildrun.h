@@ -79,6 +79,7 @@ private:
     QString toldOfEarlier(QString message) const;
     Ending fail(int status);
     Ending interrupted();
+    Ending interruptedMeanwhile();
     int statusOf(Result result) const;
     bool isCommitting() const;
 

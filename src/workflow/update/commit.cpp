@@ -43,6 +43,7 @@ bool Commit::prepare(Journal journal, const GoOn &goOn)
 {
     m_journal = std::move(journal);
     m_isResumed = false;
+    m_spoiled.clear();
     m_error = {};
     if (markDeletions() && setAside(goOn) && sync() && mayGoOn(goOn))
         return true;
@@ -102,38 +103,24 @@ bool Commit::writeJournal()
             || failBySystem(WorkFolder::Journal, "cannot be written: "));
 }
 
+bool Commit::inspect(const StagedReading::Means &means)
+{
+    StagedReading reading(m_files, means);
+    const bool done
+        = reading.add(m_journal.first) && reading.add(m_journal.last) && reading.carryOut();
+    m_spoiled = reading.spoiled();
+    m_error = reading.error();
+    return done;
+}
+
 bool Commit::carryOut()
 {
     m_placed.clear();
     m_lost.clear();
-    if (!findSpoiled() || !place(m_journal.first) || !deleteAll())
+    if (!place(m_journal.first) || !deleteAll())
         return false;
     removeEmptiedFolders();
     return place(m_journal.last) && forgetSpared() && sync() && settleRecords() && clearUp();
-}
-
-/// Between a crash and now anybody may have been there, with a file of such a name too.
-bool Commit::findSpoiled()
-{
-    m_spoiled.clear();
-    return !m_isResumed || (findSpoiled(m_journal.first) && findSpoiled(m_journal.last));
-}
-
-bool Commit::findSpoiled(const std::vector<Journal::Placement> &placements)
-{
-    for (const auto &[from, to, mark] : placements) {
-        Standing standing;
-        if (!look(from, &standing))
-            return false;
-        if (standing.isNothing())
-            continue;
-        const auto isWhole = isThere(m_files, from, mark, &m_error);
-        if (!isWhole)
-            return false;
-        if (!*isWhole)
-            m_spoiled.insert(from);
-    }
-    return true;
 }
 
 bool Commit::place(const std::vector<Journal::Placement> &placements)

@@ -5,6 +5,7 @@
 #include "goon.h"
 #include "journal.h"
 #include "setaside.h"
+#include "stagedreading.h"
 
 #include <QSet>
 #include <QStringList>
@@ -48,12 +49,18 @@ public:
      */
     Begun begin();
     /**
+     * Looks at the content that an earlier run has left, which is to be done before that is carried
+     * out: between a crash and now anybody may have been there. Changes nothing. False with
+     * error(), and without one when cancelled.
+     */
+    bool inspect(const StagedReading::Means &means);
+    /**
      * Does or finishes it. False with error(); the journal stays, and it can be tried again.
      *
-     * What an earlier run has left is looked at before anything is placed. Content that is gone by
-     * now or another one is never placed: all else is done, lost() names it, and no release is
-     * installed. Another one is somebody else's, as what was staged has come to the disk before the
-     * journal: it stays where it is.
+     * Content of an earlier run that is gone by now or another one, as inspect() has found, is
+     * never placed: all else is done, lost() names it, and no release is installed. Another one is
+     * somebody else's, as what was staged has come to the disk before the journal: it stays where
+     * it is.
      */
     bool carryOut();
     /// Makes sure that no journal comes back after a crash. False with error().
@@ -72,8 +79,6 @@ private:
     bool setAside(const GoOn &goOn);
     bool writeJournal();
     void takeBack();
-    bool findSpoiled();
-    bool findSpoiled(const std::vector<Journal::Placement> &placements);
     bool place(const std::vector<Journal::Placement> &placements);
     bool placeOne(const Journal::Placement &placement);
     bool rename(const Journal::Placement &placement);

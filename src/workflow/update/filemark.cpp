@@ -23,21 +23,6 @@ qint64 modifiedOf(const struct stat &status)
     return status.st_mtim.tv_sec * NanosecondsPerSecond + status.st_mtim.tv_nsec;
 }
 
-/// Nothing when it cannot be read.
-std::optional<Sha512> sha512Of(InputFile &file)
-{
-    constexpr qint64 PartSize = 1 << 20;
-    Digest digest(QCryptographicHash::Sha512);
-    std::vector<uchar> part(static_cast<std::size_t>(std::min(PartSize, file.size())));
-    for (qint64 at = 0; at < file.size(); at += PartSize) {
-        const qint64 size = std::min(PartSize, file.size() - at);
-        if (!file.readAt(at, part.data(), size))
-            return {};
-        digest.add(reinterpret_cast<const char *>(part.data()), size);
-    }
-    return Sha512::fromDigest(digest.finish());
-}
-
 } // namespace
 
 FileMark FileMark::of(const Standing &standing)
@@ -84,6 +69,22 @@ std::optional<FileMark> FileMark::fromJson(const QJsonObject &object)
     return isGood && isNumber ? std::optional(mark) : std::nullopt;
 }
 
+std::optional<Sha512> sha512OfWhole(InputFile &file, const ReadPart &part)
+{
+    constexpr qint64 PartSize = 1 << 20;
+    Digest digest(QCryptographicHash::Sha512);
+    std::vector<uchar> bytes(static_cast<std::size_t>(std::min(PartSize, file.size())));
+    for (qint64 at = 0; at < file.size(); at += PartSize) {
+        const qint64 size = std::min(PartSize, file.size() - at);
+        if (!file.readAt(at, bytes.data(), size))
+            return {};
+        digest.add(reinterpret_cast<const char *>(bytes.data()), size);
+        if (part && !part(size))
+            return {};
+    }
+    return Sha512::fromDigest(digest.finish());
+}
+
 std::optional<bool> isThere(
     BuildFiles &files, const QString &path, const FileMark &mark, FileError *error)
 {
@@ -100,7 +101,7 @@ std::optional<bool> isThere(
         *error = file.error();
         return {};
     }
-    const auto sha512 = sha512Of(file);
+    const auto sha512 = sha512OfWhole(file);
     if (sha512 || file.error().system == 0)
         return sha512 == mark.sha512; // else it is changed this very moment
     *error = file.error();

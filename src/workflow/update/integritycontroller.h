@@ -92,7 +92,7 @@ public:
     UpdateController::UpdateResult repairResult() const;
 
 Q_SIGNALS:
-    /// Bytes read, or written by a repair, of all; never falls within either.
+    /// Bytes read, or written by a repair, of all; never falls within a phase.
     void progress(qlonglong done, qlonglong total);
     /// Why a run failed; begins with the path of the file in question.
     void integrityError(const QString &message);

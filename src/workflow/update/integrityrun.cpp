@@ -229,7 +229,8 @@ std::optional<Sha512> IntegrityRun::identity() const
 
 bool IntegrityRun::recordRelease()
 {
-    Transaction transaction({{m_settings.build, QString(), QString()}, 1, true, false},
+    Transaction transaction(
+        {{m_settings.build, QString(), QString()}, m_settings.threadCount, true, false},
         {{m_reports.progress, [](const QString &) {}}, [] {}}, m_cancelled, m_problems);
     if (!begin(transaction))
         return false;

@@ -53,6 +53,9 @@ Transaction::Outcome Transaction::finishUnfinished()
     case Commit::Found::Journal:
         break;
     }
+    if (!m_commit.inspect({m_settings.threadCount, m_cancelled, m_reports.staging.progress}))
+        return m_commit.error().isEmpty() ? Outcome::Interrupted
+                                          : fail(m_commit.error(), Outcome::Interrupted);
     if (!forgetRecord())
         return Outcome::Interrupted;
     return m_commit.carryOut() ? Outcome::Done : fail(m_commit.error(), Outcome::Interrupted);

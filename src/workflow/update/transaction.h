@@ -51,14 +51,15 @@ public:
     Transaction(const Settings &settings, Reports reports, const std::atomic<bool> &cancelled,
         Problems &problems);
 
-    // Whatever ends as Failed or Interrupted has added a problem.
+    // Whatever ends as Failed or Interrupted has added a problem, unless it was cancelled.
 
     /// To be called first. False, with a problem, when somebody else works on the build.
     bool lock();
     bool isLocked() const { return m_folder.handle() >= 0; }
     /// Whether an earlier run has left an unfinished commit, or something that may be one.
     bool hasUnfinished() const;
-    /// Finishes it. Done also when content was lost; there is no problem for that yet.
+    /// Finishes it. Done also when content was lost; there is no problem for that yet. Interrupted,
+    /// and nothing has changed, when it is cancelled before anything is placed.
     Outcome finishUnfinished();
     /// Files that have no new content for that, as relative paths: it was not there any more.
     const QStringList &lost() const { return m_commit.lost(); }

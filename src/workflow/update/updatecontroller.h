@@ -63,7 +63,8 @@ public:
         Refused,         ///< something is wrong with the patch or the build; nothing was touched
         Failed,          ///< the build is as it was, what was written beside it is gone; but see
                          ///< recover()
-        Interrupted,     ///< a commit could not be finished; update() or recover() will
+        Interrupted,     ///< a commit was not finished: it could not be, or cancel() came before
+                         ///< the rest of it had begun; update() or recover() will
         Cancelled,       ///< by cancel(), as Failed
     };
     Q_ENUM(UpdateResult)
@@ -146,14 +147,16 @@ public:
     /// interrupted an update: what that comes to is known once it is finished.
     UpdatePlan plan(const QString &build, const QString &patch);
 
-    /// Ends a run soon: as Cancelled before the commit has begun, else when it is finished. Any
-    /// thread.
+    /// Ends a run soon: as Cancelled before the commit has begun, else when it is finished. One
+    /// that is to finish an earlier commit, and still looks at what that has left, ends as
+    /// Interrupted. Any thread.
     void cancel();
     /// Whether a run is under way.
     bool isRunning() const;
 
 Q_SIGNALS:
-    /// In the phase Staging bytes of new content that are written and checked, of all that is to be
+    /// In the phase Finishing bytes of what an earlier run has left that are looked at; in the
+    /// phase Staging bytes of new content that are written and checked, of all that is to be
     /// written; in the phase Checking, when a sealed patch is checked, bytes of the patch and of
     /// the installed files that are read. Never falls within a phase; comes several times a second.
     void updateProgress(qlonglong done, qlonglong total);
