@@ -64,6 +64,9 @@ private Q_SLOTS:
     void walkStops();
     void walkWithoutMemory();
     void readingOfAManifestStops();
+    void readingEndsAtABadRecord();
+    void signedFilesAreBounded_data();
+    void signedFilesAreBounded();
     void lookAtAReleaseStops();
     void emptyingStops();
     void readingOfASignatureStops();
@@ -132,6 +135,55 @@ void tst_PublishParts::readingOfAManifestStops()
     QVERIFY(!readSignedFiles(m_tree->path(), &error, stopAfter(3, &m_calls)));
     QCOMPARE(m_calls, 4);
     QCOMPARE(error.text(), QString());
+}
+
+/// Where all of very many are bad, nothing is kept of them.
+void tst_PublishParts::readingEndsAtABadRecord()
+{
+    const QByteArray bad = "    {\n    },\n";
+    m_tree->write("signatures.json"_s, "[\n" + bad.repeated(1000) + "    {\n    }\n]\n");
+    FileError error;
+    QVERIFY(!readSignedFiles(m_tree->path(), &error, stopAfter(5000, &m_calls)));
+    QVERIFY(m_calls < 3);
+    QCOMPARE(error.path, m_tree->path("signatures.json"_s));
+    QCOMPARE(error.reason,
+        "record 1 has a relative path that does not begin with a separator; the rest was not "
+        "looked at"_s);
+    m_tree->write("signatures.json"_s, "[{}]");
+    QVERIFY(!readSignedFiles(m_tree->path(), &error));
+    QCOMPARE(error.reason, "record 1 has a relative path that does not begin with a separator"_s);
+}
+
+void tst_PublishParts::signedFilesAreBounded_data()
+{
+    QTest::addColumn<int>("records");
+    QTest::addColumn<int>("pathSize");
+    QTest::addColumn<bool>("isGood");
+    QTest::newRow("many") << 1000000 << 7 << true;
+    QTest::newRow("too many") << 1000001 << 7 << false;
+    QTest::newRow("long paths") << 64 << 1000000 << true;
+    QTest::newRow("too long paths") << 68 << 1000000 << false;
+}
+
+void tst_PublishParts::signedFilesAreBounded()
+{
+    QFETCH(int, records);
+    QFETCH(int, pathSize);
+    QFETCH(bool, isGood);
+    QByteArray json = "[\n";
+    for (int i = 0; i < records; ++i)
+        json += "    {\n        \"relative_path\": \"/"
+            + QByteArray::number(i).rightJustified(pathSize, 'n') + "\"\n    },\n";
+    json.chop(2);
+    m_tree->write("signatures.json"_s, json + "\n]\n");
+    FileError error;
+    const auto files = readSignedFiles(m_tree->path(), &error);
+    QCOMPARE(files.has_value(), isGood);
+    if (isGood)
+        QCOMPARE(files->size(), std::size_t(records));
+    else
+        QVERIFY2(error.reason.startsWith("has more files or longer paths than any build"_s),
+            qPrintable(error.reason));
 }
 
 void tst_PublishParts::lookAtAReleaseStops()

@@ -209,10 +209,12 @@ std::optional<std::vector<SignedFile>> readSignedFiles(
     std::vector<SignedFile> files;
     QSet<QString> paths;
     QString problem;
+    qint64 text = 0;
     const auto begin = [&] {
         files.clear();
         paths.clear();
         problem.clear();
+        text = 0;
     };
     const auto take = [&](const QJsonValue &value, int number) {
         const QJsonObject record = value.toObject();
@@ -221,16 +223,20 @@ std::optional<std::vector<SignedFile>> readSignedFiles(
         QString wrong = problemOfManifestPath(file.relativePath);
         if (wrong.isEmpty() && paths.contains(file.relativePath))
             wrong = QLatin1String("repeats ") + file.relativePath;
-        if (problem.isEmpty() && !wrong.isEmpty())
+        text += file.relativePath.size();
+        if (!wrong.isEmpty())
             problem = QStringLiteral("record %1 %2").arg(QString::number(number), wrong);
+        else if (number > MostRecords || text > MostPathText)
+            problem = QStringLiteral("has more files or longer paths than any build");
         paths.insert(file.relativePath);
         files.push_back(file);
     };
-    if (!readManifest(path, begin, take, error, goOn))
-        return {};
-    if (problem.isEmpty())
+    const bool isRead = readManifest(
+        path, begin, take, error, [&] { return problem.isEmpty() && mayGoOn(goOn); });
+    if (isRead && problem.isEmpty())
         return files;
-    *error = {path, problem};
+    if (!problem.isEmpty())
+        *error = {path, isRead ? problem : problem + QLatin1String("; the rest was not looked at")};
     return {};
 }
 

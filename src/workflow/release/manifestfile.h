@@ -19,6 +19,9 @@ namespace Pellox {
  * in memory as text or as JSON.
  */
 
+constexpr int MostRecords = 1000000;       ///< more than any build has files
+constexpr qint64 MostPathText = 1LL << 26; ///< characters of all paths together, likewise
+
 /// Writes a manifest, the same bytes as the core.
 class ManifestWriter
 {
@@ -67,8 +70,9 @@ struct SignedFile
 
 /**
  * The files that signatures.json in folder @p signatures names, in its order. Nothing, after
- * @p error, when it is missing, no manifest, or names a path that is none or one twice. Nothing
- * without an error when @p goOn says no.
+ * @p error, when it is missing, no manifest, or names a path that is none or one twice, or more and
+ * longer ones than any build has; it is not read on from there. Nothing without an error when
+ * @p goOn says no.
  */
 std::optional<std::vector<SignedFile>> readSignedFiles(
     const QString &signatures, FileError *error, const GoOn &goOn = GoOn());

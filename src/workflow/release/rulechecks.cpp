@@ -24,8 +24,6 @@ constexpr int LongestPath = 4096;         // bytes, of Linux
 constexpr int LongestName = 255;          // bytes, of nearly all file systems
 constexpr double LargestSize = 1LL << 53; // that a JSON number holds exactly
 constexpr QLatin1Char Separator('/');
-constexpr int MostRules = 1000000;
-constexpr qint64 MostPathText = 1LL << 26; // characters of all paths together
 constexpr int MostErrors = 100;
 
 /// What is wrong: the first hundred, then a number.
@@ -252,7 +250,7 @@ std::vector<UpdateRule> readRules(
         else
             found.add(aboutRecord(number, problem, rule.relativePath));
     };
-    const auto isTooMuch = [&] { return count > MostRules || text > MostPathText; };
+    const auto isTooMuch = [&] { return count > MostRecords || text > MostPathText; };
     FileError error;
     const bool isRead
         = readManifest(path, begin, take, &error, [&] { return !isTooMuch() && mayGoOn(goOn); });
