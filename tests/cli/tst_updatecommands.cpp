@@ -55,6 +55,7 @@ private Q_SLOTS:
 
     void everyOutcomeHasItsStatus_data();
     void everyOutcomeHasItsStatus();
+    void keptRecordThatCannotBeRead();
     void oneProgramAtATime();
     void twoProgramsAtTheSameMoment();
     void failedCommitIsFinished_data();
@@ -392,6 +393,14 @@ void tst_UpdateCommands::everyOutcomeHasItsStatus_data()
         << QStringLiteral("installed/.pellox/journal") << QByteArray("x")
         << QStringLiteral("recover") << none << 0 << DamagedJournal
         << QStringLiteral("damaged-journal") << QStringLiteral("damaged-journal");
+    QTest::newRow("a record of what is kept that is none")
+        << QStringLiteral("installed/.pellox/previous.json") << QByteArray("x")
+        << QStringLiteral("rollback") << none << 0 << NothingKept << QStringLiteral("nothing-kept")
+        << QStringLiteral("damaged-kept");
+    for (const char *command : {"recover", "rollback", "discard", "update"})
+        QTest::addRow("a build that cannot be opened, %s", command)
+            << nothing << none << QString::fromLatin1(command) << QByteArray("open,list") << EACCES
+            << InTheWay << QStringLiteral("in-the-way") << QStringLiteral("bad-folder");
     QTest::newRow("nothing kept") << nothing << none << QStringLiteral("rollback") << none << 0
                                   << NothingKept << QStringLiteral("nothing-kept")
                                   << QStringLiteral("nothing-kept");
@@ -427,6 +436,25 @@ void tst_UpdateCommands::everyOutcomeHasItsStatus()
     if (python.isEmpty())
         QSKIP("python3-jsonschema is missing");
     QCOMPARE(schemaViolations(python, out), QStringList());
+}
+
+/// Nobody is told to remove the way back.
+void tst_UpdateCommands::keptRecordThatCannotBeRead()
+{
+    QCOMPARE(run("update installed patch --keep-previous").status, Done);
+    const auto before = m_tree->installed();
+    const QString record = path("installed/.pellox/previous.json");
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("rollback"), path("installed"), QStringLiteral("--json")},
+        {record, "open", 1, QByteArray::number(EACCES), true});
+    QVERIFY2(run.status == Unchanged, run.output + run.errors);
+    const QList<QJsonObject> events = jsonLines(QString::fromUtf8(run.output));
+    const QJsonObject problem = events.value(events.size() - 2);
+    QCOMPARE(member(problem, "code"), QStringLiteral("read-or-write"));
+    QCOMPARE(member(problem, "file"), record);
+    QCOMPARE(m_tree->installed(), before);
+    QCOMPARE(this->run("rollback installed").status, Done);
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
 }
 
 void tst_UpdateCommands::oneProgramAtATime()

@@ -101,14 +101,17 @@ int versionOf(const QJsonObject &object)
     return object.value(VersionMember).toInt();
 }
 
-/// Why @p bytes are refused.
-QString problemOf(const QByteArray &bytes)
+/// Why @p bytes, of a file at @p path, are refused. That of what is kept is no file to be removed
+/// by itself.
+QString problemOf(const QByteArray &bytes, const QString &path)
 {
     const int version = versionOf(QJsonDocument::fromJson(lineOf(bytes)).object());
     return version != 0 && version != Version
         ? QStringLiteral("is of version %1, which this library cannot read; the one that has begun "
                          "can finish")
               .arg(version)
+        : path == WorkFolder::PreviousRecord
+        ? QStringLiteral("is damaged")
         : QStringLiteral("is damaged; if the build is whole, remove it");
 }
 
@@ -165,7 +168,7 @@ std::optional<Journal> Journal::read(BuildFiles &files, const QString &path, Fil
     if (!isRead)
         *error = file.error();
     else if (!journal)
-        *error = {file.path(), problemOf(bytes)};
+        *error = {file.path(), problemOf(bytes, path)};
     return journal;
 }
 

@@ -32,7 +32,7 @@ struct PELLOX_EXPORT UpdateProblem
         BadKey,         ///< a file that was given as a trusted key holds none that can be used
         Unfinished,     ///< an earlier run was interrupted, and is to be finished first
         NoMemory,       ///< the system gives no more memory or threads
-        DamagedKept,    ///< a kept file of the earlier build is missing or not as it was
+        DamagedKept,    ///< a kept file of the earlier build, or their record, is not as it was
     };
 
     Code code = Code::ReadOrWrite; ///< its kind

@@ -153,9 +153,10 @@ UpdateRun::UpdateResult UpdateRun::carryOutRollback()
     m_reports.phase(UpdateController::UpdatePhase::Checking);
     SetAside previous(m_transaction.files());
     const auto record = previous.wayBack();
-    if (!record)
-        m_problems.add(
-            previous.isEmpty() ? Code::NothingKept : Code::DamagedJournal, previous.error());
+    if (!record && previous.isEmpty())
+        m_problems.add(Code::NothingKept, previous.error());
+    else if (!record)
+        m_problems.add(codeOf(previous.error(), Code::DamagedKept), previous.error());
     const std::vector<UpdateWork> works = record ? worksBack(*record) : std::vector<UpdateWork>();
     tellLost(works);
     if (!m_problems.isEmpty())
