@@ -8,6 +8,8 @@
 #include <QStandardPaths>
 #include <QTest>
 
+#include <sys/stat.h>
+
 namespace {
 
 IgnoreList listOf(const QString &lines)
@@ -347,6 +349,8 @@ void tst_IgnoreList::refusesWhatCannotBeRead_data()
                               << QStringLiteral("is not text in the encoding of the locale");
     QTest::newRow("zero byte") << QStringLiteral("zero")
                                << QStringLiteral("is not text in the encoding of the locale");
+    QTest::newRow("pipe") << QStringLiteral("pipe")
+                          << QStringLiteral("is a pipe, socket or device, not a list");
     QTest::newRow("failing read") << QStringLiteral("memory") << QStringLiteral("cannot be read");
 }
 
@@ -361,6 +365,8 @@ void tst_IgnoreList::refusesWhatCannotBeRead()
         "e\n");
     tree.write(QStringLiteral("zero"), QByteArray("a\0b\n", 4));
     tree.link(QStringLiteral("memory"), QStringLiteral("/proc/self/mem"));
+    const QString pipe = tree.path(QStringLiteral("pipe"));
+    QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), S_IRUSR | S_IWUSR), 0);
     try {
         IgnoreList::fromFile(tree.path(path));
         QFAIL("was read");

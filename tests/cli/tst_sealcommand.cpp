@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace {
@@ -81,6 +82,8 @@ private Q_SLOTS:
 
     void wrongUsage_data();
     void wrongUsage();
+    void noPipeIsReadAsKey_data();
+    void noPipeIsReadAsKey();
     void helpTeaches_data();
     void helpTeaches();
     void withoutLibcryptoAllSaySo();
@@ -117,8 +120,8 @@ void tst_SealCommand::initTestCase()
 
 void tst_SealCommand::init()
 {
-    static const QByteArrayList NeedNoKeys{
-        "unsealedPatchUpdatesWithoutKeys", "wrongUsage", "helpTeaches", "withoutLibcryptoAllSaySo"};
+    static const QByteArrayList NeedNoKeys{"unsealedPatchUpdatesWithoutKeys", "wrongUsage",
+        "noPipeIsReadAsKey", "helpTeaches", "withoutLibcryptoAllSaySo"};
     m_tree = std::make_unique<ReleaseTree>();
     if (!m_hasLibcrypto && !NeedNoKeys.contains(QTest::currentTestFunction()))
         QSKIP("the library is built without libcrypto");
@@ -980,6 +983,28 @@ void tst_SealCommand::wrongUsage()
     QCOMPARE(errorLines(outcome.err).size(), 1);
     QVERIFY2(errorLines(outcome.err).first().contains(about), qPrintable(outcome.err));
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+}
+
+void tst_SealCommand::noPipeIsReadAsKey_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::newRow("seal") << QStringLiteral("seal patch --signatures sigs-old --release 2 --key");
+    QTest::newRow("update") << QStringLiteral("update installed patch --trusted-key");
+    QTest::newRow("inspect") << QStringLiteral("inspect patch --trusted-key");
+    QTest::newRow("record") << QStringLiteral("record installed sigs-old patch --trusted-key");
+}
+
+/// It would be waited for until somebody writes to it.
+void tst_SealCommand::noPipeIsReadAsKey()
+{
+    QFETCH(QString, words);
+    const QString pipe = path(QStringLiteral("pipe"));
+    QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), S_IRUSR | S_IWUSR), 0);
+    const Outcome outcome = run(words + QStringLiteral(" pipe"));
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: %1: is a pipe, socket or device, not a key file")
+                        .arg(pipe)));
 }
 
 void tst_SealCommand::helpTeaches_data()

@@ -41,7 +41,10 @@ IgnoreList IgnoreList::fromFile(const QString &path)
     QFile file(path);
     if (!QFileInfo::exists(path))
         throw Refusal(path, QStringLiteral("there is no such file"));
-    if (QFileInfo(path).isDir() || !file.open(QIODevice::ReadOnly))
+    const QFileInfo info(path);
+    if (!info.isDir() && !info.isFile()) // whoever opens one may wait for ever
+        throw Refusal(path, QStringLiteral("is a pipe, socket or device, not a list"));
+    if (info.isDir() || !file.open(QIODevice::ReadOnly))
         throw Refusal(path, QStringLiteral("cannot be read"));
     QByteArray bytes = file.readAll();
     if (file.error() != QFileDevice::NoError)

@@ -62,6 +62,8 @@ QStringList existingKeys(const std::vector<std::string> &keys)
             throw Refusal(path, QStringLiteral("there is no such key file"));
         if (info.isDir())
             throw Refusal(path, QStringLiteral("is a folder, not a key file"));
+        if (!info.isFile()) // whoever opens one may wait for ever
+            throw Refusal(path, QStringLiteral("is a pipe, socket or device, not a key file"));
         paths.append(path);
     }
     return paths;

@@ -12,7 +12,7 @@
 CLI::Option *addKeysOption(CLI::App &command, const std::string &name,
     std::vector<std::string> &keys, const std::string &description);
 
-/// The absolute paths of @p keys. Throws Refusal unless each is there and no folder.
+/// The absolute paths of @p keys. Throws Refusal unless each is there, a file or a link to one.
 QStringList existingKeys(const std::vector<std::string> &keys);
 
 /// The same for public keys: each must hold one for Ed25519, in PEM.
