@@ -56,6 +56,9 @@ private Q_SLOTS:
     void everyOutcomeHasItsStatus_data();
     void everyOutcomeHasItsStatus();
     void keptRecordThatCannotBeRead();
+    void helpTellsEveryStatus_data();
+    void helpTellsEveryStatus();
+    void brokenSealWithoutKeysIsNoObstacle();
     void oneProgramAtATime();
     void twoProgramsAtTheSameMoment();
     void failedCommitIsFinished_data();
@@ -455,6 +458,48 @@ void tst_UpdateCommands::keptRecordThatCannotBeRead()
     QCOMPARE(m_tree->installed(), before);
     QCOMPARE(this->run("rollback installed").status, Done);
     QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+void tst_UpdateCommands::helpTellsEveryStatus_data()
+{
+    QTest::addColumn<QList<int>>("statuses");
+
+    const QList<int> all{Done, Failed, WrongUsage};
+    const QList<int> ofARun{
+        NothingToDo, Unchanged, Unfinished, NoSpace, InTheWay, Busy, DamagedJournal};
+    QTest::newRow("update") << all + ofARun + QList<int>{DamagedInstall, RefusedPatch};
+    QTest::newRow("recover") << all + ofARun + QList<int>{DamagedInstall};
+    QTest::newRow("discard") << all + ofARun + QList<int>{DamagedInstall};
+    QTest::newRow("repair") << all + ofARun + QList<int>{RefusedPatch};
+    QTest::newRow("record") << all + ofARun + QList<int>{DamagedInstall, RefusedPatch};
+    QTest::newRow("rollback") << all + ofARun.mid(1) + QList<int>{DamagedInstall, NothingKept};
+    QTest::newRow("check") << all + QList<int>{Unchanged, RefusedPatch, InTheWay};
+}
+
+void tst_UpdateCommands::helpTellsEveryStatus()
+{
+    QFETCH(QList<int>, statuses);
+    statuses.append(Interrupted);
+    std::sort(statuses.begin(), statuses.end());
+    const QString help
+        = m_tree->run(QLatin1String(QTest::currentDataTag()) + QStringLiteral(" --help")).out;
+    static const QRegularExpression Status(
+        QStringLiteral("^  (\\d+) "), QRegularExpression::MultilineOption);
+    QList<int> told;
+    for (auto matches = Status.globalMatch(help); matches.hasNext();)
+        told.append(matches.next().captured(1).toInt());
+    QCOMPARE(told, statuses);
+}
+
+/// It is not looked at, be it to find out what would happen.
+void tst_UpdateCommands::brokenSealWithoutKeysIsNoObstacle()
+{
+    m_tree->write(QStringLiteral("patch/patchSeal.json"), "broken");
+    const Outcome plan = run("update installed patch --dry-run");
+    QVERIFY2(plan.status == Done, qPrintable(plan.err));
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+    QCOMPARE(run("update installed patch").status, Done);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
 }
 
 void tst_UpdateCommands::oneProgramAtATime()

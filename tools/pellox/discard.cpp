@@ -44,7 +44,8 @@ void addDiscardCommand(CLI::App &app, Invocation &invocation)
         ->type_name("FOLDER")
         ->required();
     command->footer("From then on \"pellox rollback\" has nothing to bring back.\n\n"
-        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, Busy, DamagedJournal})
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, NoSpace, InTheWay,
+            Busy, DamagedJournal})
         + "\nExample:\n  pellox discard installed/game");
     command->callback([build, &invocation] {
         invocation.run = [build](Console &console) { return discard(console, *build); };

@@ -84,8 +84,8 @@ void addRecordCommand(CLI::App &app, Invocation &invocation)
     addThreadsOption(*command, arguments->threads);
     command->footer("Every file of the build is checked, and the signatures must be those of the "
                     "very build that\nthe seal tells of.\n\n"
-        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, RefusedPatch, Busy,
-            DamagedJournal})
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, NoSpace, RefusedPatch,
+            InTheWay, Busy, DamagedJournal})
         + "\nExample:\n  pellox record installed/game signatures/1.1 patches/1.0-1.1 "
           "--trusted-key publisher.pub");
     command->callback([arguments, &invocation] {

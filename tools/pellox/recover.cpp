@@ -32,7 +32,8 @@ void addRecoverCommand(CLI::App &app, Invocation &invocation)
     command->footer("Finishes what was being put in place. Where that had not begun there is "
                     "nothing to finish:\nthe build is the old one, and the next \"pellox update\" "
                     "goes on with what was written.\n\n"
-        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, Busy, DamagedJournal})
+        + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, NoSpace, InTheWay,
+            Busy, DamagedJournal})
         + "\nExample:\n  pellox recover installed/game");
     command->callback([build, &invocation] {
         invocation.run = [build](Console &console) { return recover(console, *build); };

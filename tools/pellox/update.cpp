@@ -101,8 +101,8 @@ struct PlannedFile
     qint64 size; ///< of the new file; -1 where there is none
 };
 
-/// By path, so that two plans can be compared.
-std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch)
+/// By path, so that two plans can be compared. Without keys nothing is made of a seal.
+std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch, bool hasKeys)
 {
     QHash<QString, qint64> sizes; // of patched files
     for (const QJsonValue &rule : readManifest(patch, Pellox::PATCH_RULES_FILE))
@@ -110,7 +110,7 @@ std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch)
     std::vector<PlannedFile> files;
     for (const QString &path : plan.patches)
         files.push_back({withoutSeparator(path), Pellox::PATCH_RULE, sizes.value(path)});
-    const auto seal = SealView::read(patch);
+    const auto seal = hasKeys ? SealView::read(patch) : std::nullopt;
     for (const QString &path : plan.copies) {
         const QFileInfo payload(patch + path);
         const bool isLeftOut = seal && !payload.exists(); // of a slim patch
@@ -124,9 +124,9 @@ std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch)
     return files;
 }
 
-void tellFiles(Console &console, const UpdatePlan &plan, const QString &patch)
+void tellFiles(Console &console, const UpdatePlan &plan, const QString &patch, bool hasKeys)
 {
-    for (const PlannedFile &file : filesOf(plan, patch)) {
+    for (const PlannedFile &file : filesOf(plan, patch, hasKeys)) {
         QJsonObject members{
             {QStringLiteral("rule"), file.rule}, {QStringLiteral("file"), file.path}};
         if (file.size >= 0)
@@ -146,7 +146,8 @@ QString summaryOf(const UpdatePlan &plan)
             byteCount(plan.bytesToWrite), byteCount(plan.peakExtraDisk));
 }
 
-Ending tellPlan(Console &console, UpdateController &controller, const Folders &folders)
+Ending tellPlan(
+    Console &console, UpdateController &controller, const Folders &folders, bool hasKeys)
 {
     // No signal is watched for: nothing needs to be cleaned up.
     BuildRun run(console, "update");
@@ -158,7 +159,7 @@ Ending tellPlan(Console &console, UpdateController &controller, const Folders &f
     if (!plan.refusals.isEmpty())
         return run.end(BuildRun::Result::Refused, QString(), QString());
 
-    tellFiles(console, plan, folders.patch);
+    tellFiles(console, plan, folders.patch, hasKeys);
     console.event(QStringLiteral("plan"),
         {{QStringLiteral("patch"), plan.filesToPatch}, {QStringLiteral("copy"), plan.filesToCopy},
             {QStringLiteral("delete"), plan.deletions.size()},
@@ -196,7 +197,7 @@ Ending update(Console &console, const Arguments &arguments)
     controller.setKeepPrevious(arguments.keepsPrevious);
     controller.setSynced(!arguments.doesNotSync);
     if (arguments.dryRun)
-        return tellPlan(console, controller, folders);
+        return tellPlan(console, controller, folders, !arguments.trustedKeys.empty());
 
     BuildRun run(console, "update");
     const auto result
