@@ -59,6 +59,10 @@ private Q_SLOTS:
     void helpTellsEveryStatus_data();
     void helpTellsEveryStatus();
     void brokenSealWithoutKeysIsNoObstacle();
+    void whatIsTooLargeIsNotRead_data();
+    void whatIsTooLargeIsNotRead();
+    void unseenJournalKeepsOthersOut_data();
+    void unseenJournalKeepsOthersOut();
     void oneProgramAtATime();
     void twoProgramsAtTheSameMoment();
     void failedCommitIsFinished_data();
@@ -499,6 +503,64 @@ void tst_UpdateCommands::brokenSealWithoutKeysIsNoObstacle()
     QVERIFY2(plan.status == Done, qPrintable(plan.err));
     QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
     QCOMPARE(run("update installed patch").status, Done);
+    QCOMPARE(m_tree->installed(), m_tree->newInstalled());
+}
+
+void tst_UpdateCommands::whatIsTooLargeIsNotRead_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<int>("values");
+
+    const QString apply = QStringLiteral("apply installed patch");
+    const QString inspect = QStringLiteral("inspect patch");
+    const QString rules = QStringLiteral("patch/patchRules.json");
+    const QString seal = QStringLiteral("patch/patchSeal.json");
+    QTest::newRow("rules") << apply << rules << (qint64(1) << 30) + 1 << 0;
+    QTest::newRow("many rules") << apply << rules << qint64(0) << (1 << 23) + 1;
+    QTest::newRow("seal") << inspect << seal << (qint64(1) << 28) + 1 << 0;
+    QTest::newRow("seal of many parts") << inspect << seal << qint64(0) << (1 << 23) + 1;
+}
+
+void tst_UpdateCommands::whatIsTooLargeIsNotRead()
+{
+    QFETCH(QString, words);
+    QFETCH(QString, file);
+    QFETCH(qint64, size);
+    QFETCH(int, values);
+    m_tree->write(file, '[' + QByteArray("1,").repeated(values) + "1]");
+    if (size > 0)
+        QVERIFY(QFile::resize(m_tree->path(file), size));
+    const Outcome outcome = m_tree->run(words);
+    QCOMPARE(outcome.status, WrongUsage);
+    QCOMPARE(errorLines(outcome.err),
+        QStringList(QStringLiteral("pellox: error: %1: is too large for what it should be")
+                        .arg(m_tree->path(file))));
+    QCOMPARE(m_tree->installed(), m_tree->oldInstalled());
+}
+
+void tst_UpdateCommands::unseenJournalKeepsOthersOut_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("apply") << QStringLiteral("apply");
+    QTest::newRow("verify") << QStringLiteral("verify");
+}
+
+/// What has the name of a temporary file may be the only copy.
+void tst_UpdateCommands::unseenJournalKeepsOthersOut()
+{
+    QFETCH(QString, command);
+    QVERIFY(runWith(QStringLiteral("update"), {QString(), "rename", FirstFile, "kill"}).crashed);
+    QVERIFY(m_tree->exists(QStringLiteral("installed/.pellox/journal")));
+    const auto before = m_tree->installed();
+    const FaultRun run
+        = runWithFaults(QStringLiteral(PELLOX_PROGRAM), {command, path("installed"), path("patch")},
+            {path("installed/.pellox"), "look,open,list", 1, QByteArray::number(EACCES), true});
+    QVERIFY2(run.status == WrongUsage, run.output + run.errors);
+    QVERIFY2(run.errors.contains("/.pellox/journal: cannot be looked at: "), run.errors);
+    QCOMPARE(m_tree->installed(), before);
+    QCOMPARE(this->run("recover installed").status, Done);
     QCOMPARE(m_tree->installed(), m_tree->newInstalled());
 }
 

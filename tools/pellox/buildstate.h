@@ -3,6 +3,8 @@
 
 #include <QString>
 
+#include <utility>
+
 class Console;
 
 /*
@@ -18,21 +20,46 @@ enum class BuildState {
     Interrupted, ///< an update, a rollback or a repair was, while it put files in place
 };
 
+/// Throws Refusal where the system does not tell.
 BuildState stateOf(const QString &build);
 
-/// Tells when @p build is not at rest, so that what is said of its files may not be the last word.
+/// Tells when @p build is not, or perhaps not, at rest, so that what is said of its files may not
+/// be the last word.
 void noteState(Console &console, const QString &build);
+
+/// An open file or folder; closed, and so unlocked, with this object.
+class LockHandle
+{
+public:
+    LockHandle() = default;
+    explicit LockHandle(int handle)
+        : m_handle(handle)
+    {
+    }
+    ~LockHandle();
+    LockHandle(LockHandle &&other) noexcept
+        : m_handle(std::exchange(other.m_handle, -1))
+    {
+    }
+    LockHandle &operator=(LockHandle &&other) noexcept
+    {
+        std::swap(m_handle, other.m_handle);
+        return *this;
+    }
+
+    int get() const { return m_handle; }
+
+private:
+    int m_handle = -1; ///< none where below 0
+};
 
 /// Keeps updates out of a build while it lives, and is kept out by them.
 class BuildLock
 {
 public:
-    /// Throws Refusal when @p build is not at rest.
+    /// Throws Refusal when @p build is not at rest, or when the system does not tell.
     explicit BuildLock(const QString &build);
-    ~BuildLock();
-    BuildLock(const BuildLock &) = delete;
-    BuildLock &operator=(const BuildLock &) = delete;
 
 private:
-    int m_handle;
+    LockHandle m_handle;
 };

@@ -136,6 +136,16 @@ bool isThere(const QString &path)
     return info.exists() || info.isSymLink();
 }
 
+bool standsThere(const QString &path)
+{
+    struct stat standing = {};
+    if (::lstat(QFile::encodeName(path).constData(), &standing) == 0)
+        return true;
+    if (errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG)
+        throw Refusal(path, QLatin1String("cannot be looked at: ") + qt_error_string(errno));
+    return false;
+}
+
 bool isRealFolder(const QString &path)
 {
     const QFileInfo info(path);

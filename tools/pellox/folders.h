@@ -59,6 +59,9 @@ void requireOutside(const QString &path, const QString &folder);
 /// Whether something stands there, be it a link that leads nowhere.
 bool isThere(const QString &path);
 
+/// The same. Throws Refusal where the system does not tell.
+bool standsThere(const QString &path);
+
 /// Whether @p path is a folder and no link to one.
 bool isRealFolder(const QString &path);
 

@@ -12,23 +12,37 @@
 #include <QJsonObject>
 #include <QLocale>
 
+#include <algorithm>
 #include <numeric>
+
+QByteArray jsonTextOf(const QString &path, qint64 most)
+{
+    constexpr qint64 MostValues = 1 << 23; // each takes up to a hundred bytes
+    QFile file(path);
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
+        throw Refusal(path, QStringLiteral("cannot be read"));
+    QByteArray text = file.size() > most ? QByteArray() : file.readAll();
+    // Each value but the first stands behind one of these.
+    const auto values = std::count_if(text.cbegin(), text.cend(),
+        [](char character) { return character == ',' || character == '[' || character == '{'; });
+    if (file.size() > most || values > MostValues)
+        throw Refusal(path, QStringLiteral("is too large for what it should be"));
+    return text;
+}
 
 void requireManifest(const QString &folder, const QString &fileName)
 {
-    if (!QFileInfo::exists(QDir(folder).absoluteFilePath(fileName)))
+    if (!standsThere(QDir(folder).absoluteFilePath(fileName)))
         throw Refusal(folder, QStringLiteral("holds no ") + fileName);
 }
 
 QJsonArray readManifest(const QString &folder, const QString &fileName)
 {
+    constexpr qint64 Largest = 1LL << 30; // as of the library
     const QString path = QDir(folder).absoluteFilePath(fileName);
-    QFile file(path);
     requireManifest(folder, fileName);
-    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
-        throw Refusal(path, QStringLiteral("cannot be read"));
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    const QJsonDocument document = QJsonDocument::fromJson(jsonTextOf(path, Largest), &parseError);
     if (parseError.error != QJsonParseError::NoError) {
         throw Refusal(path,
             QStringLiteral("is not JSON: %1 at byte %2")

@@ -11,7 +11,11 @@ class Console;
 
 /// The program's own look at the library's manifests: before a run, and for its summary.
 
-/// Throws Refusal when @p folder holds no manifest @p fileName.
+/// The text of the JSON file @p path. Throws Refusal when it cannot be read, or has more than @p
+/// most bytes or so many values that these would take more memory than what it stands for.
+QByteArray jsonTextOf(const QString &path, qint64 most);
+
+/// Throws Refusal when @p folder holds no manifest @p fileName, or when that cannot be told.
 void requireManifest(const QString &folder, const QString &fileName);
 
 /**

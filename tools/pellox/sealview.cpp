@@ -3,11 +3,11 @@
 
 #include "folders.h"
 #include "listing.h"
+#include "manifests.h"
 
 #include <Pellox/rules.h>
 #include <Pellox/SignaturesController>
 
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -40,12 +40,10 @@ qint64 numberIn(const QJsonObject &object, const char *name)
 std::optional<SealView> SealView::read(const QString &patch)
 {
     const QString path = pathIn(patch, SealFile);
-    if (!isThere(path))
+    if (!standsThere(path))
         return {};
-    QFile file(path);
-    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
-        throw Refusal(path, QStringLiteral("cannot be read"));
-    const QJsonObject seal = objectIn(file.readAll());
+    constexpr qint64 Largest = 1LL << 28; // as of the library
+    const QJsonObject seal = objectIn(jsonTextOf(path, Largest));
     const QJsonObject text = objectIn(textIn(seal, "sealed").toUtf8());
     if (textIn(text, "format") != QLatin1String("pellox-patch-seal")
         || numberIn(text, "version") != 1)
