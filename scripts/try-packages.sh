@@ -118,7 +118,7 @@ inside sh -eu -c '
     }
     update_by patch ../build-console-host/console-host update
     update_by patch.7z.001 ../build-console-host/console-host update
-    update_by patch ../build-c-host/updater
+    update_by patch ../build-c-host/updater update
     update_by patch python3 ../python-host/updater.py update
     python3 ../python-host/updater.py check installed signatures-2
 '

@@ -1,13 +1,20 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Brings an installed build up to date, with a line of progress, and checks it.
+"""Makes patches and keeps an installed build up to date, with a line of progress.
 
     python3 updater.py update BUILD PATCH [PUBLIC_KEY]
+    python3 updater.py update-keep BUILD PATCH [PUBLIC_KEY]   so that rollback can undo it
+    python3 updater.py rollback BUILD
     python3 updater.py check BUILD SIGNATURES
+    python3 updater.py repair BUILD SIGNATURES SOURCE
+    python3 updater.py sign BUILD SIGNATURES   of the first release, which has no patch
+    python3 updater.py publish NEW_BUILD OLD_SIGNATURES PATCH NEW_SIGNATURES
+    python3 updater.py pack FOLDER ARCHIVE   by the 7zr beside Python's interpreter
+    python3 updater.py unpack ARCHIVE FOLDER   likewise; of several volumes name the first
 
 It needs nothing but Python and the shared library, which the system finds, or which the environment
 variable PELLOX_LIBRARY names. With PUBLIC_KEY only patches that its owner has sealed are taken.
-Ctrl-C leaves the build as it was. Exits with 0 when the build is the new one, or intact.
+Ctrl-C leaves the build as it was. Exits with 0 when it is done or nothing was to be done.
 """
 
 import ctypes
@@ -19,6 +26,18 @@ DONE, NOTHING_TO_DO = 0, 1
 PHASES = {1: "finishing what was interrupted", 2: "checking", 3: "writing", 4: "putting in place"}
 FILES = {2: "changed", 3: "missing", 4: "unreadable", 5: "extra"}
 INTACT_FILES = 1
+# The function of each command, and how many paths it takes.
+RUNS = {
+    "update": ("pellox_update", 2),
+    "update-keep": ("pellox_update", 2),
+    "rollback": ("pellox_rollback", 1),
+    "check": ("pellox_check", 2),
+    "repair": ("pellox_repair", 3),
+    "sign": ("pellox_create_signatures", 2),
+    "publish": ("pellox_publish", 4),
+    "pack": ("pellox_pack", 2),
+    "unpack": ("pellox_unpack", 2),
+}
 
 
 class Problem(ctypes.Structure):
@@ -48,12 +67,13 @@ def load_library():
         "pellox_on_phase": [job, ON_PHASE, ctypes.c_void_p],
         "pellox_on_problem": [job, ON_PROBLEM, ctypes.c_void_p],
         "pellox_on_file": [job, ON_FILE, ctypes.c_void_p],
+        "pellox_set_keep_previous": [job, ctypes.c_int],
         "pellox_add_trusted_key": [job, text],
-        "pellox_update": [job, text, text],
-        "pellox_check": [job, text, text],
         "pellox_figure": [job, ctypes.c_int],
     }.items():
         getattr(library, name).argtypes = arguments
+    for name, path_count in RUNS.values():
+        getattr(library, name).argtypes = [job] + path_count * [text]
     return library
 
 
@@ -81,19 +101,23 @@ class Job:
         signal.signal(signal.SIGINT, signal.SIG_DFL)
         self._library.pellox_job_free(self._job)
 
-    def update(self, build, patch, public_key=None):
-        if public_key:
-            self._library.pellox_add_trusted_key(self._job, public_key.encode())
-        return self._library.pellox_update(self._job, build.encode(), patch.encode())
+    def keep_previous(self):
+        self._library.pellox_set_keep_previous(self._job, 1)
 
-    def check(self, build, signatures):
-        result = self._library.pellox_check(self._job, build.encode(), signatures.encode())
-        print(self._library.pellox_figure(self._job, INTACT_FILES), "intact")
-        return result
+    def trust(self, public_key):
+        return self._library.pellox_add_trusted_key(self._job, public_key.encode())
+
+    def run(self, function, *paths):
+        paths = [path.encode() for path in paths]
+        return getattr(self._library, function)(self._job, *paths)
+
+    def intact_files(self):
+        return self._library.pellox_figure(self._job, INTACT_FILES)
 
     @staticmethod
     def _show_progress(_, done, total):
-        print(f"\r{done / 2**20:.1f} of {total / 2**20:.1f} MiB ", end="", file=sys.stderr)
+        if total > 0:
+            print(f"\r{100 * done / total:.0f} % ", end="", file=sys.stderr)
 
     @staticmethod
     def _show_phase(_, phase):
@@ -112,17 +136,38 @@ class Job:
             print(FILES[event], path.decode())
 
 
-def main(command, *paths):
+def run(job, command, *paths):
+    function, path_count = RUNS[command]
+    for public_key in paths[path_count:]:
+        result = job.trust(public_key)
+        if result != DONE:
+            return result
+    if command == "update-keep":
+        job.keep_previous()
+    result = job.run(function, *paths[:path_count])
+    if command == "check":
+        print(job.intact_files(), "intact")
+    return result
+
+
+def main(*arguments):
     library = load_library()
     job = Job(library)
-    run = {"update": job.update, "check": job.check}[command]
-    result = run(*paths)
+    result = run(job, *arguments)
     job.close()
     print(library.pellox_result_name(result).decode())
     return 0 if result in (DONE, NOTHING_TO_DO) else 1
 
 
+def is_understood(command=None, *paths):
+    if command not in RUNS:
+        return False
+    _, path_count = RUNS[command]
+    takes_key = command in ("update", "update-keep")
+    return path_count <= len(paths) <= path_count + takes_key
+
+
 if __name__ == "__main__":
-    if len(sys.argv) not in (4, 5) or sys.argv[1] not in ("update", "check"):
+    if not is_understood(*sys.argv[1:]):
         sys.exit(__doc__)
     sys.exit(main(*sys.argv[1:]))
