@@ -11,6 +11,9 @@
 //        bench_limits patches OLD PATCH PATCHED COPIED SCRATCH
 //            Prints the seconds that one core takes for librsync's patches of the files in the list
 //            PATCHED, and for the digest of what they and those of the list COPIED become.
+//        bench_limits update PATCH PATCHED COPIED INSTALL
+//            Does on all cores what no update can do without, and nothing else: patches and copies
+//            the files of both lists beside those of INSTALL, hashes them and renames them.
 #include <Pellox/patchhelp.h>
 #include <Pellox/SignaturesController>
 
@@ -186,6 +189,44 @@ void addWriteJobs(std::vector<Job> &jobs, const QString &outputs, const QString 
     }
 }
 
+/// What @p make makes beside the file @p installed, in its place.
+void replace(const QString &installed, const std::function<bool(const QString &)> &make)
+{
+    const QString staged = installed + QLatin1String(".temp");
+    require(make(staged), QLatin1String("make ") + staged);
+    hash(staged);
+    require(std::rename(qPrintable(staged), qPrintable(installed)) == 0,
+        QLatin1String("replace ") + installed);
+}
+
+int updateBarely(
+    const QString &patch, const QString &patched, const QString &copied, const QString &install)
+{
+    std::vector<Job> jobs;
+    const auto add = [&](const QString &file, bool isPatched) {
+        const QString from = patch + QLatin1Char('/') + file;
+        const QString to = install + QLatin1Char('/') + file;
+        jobs.push_back({QFileInfo(from).size() + QFileInfo(to).size(), [=] {
+                            replace(to, [&](const QString &staged) {
+                                return isPatched ? Pellox::applyPatch(to, from, staged, 0, nullptr)
+                                                 : QFile::copy(from, staged);
+                            });
+                        }});
+    };
+    for (const QString &file : linesOf(patched))
+        add(file, true);
+    QString madeFolder;
+    for (const QString &file : linesOf(copied)) {
+        const QString folder = QFileInfo(install + QLatin1Char('/') + file).path();
+        if (folder != madeFolder)
+            require(QDir().mkpath(folder), QLatin1String("make ") + folder);
+        madeFolder = folder;
+        add(file, false);
+    }
+    runOnAllCores(std::move(jobs));
+    return 0;
+}
+
 int run(const QStringList &arguments)
 {
     const QString job = arguments.value(1);
@@ -193,6 +234,8 @@ int run(const QStringList &arguments)
         return printRates(arguments[2], arguments[3], arguments[4], arguments[5]);
     if (job == QLatin1String("patches") && arguments.size() == 7)
         return printPatches(arguments[2], arguments[3], arguments[4], arguments[5], arguments[6]);
+    if (job == QLatin1String("update") && arguments.size() == 6)
+        return updateBarely(arguments[2], arguments[3], arguments[4], arguments[5]);
     if (job == QLatin1String("hash") && arguments.size() == 3) {
         runOnAllCores(hashJobs(arguments[2]));
         return 0;
@@ -204,7 +247,8 @@ int run(const QStringList &arguments)
         return 0;
     }
     std::fputs("usage: bench_limits rates NEW SIGNATURES CHANGED SCRATCH | hash NEW | create NEW "
-               "OUTPUTS SCRATCH | patches OLD PATCH PATCHED COPIED SCRATCH\n",
+               "OUTPUTS SCRATCH | patches OLD PATCH PATCHED COPIED SCRATCH | update PATCH PATCHED "
+               "COPIED INSTALL\n",
         stderr);
     return 2;
 }

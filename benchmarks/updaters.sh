@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Ways to bring an installed build to a release, from the same patch.
-# Usage: updaters.sh prepare|update|update-synced|rdiff|check
+# Usage: updaters.sh prepare|update|update-synced|bare|rdiff|check
 #
 # Works in the current folder: old/, new/, before/core, the signatures of the old build, and
 # install/, a copy of old/ that is to become new/. "prepare" makes out/patch and out/signatures, and
 # lists of what is changed, new and gone, which the way without Pellox takes for granted.
-# Environment: PELLOX, the program.
+# Environment: PELLOX, the program; BIN, where bench_limits is.
 set -euo pipefail
 cores=$(nproc)
 
@@ -29,6 +29,9 @@ for rule in json.load(open("out/patch/patchRules.json")):
 update() { "$PELLOX" update --quiet --no-sync install out/patch; }
 
 update-synced() { "$PELLOX" update --quiet install out/patch; }
+
+# What none of them can do without.
+bare() { "$BIN/bench_limits" update out/patch list.patch list.copy install; }
 
 # Each file beside the old one, its sum compared, then all put into place.
 rdiff() {

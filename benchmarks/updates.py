@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: MIT
 """Measures ways to update an installed build, as whole processes, in turn; prints a table.
 
-Usage: updates.py BIN [PROFILE...]
+Usage: updates.py BIN [synced] [PROFILE...]
 
 BIN holds pellox and the bench_ programs. PROFILE is mixed, huge, small, phaser or monaco (default:
-all). Each way starts with a fresh copy of the old build and must end with the new one. Environment:
-as releases.py.
+all). Each way starts with a fresh copy of the old build and must end with the new one. With "synced",
+which needs a disk, not memory, it measures what waiting for the disk takes beside one sync of the
+same bytes instead. Environment: as releases.py.
 """
 
 import os
@@ -14,6 +15,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 from pathlib import Path
 from statistics import median
 
@@ -30,6 +32,7 @@ class Updates(Bench):
     def __init__(self, *arguments):
         super().__init__(*arguments)
         self.install = self.folder / "install"
+        self.environment["BIN"] = str(self.binaries)
         self.seconds = {}
         self.memory = {}
 
@@ -73,6 +76,30 @@ class Updates(Bench):
         self.note("check", self.measure("once", UPDATERS, "check"))
         self.note("hash", self.measure("once", self.binaries / "bench_limits", "hash", "install"))
 
+    def bare(self):
+        self.lay_install()
+        self.note("bare", self.measure("once", UPDATERS, "bare"))
+
+    def sync_and_one_sync(self):
+        """What an update that waits for the disk takes more than one that does not, and what one
+        sync of all takes after the latter."""
+        self.lay_install()
+        plain = self.measure("once", UPDATERS, "update")[0]
+        begin = time.monotonic()
+        os.sync()
+        one_sync = time.monotonic() - begin
+        self.lay_install()
+        synced = self.measure("once", UPDATERS, "update-synced")[0]
+        return plain, one_sync, synced
+
+    def measure_synced(self, repetitions):
+        self.prepare()
+        rounds = [self.sync_and_one_sync() for _ in range(repetitions)]
+        plain, one_sync, synced = (median(column) for column in zip(*rounds))
+        ratio = median(max(0, row[2] - row[0]) / row[1] for row in rounds)
+        print(f"| {self.name} | {plain:.2f} | {one_sync:.2f} | {synced:.2f} | {ratio:.2f} |",
+              flush=True)
+
     def written(self):
         """Bytes that an update writes, by the kernel's count, and those of the new content."""
         self.lay_install()
@@ -96,6 +123,7 @@ class Updates(Bench):
                 self.update(way)
                 self.verify(way)
             self.check_and_hash()
+            self.bare()
         written, needed = self.written()
         self.print_row(self.limit(), written / max(needed, 1))
 
@@ -104,6 +132,7 @@ class Updates(Bench):
             return median(self.seconds[way])
         cells = [self.name, f"{wall('update'):.2f}", f"{wall('rdiff'):.2f}",
                  f"{wall('update') / wall('rdiff'):.2f}", f"{limit / wall('update'):.2f}",
+                 f"{wall('bare') / wall('update'):.2f}",
                  f"{written:.3f}", f"{self.memory['update']:.0f}",
                  f"{wall('hash') / wall('check'):.2f}"]
         print(f"| {' | '.join(cells)} |", flush=True)
@@ -113,19 +142,25 @@ def main():
     if len(sys.argv) < 2:
         sys.exit(__doc__)
     binaries = Path(sys.argv[1]).resolve()
-    profiles = sys.argv[2:] or PROFILES
+    synced = sys.argv[2:3] == ["synced"]
+    profiles = sys.argv[3 if synced else 2:] or PROFILES
     scale = float(os.environ.get("SCALE", "1"))
     repetitions = int(os.environ.get("REPETITIONS", "5"))
-    print("| build | update, s | rdiff, sha512sum and mv, s | ratio | share of the limit | "
-          "bytes written / needed | MiB | check, share of hashing |")
-    print("|---|---|---|---|---|---|---|---|")
+    if synced:
+        print("| build | update --no-sync, s | one sync after it, s | update, s | waiting / one sync |")
+        print("|---|---|---|---|---|")
+    else:
+        print("| build | update, s | rdiff, sha512sum and mv, s | ratio | share of the limit | "
+              "share of bare files | bytes written / needed | MiB | check, share of hashing |")
+        print("|---|---|---|---|---|---|---|---|---|")
     for profile in profiles:
         if profile not in PROFILES:
             sys.exit(f"updates.py: no such profile: {profile} ({', '.join(PROFILES)})")
         needed = (MADE[profile][2] if profile in MADE else 1) * GIB * scale
         with tempfile.TemporaryDirectory(prefix="updates-", dir=scratch_root(needed)) as scratch:
             results = Path(scratch) / "results"
-            Updates(profile, binaries, results, Path(scratch), scale).measure_all(repetitions)
+            updates = Updates(profile, binaries, results, Path(scratch), scale)
+            (updates.measure_synced if synced else updates.measure_all)(repetitions)
 
 
 if __name__ == "__main__":

@@ -14,7 +14,8 @@
 #     of it for the slowest tools, and up to 15 GiB in $TMPDIR or memory. SCALE=0.02 tries it all
 #     out in minutes and leaves the docs alone.
 # updates: installed builds updated and checked, beside rdiff, sha512sum and mv, and the digest.
-#     PROFILE is mixed, huge, small, phaser or monaco. Takes five minutes.
+#     PROFILE is mixed, huge, small, phaser or monaco. Takes five minutes. "updates synced" measures
+#     instead what waiting for the disk takes beside one sync; TMPDIR must be on a disk then.
 # deltas: how small patches are beside those of tools that see both builds. PROFILE is mixed,
 #     program, phaser, monaco, swc or rollup. Takes an hour, most of it for the slowest tools.
 # Environment: REPETITIONS (9, 5, 5 and 3), and what benchmarks/releases.py tells.
