@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "faultrun.h"
 #include "madeuppatch.h"
 #include "program.h"
 #include "testtree.h"
@@ -10,6 +11,7 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <cerrno>
 #include <memory>
 #include <utility>
 
@@ -68,6 +70,7 @@ private Q_SLOTS:
     void damagedPatches_data();
     void damagedPatches();
     void everyDamageIsTold();
+    void whatCannotBeSeenIsNotMissing();
     void refusedPatches_data();
     void refusedPatches();
     void wrongUsage_data();
@@ -654,6 +657,19 @@ void tst_Inspect::everyDamageIsTold()
     const Outcome outcome = run(QStringLiteral("inspect patch"));
     QCOMPARE(outcome.status, Failed);
     QCOMPARE(errorLines(outcome.err).size(), 2);
+}
+
+void tst_Inspect::whatCannotBeSeenIsNotMissing()
+{
+    const FaultRun run
+        = runWithFaults(QStringLiteral(PELLOX_PROGRAM), {QStringLiteral("inspect"), path("patch")},
+            {path("patch/game.exe"), "look,open", 1, QByteArray::number(EACCES), true});
+    QCOMPARE(run.status, Failed);
+    const QStringList errors = errorLines(QString::fromUtf8(run.errors));
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(
+        errors.at(0).startsWith(expected("pellox: error: ~/patch/game.exe: cannot be looked at: ")),
+        qPrintable(errors.at(0)));
 }
 
 void tst_Inspect::refusedPatches_data()
