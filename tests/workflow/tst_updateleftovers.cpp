@@ -451,7 +451,7 @@ void tst_UpdateLeftovers::otherVersionsKeptFilesStay()
     const UpdateOutcome outcome = m_scenario->rollback();
     QCOMPARE(outcome.result, Result::Refused);
     QCOMPARE(outcome.problems.size(), 1);
-    QCOMPARE(outcome.problems.first().code, Code::DamagedJournal);
+    QCOMPARE(outcome.problems.first().code, Code::DamagedKept);
     QVERIFY2(outcome.errors.first().contains("version 3"_s), qPrintable(outcome.errors.first()));
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
     QVERIFY(m_scenario->discardPrevious());
