@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "faultrun.h"
 #include "hardships.h"
 #include "packtest.h"
 #include "qtversion.h"
@@ -36,6 +37,7 @@ private Q_SLOTS:
     void laterSignalsStopNoCleaning();
     void aSecondCtrlCEndsAtOnce_data();
     void aSecondCtrlCEndsAtOnce();
+    void theEndIsToldOnce();
     void successIsToldOnceAllIsClean();
     void aReaderThatHasGoneStopsNoCleaning();
     void aReaderThatHasGoneStopsNoWork();
@@ -149,19 +151,22 @@ void tst_PackInterrupts::interruptEndsTheListing()
 void tst_PackInterrupts::laterSignalsStopNoCleaning_data()
 {
     QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("first");
     QTest::addColumn<int>("signal");
 
     const QString publish = QStringLiteral("publish source --old-build old --patch patch "
                                            "--signatures sigs --pack new/a.7z");
-    QTest::newRow("pack") << QStringLiteral("pack source new/a.7z") << SIGTERM;
-    QTest::newRow("pack, terminal closed") << QStringLiteral("pack source new/a.7z") << SIGHUP;
-    QTest::newRow("unpack") << QStringLiteral("unpack old.7z new/got") << SIGTERM;
-    QTest::newRow("publish") << publish << SIGTERM;
+    QTest::newRow("pack") << QStringLiteral("pack source new/a.7z") << SIGTERM << SIGTERM;
+    QTest::newRow("pack, terminal closed")
+        << QStringLiteral("pack source new/a.7z") << SIGHUP << SIGTERM;
+    QTest::newRow("unpack") << QStringLiteral("unpack old.7z new/got") << SIGINT << SIGTERM;
+    QTest::newRow("publish") << publish << SIGTERM << SIGHUP;
 }
 
 void tst_PackInterrupts::laterSignalsStopNoCleaning()
 {
     QFETCH(QString, words);
+    QFETCH(int, first);
     QFETCH(int, signal);
     m_tree->remove(QStringLiteral("source/link")); // which publishing follows
     m_tree->write(QStringLiteral("old/file"), "old");
@@ -170,41 +175,60 @@ void tst_PackInterrupts::laterSignalsStopNoCleaning()
     QProcess process;
     startProgram(process, program, words.split(QLatin1Char(' ')), m_tree->path());
     QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists(QStringLiteral("standin/made")), 30000);
+    interrupt(process, first);
     while (process.state() == QProcess::Running) {
         interrupt(process, signal);
         process.waitForFinished(1);
     }
-    QCOMPARE(process.exitCode(), 128 + signal);
+    QCOMPARE(process.exitCode(), 128 + first);
+    QCOMPARE(process.readAllStandardError().count("pellox: interrupted\n"), 1);
     QVERIFY2(!m_tree->exists(QStringLiteral("new")),
         qPrintable(entries(path("new"), QStringLiteral("*")).join(QLatin1Char(' '))));
 }
 
 void tst_PackInterrupts::aSecondCtrlCEndsAtOnce_data()
 {
-    QTest::addColumn<QString>("words");
+    QTest::addColumn<QString>("command");
     QTest::addColumn<QString>("folder"); // where the hidden one is left
 
-    QTest::newRow("pack") << QStringLiteral("pack source new/a.7z") << QStringLiteral("new");
-    QTest::newRow("unpack") << QStringLiteral("unpack old.7z new/got") << QStringLiteral("new/got");
+    QTest::newRow("pack") << QStringLiteral("pack") << QStringLiteral("new");
+    QTest::newRow("unpack") << QStringLiteral("unpack") << QStringLiteral("new/got");
 }
 
 void tst_PackInterrupts::aSecondCtrlCEndsAtOnce()
 {
-    QFETCH(QString, words);
+    QFETCH(QString, command);
     QFETCH(QString, folder);
     QCOMPARE(run(QStringLiteral("pack source old.7z")).status, Done);
     const QByteArray archive = m_tree->read(QStringLiteral("old.7z.001"));
-    const QString program = makeStandIn(ManyFiles);
-    QProcess process;
-    startProgram(process, program, words.split(QLatin1Char(' ')), m_tree->path());
-    QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists(QStringLiteral("standin/made")), 30000);
-    interrupt(process, SIGINT);
-    interruptAgain(process, SIGINT);
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, Interrupted);
-    QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: interrupted\n")), qPrintable(outcome.err));
+    const QString program = makeStandIn("a|x) touch file; kill -INT $PPID; exec sleep 30;;");
+    const QStringList arguments = command == QLatin1String("pack")
+        ? QStringList{command, path("source"), path("new/a.7z")}
+        : QStringList{command, path("old.7z"), path("new/got")};
+    const FaultRun run
+        = runWithFaults(program, arguments, {path("new"), "remove", 1, "interrupts"});
+    QCOMPARE(run.status, Interrupted);
+    QVERIFY2(run.errors.endsWith("pellox: interrupted\n"), run.errors);
+    QCOMPARE(run.calls.size(), 1);
     QCOMPARE(entries(m_tree->path(folder), QStringLiteral("*")).size(), 1);
     QCOMPARE(m_tree->read(QStringLiteral("old.7z.001")), archive);
+}
+
+/// Each line that is written from the first signal on brings another one, also the last line.
+void tst_PackInterrupts::theEndIsToldOnce()
+{
+    QCOMPARE(run(QStringLiteral("pack source old.7z")).status, Done);
+    const QString program = makeStandIn("x) kill -HUP $PPID; exec sleep 30;;");
+    const FaultRun run = runWithFaults(QStringLiteral("sh"),
+        {QStringLiteral("-c"), QStringLiteral("errors=$0; exec \"$@\" 2> \"$errors\""),
+            path("errors"), program, QStringLiteral("unpack"), path("old.7z"), path("new/got")},
+        {path("errors"), "write", 1, "terminate", true});
+    const QString told = QString::fromLocal8Bit(m_tree->read(QStringLiteral("errors")));
+    QCOMPARE(run.status, 128 + SIGHUP);
+    QVERIFY2(run.calls.size() > 1, qPrintable(told));
+    QVERIFY2(told.endsWith(QLatin1String("\npellox: interrupted\n")), qPrintable(told));
+    QCOMPARE(told.count(QLatin1String("interrupted")), 1);
+    QVERIFY(!m_tree->exists(QStringLiteral("new")));
 }
 
 /// Whoever hears of it may press Ctrl-C.

@@ -17,6 +17,7 @@
  *                    kill      the process dies before the call
  *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried out
  *                    interrupts  it gets SIGINT twice, as from somebody who does not wait
+ *                    terminate the process gets SIGTERM, then the call is carried out
  *                    append, truncate, rewrite, disguise, replace, remove
  *                              happens to the file that the call is on; then the call is carried
  *                              out. "rewrite" changes bytes in place, "disguise" does and sets the
@@ -206,7 +207,9 @@ static enum verdict meet(const char *kind, const char *path)
         else if (strcmp(s_action, "interrupts") == 0) {
             interrupt(false);
             interrupt(true);
-        } else if (strcmp(s_action, "half") == 0)
+        } else if (strcmp(s_action, "terminate") == 0)
+            raise(SIGTERM);
+        else if (strcmp(s_action, "half") == 0)
             verdict = GO_HALF;
         else if (!change_file(path)) {
             verdict = FAIL;

@@ -17,6 +17,8 @@ namespace {
 std::atomic<bool> s_lineOpen{false};
 std::atomic<const char *> s_lastWords{nullptr};
 std::atomic<bool> s_watched{false};
+std::atomic<bool> s_stopped{false}; // by a signal: what is left to do is to clean up and to tell
+std::atomic<bool> s_told{false};
 std::atomic<int> s_signal{0}; // the first that came to the Watch, or 0
 std::atomic<qint64> s_signalTime{0};
 std::atomic<int> s_writings{0};
@@ -56,11 +58,11 @@ void waitForWritings()
     }
 }
 
-/// Whether the Watch that lives is to see to it.
+/// Whether the Watch that lives is to see to it, or has done so.
 bool isForWatch(int signal)
 {
     if (!s_watched)
-        return false;
+        return s_stopped && signal != SIGINT;
     const qint64 now = milliseconds();
     qint64 none = 0;
     if (s_signalTime.compare_exchange_strong(none, now)) {
@@ -130,6 +132,8 @@ void Interrupt::sayOnExit(const char *line)
 
 void Interrupt::tell()
 {
+    if (s_told.exchange(true))
+        return;
     if (s_lineOpen)
         put(STDERR_FILENO, "\n");
     put(STDERR_FILENO, s_line);
@@ -148,6 +152,7 @@ Interrupt::Advice::~Advice()
 Interrupt::Stopped::Stopped()
     : m_exitStatus(SignalStatus + s_signal)
 {
+    s_stopped = true;
 }
 
 bool Interrupt::isStopped()

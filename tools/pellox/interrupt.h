@@ -36,7 +36,8 @@ private:
     bool m_isAllowed;
 };
 
-/// Tells on standard error that the program was interrupted, and what the Advice that lives says.
+/// Tells once on standard error that the program was interrupted, and what the Advice that lives
+/// says.
 void tell();
 
 /// While it lives, the line that tells of an interruption says what to do next.
@@ -50,7 +51,8 @@ public:
     Advice &operator=(const Advice &) = delete;
 };
 
-/// Thrown by a command that a signal has stopped, once it has cleaned up.
+/// Thrown by a command that a signal has stopped, once it has cleaned up. From then on no signal
+/// but Ctrl-C ends the program: it ends as the first one asks for.
 class Stopped
 {
 public:
