@@ -62,7 +62,7 @@ std::optional<FolderListing::Entry> FolderListing::next()
 bool FolderListing::tellKind(const dirent &found, Entry *entry)
 {
     if (found.d_type != DT_UNKNOWN) {
-        entry->kind = kindOfMode(DTTOIF(found.d_type));
+        entry->kind = kindOfMode(static_cast<mode_t>(DTTOIF(found.d_type)));
         return true;
     }
     struct stat status = {};
