@@ -2,9 +2,9 @@
 #include "integrityrun.h"
 
 #include "buildwalk.h"
-#include "filepass.h"
 #include "filesystem.h"
 #include "rules.h"
+#include "stagingroom.h"
 #include "trustcheck.h"
 #include "updatecheck.h"
 
@@ -187,7 +187,7 @@ bool IntegrityRun::repair()
                                                           : end(Result::Failed);
     }
     std::vector<UpdateWork> works = this->works();
-    if (!m_problems.isEmpty() || !hasRoom(works))
+    if (!m_problems.isEmpty() || !hasRoomToStage(m_settings.build, works, m_problems))
         return end(Result::Refused);
     aim.changesRelease = !isRecordRight(transaction.files());
     m_reports.phase(Phase::Staging);
@@ -289,13 +289,6 @@ IntegrityRun::Result IntegrityRun::record(const SealedPatch &sealed, BuildFiles 
     }
     return writeRelease({sealed.release, sealed.to}, files, true, m_problems) ? Result::Updated
                                                                               : Result::Failed;
-}
-
-bool IntegrityRun::hasRoom(std::vector<UpdateWork> &works)
-{
-    return Staging({m_settings.build, QString(), m_settings.source}, works, m_settings.threadCount,
-        m_cancelled, m_problems)
-        .hasRoom();
 }
 
 /// What brings back the files that are not intact.

@@ -61,7 +61,6 @@ private:
     bool compare();
     State stateOf(class Crew &crew, const SignedFile &file, std::atomic<qint64> &done) const;
     void addToReport(const QString &path, State state);
-    bool hasRoom(std::vector<UpdateWork> &works);
     std::vector<UpdateWork> works();
     void addRule(const SignedFile &file, std::vector<UpdateRule> *rules);
     bool fail(Code code, const FileError &error);

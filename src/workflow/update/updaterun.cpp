@@ -5,8 +5,9 @@
 #include "diskroom.h"
 #include "filesystem.h"
 #include "setaside.h"
-#include "staging.h"
+#include "stagingroom.h"
 #include "updatecheck.h"
+#include "workdecision.h"
 
 #include <QFileInfo>
 #include <QHash>
@@ -48,8 +49,7 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
         return end(UpdateResult::Refused);
     if (m_cancelled)
         return end(UpdateResult::Cancelled);
-    Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
-    if (!decide(staging, works))
+    if (!decide(works))
         return end(m_problems.isEmpty() ? UpdateResult::Cancelled : UpdateResult::Refused);
     const bool anyNeeded = std::any_of(
         works.cbegin(), works.cend(), [](const UpdateWork &work) { return work.isNeeded; });
@@ -57,7 +57,7 @@ UpdateRun::UpdateResult UpdateRun::carryOutUpdate(bool resumed)
         return m_transaction.clearLeftovers(targetsOf(works)) ? endUpToDate(resumed)
                                                               : end(UpdateResult::Failed);
     }
-    if (!staging.hasRoom() || !m_transaction.hasRoomToKeep(works, staging.roomNeeded()))
+    if (!hasRoom(works))
         return end(UpdateResult::Refused);
     m_reports.phase(UpdateController::UpdatePhase::Staging);
     return end(m_transaction.carryOut(works, aim));
@@ -91,13 +91,23 @@ std::vector<UpdateWork> UpdateRun::check(Transaction::Aim *aim)
 }
 
 /// Under a seal all that is read to decide is known, and told.
-bool UpdateRun::decide(Staging &staging, std::vector<UpdateWork> &works)
+bool UpdateRun::decide(std::vector<UpdateWork> &works)
 {
+    WorkDecision decision(
+        folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
     const auto tell = [this](qint64 done) { m_trust.tellInstalled(done); };
-    if (!(m_sealed ? staging.decide(tell) : staging.decide()))
+    if (!(m_sealed ? decision.carryOut(tell) : decision.carryOut()))
         return false;
     spareNewFiles(folders().build, works);
     return true;
+}
+
+/// For new content, and for old where it is kept as a copy. False with a problem.
+bool UpdateRun::hasRoom(const std::vector<UpdateWork> &works)
+{
+    const QString &build = folders().build;
+    return hasRoomToStage(build, works, m_problems)
+        && m_transaction.hasRoomToKeep(works, roomToStage(build, works));
 }
 
 Transaction::Outcome UpdateRun::finishUnfinished()
@@ -240,19 +250,19 @@ UpdatePlan UpdateRun::plan()
     UpdatePlan plan;
     Transaction::Aim aim;
     std::vector<UpdateWork> works;
-    Staging staging(folders(), works, m_settings.transaction.threadCount, m_cancelled, m_problems);
     if (mayPlan())
         works = check(&aim);
-    if (m_problems.isEmpty() && decide(staging, works) && staging.hasRoom())
-        m_transaction.hasRoomToKeep(works, staging.roomNeeded());
+    if (m_problems.isEmpty() && decide(works))
+        hasRoom(works);
     for (const UpdateProblem &problem : m_problems.all())
         plan.refusals.append(problem);
     for (const UpdateWork &work : works) {
         if (work.isNeeded)
             count(folders(), work, &plan);
     }
-    plan.bytesToWrite = staging.bytesToWrite();
-    plan.peakExtraDisk = saturatedSum(staging.roomNeeded(), m_transaction.roomToKeep(works));
+    plan.bytesToWrite = bytesToStage(works);
+    plan.peakExtraDisk
+        = saturatedSum(roomToStage(folders().build, works), m_transaction.roomToKeep(works));
     plan.isCancelled = m_cancelled;
     return plan;
 }

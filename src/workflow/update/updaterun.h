@@ -47,7 +47,8 @@ private:
     UpdateResult carryOutRollback();
     UpdateResult endUpToDate(bool resumed);
     std::vector<UpdateWork> check(Transaction::Aim *aim);
-    bool decide(Staging &staging, std::vector<UpdateWork> &works);
+    bool decide(std::vector<UpdateWork> &works);
+    bool hasRoom(const std::vector<UpdateWork> &works);
     bool mayPlan();
     static void count(const UpdateFolders &folders, const UpdateWork &work, UpdatePlan *plan);
     const UpdateFolders &folders() const { return m_settings.transaction.folders; }
