@@ -29,6 +29,7 @@ lines "<!-- KEY: VALUE -->", says how it is to be taken:
 """
 
 import argparse
+import itertools
 import json
 import os
 import re
@@ -244,14 +245,23 @@ def plain(line):
     return re.sub(r" +", " ", line)
 
 
+def sorted_errors(lines):
+    """What several threads tell one after the other, in any order."""
+    return [line for is_error, group in itertools.groupby(lines, lambda line: ": error: " in line)
+            for line in (sorted(group) if is_error else group)]
+
+
+def last_progress(lines):
+    """On a slow machine there is more of it."""
+    return [line for i, line in enumerate(lines)
+            if not line.endswith(": PROGRESS") or line not in lines[i + 1:]]
+
+
 def plain_lines(text):
-    lines = []
-    for line in text.split("\n"):
-        line = plain(line)
-        is_event = '"event":"progress"' in line
-        if line and not is_event and (not lines or lines[-1] != line):
-            lines.append(line)
-    return lines
+    lines = [plain(line) for line in text.split("\n")]
+    lines = [line for line in lines if line and '"event":"progress"' not in line]
+    lines = [line for line, _ in itertools.groupby(last_progress(lines))]
+    return sorted_errors(lines)
 
 
 def fits(expected, actual):
