@@ -3,6 +3,7 @@
 
 #include <QFile>
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -18,12 +19,17 @@ constexpr bool HasSanitizer = false;
 constexpr bool HasSanitizer = false;
 #endif
 
+/// What is freed goes back to the system, or it would count as memory that the process has: large
+/// blocks at once, whatever sizes were freed before.
+inline const bool ReturnsLargeBlocks = mallopt(M_MMAP_THRESHOLD, 128 << 10) == 1;
+
 /// Gives the process no more than so much memory beyond what it has, while it lives.
 class MemoryLimit
 {
 public:
     explicit MemoryLimit(rlim_t bytes)
     {
+        malloc_trim(0);
         QFile status(QStringLiteral("/proc/self/statm"));
         if (!status.open(QIODevice::ReadOnly))
             qFatal("cannot read how much memory there is in use");
