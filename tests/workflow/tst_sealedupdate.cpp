@@ -55,6 +55,7 @@ private Q_SLOTS:
     void alteredPatchIsRefused_data();
     void alteredPatchIsRefused();
     void strangeFilesAreRefusedAllAtOnce();
+    void recordsInAFolderThatACrashHasLeft();
     void fallbackBringsStrangeFiles();
     void fallbackMustHaveThem();
     void newFilesAreNewWhateverElseIs();
@@ -291,6 +292,19 @@ void tst_SealedUpdate::strangeFilesAreRefusedAllAtOnce()
     named.sort();
     QCOMPARE(named, (QStringList{"/data/changed"_s, "/data/large.pak"_s, "/game.exe"_s}));
     QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+}
+
+/// A run that was killed at its very end leaves the hidden folder, with nothing in it.
+void tst_SealedUpdate::recordsInAFolderThatACrashHasLeft()
+{
+    m_scenario->layNew();
+    m_scenario->tree().makeFolder("build/.pellox/staged"_s);
+    const UpdateOutcome outcome = update();
+    QCOMPARE(outcome.errors, QStringList());
+    QCOMPARE(outcome.result, Result::AlreadyUpToDate);
+    QCOMPARE(installedRelease(), Release);
+    removeRecord();
+    QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 
 void tst_SealedUpdate::fallbackBringsStrangeFiles()

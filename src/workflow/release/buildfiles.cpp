@@ -126,7 +126,10 @@ bool BuildFiles::makeFolders(const QString &path)
 {
     const auto make = [&] {
         const int parent = folderAbove(path);
-        return parent >= 0 && (makeFolderIn(parent, encodedNameOf(path)) || errno == EEXIST);
+        const bool isMade = parent >= 0 && makeFolderIn(parent, encodedNameOf(path));
+        if (isMade)
+            forget(path); // what is still open of it has been removed by another hand
+        return isMade || (parent >= 0 && errno == EEXIST);
     };
     const auto makeAbove = [&] {
         const QString above = parentOf(path);
