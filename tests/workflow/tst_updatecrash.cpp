@@ -76,6 +76,10 @@ private Q_SLOTS:
     void readsAndWritesMayBeShort();
     void linksMayBeUnknownToTheFileSystem_data();
     void linksMayBeUnknownToTheFileSystem();
+    void damagedBuildKilledAtAnyCall_data();
+    void damagedBuildKilledAtAnyCall();
+    void anyCallOnADamagedBuildMayFail_data();
+    void anyCallOnADamagedBuildMayFail();
     void sealedUpdateKilledAtAnyCall();
     void discardsNothingThatARollbackNeeds();
     void stagedWorkIsNotDoneAgain();
@@ -95,10 +99,12 @@ private:
 
     bool makeSlim();
     void killAtAnyCall(const QString &command, bool byRecovery, int threads);
-    void failAtAnyCall(const QString &command, const QByteArray &calls, int error, bool later);
+    void failAtAnyCall(const QString &command, const QByteArray &calls, int error, bool later,
+        const QString &folder = QString());
 
     std::optional<LogCapture> m_log;
     std::optional<UpdateScenario> m_scenario;
+    bool m_isDamaged = false;      ///< each run starts from a damaged build, and has a fallback
     bool m_foldersMayStay = false; ///< empty, since they could not be removed
     int m_points = 0;              ///< at which a run was killed or a call has failed
 };
@@ -121,6 +127,7 @@ void tst_UpdateCrash::cleanupTestCase()
 void tst_UpdateCrash::init()
 {
     m_log.emplace();
+    m_isDamaged = false;
     m_foldersMayStay = false;
 }
 
@@ -145,7 +152,10 @@ void addCommands()
 /// Lays the build that @p command starts from.
 void tst_UpdateCrash::prepare(const QString &command)
 {
-    m_scenario->lay();
+    if (m_isDamaged)
+        m_scenario->layDamaged();
+    else
+        m_scenario->lay();
     if (command == "rollback"_s)
         QCOMPARE(m_scenario->update(true).result, Result::Updated);
 }
@@ -156,7 +166,7 @@ FaultRun tst_UpdateCrash::run(const QString &command, Faults faults, int threads
     faults.unsynced = true;
     QStringList arguments{QString::number(threads), command, m_scenario->build()};
     if (command.startsWith("update"_s))
-        arguments.append(m_scenario->patch());
+        arguments << m_scenario->patch() << m_scenario->fallback();
     return runWithFaults(QStringLiteral(UPDATECALL_PROGRAM), arguments, faults);
 }
 
@@ -226,6 +236,8 @@ void tst_UpdateCrash::killAtAnyCall(const QString &command, bool byRecovery, int
         died = run.crashed;
         m_points += died ? 1 : 0;
         const QString where = "%1 (%2)"_s.arg(run.calls.value(at - 1)).arg(at);
+        if (!died && run.status != FirstResult + static_cast<int>(Result::Updated))
+            findings.add(where, "ends with status %1"_s.arg(run.status));
         findings.add(where, m_scenario->brokenPromise());
         findings.add(where, problemOfRestart(command, byRecovery));
     }
@@ -354,15 +366,17 @@ void tst_UpdateCrash::anyCallMayFail()
 }
 
 void tst_UpdateCrash::failAtAnyCall(
-    const QString &command, const QByteArray &calls, int error, bool later)
+    const QString &command, const QByteArray &calls, int error, bool later, const QString &folder)
 {
+    const QString path = folder.isEmpty() ? m_scenario->build() : folder;
     Findings findings;
     const int step = stepOf(17);
     const QByteArray action = QByteArray::number(error);
+    const int pointsBefore = m_points;
     int at = 1 + error % step;
     for (bool met = true; met; at += step) {
         prepare(command);
-        const FaultRun run = this->run(command, {m_scenario->build(), calls, at, action, later});
+        const FaultRun run = this->run(command, {path, calls, at, action, later});
         met = run.calls.size() >= at;
         m_points += met ? 1 : 0;
         const QString call = run.calls.value(at - 1);
@@ -373,7 +387,7 @@ void tst_UpdateCrash::failAtAnyCall(
         findings.add(where, m_scenario->brokenPromise());
         findings.add(where, problemOfRestart(command, at % 2 == 0));
     }
-    QVERIFY2(at > step, "no points");
+    QVERIFY2(m_points > pointsBefore, "no points");
     QVERIFY2(findings.text().isEmpty(), qPrintable(findings.text()));
 }
 
@@ -425,6 +439,52 @@ void tst_UpdateCrash::linksMayBeUnknownToTheFileSystem()
     QCOMPARE(back.result, Result::Updated);
     QCOMPARE(m_scenario->differenceToOld(), QString());
     QCOMPARE(m_scenario->touchedFile(), QString());
+}
+
+void tst_UpdateCrash::damagedBuildKilledAtAnyCall_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<bool>("byRecovery");
+    QTest::addColumn<int>("threads");
+    QTest::newRow("then update") << "update"_s << false << 1;
+    QTest::newRow("then recovery, which needs no fallback") << "update"_s << true << 1;
+    QTest::newRow("of two threads") << "update"_s << false << 2;
+    QTest::newRow("that keeps, then recovery and rollback") << "update-keeping"_s << true << 1;
+}
+
+/// Files come whole from the fallback. Until then they are as they were, however damaged.
+void tst_UpdateCrash::damagedBuildKilledAtAnyCall()
+{
+    QFETCH(QString, command);
+    QFETCH(bool, byRecovery);
+    QFETCH(int, threads);
+    m_isDamaged = true;
+    killAtAnyCall(command, byRecovery, threads);
+}
+
+void tst_UpdateCrash::anyCallOnADamagedBuildMayFail_data()
+{
+    QTest::addColumn<QByteArray>("calls");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<bool>("later");
+    QTest::addColumn<bool>("isOfFallback");
+    QTest::newRow("EIO") << Changes + ",close" << EIO << false << false;
+    QTest::newRow("ENOSPC from then on")
+        << QByteArray("create,write,mkdir,sync") << ENOSPC << true << false;
+    QTest::newRow("reading, EIO") << QByteArray("open,read,list") << EIO << false << false;
+    QTest::newRow("reading the fallback, EIO")
+        << QByteArray("open,read,list") << EIO << false << true;
+}
+
+void tst_UpdateCrash::anyCallOnADamagedBuildMayFail()
+{
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    QFETCH(bool, later);
+    QFETCH(bool, isOfFallback);
+    m_isDamaged = true;
+    failAtAnyCall(
+        "update"_s, calls, error, later, isOfFallback ? m_scenario->newBuild() : QString());
 }
 
 namespace {
@@ -551,10 +611,15 @@ void tst_UpdateCrash::slimUpdateKilledAtAnyCall_data()
     QTest::addColumn<QString>("command");
     QTest::addColumn<bool>("byRecovery");
     QTest::addColumn<int>("threads");
-    QTest::newRow("then update") << "update"_s << false << 1;
-    QTest::newRow("then recovery, which needs no source") << "update"_s << true << 1;
-    QTest::newRow("of two threads") << "update"_s << false << 2;
-    QTest::newRow("that keeps, then recovery and rollback") << "update-keeping"_s << true << 1;
+    QTest::addColumn<bool>("isDamaged");
+    QTest::newRow("then update") << "update"_s << false << 1 << false;
+    QTest::newRow("then recovery, which needs no source") << "update"_s << true << 1 << false;
+    QTest::newRow("of two threads") << "update"_s << false << 2 << false;
+    QTest::newRow("that keeps, then recovery and rollback")
+        << "update-keeping"_s << true << 1 << false;
+    QTest::newRow("of a damaged build, then update") << "update"_s << false << 1 << true;
+    QTest::newRow("of a damaged build, that keeps, then recovery and rollback")
+        << "update-keeping"_s << true << 1 << true;
 }
 
 /// What a file is made of is deleted by the same update.
@@ -563,8 +628,10 @@ void tst_UpdateCrash::slimUpdateKilledAtAnyCall()
     QFETCH(QString, command);
     QFETCH(bool, byRecovery);
     QFETCH(int, threads);
+    QFETCH(bool, isDamaged);
     if (!makeSlim())
         QSKIP("built without libcrypto");
+    m_isDamaged = isDamaged;
     killAtAnyCall(command, byRecovery, threads);
 }
 

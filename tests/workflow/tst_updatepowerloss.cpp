@@ -129,7 +129,7 @@ DiskRecord tst_UpdatePowerLoss::record(const QString &command) const
 {
     QStringList arguments{"1"_s, command, m_scenario->build()};
     if (command.startsWith("update"_s))
-        arguments.append(m_scenario->patch());
+        arguments << m_scenario->patch() << m_scenario->fallback();
     if (command == "repair"_s)
         arguments << m_scenario->signatures() << m_scenario->newBuild();
     return DiskRecord(m_scenario->build(), QStringLiteral(UPDATECALL_PROGRAM), arguments);
@@ -175,15 +175,21 @@ void tst_UpdatePowerLoss::modelKnowsWhatIsLost()
 void tst_UpdatePowerLoss::nothingIsLost_data()
 {
     QTest::addColumn<QString>("command");
+    QTest::addColumn<bool>("isDamaged");
     for (const char *command : {"update", "update-keeping", "rollback", "recover"})
-        QTest::newRow(command) << QString::fromLatin1(command);
+        QTest::newRow(command) << QString::fromLatin1(command) << false;
+    QTest::newRow("update of a damaged build") << "update"_s << true;
+    QTest::newRow("update of a damaged build that keeps") << "update-keeping"_s << true;
 }
 
 void tst_UpdatePowerLoss::nothingIsLost()
 {
     QFETCH(QString, command);
+    QFETCH(bool, isDamaged);
     const bool all = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
     prepare(command);
+    if (isDamaged)
+        m_scenario->layDamaged();
     const DiskRecord record = this->record(command);
     QCOMPARE(record.status(), FirstResult + static_cast<int>(Result::Updated));
     QVERIFY2(record.size() > 15, "too few points");

@@ -167,6 +167,12 @@ UpdateScenario::UpdateScenario()
         {"mods/mod.pak"_s, file("a mod")},
         {"saves/player.sav"_s, file("a save")},
     };
+    m_damaged = m_old;
+    m_damaged["data/filled"_s].content = "no longer empty";
+    m_damaged["data/large.pak"_s].content = changedAt(large, MiB / 2);
+    m_damaged["game.exe"_s].content = "damaged";
+    m_damaged["moved"_s].content = changedAt(small.mid(3), 1);
+    m_damaged.remove(longName);
     layBuild(m_old, m_tree.path("old"_s));
     layBuild(m_new, newBuild());
     PublishController publisher;
@@ -176,7 +182,8 @@ UpdateScenario::UpdateScenario()
         "publish");
     copyInsteadOfPatch(patch(), "/data/taken whole"_s, m_new.value("data/taken whole"_s).content);
     for (const auto &[folder, files] :
-        {qMakePair("expected old"_s, m_old), qMakePair("expected new"_s, expectedNew())}) {
+        {qMakePair("expected old"_s, m_old), qMakePair("expected damaged"_s, m_damaged),
+            qMakePair("expected new"_s, expectedNew())}) {
         layBuild(files, m_tree.path(folder));
         layBuild(m_players, m_tree.path(folder));
         m_tree.makeFolder(folder + "/screenshots"_s);
@@ -218,11 +225,19 @@ void UpdateScenario::removeRecord() const
 
 void UpdateScenario::lay()
 {
+    m_isDamaged = false;
     lay(m_old);
+}
+
+void UpdateScenario::layDamaged()
+{
+    m_isDamaged = true;
+    lay(m_damaged);
 }
 
 void UpdateScenario::layNew()
 {
+    m_isDamaged = false;
     lay(expectedNew());
 }
 
@@ -257,7 +272,8 @@ void UpdateScenario::removeEmptyFolders() const
 
 QString UpdateScenario::differenceToOld() const
 {
-    return differenceBetween(m_tree.path("expected old"_s), build());
+    const QString expected = m_isDamaged ? "expected damaged"_s : "expected old"_s;
+    return differenceBetween(m_tree.path(expected), build());
 }
 
 QString UpdateScenario::differenceToNew() const
@@ -277,7 +293,7 @@ QString UpdateScenario::touchedFile() const
 
 QString UpdateScenario::brokenPromise() const
 {
-    for (auto file = m_old.cbegin(); file != m_old.cend(); ++file) {
+    for (auto file = before().cbegin(); file != before().cend(); ++file) {
         const QString path = build() + QLatin1Char('/') + file.key();
         const auto newFile = m_new.constFind(file.key());
         if (newFile == m_new.constEnd())
@@ -290,7 +306,12 @@ QString UpdateScenario::brokenPromise() const
         if ((statusOf(path).st_mode & 0777U) != file->permissions)
             return file.key() + ": has other permissions"_s;
     }
-    if (!hasJournal() && !isAll(m_old, m_new) && !isAll(m_new, m_old))
+    for (auto file = m_new.cbegin(); file != m_new.cend(); ++file) {
+        const auto content = contentOf(build() + QLatin1Char('/') + file.key());
+        if (content && !before().contains(file.key()) && *content != file->content)
+            return file.key() + ": has come, but not as it should be"_s;
+    }
+    if (!hasJournal() && !isOld() && !isNew())
         return "nothing to finish, and neither old nor new"_s;
     return touchedFile();
 }
@@ -314,6 +335,7 @@ UpdateOutcome UpdateScenario::update(bool keepsPrevious) const
     return outcomeOf([&](UpdateController &updater) {
         updater.setKeepPrevious(keepsPrevious);
         updater.setSynced(false);
+        updater.setFallbackSource(fallback());
         if (!m_trustedKey.isEmpty())
             updater.setTrustedKeys({m_trustedKey});
         return updater.update(build(), patch());

@@ -51,6 +51,10 @@ public:
 
     /// The installed build becomes the old one.
     void lay();
+    /// The installed build becomes the old one with files changed and gone, from now on until
+    /// another is laid: what is said of the old build below is said of this one, and updates take
+    /// those files whole from the new build.
+    void layDamaged();
     /// The installed build becomes the new one.
     void layNew();
     /// Takes the player's files as they are now for untouched.
@@ -64,6 +68,8 @@ public:
     /// Of the new build.
     QString signatures() const { return m_tree.path(QStringLiteral("signatures")); }
     QString oldSignatures() const { return m_tree.path(QStringLiteral("old signatures")); }
+    /// What updates take whole files from; empty unless the build was laid damaged.
+    QString fallback() const { return m_isDamaged ? newBuild() : QString(); }
     const TestTree &tree() const { return m_tree; }
 
     /// By relative path, without the player's files.
@@ -77,7 +83,9 @@ public:
     /// Where a call that removes a folder has failed, the empty folder may stay.
     void removeEmptyFolders() const;
     /// Whether all files of the old build are there with their content, and none of the new alone.
-    bool isOld() const { return isAll(m_old, m_new); }
+    bool isOld() const { return isAll(before(), m_new); }
+    /// The same of the new build.
+    bool isNew() const { return isAll(m_new, before()); }
 
     // Each is empty when all is well. Permissions count, and so does everything that is left.
     QString differenceToOld() const;
@@ -86,8 +94,8 @@ public:
     QString touchedFile() const;
     /**
      * What breaks the promise for any moment: a file of both builds that has neither its old nor
-     * its new content, a changed file of the player, a build that is neither old nor new although
-     * nothing is to be finished.
+     * its new content, another of the new build that is there in part, a changed file of the
+     * player, a build that is neither old nor new although nothing is to be finished.
      */
     QString brokenPromise() const;
     bool hasJournal() const { return m_tree.exists(QStringLiteral("build/.pellox/journal")); }
@@ -100,6 +108,8 @@ public:
 
 private:
     void lay(const RandomBuild &files);
+    /// What updates start from.
+    const RandomBuild &before() const { return m_isDamaged ? m_damaged : m_old; }
     RandomBuild expectedNew() const;
     bool isAll(const RandomBuild &files, const RandomBuild &others) const;
 
@@ -109,5 +119,7 @@ private:
     RandomBuild m_old;
     RandomBuild m_new;
     RandomBuild m_players;
+    RandomBuild m_damaged; ///< the old build, with files changed and gone
+    bool m_isDamaged = false;
     QMap<QString, QString> m_traces; ///< of the player's files: what any touch changes
 };
