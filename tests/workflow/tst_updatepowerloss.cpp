@@ -3,6 +3,7 @@
 #include "faultrun.h"
 #include "literals.h"
 #include "logcapture.h"
+#include "recordscenario.h"
 #include "testtree.h"
 #include "updaterestart.h"
 
@@ -76,6 +77,8 @@ private Q_SLOTS:
     void nothingIsLost_data();
     void nothingIsLost();
     void nothingIsLostOfARepair();
+    void nothingIsLostByRecording_data();
+    void nothingIsLostByRecording();
     void withoutSyncingMuchIsLost();
 
 private:
@@ -113,16 +116,11 @@ void tst_UpdatePowerLoss::cleanup()
 /// Lays the build that @p command starts from.
 void tst_UpdatePowerLoss::prepare(const QString &command)
 {
+    if (command == "recover"_s)
+        return layInterrupted(*m_scenario, "update"_s);
     m_scenario->lay();
     if (command == "rollback"_s)
         QCOMPARE(m_scenario->update(true).result, Result::Updated);
-    if (command == "recover"_s) { // of an update that was killed at its first rename of a file
-        const Faults killed{m_scenario->build() + "/game.exe"_s, "rename", 1, "kill", false, true};
-        QVERIFY(runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
-            {"1"_s, "update"_s, m_scenario->build(), m_scenario->patch()}, killed)
-                    .crashed);
-        QVERIFY(m_scenario->hasJournal());
-    }
 }
 
 DiskRecord tst_UpdatePowerLoss::record(const QString &command) const
@@ -280,6 +278,48 @@ void tst_UpdatePowerLoss::nothingIsLostOfARepair()
         }
     }
     QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
+}
+
+void tst_UpdatePowerLoss::nothingIsLostByRecording_data()
+{
+    QTest::addColumn<RecordScenario::Start>("start");
+    QTest::newRow("no record") << RecordScenario::Start::NoRecord;
+    QTest::newRow("older record") << RecordScenario::Start::OlderRecord;
+    QTest::newRow("interrupted update") << RecordScenario::Start::Unfinished;
+}
+
+/// Nor is there ever a part of the record.
+void tst_UpdatePowerLoss::nothingIsLostByRecording()
+{
+    QFETCH(RecordScenario::Start, start);
+    const bool all = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
+    RecordScenario scenario;
+    if (!scenario.isSealed())
+        QSKIP("built without libcrypto");
+    scenario.lay(start);
+    const DiskRecord record(
+        scenario.scenario().build(), QStringLiteral(UPDATECALL_PROGRAM), scenario.arguments());
+    QCOMPARE(record.status(), 0);
+    QStringList problems;
+    for (int at = 0; at <= record.size(); at += all || record.size() < 15 ? 1 : 3) {
+        for (const Loss &loss : losses(all ? 16 : 2, static_cast<unsigned>(at) * 16)) {
+            record.lay(at, loss.chance);
+            scenario.scenario().noteTraces();
+            ++m_powerCuts;
+            const QString where
+                = "%1 (%2), %3: "_s.arg(record.name(at)).arg(at).arg(QLatin1String(loss.name));
+            const QString broken = scenario.brokenPromise();
+            const QString problem = scenario.problemOfNext(at % 2 == 0);
+            for (const QString &text : {broken, problem}) {
+                if (!text.isEmpty())
+                    problems.append(where + text);
+            }
+        }
+    }
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
+    // What is told as done is on the disk.
+    record.lay(record.size(), losses(0, 0)[0].chance);
+    QVERIFY(scenario.isRecorded());
 }
 
 /// Otherwise the tests above would be of little worth.

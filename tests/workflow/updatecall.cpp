@@ -5,6 +5,7 @@
 //   updatecall THREADS recover|rollback|discard BUILD
 //   updatecall THREADS check BUILD SIGNATURES
 //   updatecall THREADS repair BUILD SIGNATURES SOURCE
+//   updatecall THREADS record BUILD SIGNATURES PATCH
 // Prints each error on a line, and what a plan refuses. Status of updates, "recover" and
 // "rollback": 10 and the number of the result; of the others 0: the call was successful; 1: it was
 // not. 2: wrong usage. UPDATECALL_KEY in the environment names the trusted key.
@@ -68,17 +69,25 @@ int update(int threads, const QString &command, const QStringList &paths)
     return startUpdate(updater, command, paths) ? QCoreApplication::exec() : WrongUsage;
 }
 
-int checkOrRepair(int threads, const QString &command, const QStringList &paths)
+bool startIntegrity(
+    IntegrityController &controller, const QString &command, const QStringList &paths)
+{
+    if (command == QLatin1String("check"))
+        return controller.check(paths.value(0), paths.value(1));
+    if (command == QLatin1String("repair"))
+        return controller.repair(paths.value(0), paths.value(1), paths.value(2));
+    return controller.recordRelease(
+        paths.value(0), paths.value(1), paths.value(2), {qEnvironmentVariable("UPDATECALL_KEY")});
+}
+
+int checkOrChange(int threads, const QString &command, const QStringList &paths)
 {
     IntegrityController controller;
     controller.setThreadCount(threads);
     QObject::connect(&controller, &IntegrityController::integrityError, &controller, &print);
     QObject::connect(&controller, &IntegrityController::finished, &controller,
         [](bool success) { QCoreApplication::exit(success ? 0 : 1); });
-    const bool started = command == QLatin1String("check")
-        ? controller.check(paths.value(0), paths.value(1))
-        : controller.repair(paths.value(0), paths.value(1), paths.value(2));
-    return started ? QCoreApplication::exec() : WrongUsage;
+    return startIntegrity(controller, command, paths) ? QCoreApplication::exec() : WrongUsage;
 }
 
 } // namespace
@@ -89,8 +98,9 @@ int main(int argc, char **argv)
     const QStringList arguments = QCoreApplication::arguments();
     const int threads = arguments.value(1).toInt();
     const QString command = arguments.value(2);
-    if (command == QLatin1String("check") || command == QLatin1String("repair"))
-        return checkOrRepair(threads, command, arguments.mid(3));
+    if (command == QLatin1String("check") || command == QLatin1String("repair")
+        || command == QLatin1String("record"))
+        return checkOrChange(threads, command, arguments.mid(3));
     if (command.startsWith(QLatin1String("plan")))
         return plan(command, arguments.mid(3));
     return update(threads, command, arguments.mid(3));

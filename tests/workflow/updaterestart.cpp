@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "updaterestart.h"
 
+#include "faultrun.h"
 #include "literals.h"
 
 using Result = Pellox::UpdateController::UpdateResult;
@@ -30,6 +31,16 @@ QString problemOfEnd(const UpdateScenario &scenario, const QString &command,
 bool isGood(Result result)
 {
     return result == Result::Updated || result == Result::AlreadyUpToDate;
+}
+
+void layInterrupted(UpdateScenario &scenario, const QString &command)
+{
+    scenario.lay();
+    const Faults killed{scenario.build() + "/game.exe"_s, "rename", 1, "kill", false, true};
+    const FaultRun run = runWithFaults(QStringLiteral(UPDATECALL_PROGRAM),
+        {"1"_s, command, scenario.build(), scenario.patch()}, killed);
+    if (!run.crashed || !scenario.hasJournal())
+        qFatal("update scenario: the update was not interrupted");
 }
 
 QString problemOfRestart(

@@ -5,6 +5,10 @@
 
 bool isGood(Pellox::UpdateController::UpdateResult result);
 
+/// Lays the old build with an update, @p command of updatecall, that was killed while it put its
+/// files in place. Ends the test program on an error.
+void layInterrupted(UpdateScenario &scenario, const QString &command);
+
 /**
  * Finishes in this process what a crash has left of @p command: "update", "update-keeping" or
  * "rollback"; by another call of the same or, where the commit had begun, by recovery alone. What
