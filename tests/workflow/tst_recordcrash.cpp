@@ -70,8 +70,8 @@ QString firstOf(const QStringList &problems)
 
 } // namespace
 
-/// Recording a release changes nothing but what stands beside a build. It is killed at each call
-/// that changes something on the disk, and each such call fails.
+/// Discarding what is kept and recording a release change nothing but what stands beside a build.
+/// They are killed at each call that changes something on the disk, and each such call fails.
 class tst_RecordCrash : public QObject
 {
     Q_OBJECT
@@ -82,6 +82,10 @@ private Q_SLOTS:
     void init() { m_log.emplace(); }
     void cleanup();
 
+    void discardingKilledAtAnyCall_data();
+    void discardingKilledAtAnyCall();
+    void anyCallOfADiscardingMayFail_data();
+    void anyCallOfADiscardingMayFail();
     void recordingKilledAtAnyCall_data();
     void recordingKilledAtAnyCall();
     void anyCallOfARecordingMayFail_data();
@@ -137,6 +141,75 @@ void tst_RecordCrash::failAtAnyCall(
 {
     const int step = stepOf(everyday);
     carryOut(campaign, {QString(), calls, 1 + error % step, QByteArray::number(error)}, step);
+}
+
+void tst_RecordCrash::discardingKilledAtAnyCall_data()
+{
+    QTest::addColumn<bool>("isUnfinished");
+    QTest::addColumn<QString>("next");
+    for (const char *next : {"discard", "rollback", "update"}) {
+        QTest::addRow("then %s", next) << false << QString::fromLatin1(next);
+        QTest::addRow("of an interrupted update, then %s", next)
+            << true << QString::fromLatin1(next);
+    }
+}
+
+namespace {
+
+/// The new build, with the old one kept; or on the way there.
+void layKept(UpdateScenario &scenario, bool isUnfinished)
+{
+    if (isUnfinished)
+        return layInterrupted(scenario, "update-keeping"_s);
+    scenario.lay();
+    QVERIFY(isGood(scenario.update(true).result));
+}
+
+/// What is there although @p run has said that it is discarded.
+QString problemOfSuccess(const UpdateScenario &scenario, const FaultRun &run)
+{
+    const bool isDone = !run.crashed && run.status == 0;
+    const bool isLeft = scenario.hasJournal() || scenario.tree().exists("build/.pellox/previous"_s)
+        || scenario.tree().exists("build/.pellox/previous.json"_s);
+    return isDone && isLeft ? "says that it has discarded"_s : QString();
+}
+
+} // namespace
+
+/// The old build can be brought back as a whole or not at all.
+void tst_RecordCrash::discardingKilledAtAnyCall()
+{
+    QFETCH(bool, isUnfinished);
+    QFETCH(QString, next);
+    UpdateScenario scenario;
+    const Campaign campaign{scenario.build(), {"1"_s, "discard"_s, scenario.build()},
+        [&] { layKept(scenario, isUnfinished); },
+        [&](const FaultRun &run, int) {
+            return firstOf({problemOfSuccess(scenario, run), scenario.brokenPromise(),
+                problemAfterDiscarding(scenario, next)});
+        }};
+    killAtAnyCall(campaign, isUnfinished ? 13 : 5);
+}
+
+void tst_RecordCrash::anyCallOfADiscardingMayFail_data()
+{
+    addErrors();
+}
+
+void tst_RecordCrash::anyCallOfADiscardingMayFail()
+{
+    QFETCH(QByteArray, calls);
+    QFETCH(int, error);
+    UpdateScenario scenario;
+    const QStringList next{"discard"_s, "rollback"_s, "update"_s};
+    const Campaign campaign{scenario.build(), {"1"_s, "discard"_s, scenario.build()},
+        [&] { layKept(scenario, false); },
+        [&](const FaultRun &run, int at) {
+            return firstOf({problemOfEnd(run, scenario.build()), problemOfSuccess(scenario, run),
+                scenario.brokenPromise(),
+                problemAfterDiscarding(scenario, next.at(at % next.size()))});
+        }};
+    failAtAnyCall(campaign, calls, error, 9);
 }
 
 void tst_RecordCrash::recordingKilledAtAnyCall_data()

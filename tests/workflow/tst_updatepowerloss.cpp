@@ -77,6 +77,7 @@ private Q_SLOTS:
     void nothingIsLost_data();
     void nothingIsLost();
     void nothingIsLostOfARepair();
+    void nothingIsLostByDiscarding();
     void nothingIsLostByRecording_data();
     void nothingIsLostByRecording();
     void withoutSyncingMuchIsLost();
@@ -275,6 +276,36 @@ void tst_UpdatePowerLoss::nothingIsLostOfARepair()
                 problems.append(
                     "%1 (%2), %3: "_s.arg(record.name(at)).arg(at).arg(QLatin1String(loss.name))
                     + problem);
+        }
+    }
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));
+}
+
+/// The old build, which was kept, can be brought back as a whole or not at all.
+void tst_UpdatePowerLoss::nothingIsLostByDiscarding()
+{
+    const QStringList next{"discard"_s, "rollback"_s, "update"_s};
+    const bool all = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
+    prepare("rollback"_s); // what can be rolled back can be discarded
+    const DiskRecord record = this->record("discard"_s);
+    QCOMPARE(record.status(), 0);
+    QVERIFY2(record.size() > 15, "too few points");
+    QStringList problems;
+    for (int at = 0; at <= record.size(); at += all ? 1 : 5) {
+        int turn = at;
+        for (const Loss &loss : losses(all ? 16 : 2, static_cast<unsigned>(at) * 16)) {
+            record.lay(at, loss.chance);
+            m_scenario->noteTraces();
+            ++m_powerCuts;
+            const QString where
+                = "%1 (%2), %3: "_s.arg(record.name(at)).arg(at).arg(QLatin1String(loss.name));
+            const QString broken = m_scenario->brokenPromise();
+            const QString problem
+                = problemAfterDiscarding(*m_scenario, next.at(turn++ % next.size()), true);
+            for (const QString &text : {broken, problem}) {
+                if (!text.isEmpty())
+                    problems.append(where + text);
+            }
         }
     }
     QVERIFY2(problems.isEmpty(), qPrintable(problems.mid(0, 25).join("\n    "_s)));

@@ -77,3 +77,33 @@ QString problemOfRestart(
     back.result = Result::Updated;
     return problemOfEnd(back, true);
 }
+
+QString problemAfterDiscarding(
+    const UpdateScenario &scenario, const QString &next, bool mayLackFiles)
+{
+    const bool isKept
+        = scenario.hasJournal() || scenario.tree().exists("build/.pellox/previous.json"_s);
+    if (next == "rollback"_s) {
+        const UpdateOutcome back = scenario.rollback();
+        if (back.result == Result::Updated && isKept) {
+            scenario.removeEmptyWorkFolder();
+            const QString difference = scenario.differenceToOld();
+            return difference.isEmpty() ? scenario.touchedFile() : difference;
+        }
+        if (back.result == Result::Updated || back.errors.isEmpty() || (isKept && !mayLackFiles))
+            return "rollback ends with %1: %2"_s.arg(static_cast<int>(back.result))
+                .arg(back.errors.join("; "_s));
+        if (!scenario.isNew())
+            return "was rolled back in part"_s;
+    }
+    if (next == "update"_s) {
+        const UpdateOutcome again = scenario.update();
+        if (!isGood(again.result) || !again.errors.isEmpty())
+            return "update ends with %1: %2"_s.arg(static_cast<int>(again.result))
+                .arg(again.errors.join("; "_s));
+    }
+    if (!scenario.discardPrevious())
+        return "cannot discard what was kept"_s;
+    const QString difference = scenario.differenceToNew();
+    return difference.isEmpty() ? scenario.touchedFile() : difference;
+}

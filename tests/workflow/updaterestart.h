@@ -16,3 +16,11 @@ void layInterrupted(UpdateScenario &scenario, const QString &command);
  */
 QString problemOfRestart(const UpdateScenario &scenario, const QString &command, bool byRecovery,
     bool foldersMayStay = false);
+
+/**
+ * What is wrong after a crash has cut off a discarding of what an update has kept, once @p next has
+ * run, "discard", "rollback" or "update", and what is left then is discarded. @p mayLackFiles: of
+ * what is kept, as after a power cut; a rollback may refuse then.
+ */
+QString problemAfterDiscarding(
+    const UpdateScenario &scenario, const QString &next, bool mayLackFiles = false);
