@@ -97,6 +97,7 @@ private Q_SLOTS:
     void failsWhenTheDiskIsFull();
 
     void movedFilesAreNamed();
+    void filesOfWhichMuchIsOldAreNamed();
     void movedFilesAreNamedInJson();
     void summariesGoToStandardOutput();
     void quietSaysNothing();
@@ -949,6 +950,45 @@ void tst_PublishCommand::movedFilesAreNamed()
     QVERIFY(!run(publish).out.contains(QLatin1String("old build")));
 }
 
+/// What has to be looked for is, where the old build is given for the sake of a small patch.
+void tst_PublishCommand::filesOfWhichMuchIsOldAreNamed()
+{
+    const QByteArray big = randomBytes(80 << 10, 1);
+    m_tree->write(QStringLiteral("old/big"), big);
+    m_tree->write(QStringLiteral("new/big"), big);
+    m_tree->write(QStringLiteral("new/again"), big);
+    m_tree->write(QStringLiteral("new/most"), big.left(60 << 10) + randomBytes(10000, 7));
+    m_tree->write(QStringLiteral("new/little"), big.left(20 << 10) + randomBytes(60000, 8));
+    const Outcome outcome = run(PublishFirst);
+    QVERIFY2(outcome.status == Done, qPrintable(outcome.err));
+    QVERIFY2(outcome.out.endsWith(QLatin1String(
+                 "\n2 new files (149.8 KiB) that the old build has, or at least half of which, "
+                 "under other names:\n"
+                 "    80.0 KiB  again, as big\n"
+                 "    69.8 KiB  most, 86.0 %, most of it in big\n")),
+        qPrintable(outcome.out));
+    QStringList moved;
+    for (const QJsonObject &object : jsonLines(run(PublishFirst + QStringLiteral(" --json")).out)) {
+        if (member(object, "event") == QLatin1String("moved"))
+            moved.append(QStringLiteral("%1: %2 of %3, %4, %5")
+                             .arg(member(object, "file"))
+                             .arg(object.value(QLatin1String("old_bytes")).toInt())
+                             .arg(object.value(QLatin1String("size")).toInt())
+                             .arg(object.value(QLatin1String("moved")).toBool())
+                             .arg(object.value(QLatin1String("estimated")).toBool()));
+    }
+    QCOMPARE(moved,
+        (QStringList{QStringLiteral("again: 81920 of 81920, 1, 0"),
+            QStringLiteral("most: 61440 of 71440, 0, 0")}));
+
+    // Players' signatures alone: a release is made in one pass.
+    QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    QVERIFY(run(PublishNew)
+                .out.endsWith(QLatin1String(
+                    "\n1 new file (80.0 KiB) that the old build has under other names:\n"
+                    "    80.0 KiB  again, as big\n")));
+}
+
 void tst_PublishCommand::movedFilesAreNamedInJson()
 {
     makeMoved();
@@ -1001,8 +1041,9 @@ void tst_PublishCommand::jsonIsOneObjectALine_data()
     const QString sign = QStringLiteral("sign");
     const QString publish = QStringLiteral("publish");
     QTest::newRow("publish") << PublishNew << QStringList{publish};
-    QTest::newRow("first release, packed") << PublishFirst + QStringLiteral(" --pack a.7z")
-                                           << QStringList{sign, publish, QStringLiteral("pack")};
+    QTest::newRow("first release, packed")
+        << PublishFirst + QStringLiteral(" --pack a.7z")
+        << QStringList{sign, publish, QStringLiteral("inspect"), QStringLiteral("pack")};
     QTest::newRow("sign") << QStringLiteral("sign new s --fast") << QStringList{sign};
     QTest::newRow("diff") << QStringLiteral("diff new sigs p --fast")
                           << QStringList{QStringLiteral("diff")};

@@ -2,6 +2,7 @@
 #include "commands.h"
 #include "engine.h"
 #include "folders.h"
+#include "inspection.h"
 #include "inspectreport.h"
 #include "interrupt.h"
 #include "keyfiles.h"
@@ -86,14 +87,6 @@ QString printable(const QString &path)
     return text;
 }
 
-QString percentage(qint64 part, qint64 whole)
-{
-    if (whole == 0)
-        return QStringLiteral("-");
-    const double share = 100 * static_cast<double>(part) / static_cast<double>(whole);
-    return QString::number(share, 'f', 1) + QLatin1String(" %");
-}
-
 /// Rows of text in columns, all but the last one flush right. A row in front names the columns.
 class Table
 {
@@ -157,17 +150,6 @@ void printDeltas(Console &console, const QVector<InspectedFile> &files, int top)
     }
     console.result(QString());
     table.print(console);
-}
-
-/// How much of a file the old build has.
-QString oldShareOf(const InspectedFile &file)
-{
-    if (file.isMoved)
-        return QStringLiteral("all");
-    const double share
-        = 100 * static_cast<double>(file.oldBytes) / static_cast<double>(file.newSize);
-    return file.isOldEstimated ? QStringLiteral("about %1 %").arg(share, 0, 'f', 0)
-                               : percentage(file.oldBytes, file.newSize);
 }
 
 /// New files of which the old build has at least half, under whatever name.
@@ -396,25 +378,11 @@ bool inspect(Console &console, const Arguments &arguments)
     const QStringList keys = existingPublicKeys(arguments.trustedKeys);
     const auto seal = SealView::read(patch);
 
-    Pellox::PatchInspector inspector;
-    inspector.setOldSignatures(oldSignatures);
-    QObject::connect(&inspector, &Pellox::PatchInspector::inspectError,
-        [&](const QString &message, const QString &path) { console.error(path, message); });
-    bool isUnderWay = false;
-    const bool whole = inspector.inspect(patch, [&](double percent) {
-        // Not before, as a manifest that will not do is refused without a look at the files.
-        if (!isUnderWay)
-            console.startProgress(QStringLiteral("inspect"), Progress::Unit::Files, rules);
-        isUnderWay = true;
-        console.advanceTo(static_cast<qint64>(percent / 100 * static_cast<double>(rules)));
-    });
-    if (whole)
-        console.advanceTo(rules);
-    console.stopProgress();
-    if (!whole)
+    const auto inspected = inspectPatch(console, patch, oldSignatures, rules);
+    if (!inspected)
         return false;
 
-    const QVector<InspectedFile> files = inspector.files();
+    const QVector<InspectedFile> &files = *inspected;
     record(console, files);
     printRules(console, files, patch);
     printDeltas(console, files, arguments.top);

@@ -128,3 +128,11 @@ QString byteCount(qint64 bytes)
 {
     return QLocale::c().formattedDataSize(bytes, 1);
 }
+
+QString percentage(qint64 part, qint64 whole)
+{
+    if (whole == 0)
+        return QStringLiteral("-");
+    const double share = 100 * static_cast<double>(part) / static_cast<double>(whole);
+    return QString::number(share, 'f', 1) + QLatin1String(" %");
+}

@@ -54,3 +54,6 @@ QString fileCount(qint64 count);
 
 /// "12.3 MiB"
 QString byteCount(qint64 bytes);
+
+/// "12.3 %", or "-" where @p whole is 0.
+QString percentage(qint64 part, qint64 whole);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "patchsums.h"
 
+#include "manifests.h"
+
 #include <Pellox/rules.h>
 
 #include <QHash>
@@ -101,6 +103,16 @@ QVector<InspectedFile> movedFiles(const QVector<InspectedFile> &files)
                                                   : one.relativePath < other.relativePath;
     });
     return moved;
+}
+
+QString oldShareOf(const InspectedFile &file)
+{
+    if (file.isMoved)
+        return QStringLiteral("all");
+    const double share
+        = 100 * static_cast<double>(file.oldBytes) / static_cast<double>(file.newSize);
+    return file.isOldEstimated ? QStringLiteral("about %1 %").arg(share, 0, 'f', 0)
+                               : percentage(file.oldBytes, file.newSize);
 }
 
 QVector<InspectedFile> largestDeltas(const QVector<InspectedFile> &files)

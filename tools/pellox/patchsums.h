@@ -43,5 +43,8 @@ bool isMoved(const Pellox::InspectedFile &file);
 /// The new files of which isMoved() says so: those that cost most first.
 QVector<Pellox::InspectedFile> movedFiles(const QVector<Pellox::InspectedFile> &files);
 
+/// How much of @p file the old build has, for people: "all", "86.0 %", "about 40 %".
+QString oldShareOf(const Pellox::InspectedFile &file);
+
 /// The files with a delta, the largest delta first.
 QVector<Pellox::InspectedFile> largestDeltas(const QVector<Pellox::InspectedFile> &files);

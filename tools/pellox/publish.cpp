@@ -4,11 +4,13 @@
 #include "deltaoptions.h"
 #include "engine.h"
 #include "folders.h"
+#include "inspection.h"
 #include "manifests.h"
 #include "movedfiles.h"
 #include "newbuild.h"
 #include "packcheck.h"
 #include "packing.h"
+#include "patchsums.h"
 #include "summaries.h"
 
 #include <Pellox/rules.h>
@@ -243,6 +245,35 @@ bool tellPlan(Console &console, Engine &engine, const Job &job)
     return true;
 }
 
+/// Whether the patch has new files with content besides those of @p moved.
+bool hasOtherNewFiles(const QString &patch, const QJsonArray &rules,
+    const QVector<PublishController::MovedFile> &moved)
+{
+    QSet<QString> known;
+    for (const PublishController::MovedFile &file : moved)
+        known.insert(file.relativePath);
+    return std::any_of(rules.cbegin(), rules.cend(), [&](const QJsonValue &rule) {
+        const QString path = relativePathOf(rule);
+        return ruleNameOf(rule) == Pellox::COPY_RULE && !known.contains(path)
+            && QFileInfo(patch + path).size() > 0;
+    });
+}
+
+/// The engine knows of whole files alone. Parts are looked for where the old build was given for
+/// the sake of a small patch: that takes another look at the new files.
+bool tellMoved(Console &console, const Job &job, const QJsonArray &rules,
+    const QVector<PublishController::MovedFile> &moved)
+{
+    if (job.oldBuild.isEmpty() || !hasOtherNewFiles(job.patch, rules, moved)) {
+        tellMovedFiles(console, inspected(moved));
+        return true;
+    }
+    const auto files = inspectPatch(console, job.patch, job.oldSignatures, rules.size());
+    if (files)
+        tellMovedFiles(console, movedFiles(*files));
+    return files.has_value();
+}
+
 bool makeRelease(Console &console, Engine &engine, const Job &job)
 {
     const NewBuild &newBuild = job.newBuild;
@@ -262,8 +293,7 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
         return false;
     console.result(patchSummary(*rules, job.patch));
     console.result(signedSummary(newBuild.fileCount, newBuild.size, job.signatures));
-    tellMovedFiles(console, moved);
-    return true;
+    return tellMoved(console, job, *rules, moved);
 }
 
 bool packPatch(Console &console, Packing &packing)
