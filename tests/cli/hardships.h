@@ -28,8 +28,5 @@ struct DiskRun
 DiskRun runWithDisk(const QString &mountPoint, const QString &size, const QString &words,
     const QString &folder, const QString &prepare = QStringLiteral(":"));
 
-/// Sends @p signal and waits until the program has taken it.
+/// Sends @p signal and waits until the program has taken it. It may have ended already.
 void interrupt(const QProcess &process, int signal);
-
-/// As interrupt(), so much later that the program does not take it to be the same Ctrl-C.
-void interruptAgain(const QProcess &process, int signal);

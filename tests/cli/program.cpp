@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "program.h"
 
+#include "patience.h"
+
 #include <QJsonDocument>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
@@ -17,7 +19,7 @@ void startProgram(QProcess &process, const QString &program, const QStringList &
 
 Outcome outcomeOf(QProcess &process)
 {
-    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
+    if (!process.waitForFinished(Patience) || process.exitStatus() != QProcess::NormalExit)
         return {-1, QString(), process.errorString()};
     return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
         QString::fromUtf8(process.readAllStandardError())};

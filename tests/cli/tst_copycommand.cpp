@@ -23,11 +23,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Whether there is a file of one of these names in @p folder, at any depth.
-bool holds(const QString &folder, const QStringList &names)
+constexpr qint64 LargeSize = qint64(64) << 20;
+
+/// @p signal comes at the first write to @p file, or in that folder, and there is work for minutes
+/// where a file of LargeSize is copied by blocks of 64 KiB.
+Faults whileItWrites(const QString &file, const QByteArray &signal)
 {
-    return QDirIterator(folder, names, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories)
-        .hasNext();
+    return {file, "write", 1, signal, false, false, true};
 }
 
 } // namespace
@@ -97,6 +99,7 @@ private:
     }
     QString path(const char *relative) const { return m_tree->path(QLatin1String(relative)); }
     void makeOldFiles() const;
+    void makeLargeFile(const char *name) const;
     FaultRun replaceWithFaults(const Faults &faults) const;
 
     std::unique_ptr<TestTree> m_tree;
@@ -470,6 +473,13 @@ void tst_CopyCommand::aDiskThatIsFullEndsTheCopyOfAFile()
 }
 
 /// A folder with files that "copy build copy --force" replaces, and one that it does not.
+/// Of zeros, which take no room on the disk.
+void tst_CopyCommand::makeLargeFile(const char *name) const
+{
+    m_tree->write(QLatin1String(name), QByteArray());
+    QVERIFY(QFile::resize(path(name), LargeSize));
+}
+
 void tst_CopyCommand::makeOldFiles() const
 {
     if (m_tree->exists(QStringLiteral("copy")))
@@ -614,22 +624,17 @@ void tst_CopyCommand::filesAreReplacedWhereNoneCanBeExchanged()
 
 void tst_CopyCommand::whatAppearsMeanwhileIsNotReplaced()
 {
-    m_tree->write(QStringLiteral("build/large.pak"), QByteArray());
-    QVERIFY(QFile::resize(path("build/large.pak"), qint64(512) << 20)); // half a second's work
     m_tree->write(QStringLiteral("copy/levels/mine"), "mine");
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        {QStringLiteral("copy"), QStringLiteral("build"), QStringLiteral("copy")}, m_tree->path());
-    QTRY_VERIFY(holds(path("copy"), {QStringLiteral("qt_temp.*"), QStringLiteral("*.pak")}));
-    m_tree->write(QStringLiteral("copy/levels/grüße.map"), "theirs");
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, Failed);
-    QCOMPARE(errorLines(outcome.err),
-        QStringList(QStringLiteral("pellox: error: %1: exists")
-                        .arg(m_tree->path(QStringLiteral("copy/levels/grüße.map")))));
+    Faults faults{path("copy"), "write", 1, "appear"};
+    faults.appearing = m_tree->path(QStringLiteral("copy/levels/grüße.map"));
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("copy"), path("build"), path("copy")}, faults);
+    QCOMPARE(run.status, Failed);
+    QCOMPARE(errorLines(QString::fromUtf8(run.errors)),
+        QStringList(QStringLiteral("pellox: error: %1: exists").arg(faults.appearing)));
     QCOMPARE(TestTree::snapshot(path("copy")),
         (QMap<QString, QByteArray>{{QStringLiteral("levels/"), QByteArray()},
-            {QStringLiteral("levels/grüße.map"), "theirs"},
+            {QStringLiteral("levels/grüße.map"), "another file"},
             {QStringLiteral("levels/mine"), "mine"}}));
 }
 
@@ -704,38 +709,38 @@ void tst_CopyCommand::aBuildIsMeasuredInBytes()
 void tst_CopyCommand::interruptStopsAtTheNextBlock_data()
 {
     QTest::addColumn<QString>("option");
-    QTest::addColumn<int>("signal");
+    QTest::addColumn<QByteArray>("signal");
     QTest::addColumn<int>("status");
     QTest::addColumn<bool>("kept");
 
-    const QString keep = QStringLiteral(" --keep-partial");
-    QTest::newRow("partial removed") << QString() << SIGINT << Interrupted << false;
-    QTest::newRow("partial kept") << keep << SIGINT << Interrupted << true;
-    QTest::newRow("terminated") << QString() << SIGTERM << 143 << false;
-    QTest::newRow("terminal closed") << QString() << SIGHUP << 129 << false;
+    const QString keep = QStringLiteral("--keep-partial");
+    QTest::newRow("partial removed")
+        << QString() << QByteArray("interrupt") << Interrupted << false;
+    QTest::newRow("partial kept") << keep << QByteArray("interrupt") << Interrupted << true;
+    QTest::newRow("terminated") << QString() << QByteArray("terminate") << 128 + SIGTERM << false;
+    QTest::newRow("terminal closed") << QString() << QByteArray("close") << 128 + SIGHUP << false;
 }
 
 void tst_CopyCommand::interruptStopsAtTheNextBlock()
 {
     QFETCH(QString, option);
-    QFETCH(int, signal);
+    QFETCH(QByteArray, signal);
     QFETCH(int, status);
     QFETCH(bool, kept);
-    m_tree->write(QStringLiteral("large"), QByteArray());
-    QVERIFY(QFile::resize(path("large"), qint64(4) << 30));
-
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        (QStringLiteral("copy large copy --json --block-size 1M") + option).split(QLatin1Char(' ')),
-        m_tree->path());
-    QTRY_VERIFY(QFileInfo(path("copy")).size() > 0);
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, status);
-    QCOMPARE(outcome.err, QStringLiteral("pellox: interrupted\n"));
-    QCOMPARE(member(jsonLines(outcome.out).last(), "outcome"), QStringLiteral("interrupted"));
+    makeLargeFile("large");
+    QStringList arguments{QStringLiteral("copy"), path("large"), path("copy"),
+        QStringLiteral("--json"), QStringLiteral("--block-size"), QStringLiteral("64K")};
+    if (!option.isEmpty())
+        arguments.append(option);
+    const FaultRun run = runWithFaults(
+        QStringLiteral(PELLOX_PROGRAM), arguments, whileItWrites(path("copy"), signal));
+    QCOMPARE(run.status, status);
+    QCOMPARE(run.errors, QByteArray("pellox: interrupted\n"));
+    QCOMPARE(member(jsonLines(QString::fromUtf8(run.output)).last(), "outcome"),
+        QStringLiteral("interrupted"));
     QCOMPARE(m_tree->exists(QStringLiteral("copy")), kept);
-    QCOMPARE(QFileInfo(path("copy")).size() % (1 << 20), qint64(0));
+    QVERIFY(QFileInfo(path("copy")).size() < LargeSize);
+    QCOMPARE(QFileInfo(path("copy")).size() % (64 << 10), qint64(0));
 }
 
 void tst_CopyCommand::interruptStopsABuildAtTheNextBlock_data()
@@ -749,13 +754,10 @@ void tst_CopyCommand::interruptStopsABuildAtTheNextBlock_data()
 void tst_CopyCommand::interruptStopsABuildAtTheNextBlock()
 {
     QFETCH(bool, isForced);
-    // A good part of a second each, so the signal comes while one of them is under way.
-    for (const char *name : {"build/first.pak", "build/levels/second.pak"}) {
-        m_tree->write(QLatin1String(name), QByteArray());
-        QVERIFY(QFile::resize(path(name), qint64(256) << 20));
-    }
-    QStringList arguments{
-        QStringLiteral("copy"), QStringLiteral("build"), QStringLiteral("new/copy")};
+    makeLargeFile("build/first.pak");
+    makeLargeFile("build/levels/second.pak");
+    QStringList arguments{QStringLiteral("copy"), path("build"), path("new/copy"),
+        QStringLiteral("--block-size"), QStringLiteral("64K")};
     if (isForced) {
         m_tree->write(QStringLiteral("new/copy/mine"), "mine");
         m_tree->write(QStringLiteral("new/copy/levels/grüße.map"), "old");
@@ -763,34 +765,23 @@ void tst_CopyCommand::interruptStopsABuildAtTheNextBlock()
     }
     const QStringList before = TestTree::snapshot(path("new")).keys();
 
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM), arguments, m_tree->path());
-    QTRY_VERIFY(holds(path("new"), {QStringLiteral("qt_temp.*"), QStringLiteral("*.pak")}));
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, Interrupted);
-    QCOMPARE(errorLines(outcome.err), QStringList());
-    QVERIFY2(outcome.err.endsWith(QLatin1String("pellox: interrupted\n")), qPrintable(outcome.err));
+    const FaultRun run = runWithFaults(
+        QStringLiteral(PELLOX_PROGRAM), arguments, whileItWrites(path("new"), "interrupt"));
+    QCOMPARE(run.status, Interrupted);
+    QCOMPARE(errorLines(QString::fromUtf8(run.errors)), QStringList());
+    QVERIFY2(run.errors.endsWith("pellox: interrupted\n"), run.errors);
     QCOMPARE(TestTree::snapshot(path("new")).keys(), before);
 }
 
 void tst_CopyCommand::interruptEndsTheComparison()
 {
-    m_tree->write(QStringLiteral("one/large.pak"), QByteArray());
-    QVERIFY(QFile::resize(path("one/large.pak"), qint64(1) << 30));
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        {QStringLiteral("copy"), QStringLiteral("one"), QStringLiteral("copy"),
-            QStringLiteral("--json")},
-        m_tree->path());
-    // As soon as it begins, so in the midst of the one file.
-    const QRegularExpression underWay(
-        QStringLiteral("\"event\":\"progress\",\"stage\":\"compare\""));
-    QString output;
-    while (!underWay.match(output).hasMatch() && process.waitForReadyRead())
-        output += QString::fromUtf8(process.readAllStandardOutput());
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
-    QCOMPARE(outcomeOf(process).status, Interrupted);
+    const TestTree source;
+    source.write(QStringLiteral("data.pak"), randomBytes(3000000, 2));
+    // Nothing but the comparison reads what has been copied.
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("copy"), source.path(), path("copy")},
+        {m_tree->path(), "read", 1, "interrupt"});
+    QCOMPARE(run.status, Interrupted);
     QVERIFY(!m_tree->exists(QStringLiteral("copy")));
 }
 
@@ -808,16 +799,12 @@ void tst_CopyCommand::aSecondInterruptEndsTheCopyOfAFile()
 /// As timeout(1) does: to the program, then to all of its group.
 void tst_CopyCommand::oneCtrlCMayComeTwice()
 {
-    m_tree->write(QStringLiteral("large"), QByteArray());
-    QVERIFY(QFile::resize(path("large"), qint64(4) << 30));
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        QStringLiteral("copy large copy --block-size 16M").split(QLatin1Char(' ')), m_tree->path());
-    QTRY_VERIFY(QFileInfo(path("copy")).size() > 0);
-    const auto id = static_cast<pid_t>(process.processId());
-    QCOMPARE(::kill(id, SIGINT), 0);
-    QCOMPARE(::kill(id, SIGINT), 0);
-    QCOMPARE(outcomeOf(process).status, Interrupted);
+    makeLargeFile("large");
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("copy"), path("large"), path("copy"), QStringLiteral("--block-size"),
+            QStringLiteral("64K")},
+        whileItWrites(path("copy"), "twice"));
+    QCOMPARE(run.status, Interrupted);
     QVERIFY(!m_tree->exists(QStringLiteral("copy")));
 }
 
@@ -837,17 +824,18 @@ void tst_CopyCommand::aSecondInterruptEndsTheCopyOfABuild()
 
 void tst_CopyCommand::otherSignalsToTheCopyOfABuildMayRepeat()
 {
-    m_tree->write(QStringLiteral("huge/large"), QByteArray());
-    QVERIFY(QFile::resize(path("huge/large"), qint64(1) << 30));
+    makeLargeFile("huge/large");
     makeOldFiles();
     const auto before = TestTree::snapshot(path("copy"));
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        QStringLiteral("copy huge copy --block-size 512M").split(QLatin1Char(' ')), m_tree->path());
-    QTRY_VERIFY_WITH_TIMEOUT(holds(path("copy"), {QStringLiteral("large")}), 30000);
-    for (int i = 0; i < 3 && process.state() == QProcess::Running; ++i)
-        interruptAgain(process, SIGTERM);
-    QCOMPARE(outcomeOf(process).status, 128 + SIGTERM);
+    Faults faults = whileItWrites(path("copy"), "terminate");
+    faults.calls = "write,remove";
+    faults.later = true;
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {QStringLiteral("copy"), path("huge"), path("copy"), QStringLiteral("--block-size"),
+            QStringLiteral("64K")},
+        faults);
+    QCOMPARE(run.status, 128 + SIGTERM);
+    QVERIFY2(run.calls.last().startsWith(QLatin1String("remove ")), qPrintable(run.calls.last()));
     QCOMPARE(TestTree::snapshot(path("copy")), before);
 }
 

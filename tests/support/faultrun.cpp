@@ -22,6 +22,8 @@ QProcessEnvironment environmentFor(const Faults &faults, const QString &log)
     set("FAULTS_DO", faults.action);
     set("FAULTS_REPEAT", faults.later ? "yes" : "");
     set("FAULTS_UNSYNCED", faults.unsynced ? "yes" : "");
+    set("FAULTS_SLOWLY", faults.slowly ? "yes" : "");
+    set("FAULTS_APPEARING", faults.appearing.toUtf8());
     set("FAULTS_LOG", log.toLocal8Bit());
     return environment;
 }

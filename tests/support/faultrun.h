@@ -14,6 +14,8 @@ struct Faults
     QByteArray action = QByteArray(); ///< an errno, "kill", "half", "append", ...
     bool later = false;               ///< it happens at all later calls as well
     bool unsynced = false;            ///< calls that sync count, but wait for no disk
+    bool slowly = false;              ///< from then on each takes a fifth of a second more
+    QString appearing = QString();    ///< the file that "appear" makes
 };
 
 struct FaultRun

@@ -15,17 +15,18 @@
  *                    a number  the call fails with that errno
  *                    half      the call reads or writes half of what it should
  *                    kill      the process dies before the call
- *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried out
- *                    interrupts  it gets SIGINT twice, as from somebody who does not wait
- *                    terminate the process gets SIGTERM, then the call is carried out
- *                    append, truncate, rewrite, disguise, replace, remove
- *                              happens to the file that the call is on; then the call is carried
- *                              out. "rewrite" changes bytes in place, "disguise" does and sets the
- *                              file's time back, "replace" puts another file of the same size there
- *   FAULTS_REPEAT  not empty: it happens at every later call as well
- *   FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk
- *   FAULTS_ROOM    so many bytes are free on each file system
- *   FAULTS_ROOM_FILES so many more files can be made on each
+ *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried
+ * out interrupts  it gets SIGINT twice, as from somebody who does not wait twice     it gets SIGINT
+ * twice at the same moment, as from timeout(1) terminate the process gets SIGTERM, then the call is
+ * carried out hangup    it gets SIGHUP close     it gets SIGHUP, then SIGTERM, as when a terminal
+ * is closed append, truncate, rewrite, disguise, replace, remove happens to the file that the call
+ * is on; then the call is carried out. "rewrite" changes bytes in place, "disguise" does and sets
+ * the file's time back, "replace" puts another file of the same size there appear    the file
+ * FAULTS_APPEARING appears, which must not have been there FAULTS_REPEAT  not empty: it happens at
+ * every later call as well FAULTS_SLOWLY  not empty: the call at which it happens and each later
+ * one takes a fifth of a second more, so that work of many calls is under way for long on any
+ * machine FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk FAULTS_ROOM    so
+ * many bytes are free on each file system FAULTS_ROOM_FILES so many more files can be made on each
  *   FAULTS_KIND    each is of the kind with this number
  *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
  *
@@ -56,15 +57,19 @@ static const char *s_kinds;
 static const char *s_action;
 static long s_at;
 static bool s_repeat;
+static bool s_slowly;
 static bool s_unsynced;
 static int s_log = -1;
 static atomic_long s_calls;
 static _Thread_local bool s_inside; /* calls of this library itself do not count */
+static _Thread_local bool s_timeStands;
+static _Thread_local struct timespec s_moment;
 
 __attribute__((constructor)) static void read_settings(void)
 {
     const char *at = getenv("FAULTS_AT");
     const char *repeat = getenv("FAULTS_REPEAT");
+    const char *slowly = getenv("FAULTS_SLOWLY");
     const char *unsynced = getenv("FAULTS_UNSYNCED");
     const char *log = getenv("FAULTS_LOG");
     s_path = getenv("FAULTS_PATH");
@@ -72,6 +77,7 @@ __attribute__((constructor)) static void read_settings(void)
     s_action = getenv("FAULTS_DO");
     s_at = at ? atol(at) : 0;
     s_repeat = repeat && *repeat;
+    s_slowly = slowly && *slowly;
     s_unsynced = unsynced && *unsynced;
     if (s_path && log) {
         s_inside = true;
@@ -166,6 +172,8 @@ static bool change_file(const char *path)
         disguise(path);
     else if (strcmp(s_action, "replace") == 0)
         replace(path);
+    else if (strcmp(s_action, "appear") == 0)
+        write_at(getenv("FAULTS_APPEARING"), O_WRONLY | O_CREAT | O_EXCL, 0, "another file");
     else if (strcmp(s_action, "remove") == 0)
         syscall(SYS_unlinkat, AT_FDCWD, path, 0);
     else if (strcmp(s_action, "truncate") == 0) {
@@ -176,14 +184,53 @@ static bool change_file(const char *path)
     return true;
 }
 
+static void wait_milliseconds(long milliseconds)
+{
+    struct timespec pause = {0, milliseconds * 1000000};
+    while (nanosleep(&pause, &pause) != 0 && errno == EINTR) { }
+}
+
 /* On this thread, so that it comes before the call. Nobody presses Ctrl-C twice in less than this
    time. */
 static void interrupt(bool again)
 {
-    const struct timespec pause = {0, 50000000};
     if (again)
-        nanosleep(&pause, NULL);
+        wait_milliseconds(50);
     raise(SIGINT);
+}
+
+/* Not even on a busy machine does time pass between them. */
+static void interrupt_twice_at_once(void)
+{
+    clock_gettime(CLOCK_MONOTONIC, &s_moment);
+    s_timeStands = true;
+    raise(SIGINT);
+    raise(SIGINT);
+    s_timeStands = false;
+}
+
+/* Whether ACTION is one that sends signals, which it has done then. */
+static bool send_signals(const char *action, bool again)
+{
+    if (strcmp(action, "kill") == 0)
+        kill(getpid(), SIGKILL);
+    else if (strcmp(action, "interrupt") == 0)
+        interrupt(again);
+    else if (strcmp(action, "interrupts") == 0) {
+        interrupt(false);
+        interrupt(true);
+    } else if (strcmp(action, "twice") == 0)
+        interrupt_twice_at_once();
+    else if (strcmp(action, "terminate") == 0)
+        raise(SIGTERM);
+    else if (strcmp(action, "hangup") == 0)
+        raise(SIGHUP);
+    else if (strcmp(action, "close") == 0) {
+        raise(SIGHUP);
+        raise(SIGTERM);
+    } else
+        return false;
+    return true;
 }
 
 enum verdict { GO_ON, GO_HALF, FAIL };
@@ -200,15 +247,8 @@ static enum verdict meet(const char *kind, const char *path)
     enum verdict verdict = GO_ON;
     int error = saved_errno;
     if (s_action && s_at > 0 && (call == s_at || (s_repeat && call > s_at))) {
-        if (strcmp(s_action, "kill") == 0)
-            kill(getpid(), SIGKILL);
-        else if (strcmp(s_action, "interrupt") == 0)
-            interrupt(call > s_at);
-        else if (strcmp(s_action, "interrupts") == 0) {
-            interrupt(false);
-            interrupt(true);
-        } else if (strcmp(s_action, "terminate") == 0)
-            raise(SIGTERM);
+        if (send_signals(s_action, call > s_at))
+            verdict = GO_ON;
         else if (strcmp(s_action, "half") == 0)
             verdict = GO_HALF;
         else if (!change_file(path)) {
@@ -216,6 +256,8 @@ static enum verdict meet(const char *kind, const char *path)
             error = atoi(s_action);
         }
     }
+    if (s_slowly && call >= s_at)
+        wait_milliseconds(200);
     s_inside = false;
     errno = error;
     return verdict;
@@ -576,6 +618,15 @@ int fchownat(int folder, const char *path, uid_t user, gid_t group, int flags)
 {
     return meet_at("mode", folder, path) == FAIL ? -1
                                                  : REAL(fchownat)(folder, path, user, group, flags);
+}
+
+int clock_gettime(clockid_t clock, struct timespec *now)
+{
+    if (s_timeStands && clock == CLOCK_MONOTONIC) {
+        *now = s_moment;
+        return 0;
+    }
+    return (int)syscall(SYS_clock_gettime, clock, now);
 }
 
 /* What a file system has free, where the environment says so. */
