@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "faultrun.h"
 #include "program.h"
 #include "testtree.h"
 
@@ -66,7 +67,6 @@ private:
     {
         m_tree->write(QStringLiteral("patch/patchRules.json"), rules);
     }
-    void makeSlowPatch() const;
 
     std::unique_ptr<TestTree> m_tree;
 };
@@ -84,18 +84,6 @@ void tst_ApplyCommand::init()
     m_tree->write(QStringLiteral("new/levels/one.map"), "new");
     QCOMPARE(run(QStringLiteral("sign old signatures")).status, Done);
     QCOMPARE(run(QStringLiteral("diff new signatures patch")).status, Done);
-}
-
-/// A delta of millions of tiny steps: seconds of work, a few MB on the disk.
-void tst_ApplyCommand::makeSlowPatch() const
-{
-    constexpr int Steps = 4000000;
-    QByteArray delta("rs\x02\x36");
-    delta.reserve(delta.size() + 3 * Steps + 1);
-    for (int i = 0; i < Steps; ++i)
-        delta.append("\x45\0\x01", 3); // copy one byte from the beginning
-    delta.append('\0');
-    m_tree->write(QStringLiteral("patch/game.exe"), delta);
 }
 
 void tst_ApplyCommand::theOnlyCopyOfAnInterruptedVerifyIsLeftAlone()
@@ -315,54 +303,48 @@ void tst_ApplyCommand::verifyNamesTenOfManyFiles()
 void tst_ApplyCommand::interruptionTellsWhatToRun_data()
 {
     QTest::addColumn<QString>("command");
-    QTest::addColumn<int>("signal");
+    QTest::addColumn<QByteArray>("signal");
     QTest::addColumn<int>("status");
     QTest::addColumn<QString>("line");
 
     const QString apply = QStringLiteral("pellox: interrupted: run \"pellox apply\" again\n");
     const QString verify = QStringLiteral(
         "pellox: interrupted: run \"pellox verify\" again, not \"pellox apply\"\n");
-    QTest::newRow("apply") << QStringLiteral("apply") << SIGINT << Interrupted << apply;
-    QTest::newRow("apply, terminated") << QStringLiteral("apply") << SIGTERM << 143 << apply;
-    QTest::newRow("verify") << QStringLiteral("verify") << SIGINT << Interrupted << verify;
-    QTest::newRow("verify, terminal closed") << QStringLiteral("verify") << SIGHUP << 129 << verify;
+    QTest::newRow("apply") << QStringLiteral("apply") << QByteArray("interrupt") << Interrupted
+                           << apply;
+    QTest::newRow("apply, terminated")
+        << QStringLiteral("apply") << QByteArray("terminate") << 128 + SIGTERM << apply;
+    QTest::newRow("verify") << QStringLiteral("verify") << QByteArray("interrupt") << Interrupted
+                            << verify;
+    QTest::newRow("verify, terminal closed")
+        << QStringLiteral("verify") << QByteArray("close") << 128 + SIGHUP << verify;
 }
 
 void tst_ApplyCommand::interruptionTellsWhatToRun()
 {
     QFETCH(QString, command);
-    QFETCH(int, signal);
+    QFETCH(QByteArray, signal);
     QFETCH(int, status);
     QFETCH(QString, line);
-    // Seconds of work, small on the disk.
-    makeSlowPatch();
-    m_tree->write(QStringLiteral("installed/game.exe.temp"), QByteArray());
-    QVERIFY(QFile::resize(path("installed/game.exe.temp"), qint64(64) << 30));
-
-    QProcess process;
-    startProgram(process, QStringLiteral(PELLOX_PROGRAM),
-        {command, QStringLiteral("installed"), QStringLiteral("patch"), QStringLiteral("--json")},
-        m_tree->path());
-    QVERIFY(process.waitForReadyRead()); // it tells its progress, so it is under way
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
-    const Outcome outcome = outcomeOf(process);
-    QCOMPARE(outcome.status, status);
-    QVERIFY2(outcome.err.contains(line), qPrintable(outcome.err)); // another file may have failed
-    QCOMPARE(member(jsonLines(outcome.out).last(), "outcome"), QStringLiteral("interrupted"));
+    m_tree->write(QStringLiteral("installed/game.exe.temp"), randomBytes(20000, 3));
+    const FaultRun run = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
+        {command, path("installed"), path("patch"), QStringLiteral("--json")},
+        {path("installed/game.exe.temp"), "read,write", 1, signal});
+    QCOMPARE(run.status, status);
+    // Another file may have failed.
+    QVERIFY2(QString::fromUtf8(run.errors).contains(line), run.errors);
+    QCOMPARE(member(jsonLines(QString::fromUtf8(run.output)).last(), "outcome"),
+        QStringLiteral("interrupted"));
 }
 
 void tst_ApplyCommand::anIgnoredSignalStaysIgnored()
 {
-    makeSlowPatch();
-    QProcess process;
-    startProgram(process, QStringLiteral("sh"),
-        {QStringLiteral("-c"),
-            QStringLiteral("trap '' HUP; exec " PELLOX_PROGRAM " apply installed patch --json")},
-        m_tree->path());
-    QVERIFY(process.waitForReadyRead());
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGHUP), 0);
-    QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGTERM), 0);
-    QCOMPARE(outcomeOf(process).status, 143);
+    const FaultRun run = runWithFaults(QStringLiteral("sh"),
+        {QStringLiteral("-c"), QStringLiteral("trap '' HUP; exec \"$@\""), QStringLiteral("sh"),
+            QStringLiteral(PELLOX_PROGRAM), QStringLiteral("apply"), path("installed"),
+            path("patch")},
+        {path("installed"), "write", 1, "close"});
+    QCOMPARE(run.status, 128 + SIGTERM);
 }
 
 QTEST_GUILESS_MAIN(tst_ApplyCommand)
