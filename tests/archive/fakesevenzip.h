@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "patience.h"
 #include "testtree.h"
 
 #include <QByteArray>
@@ -10,9 +11,6 @@
 #include <QSignalSpy>
 #include <QString>
 #include <QStringList>
-
-/// How long a test waits for what must come, in milliseconds.
-constexpr int Patience = 30000;
 
 /// What the stand-in 7-Zip can do.
 namespace Step {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "leftovers.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <Pellox/ArchiveController>
@@ -252,7 +253,7 @@ void tst_Real7zip::programStillPrintsTheSuccessLine()
         program.setWorkingDirectory(m_tree->path());
         program.start(QCoreApplication::applicationDirPath() + QLatin1String("/7zr"), arguments);
         program.closeWriteChannel();
-        program.waitForFinished();
+        program.waitForFinished(Patience);
         return program.readAllStandardOutput().split('\n');
     };
     const QByteArrayList created
@@ -274,7 +275,7 @@ void tst_Real7zip::passwordIsNeededToExtract()
     compressor.setArchiveArchivePath(path("source"));
     compressor.setPassword(QStringLiteral("x"));
     compressor.start(Archive, path("out"));
-    QVERIFY(finished.wait(30000));
+    QVERIFY(finished.wait(Patience));
 
     m_controller->setSilentEndIsError(true);
     QVERIFY(!extract("out/build.7z"));
@@ -294,14 +295,14 @@ void tst_Real7zip::passwordWithItsQuotesOpensTheArchive()
     compressor.setArchiveArchivePath(path("source"));
     compressor.setPassword(QStringLiteral("x"));
     compressor.start(Archive, path("out"));
-    QVERIFY(finished.wait(30000));
+    QVERIFY(finished.wait(Patience));
 
     const auto exitCode = [this](const char *passwordSwitch) {
         QProcess program;
         program.setStandardOutputFile(QProcess::nullDevice());
         program.start(QCoreApplication::applicationDirPath() + QLatin1String("/7zr"),
             {QStringLiteral("t"), QLatin1String(passwordSwitch), path("out/build.7z")});
-        program.waitForFinished();
+        program.waitForFinished(Patience);
         program.readAllStandardError();
         return program.exitCode();
     };
@@ -422,12 +423,12 @@ void tst_Real7zip::fileCalledLikeAnErrorMakesAGoodRunCountAsFailed()
 
     auto *compressor = m_controller->findChild<Compressor *>();
     QSignalSpy finished(compressor, &Compressor::finished);
-    QVERIFY(finished.wait(60000));
+    QVERIFY(finished.wait(Patience));
     QProcess program;
     program.setStandardOutputFile(QProcess::nullDevice());
     program.start(QCoreApplication::applicationDirPath() + QLatin1String("/7zr"),
         {QStringLiteral("t"), path("out/build.7z.001")});
-    QVERIFY(program.waitForFinished(60000));
+    QVERIFY(program.waitForFinished(Patience));
     QCOMPARE(program.exitCode(), 0);
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "leftovers.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 #include "texts.h"
 
@@ -177,7 +178,7 @@ void tst_StartFailures::compressorTellsItOnce()
 
     compressor.start(QStringLiteral("a.7z"), QString());
     QCOMPARE(events, QByteArrayList({"started"}));
-    QVERIFY(error.wait(30000));
+    QVERIFY(error.wait(Patience));
     QCOMPARE(error.at(0).at(0).toStringList(), Failure);
     QCoreApplication::processEvents();
     QCOMPARE(events, QByteArrayList({"started", "error"}));
@@ -191,7 +192,7 @@ void tst_StartFailures::compressorWithoutItsWorkingDirectory()
     Compressor compressor;
     QSignalSpy error(&compressor, &Compressor::error);
     compressor.start(QStringLiteral("a.7z"), path("nowhere"));
-    QVERIFY(error.wait(30000));
+    QVERIFY(error.wait(Patience));
     QCOMPARE(error.at(0).at(0).toStringList(), Failure);
     QCoreApplication::processEvents();
     QCOMPARE(error.size(), 1);
@@ -229,7 +230,7 @@ void tst_StartFailures::decompressorTellsItOnce()
 
     decompressor.start(QStringLiteral("a.7z"), QString(), path("out"), QString());
     QCOMPARE(events, QByteArrayList({"started", "started"}));
-    QVERIFY(error.wait(30000));
+    QVERIFY(error.wait(Patience));
     QCOMPARE(error.at(0).at(0).toStringList(), Failure);
     QCoreApplication::processEvents();
     QCOMPARE(events, QByteArrayList({"started", "started", "error"}));

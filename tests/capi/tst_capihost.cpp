@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "patience.h"
 #include "testtree.h"
 
 #include <QProcess>
@@ -13,7 +14,6 @@ QByteArray troubleOf(const QString &program, const QStringList &arguments)
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, arguments);
     process.closeWriteChannel();
-    constexpr int Patience = 60000;
     if (!process.waitForFinished(Patience))
         return "does not end";
     const QByteArray output = process.readAll();

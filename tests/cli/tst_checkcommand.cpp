@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "events.h"
 #include "faultrun.h"
+#include "patience.h"
 #include "releasetree.h"
 
 #include <QFile>
@@ -433,7 +434,7 @@ void tst_CheckCommand::signalsCancel()
     QProcess process;
     startProgram(
         process, QStringLiteral(PELLOX_PROGRAM), words.split(QLatin1Char(' ')), m_tree->path());
-    QVERIFY(process.waitForReadyRead()); // the phase
+    QVERIFY(process.waitForReadyRead(Patience)); // the phase
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, status);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "patience.h"
 #include "program.h"
 #include "testtree.h"
 
@@ -883,7 +884,7 @@ void tst_Cli::interruptEndsAtOnce()
         QStringList{QStringLiteral("sign"), QStringLiteral("large"), QStringLiteral("sigs")}
             + options,
         m_tree->path());
-    QTRY_VERIFY(m_tree->exists(QStringLiteral("sigs/file")));
+    QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists(QStringLiteral("sigs/file")), Patience);
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), signal), 0);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, status);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "folders.h"
 #include "ignorelist.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <QProcess>
@@ -37,7 +38,8 @@ QStringList ignoredByGit(const TestTree &repository, const QStringList &paths)
     git.write(paths.join(QChar()).toUtf8());
     git.closeWriteChannel();
     // Status 1 tells that nothing is ignored.
-    if (!git.waitForFinished() || git.exitStatus() != QProcess::NormalExit || git.exitCode() > 1)
+    if (!git.waitForFinished(Patience) || git.exitStatus() != QProcess::NormalExit
+        || git.exitCode() > 1)
         return {QStringLiteral("git failed: ") + QString::fromUtf8(git.readAllStandardError())};
     QStringList ignored;
     for (const QByteArray &path : git.readAllStandardOutput().split('\0')) {

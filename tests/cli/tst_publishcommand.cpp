@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "patience.h"
 #include "program.h"
 #include "testtree.h"
 
@@ -1161,7 +1162,7 @@ void tst_PublishCommand::interruptLeavesNothing()
     QByteArray output;
     // The first comes before the work.
     QTRY_VERIFY_WITH_TIMEOUT(
-        (output += process.readAllStandardOutput()).count(progress) >= 2, 60000);
+        (output += process.readAllStandardOutput()).count(progress) >= 2, Patience);
     QVERIFY(namesIn(m_tree->path()) != before);
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
     const Outcome outcome = outcomeOf(process);
@@ -1183,8 +1184,9 @@ void tst_PublishCommand::interruptBringsNoManifestBack()
         QStringLiteral("publish large --old-build old --patch patch --signatures sigs-new")
             .split(QLatin1Char(' ')),
         m_tree->path());
-    QTRY_VERIFY(!m_tree->exists(QStringLiteral("patch/patchRules.json"))
-        && !m_tree->exists(QStringLiteral("sigs-new/signatures.json")));
+    QTRY_VERIFY_WITH_TIMEOUT(!m_tree->exists(QStringLiteral("patch/patchRules.json"))
+            && !m_tree->exists(QStringLiteral("sigs-new/signatures.json")),
+        Patience);
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
     QCOMPARE(outcomeOf(process).status, Interrupted);
     // It may have come while the older release was being removed.

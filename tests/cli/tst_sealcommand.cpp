@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "events.h"
+#include "patience.h"
 #include "releasetree.h"
 
 #include <QFile>
@@ -680,7 +681,7 @@ void tst_SealCommand::interruptKeepsTheOlderSeal()
         (SealWithA + QStringLiteral(" --json")).split(QLatin1Char(' ')), m_tree->path());
     QByteArray output;
     QTRY_VERIFY_WITH_TIMEOUT(
-        (output += process.readAllStandardOutput()).count("\"stage\":\"seal\"") >= 2, 60000);
+        (output += process.readAllStandardOutput()).count("\"stage\":\"seal\"") >= 2, Patience);
     QCOMPARE(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
     const Outcome outcome = outcomeOf(process);
     QCOMPARE(outcome.status, Interrupted);

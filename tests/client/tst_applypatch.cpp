@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <Pellox/BinariesController>
@@ -37,8 +38,6 @@ static_assert(std::has_virtual_destructor_v<BinariesController>);
 namespace {
 
 const char Category[] = "BinariesController";
-constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
-
 /// Writes down what a controller tells its host, in order, on whatever thread it is told.
 class Told
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <Pellox/BinariesController>
@@ -711,7 +712,7 @@ void tst_CopyBinaries::nothingIsSignalledNorCounted()
         QCOMPARE(spy->size(), 0);
 
     QVERIFY(controller.verifyPatchedFiles(path("build"_s), path("patch"_s)));
-    QVERIFY(verifyFinished.wait());
+    QVERIFY(verifyFinished.wait(Patience));
     QCOMPARE(verifyProgress.first(), QVariantList({1, 1}));
 }
 

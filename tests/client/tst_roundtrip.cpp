@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <Pellox/BinariesController>
@@ -31,8 +32,6 @@ using Build = QMap<QString, QByteArray>;
 Q_DECLARE_METATYPE(Build)
 
 namespace {
-
-constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
 
 QString anyOf(QRandomGenerator &random, const QStringList &texts)
 {

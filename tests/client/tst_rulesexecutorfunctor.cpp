@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 
 #include <Pellox/RulesExecutorFunctor>
 
@@ -22,8 +23,6 @@
 namespace {
 
 using RuleFunction = std::function<bool(const QVariant &)>;
-
-constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
 
 QVariantList numbers(int count)
 {

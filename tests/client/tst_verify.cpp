@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "testtree.h"
 
 #include <Pellox/BinariesController>
@@ -32,8 +33,6 @@ using Pellox::BinariesController;
 namespace {
 
 const char Category[] = "BinariesController";
-constexpr int Patience = 60000; // ms; ends a test that would otherwise hang
-
 const QByteArray Sha512OfNothing
     = "cf83e1357eefb8bdf1542850d66d8007d620e4050b5715dc83f4a921d36ce9ce"
       "47d0d13c5d85f2b0ff8318d2877eec2f63b931bd47417a81a538327af927da3e";

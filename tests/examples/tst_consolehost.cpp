@@ -1,18 +1,13 @@
 // SPDX-License-Identifier: MIT
+#include "faultrun.h"
 #include "gametree.h"
 #include "literals.h"
+#include "patience.h"
 
 #include <QProcess>
 #include <QtTest>
 
-#include <csignal>
 #include <optional>
-
-namespace {
-
-constexpr int Patience = 60000; // milliseconds
-
-} // namespace
 
 /// The console host, as it was built against the installed package.
 class tst_ConsoleHost : public QObject
@@ -156,11 +151,13 @@ void tst_ConsoleHost::ctrlCCancels()
 {
     m_tree->addLargeFile();
     const auto before = m_tree->installed();
-    start({"update"_s, m_tree->game(), m_tree->patch()});
-    QTRY_VERIFY_WITH_TIMEOUT(m_tree->exists("Lighthouse/data/textures.pak.temp"_s), Patience);
-    QCOMPARE(::kill(static_cast<pid_t>(m_process->processId()), SIGINT), 0);
-    QCOMPARE(statusAtTheEnd(), 130);
+    const FaultRun run
+        = runWithFaults(QStringLiteral(CONSOLE_HOST), {"update"_s, m_tree->game(), m_tree->patch()},
+            {m_tree->path(installed("data/textures.pak.temp")), "write", 1, "interrupt"});
+    QCOMPARE(run.status, 130);
+    m_output = QString::fromUtf8(run.output);
     QCOMPARE(linesWithout("Written: "_s), "Checking\nWriting\ncancelled\n"_s);
+    QCOMPARE(run.errors, QByteArray());
     QCOMPARE(m_tree->installed(), before);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "logcapture.h"
+#include "patience.h"
 #include "qtversion.h"
 #include "testtree.h"
 
@@ -192,7 +193,7 @@ void tst_PatchHelp::rdiff(const QStringList &arguments) const
     QProcess process;
     process.setWorkingDirectory(m_tree->path());
     process.start(QStringLiteral(RDIFF_PROGRAM), arguments);
-    QVERIFY2(process.waitForFinished(), qPrintable(process.errorString()));
+    QVERIFY2(process.waitForFinished(Patience), qPrintable(process.errorString()));
     QVERIFY2(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0,
         process.readAllStandardError().constData());
 }

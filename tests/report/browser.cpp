@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "browser.h"
+#include "patience.h"
 
 #include <QDeadlineTimer>
 #include <QJsonArray>
@@ -17,8 +18,6 @@ namespace {
 
 constexpr int ReadEnd = 3; // of the browser
 constexpr int WriteEnd = 4;
-constexpr int Patience = 120000; // milliseconds; a loaded machine is slow
-
 void makePipe(int (&ends)[2])
 {
     int made[2];

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "patience.h"
+
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QDir>
@@ -45,7 +47,7 @@ public:
     {
         // Whoever waits for one of Qt's threads goes on shortly before it has left the process; on
         // a busy machine that may last.
-        const QDeadlineTimer patience(30000);
+        const QDeadlineTimer patience(Patience);
         while (!newThreads().isEmpty() && !patience.hasExpired())
             QThread::msleep(1);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "leftovers.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "qtversion.h"
 #include "testtree.h"
 
@@ -68,8 +69,6 @@ static_assert(std::is_same_v<decltype(&FileCopier::setBlockSize), void (FileCopi
 namespace {
 
 constexpr qint64 MiB = 1024 * 1024;
-constexpr int Patience = 5000; // milliseconds, for what takes none unless it is broken
-
 /// Nanoseconds that this thread's monotonic clock goes on with each look; below 0: the real clock.
 thread_local qint64 t_clockStep = -1;
 thread_local qint64 t_clockTime = 0;

@@ -5,8 +5,10 @@
 #include "literals.h"
 #include "logcapture.h"
 #include "patchfiles.h"
+#include "patience.h"
 #include "sealfile.h"
 #include "testtree.h"
+#include "toldspy.h"
 
 #include <Pellox/binariescontroller.h>
 #include <Pellox/patchinspector.h>
@@ -211,7 +213,7 @@ ProgramRun runOpenssl(const QStringList &arguments)
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start("openssl"_s, arguments);
-    if (!process.waitForFinished())
+    if (!process.waitForFinished(Patience))
         qFatal("openssl does not end");
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
         process.readAllStandardOutput()};
@@ -706,7 +708,7 @@ QString tst_PatchSeal::updatedBy(const TestTree &tree, const QString &patch)
     QSignalSpy verified(&controller, &BinariesController::verifyFinished);
     QSignalSpy applyErrors(&controller, &BinariesController::applyPatchError);
     QSignalSpy verifyErrors(&controller, &BinariesController::verifyError);
-    const auto waitFor = [](QSignalSpy &spy) { return !spy.isEmpty() || spy.wait(60000); };
+    const auto waitFor = [](QSignalSpy &spy) { return !spy.isEmpty() || spy.wait(Patience); };
     const QString build = tree.path("installed"_s);
     const bool ended = controller.applyPatch(build, patch) && waitFor(finished)
         && controller.verifyPatchedFiles(build, patch) && waitFor(verified);
@@ -741,10 +743,10 @@ void tst_PatchSeal::readersThatKnowNoSeals()
     lay(tree, "installed"_s, oldFiles());
     UpdateController updater;
     updater.setSynced(false);
-    QSignalSpy finished(&updater, &UpdateController::finished);
+    ToldSpy finished(&updater, &UpdateController::finished);
     QVERIFY(updater.update(tree.path("installed"_s), patch()));
-    QVERIFY(!finished.isEmpty() || finished.wait(60000));
-    QCOMPARE(finished.value(0).value(0).value<UpdateController::UpdateResult>(),
+    QVERIFY(finished.comes());
+    QCOMPARE(finished.at(0).at(0).value<UpdateController::UpdateResult>(),
         UpdateController::UpdateResult::Updated);
     QCOMPARE(differenceBetween(path("new"_s), tree.path("installed"_s)), QString());
 }

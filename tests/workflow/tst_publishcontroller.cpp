@@ -1945,7 +1945,11 @@ void tst_PublishController::cancelAtAnyInstant()
             QThread::usleep(delay);
             m_publisher->cancel();
         });
-        const bool done = call("publish"_s);
+        // The first is in time on any machine.
+        const bool done = call("publish"_s, [this, i](double) {
+            if (i == 0)
+                m_publisher->cancel();
+        });
         canceller.join();
         QCOMPARE(m_errors, QStringList());
         QCOMPARE(m_publisher->wasCancelled(), !done);

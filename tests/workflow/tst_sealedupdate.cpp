@@ -2,6 +2,7 @@
 #include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
+#include "toldspy.h"
 #include "updatescenario.h"
 
 #include <Pellox/IntegrityController>
@@ -14,7 +15,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <optional>
@@ -605,9 +605,9 @@ void tst_SealedUpdate::damagedRecordIsTold()
 bool tst_SealedUpdate::repair() const
 {
     Pellox::IntegrityController controller;
-    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    ToldSpy finished(&controller, &Pellox::IntegrityController::finished);
     return controller.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild())
-        && (!finished.isEmpty() || finished.wait(60000)) && finished.at(0).at(0).toBool();
+        && finished.comes() && finished.at(0).at(0).toBool();
 }
 
 void tst_SealedUpdate::repairSettlesTheRecord_data()
@@ -699,7 +699,7 @@ tst_SealedUpdate::Recorded tst_SealedUpdate::record(
 {
     Recorded recorded;
     Pellox::IntegrityController controller;
-    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    ToldSpy finished(&controller, &Pellox::IntegrityController::finished);
     connect(
         &controller, &Pellox::IntegrityController::problemFound, &controller,
         [&](const Pellox::UpdateProblem &problem) { recorded.problems.append(problem); },
@@ -708,7 +708,7 @@ tst_SealedUpdate::Recorded tst_SealedUpdate::record(
             signatures.isEmpty() ? m_scenario->signatures() : signatures,
             patch.isEmpty() ? m_scenario->patch() : patch, {key(trusted)}))
         qFatal("a run does not start");
-    if (finished.isEmpty() && !finished.wait(60000))
+    if (!finished.comes())
         qFatal("a run does not end");
     recorded.result = controller.repairResult();
     const bool isGood

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "updatescenario.h"
 
 #include <Pellox/BinariesController>
@@ -511,7 +512,7 @@ void tst_SlimPatch::coreNeedsTheFullPatch()
         finished.clear();
         m_scenario->lay();
         return core.applyPatch(m_scenario->build(), patch)
-            && (!finished.isEmpty() || finished.wait(60000)) && finished.at(0).at(0).toBool();
+            && (!finished.isEmpty() || finished.wait(Patience)) && finished.at(0).at(0).toBool();
     };
     QVERIFY(!isApplied(slim()));
     QVERIFY(!QFileInfo::exists(build(Moved)));

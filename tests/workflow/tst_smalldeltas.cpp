@@ -2,6 +2,7 @@
 #include "literals.h"
 #include "logcapture.h"
 #include "memorylimit.h"
+#include "patience.h"
 #include "randombuild.h"
 #include "testtree.h"
 
@@ -424,7 +425,7 @@ void tst_SmallDeltas::memoryIsEnoughForAllThreads()
         {"64"_s, "small"_s, tree.path("new"_s), tree.path("signatures"_s), tree.path("patch"_s),
             tree.path("old"_s), QString::number(static_cast<int>(effort)),
             QString::number(qint64(mebibytes) * MiB)});
-    QVERIFY(call.waitForFinished(120000));
+    QVERIFY(call.waitForFinished(Patience));
     QCOMPARE(call.exitCode(), 0);
     const qint64 size = QFileInfo(tree.path("patch/file"_s)).size();
     QVERIFY2(size < content.size() / 20, qPrintable(QString::number(size)));

@@ -3,6 +3,8 @@
 #include "faultrun.h"
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
+#include "toldspy.h"
 #include "updatescenario.h"
 
 #include <Pellox/IntegrityController>
@@ -16,7 +18,6 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <cerrno>
@@ -60,11 +61,10 @@ bool isGood(Result result)
 bool repaired(const QString &build, const QString &signatures, const QString &source)
 {
     IntegrityController controller;
-    QSignalSpy finished(&controller, &IntegrityController::finished);
+    ToldSpy finished(&controller, &IntegrityController::finished);
     if (!controller.repair(build, signatures, source))
         return false;
-    [&] { QTRY_COMPARE_WITH_TIMEOUT(finished.size(), 1, 60000); }();
-    return finished.size() == 1 && finished.at(0).at(0).toBool();
+    return finished.comes() && finished.at(0).at(0).toBool();
 }
 
 /// What updatecall says of folders "build" and "patch" of @p tree where names in folder @p folding
@@ -81,7 +81,7 @@ QPair<int, QString> runFolding(const TestTree &tree, const QString &command, con
     process.setProcessEnvironment(environment);
     process.start(QStringLiteral(UPDATECALL_PROGRAM),
         {"1"_s, command, tree.path("build"_s), tree.path("patch"_s)});
-    if (!process.waitForFinished(60000))
+    if (!process.waitForFinished(Patience))
         qFatal("a run does not end");
     return {process.exitCode(), QString::fromLocal8Bit(process.readAllStandardOutput())};
 }
@@ -963,7 +963,7 @@ public:
         process.setProcessChannelMode(QProcess::ForwardedChannels);
         process.start(QStringLiteral(UPDATECALL_PROGRAM),
             {"1"_s, command, m_tree.path("build"_s), m_tree.path("patch"_s)});
-        if (!process.waitForFinished(60000))
+        if (!process.waitForFinished(Patience))
             qFatal("a run does not end");
         return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     }
@@ -1243,7 +1243,7 @@ void tst_StagedFiles::mountsInTheBuildAreRefused()
             "mount $1 \"$2/data\" && cp -a \"$3/data/.\" \"$2/data\" && \"$4\" 1 update \"$2\" \"$5\""_s,
             "sh"_s, "-t tmpfs tmpfs"_s, m_scenario->build(), m_scenario->tree().path("old"_s),
             QStringLiteral(UPDATECALL_PROGRAM), m_scenario->patch()});
-    QVERIFY(process.waitForFinished(60000));
+    QVERIFY(process.waitForFinished(Patience));
     const QByteArray output = process.readAllStandardOutput();
     QVERIFY2(
         process.exitCode() == statusOf(Result::Refused), output + process.readAllStandardError());

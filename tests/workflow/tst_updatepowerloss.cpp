@@ -5,13 +5,13 @@
 #include "logcapture.h"
 #include "recordscenario.h"
 #include "testtree.h"
+#include "toldspy.h"
 #include "updaterestart.h"
 
 #include <Pellox/IntegrityController>
 
 #include <QFileInfo>
 #include <QMap>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <optional>
@@ -241,11 +241,11 @@ QString tst_UpdatePowerLoss::problemOfSecondRepair() const
 {
     Pellox::IntegrityController controller;
     QStringList errors;
-    QSignalSpy finished(&controller, &Pellox::IntegrityController::finished);
+    ToldSpy finished(&controller, &Pellox::IntegrityController::finished);
     QObject::connect(&controller, &Pellox::IntegrityController::integrityError, &controller,
         [&](const QString &error) { errors.append(error); });
     if (!controller.repair(m_scenario->build(), m_scenario->signatures(), m_scenario->newBuild())
-        || (finished.isEmpty() && !finished.wait(60000)))
+        || !finished.comes())
         return "does not end"_s;
     if (!finished.at(0).at(0).toBool())
         return errors.join("; "_s);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "literals.h"
 #include "logcapture.h"
+#include "patience.h"
 #include "updatescenario.h"
 
 #include <Pellox/IntegrityController>
@@ -538,7 +539,7 @@ void tst_UpdateProblems::immutableFileIsRefused()
     const QString file = m_scenario->build() + "/data/changed"_s;
     QProcess chattr;
     chattr.start("chattr"_s, {"+i"_s, file});
-    if (!chattr.waitForFinished() || chattr.exitCode() != 0)
+    if (!chattr.waitForFinished(Patience) || chattr.exitCode() != 0)
         QSKIP("no file can be made immutable here");
     const UpdateOutcome outcome = m_scenario->update();
     QCOMPARE(QProcess::execute("chattr"_s, {"-i"_s, file}), 0);

@@ -28,10 +28,11 @@ constexpr int Signals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr char PlainLine[] = "pellox: interrupted\n";
 std::atomic<const char *> s_line{PlainLine};
 
-constexpr int SignalStatus = 128;  // as a shell tells of a program that a signal has ended
-constexpr int WatchInterval = 50;  // milliseconds: at once, to a person
-constexpr int LateBy = 100;        // milliseconds that a signal may come here after a child had it
-constexpr int SameFor = 10;        // milliseconds: timeout(1) sends its signal twice in a row
+constexpr int SignalStatus = 128; // as a shell tells of a program that a signal has ended
+constexpr int WatchInterval = 50; // milliseconds: at once, to a person
+constexpr int LateBy = 100;       // milliseconds that a signal may come here after a child had it
+constexpr int SameFor = 40; // milliseconds: timeout(1) sends its signal twice in a row, and may
+                            // have to wait for its turn between; nobody presses a key so fast
 constexpr int LastLineTakes = 100; // milliseconds at most
 
 // From here to end() nothing but calls that are safe in a signal.
