@@ -13,6 +13,7 @@
 
 #include <QFile>
 #include <QtEndian>
+#include <QThread>
 #include <QThreadPool>
 #include <QtTest>
 
@@ -81,6 +82,8 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
+    void worksOnAsManyThreadsAsAreSet_data();
+    void worksOnAsManyThreadsAsAreSet();
     void fewerThreadsThanAreWanted_data();
     void fewerThreadsThanAreWanted();
     void noThreadAtAll();
@@ -177,6 +180,30 @@ QString tst_PublishLimits::differenceToExpectation() const
 {
     return differenceBetween(path("expected/patch"_s), path("patch"_s))
         + differenceBetween(path("expected/signatures"_s), path("signatures"_s));
+}
+
+void tst_PublishLimits::worksOnAsManyThreadsAsAreSet_data()
+{
+    QTest::addColumn<int>("set");
+    QTest::addColumn<int>("expected");
+    QTest::newRow("1") << 1 << 1;
+    QTest::newRow("2") << 2 << 2;
+    QTest::newRow("5") << 5 << 5;
+    QTest::newRow("one for each core") << 0 << QThread::idealThreadCount();
+}
+
+/// The calling thread may be one of them, or only report.
+void tst_PublishLimits::worksOnAsManyThreadsAsAreSet()
+{
+    QFETCH(int, set);
+    QFETCH(int, expected);
+    constexpr int Many = 100000;
+    m_publisher->setThreadCount(set);
+    s_threadsLeft = Many;
+    const bool done = m_publisher->createSignatures(path("new"_s), path("signatures"_s));
+    const int started = Many - s_threadsLeft.exchange(-1);
+    QVERIFY(done);
+    QVERIFY2(started >= expected - 1 && started <= expected, qPrintable(QString::number(started)));
 }
 
 void tst_PublishLimits::fewerThreadsThanAreWanted_data()
