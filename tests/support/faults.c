@@ -62,8 +62,9 @@ static bool s_unsynced;
 static int s_log = -1;
 static atomic_long s_calls;
 static _Thread_local bool s_inside; /* calls of this library itself do not count */
-static _Thread_local bool s_time_stands;
-static _Thread_local struct timespec s_moment;
+/* Read in the handlers of the signals that are raised. */
+static _Thread_local volatile bool s_time_stands;
+static _Thread_local volatile struct timespec s_moment;
 
 __attribute__((constructor)) static void read_settings(void)
 {
@@ -203,7 +204,9 @@ static void interrupt(bool again)
    machine. */
 static void interrupt_twice_at_once(void)
 {
-    clock_gettime(CLOCK_MONOTONIC, &s_moment);
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    s_moment.tv_sec = now.tv_sec;
     s_moment.tv_nsec = 0;
     s_time_stands = true;
     raise(SIGINT);
@@ -626,7 +629,8 @@ int fchownat(int folder, const char *path, uid_t user, gid_t group, int flags)
 int clock_gettime(clockid_t clock, struct timespec *now)
 {
     if (s_time_stands && clock == CLOCK_MONOTONIC) {
-        *now = s_moment;
+        now->tv_sec = s_moment.tv_sec;
+        now->tv_nsec = s_moment.tv_nsec;
         return 0;
     }
     return (int)syscall(SYS_clock_gettime, clock, now);
