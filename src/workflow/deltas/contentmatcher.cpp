@@ -19,7 +19,7 @@ constexpr qint64 CostOfCopy = 5;
 constexpr qint64 LeastSame = 6;
 /// Copies that touch one another are what is left of content of which something was removed, as the
 /// line ends of a text. Literals of such content pack better than shorter ones of these.
-constexpr qint64 LeastBesideCopy = 20;
+constexpr qint64 LeastBesideCopy = 16;
 /// Bytes that are compared at once.
 constexpr qint64 Word = sizeof(quint64);
 /// How far behind a match what stands there in the old file is looked at. The index finds what
