@@ -223,9 +223,6 @@ private Q_SLOTS:
 
     void whatIsOldIsNotSentAgain_data();
     void whatIsOldIsNotSentAgain();
-    void shortPiecesAreCopiedFromNearby();
-    void linesWithoutTheirReturns_data();
-    void linesWithoutTheirReturns();
     void largeFilesAreSearchedAsWhole();
     void lessMemoryMakesLargerDeltas();
     void memoryIsEnoughForAllThreads_data();
@@ -361,55 +358,6 @@ void tst_SmallDeltas::whatIsOldIsNotSentAgain()
         QVERIFY2(pair.delta().size() <= most,
             qPrintable("%1 bytes with effort %2"_s.arg(pair.delta().size()).arg(int(effort))));
     }
-}
-
-/// Bytes that are left between edits: packed, a copy of a few of them is smaller than they are.
-void tst_SmallDeltas::shortPiecesAreCopiedFromNearby()
-{
-    constexpr int Pieces = 100;
-    constexpr int Piece = 8; // one byte of them is another one
-    const QByteArray before = randomBytes(4 * KiB, 1);
-    QByteArray after = before;
-    for (int i = 1; i <= Pieces; ++i)
-        after[2 * KiB + i * Piece] = static_cast<char>(~after[2 * KiB + i * Piece]);
-    Pair pair(before, after);
-    for (const Effort effort : {Effort::Fastest, Effort::Balanced, Effort::Smallest}) {
-        pair.publisher.setDeltaEffort(effort);
-        QVERIFY2(pair.publish(), qPrintable(pair.errors.join(QLatin1Char('\n'))));
-        QCOMPARE(pair.rebuilt(), after);
-        // Of each piece a literal of 1 + 1 and a copy of 1 + 2 + 1 bytes.
-        const int size = pair.delta().size();
-        QVERIFY2(size <= 5 + 2 * 5 + Pieces * 6, qPrintable(QString::number(size)));
-    }
-}
-
-void tst_SmallDeltas::linesWithoutTheirReturns_data()
-{
-    QTest::addColumn<int>("length");
-    QTest::addColumn<bool>("areCopied");
-    QTest::newRow("short") << 10 << false;
-    QTest::newRow("long") << 40 << true;
-}
-
-/// Packed, a copy for each short line of a text is larger than the lines.
-void tst_SmallDeltas::linesWithoutTheirReturns()
-{
-    QFETCH(int, length);
-    QFETCH(bool, areCopied);
-    constexpr int Lines = 1000;
-    QByteArray before;
-    QByteArray after;
-    for (quint32 i = 0; i < Lines; ++i) {
-        const QByteArray line = randomBytes(length, i).toHex().left(length);
-        before += line + "\r\n";
-        after += line + "\n";
-    }
-    Pair pair(before, after);
-    QVERIFY2(pair.publish(), qPrintable(pair.errors.join(QLatin1Char('\n'))));
-    QCOMPARE(pair.rebuilt(), after);
-    const int size = pair.delta().size();
-    QVERIFY2(
-        areCopied ? size < Lines * 5 : size >= after.size(), qPrintable(QString::number(size)));
 }
 
 /// Content comes from any distance, also where all threads work on one file.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "contentmatcher.h"
 
+#include "deltaformat.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -8,20 +10,8 @@ namespace Pellox {
 
 namespace {
 
-/*
- * Deltas are small so that downloads are, and those are packed. There the opcode, the length and
- * the upper bytes of a place repeat what stands nearby and cost little, but bytes that were changed
- * hardly pack. So a copy is to cost less than it has bytes. Found by measuring, see
- * docs/benchmarks.md.
- */
-constexpr qint64 CostOfCopy = 5;
 /// A match begins with as many equal bytes at least; fewer spare nothing, and equal ones are many.
-constexpr qint64 LeastSame = 6;
-/// Copies that touch one another are what is left of content of which something was removed, as the
-/// line ends of a text. Literals of such content pack better than shorter ones of these.
-constexpr qint64 LeastBesideCopy = 16;
-/// Bytes that are compared at once.
-constexpr qint64 Word = sizeof(quint64);
+constexpr qint64 LeastSame = sizeof(quint64);
 /// How far behind a match what stands there in the old file is looked at. The index finds what
 /// goes on farther away.
 constexpr qint64 Resumed = 256;
@@ -33,13 +23,18 @@ quint64 wordAt(const uchar *data)
     return word;
 }
 
-bool haveSameBeginning(const uchar *one, const uchar *other)
+/// Of a copy command.
+qint64 costOf(const Match &match)
 {
-    return std::memcmp(one, other, LeastSame) == 0;
+    const auto widthFor = [](qint64 value) {
+        return DeltaFormat::widthOf(DeltaFormat::narrowestFor(static_cast<quint64>(value)));
+    };
+    return 1 + widthFor(match.oldPosition) + widthFor(match.length);
 }
 
 qint64 sameBytes(const uchar *one, const uchar *other, qint64 most)
 {
+    constexpr qint64 Word = sizeof(quint64);
     qint64 same = 0;
     while (same + Word <= most && wordAt(one + same) == wordAt(other + same))
         same += Word;
@@ -79,17 +74,16 @@ void ContentMatcher::find()
         else
             ++m_position;
     }
-    dropShortOnesBesideOthers();
 }
 
 /// Where the last match would go on, and around that place.
 void ContentMatcher::lookBehindLastMatch()
 {
-    const uchar *const wanted = newAt(m_position);
+    const quint64 wanted = wordAt(newAt(m_position));
     const auto standsAt = [&](qint64 oldPosition) {
         const qint64 offset = oldPosition - m_neighbourhoodBegin;
         return offset >= 0 && offset + LeastSame <= static_cast<qint64>(m_neighbourhood.size())
-            && haveSameBeginning(m_neighbourhood.data() + offset, wanted);
+            && wordAt(m_neighbourhood.data() + offset) == wanted;
     };
     const qint64 expected = m_position + m_shift;
     if (standsAt(expected))
@@ -142,14 +136,14 @@ qint64 ContentMatcher::compare(qint64 oldPosition)
     return m_end - match.position;
 }
 
-/// How much smaller @p match makes the packed delta. It may come in the stead of the last one.
+/// How much smaller @p match makes the delta. It may come in the stead of the last one.
 qint64 ContentMatcher::spared(const Match &match) const
 {
-    qint64 spared = match.end() - std::max(match.position, m_end) - CostOfCopy;
+    qint64 spared = match.end() - std::max(match.position, m_end) - costOf(match);
     if (match.position > m_end)
         --spared; // a literal ends before it
     if (hasMatch() && match.position <= m_matches.back().position)
-        spared += CostOfCopy;
+        spared += costOf(m_matches.back());
     return spared;
 }
 
@@ -158,29 +152,13 @@ void ContentMatcher::take(const Match &match)
     if (hasMatch() && m_matches.back().end() > match.position) {
         Match &last = m_matches.back();
         last.length = match.position - last.position;
-        if (last.length <= CostOfCopy)
+        if (last.length <= costOf(last))
             m_matches.pop_back();
     }
     m_matches.push_back(match);
     m_position = m_end = m_lastKept = match.end();
     m_shift = match.oldPosition - match.position;
     loadNeighbourhood();
-}
-
-/// What touches a copy before or behind it; see LeastBesideCopy.
-void ContentMatcher::dropShortOnesBesideOthers()
-{
-    qint64 endOfLast = -1;
-    auto kept = m_matches.begin() + static_cast<std::ptrdiff_t>(m_before);
-    for (auto match = kept; match != m_matches.end(); ++match) {
-        const auto next = std::next(match);
-        const bool touches = match->position == endOfLast
-            || (next != m_matches.end() && next->position == match->end());
-        endOfLast = match->end();
-        if (!touches || match->length >= LeastBesideCopy)
-            *kept++ = *match;
-    }
-    m_matches.erase(kept, m_matches.end());
 }
 
 void ContentMatcher::loadNeighbourhood()

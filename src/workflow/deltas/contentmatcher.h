@@ -12,8 +12,8 @@ namespace Pellox {
 
 /**
  * Finds in a stretch of a new file what stands in the old one, at any place and of any length that
- * makes the packed delta smaller. What the index knows and what stands where the last match would
- * go on is extended byte by byte in both directions, and the one is taken that spares the most.
+ * makes the delta smaller. What the index knows and what stands where the last match would go on is
+ * extended byte by byte in both directions, and the one is taken that spares the most.
  */
 class ContentMatcher
 {
@@ -28,7 +28,7 @@ private:
     struct Candidate
     {
         Match match{};
-        qint64 spared = 0; ///< bytes of the packed delta
+        qint64 spared = 0; ///< bytes of the delta
     };
 
     void lookBehindLastMatch();
@@ -37,7 +37,6 @@ private:
     qint64 compare(qint64 oldPosition);
     qint64 spared(const Match &match) const;
     void take(const Match &match);
-    void dropShortOnesBesideOthers();
     void loadNeighbourhood();
     bool hasMatch() const { return m_matches.size() > m_before; }
 

@@ -24,8 +24,8 @@ struct SearchEffort
 };
 
 // Found by measuring, see docs/benchmarks.md.
-inline constexpr SearchEffort FastestSearch{32, 5, 2, 8, 4, 12 << 20};
-inline constexpr SearchEffort BalancedSearch{16, 3, 4, 8, 16, 12 << 20};
-inline constexpr SearchEffort SmallestSearch{16, 1, 16, 8, 16, 32 << 20};
+inline constexpr SearchEffort FastestSearch{32, 5, 2, 16, 4, 12 << 20};
+inline constexpr SearchEffort BalancedSearch{16, 3, 4, 64, 8, 12 << 20};
+inline constexpr SearchEffort SmallestSearch{12, 1, 16, 128, 8, 32 << 20};
 
 } // namespace Pellox

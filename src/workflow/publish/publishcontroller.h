@@ -76,8 +76,7 @@ public:
     /// What setOldBuild() has set.
     QString oldBuild() const;
 
-    /// How thoroughly the old build is searched for what makes the packed patch small.
-    /// docs/benchmarks.md has figures for each.
+    /// How thoroughly the old build is searched. docs/benchmarks.md has figures for each.
     enum class DeltaEffort {
         Fastest,  ///< for builds so large that their reading counts
         Balanced, ///< the default: most of what can be found, for a build farm
