@@ -982,8 +982,20 @@ void tst_PublishCommand::filesOfWhichMuchIsOldAreNamed()
         (QStringList{QStringLiteral("again: 81920 of 81920, 1, 0"),
             QStringLiteral("most: 61440 of 71440, 0, 0")}));
 
-    // Players' signatures alone: a release is made in one pass.
+    // That is no work of the release: a signature that it has no use for may be missing.
     QCOMPARE(run(QStringLiteral("sign old sigs")).status, Done);
+    m_tree->remove(QStringLiteral("sigs/data/old.txt"));
+    const Outcome without = run(PublishFirst + QStringLiteral(" --old-signatures sigs"));
+    QCOMPARE(without.status, Done);
+    QVERIFY2(
+        without.err.contains(QLatin1String("\npellox: what the old build has of new files is not "
+                                           "looked for: ")
+            + path("sigs/data/old.txt")),
+        qPrintable(without.err));
+    QVERIFY2(without.out.endsWith(QLatin1String("    80.0 KiB  again, as big\n")),
+        qPrintable(without.out));
+
+    // Players' signatures alone: a release is made in one pass.
     QVERIFY(run(PublishNew)
                 .out.endsWith(QLatin1String(
                     "\n1 new file (80.0 KiB) that the old build has under other names:\n"

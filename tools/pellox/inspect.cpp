@@ -378,7 +378,8 @@ bool inspect(Console &console, const Arguments &arguments)
     const QStringList keys = existingPublicKeys(arguments.trustedKeys);
     const auto seal = SealView::read(patch);
 
-    const auto inspected = inspectPatch(console, patch, oldSignatures, rules);
+    const auto inspected = inspectPatch(console, patch, oldSignatures, rules,
+        [&](const QString &message, const QString &path) { console.error(path, message); });
     if (!inspected)
         return false;
 

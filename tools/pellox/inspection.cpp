@@ -4,13 +4,13 @@
 #include "console.h"
 #include "interrupt.h"
 
-std::optional<QVector<Pellox::InspectedFile>> inspectPatch(
-    Console &console, const QString &patch, const QString &oldSignatures, qint64 rules)
+std::optional<QVector<Pellox::InspectedFile>> inspectPatch(Console &console, const QString &patch,
+    const QString &oldSignatures, qint64 rules,
+    const std::function<void(const QString &message, const QString &path)> &onError)
 {
     Pellox::PatchInspector inspector;
     inspector.setOldSignatures(oldSignatures);
-    QObject::connect(&inspector, &Pellox::PatchInspector::inspectError,
-        [&](const QString &message, const QString &path) { console.error(path, message); });
+    QObject::connect(&inspector, &Pellox::PatchInspector::inspectError, onError);
     bool isUnderWay = false;
     const bool whole = inspector.inspect(patch, [&](double percent) {
         Interrupt::throwIfStopped();

@@ -133,11 +133,12 @@ void Interrupt::sayOnExit(const char *line)
 
 void Interrupt::tell()
 {
-    if (s_told.exchange(true))
+    if (s_told)
         return;
     if (s_lineOpen)
         put(STDERR_FILENO, "\n");
     put(STDERR_FILENO, s_line);
+    s_told = true;
 }
 
 Interrupt::Advice::Advice(const char *line)

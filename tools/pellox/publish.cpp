@@ -260,18 +260,19 @@ bool hasOtherNewFiles(const QString &patch, const QJsonArray &rules,
 }
 
 /// The engine knows of whole files alone. Parts are looked for where the old build was given for
-/// the sake of a small patch: that takes another look at the new files.
-bool tellMoved(Console &console, const Job &job, const QJsonArray &rules,
+/// the sake of a small patch: that takes another look at the patch. The release is complete; what
+/// cannot be looked at is worth a note.
+void tellMoved(Console &console, const Job &job, const QJsonArray &rules,
     const QVector<PublishController::MovedFile> &moved)
 {
-    if (job.oldBuild.isEmpty() || !hasOtherNewFiles(job.patch, rules, moved)) {
-        tellMovedFiles(console, inspected(moved));
-        return true;
-    }
-    const auto files = inspectPatch(console, job.patch, job.oldSignatures, rules.size());
-    if (files)
-        tellMovedFiles(console, movedFiles(*files));
-    return files.has_value();
+    if (job.oldBuild.isEmpty() || !hasOtherNewFiles(job.patch, rules, moved))
+        return tellMovedFiles(console, inspected(moved));
+    const auto files = inspectPatch(console, job.patch, job.oldSignatures, rules.size(),
+        [&](const QString &message, const QString &) {
+            console.note(
+                QLatin1String("what the old build has of new files is not looked for: ") + message);
+        });
+    tellMovedFiles(console, files ? movedFiles(*files) : inspected(moved));
 }
 
 bool makeRelease(Console &console, Engine &engine, const Job &job)
@@ -293,7 +294,8 @@ bool makeRelease(Console &console, Engine &engine, const Job &job)
         return false;
     console.result(patchSummary(*rules, job.patch));
     console.result(signedSummary(newBuild.fileCount, newBuild.size, job.signatures));
-    return tellMoved(console, job, *rules, moved);
+    tellMoved(console, job, *rules, moved);
+    return true;
 }
 
 bool packPatch(Console &console, Packing &packing)

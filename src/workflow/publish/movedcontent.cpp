@@ -146,13 +146,14 @@ std::optional<FoundContent> MovedContent::find(
         return FoundContent{same, file.size(), true, false};
     if (file.size() < BlockLength)
         return FoundContent();
-    if (!m_blocks && !readBlocks(error))
+    if (!m_blocks && !readBlocks([&] { report(Half); }, error))
         return {};
     auto found = search(file, [&](double share) { report(Half + Half * share); });
     return found ? found : fail(file.error());
 }
 
-bool MovedContent::readBlocks(FileError *error)
+/// Calls @p report after each old file.
+bool MovedContent::readBlocks(const std::function<void()> &report, FileError *error)
 {
     qint64 blocks = 0;
     for (const QString &file : std::as_const(m_files))
@@ -165,6 +166,7 @@ bool MovedContent::readBlocks(FileError *error)
     for (int i = 0; i < m_files.size(); ++i) {
         if (!addBlocks(static_cast<std::size_t>(i), &next, &begin, &records, error))
             return false;
+        report();
     }
     m_blockCount = records.size();
     m_blocks.emplace(std::move(records));

@@ -55,7 +55,7 @@ private:
         std::size_t file;
     };
 
-    bool readBlocks(FileError *error);
+    bool readBlocks(const std::function<void()> &report, FileError *error);
     bool addBlocks(std::size_t file, qint64 *next, qint64 *begin, std::vector<BlockRecord> *records,
         FileError *error);
     std::optional<FoundContent> search(InputFile &file, const Report &report) const;
