@@ -472,7 +472,6 @@ void tst_CopyCommand::aDiskThatIsFullEndsTheCopyOfAFile()
     QVERIFY(!m_tree->exists(QStringLiteral("copy.pak")));
 }
 
-/// A folder with files that "copy build copy --force" replaces, and one that it does not.
 /// Of zeros, which take no room on the disk.
 void tst_CopyCommand::makeLargeFile(const char *name) const
 {
@@ -480,6 +479,7 @@ void tst_CopyCommand::makeLargeFile(const char *name) const
     QVERIFY(QFile::resize(path(name), LargeSize));
 }
 
+/// A folder with files that "copy build copy --force" replaces, and one that it does not.
 void tst_CopyCommand::makeOldFiles() const
 {
     if (m_tree->exists(QStringLiteral("copy")))

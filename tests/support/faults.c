@@ -12,21 +12,30 @@
  *                  "mode" is of its owner, too
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
- *                    a number  the call fails with that errno
- *                    half      the call reads or writes half of what it should
- *                    kill      the process dies before the call
- *                    interrupt the process gets SIGINT, as from Ctrl-C, then the call is carried
- * out interrupts  it gets SIGINT twice, as from somebody who does not wait twice     it gets SIGINT
- * twice at the same moment, as from timeout(1) terminate the process gets SIGTERM, then the call is
- * carried out hangup    it gets SIGHUP close     it gets SIGHUP, then SIGTERM, as when a terminal
- * is closed append, truncate, rewrite, disguise, replace, remove happens to the file that the call
- * is on; then the call is carried out. "rewrite" changes bytes in place, "disguise" does and sets
- * the file's time back, "replace" puts another file of the same size there appear    the file
- * FAULTS_APPEARING appears, which must not have been there FAULTS_REPEAT  not empty: it happens at
- * every later call as well FAULTS_SLOWLY  not empty: the call at which it happens and each later
- * one takes a fifth of a second more, so that work of many calls is under way for long on any
- * machine FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk FAULTS_ROOM    so
- * many bytes are free on each file system FAULTS_ROOM_FILES so many more files can be made on each
+ *                    a number    the call fails with that errno
+ *                    half        the call reads or writes half of what it should
+ *                    kill        the process dies before the call
+ *
+ *                    interrupt   the process gets SIGINT, as from Ctrl-C; then, as below, the call
+ *                                is carried out
+ *                    interrupts  it gets SIGINT twice, as from somebody who does not wait
+ *                    twice       it gets SIGINT twice at the same moment, as from timeout(1)
+ *                    terminate   it gets SIGTERM
+ *                    hangup      it gets SIGHUP
+ *                    close       it gets SIGHUP, then SIGTERM, as when a terminal is closed
+ *
+ *                    append, truncate, rewrite, disguise, replace, remove
+ *                                happens to the file that the call is on; "rewrite" changes bytes in
+ *                                place, "disguise" does and sets the file's time back, "replace"
+ *                                puts another file of the same size there
+ *                    appear      the file FAULTS_APPEARING appears, which must not have been there
+ *
+ *   FAULTS_REPEAT  not empty: it happens at every later call as well
+ *   FAULTS_SLOWLY  not empty: the call at which it happens and each later one takes a fifth of a
+ *                  second more, so that work of many calls is under way for long on any machine
+ *   FAULTS_UNSYNCED not empty: calls that sync count, but wait for no disk
+ *   FAULTS_ROOM    so many bytes are free on each file system
+ *   FAULTS_ROOM_FILES so many more files can be made on each
  *   FAULTS_KIND    each is of the kind with this number
  *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
  *

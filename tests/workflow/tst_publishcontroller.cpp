@@ -101,22 +101,26 @@ QByteArray markerOf(const QByteArray &manifest, const QByteArrayList &paths)
 }
 
 std::atomic<qint64> s_readable{-1}; // bytes that reads of large files get; -1: all
+std::atomic<bool> s_wasHeld{false}; // a read has waited
 
 } // namespace
 
 /// Stands before that of the system for the whole process.
-extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void *buffer, size_t size)
+extern "C" __attribute__((visibility("default"))) ssize_t pread(
+    int file, void *buffer, size_t size, off_t position)
 {
     static auto *const original
-        = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
+        = reinterpret_cast<ssize_t (*)(int, void *, size_t, off_t)>(dlsym(RTLD_NEXT, "pread"));
     constexpr size_t SizeForLargeFiles = 1 << 15;
     const QDeadlineTimer patience(size < SizeForLargeFiles ? 0 : Patience);
-    while (s_readable == 0 && !patience.hasExpired())
+    while (s_readable == 0 && !patience.hasExpired()) {
+        s_wasHeld = true;
         QThread::msleep(1);
+    }
     qint64 left = s_readable;
     while (size >= SizeForLargeFiles && left > 0
         && !s_readable.compare_exchange_weak(left, std::max<qint64>(0, left - qint64(size)))) { }
-    return original(file, buffer, size);
+    return original(file, buffer, size, position);
 }
 
 namespace {
@@ -126,13 +130,18 @@ namespace {
 class HeldReading
 {
 public:
-    explicit HeldReading(qint64 bytes) { s_readable = bytes; }
+    explicit HeldReading(qint64 bytes)
+    {
+        s_wasHeld = false;
+        s_readable = bytes;
+    }
     ~HeldReading() { release(); }
     HeldReading(const HeldReading &) = delete;
     HeldReading &operator=(const HeldReading &) = delete;
 
     void allow(qint64 bytes) { s_readable = bytes; }
     void release() { s_readable = -1; }
+    static bool wasNeeded() { return s_wasHeld; }
 };
 
 int openDescriptors()
@@ -593,6 +602,7 @@ void tst_PublishController::progressComesOftenDuringALargeFile()
         reading.allow(between.size() < 3 ? 30 * MiB : -1);
     }));
     QVERIFY2(between.size() >= 3, qPrintable(QString::number(between.size())));
+    QVERIFY(HeldReading::wasNeeded());
 }
 
 void tst_PublishController::progressDoesNotFallWhereAFileIsReadAgain()
