@@ -2,7 +2,7 @@
 #include "movedcontent.h"
 
 #include "blockmatcher.h"
-#include "digest.h"
+#include "filedigest.h"
 #include "manifest.h"
 #include "manifestfile.h"
 #include "rules.h"
@@ -39,18 +39,13 @@ qint64 blocksIn(const QString &signature)
 /// Nothing with the file's error.
 std::optional<Sha512> sha512Of(InputFile &file, const MovedContent::Report &report)
 {
-    Digest digest(QCryptographicHash::Sha512);
-    std::vector<uchar> bytes(static_cast<std::size_t>(std::min(ChunkSize, file.size())));
-    for (qint64 position = 0; position < file.size(); position += ChunkSize) {
-        const qint64 size = std::min(ChunkSize, file.size() - position);
-        if (!file.readAt(position, bytes.data(), size))
-            return {};
-        digest.add(reinterpret_cast<const char *>(bytes.data()), static_cast<int>(size));
-        report(static_cast<double>(position + size) / static_cast<double>(file.size()));
-    }
-    if (!file.isUnchanged())
-        return {};
-    return Sha512::fromDigest(digest.finish());
+    qint64 done = 0;
+    const auto sha512 = sha512OfWhole(file, [&](qint64 bytes) {
+        done += bytes;
+        report(static_cast<double>(done) / static_cast<double>(file.size()));
+        return true;
+    });
+    return sha512 && file.isUnchanged() ? sha512 : std::nullopt;
 }
 
 /// The number of the old block that was found, among those that are known.

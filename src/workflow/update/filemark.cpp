@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "filemark.h"
 
-#include "digest.h"
+#include "filedigest.h"
 
 #include <QJsonValue>
 
-#include <algorithm>
 #include <cerrno>
-#include <vector>
 
 namespace Pellox {
 
@@ -67,22 +65,6 @@ std::optional<FileMark> FileMark::fromJson(const QJsonObject &object)
     if (object.contains(ModifiedMember))
         mark.modified = object.value(ModifiedMember).toString().toLongLong(&isNumber);
     return isGood && isNumber ? std::optional(mark) : std::nullopt;
-}
-
-std::optional<Sha512> sha512OfWhole(InputFile &file, const ReadPart &part)
-{
-    constexpr qint64 PartSize = 1 << 20;
-    Digest digest(QCryptographicHash::Sha512);
-    std::vector<uchar> bytes(static_cast<std::size_t>(std::min(PartSize, file.size())));
-    for (qint64 at = 0; at < file.size(); at += PartSize) {
-        const qint64 size = std::min(PartSize, file.size() - at);
-        if (!file.readAt(at, bytes.data(), size))
-            return {};
-        digest.add(reinterpret_cast<const char *>(bytes.data()), size);
-        if (part && !part(size))
-            return {};
-    }
-    return Sha512::fromDigest(digest.finish());
 }
 
 std::optional<bool> isThere(

@@ -6,7 +6,6 @@
 
 #include <QJsonObject>
 
-#include <functional>
 #include <optional>
 
 namespace Pellox {
@@ -29,13 +28,6 @@ struct FileMark
     QJsonObject toJson() const;
     static std::optional<FileMark> fromJson(const QJsonObject &object);
 };
-
-/// Called for each part of a file that was read; false ends the reading.
-using ReadPart = std::function<bool(qint64 bytes)>;
-
-/// Of all of @p file, which is open. Nothing when it cannot be read, with its own error, and when
-/// @p part said no.
-std::optional<Sha512> sha512OfWhole(InputFile &file, const ReadPart &part = {});
 
 /// Whether the file with @p mark stands at @p path. Nothing, after @p error, when it cannot be
 /// told.

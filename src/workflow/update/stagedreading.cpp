@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "stagedreading.h"
 
+#include "filedigest.h"
 #include "filemark.h"
 
 #include <algorithm>

@@ -38,12 +38,6 @@ bool giveTo(const FileOwner &owner, const QString &path)
 
 } // namespace
 
-Staging::Staging(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
-    const std::atomic<bool> &cancelled, Problems &problems)
-    : WorkPass(std::move(folders), works, threadCount, cancelled, problems)
-{
-}
-
 bool Staging::carryOut(const Reports &reports)
 {
     const qint64 total = bytesToStage(m_works);

@@ -12,8 +12,7 @@ namespace Pellox {
 class Staging : private WorkPass
 {
 public:
-    Staging(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
-        const std::atomic<bool> &cancelled, Problems &problems);
+    using WorkPass::WorkPass;
 
     /// Called on the thread that stages.
     struct Reports

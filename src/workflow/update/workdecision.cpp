@@ -18,12 +18,6 @@ bool isFileOfSize(const QString &path, qint64 size)
 
 } // namespace
 
-WorkDecision::WorkDecision(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
-    const std::atomic<bool> &cancelled, Problems &problems)
-    : WorkPass(std::move(folders), works, threadCount, cancelled, problems)
-{
-}
-
 bool WorkDecision::carryOut(const std::function<void(qint64 done)> &report)
 {
     m_read = 0;

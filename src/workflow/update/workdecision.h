@@ -9,8 +9,7 @@ namespace Pellox {
 class WorkDecision : private WorkPass
 {
 public:
-    WorkDecision(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
-        const std::atomic<bool> &cancelled, Problems &problems);
+    using WorkPass::WorkPass;
 
     /// Notes in the works which are needed, which an earlier run has staged already, and which are
     /// to be taken whole. False when cancelled or with a problem. Tells @p report how many bytes of

@@ -16,11 +16,14 @@ namespace Pellox {
 /// itself.
 class WorkPass
 {
+public:
+    WorkPass(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
+        const std::atomic<bool> &cancelled, Problems &problems);
+
 protected:
     using Code = UpdateProblem::Code;
 
-    WorkPass(UpdateFolders folders, std::vector<UpdateWork> &works, int threadCount,
-        const std::atomic<bool> &cancelled, Problems &problems);
+    ~WorkPass() = default;
 
     /// Calls @p task for each work, the large ones first, and @p report now and then on this
     /// thread. False when cancelled or with a problem.
