@@ -6,7 +6,7 @@
 #include "manifest.h"
 #include "manifestfile.h"
 #include "rules.h"
-#include "sealfile.h"
+#include "sealedpatch.h"
 #include "signaturefile.h"
 
 #include <QFileInfo>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "movesources.h"
 
-#include "sealfile.h"
+#include "sealedpatch.h"
 
 namespace Pellox {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "installedrelease.h"
 
-#include "sealfile.h"
+#include "sealedpatch.h"
 #include "wholefile.h"
 #include "workfolder.h"
 
