@@ -117,6 +117,13 @@ QByteArray Digest::finish()
 
 #endif
 
+QByteArray digestOf(const QByteArray &bytes, QCryptographicHash::Algorithm algorithm)
+{
+    Digest digest(algorithm);
+    digest.add(bytes.constData(), bytes.size());
+    return digest.finish();
+}
+
 QByteArray digestOf(QIODevice &device, QCryptographicHash::Algorithm algorithm)
 {
     Digest digest(algorithm);

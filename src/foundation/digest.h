@@ -36,6 +36,8 @@ private:
     QCryptographicHash m_qtHash;
 };
 
+/// The raw digest of @p bytes; empty when it cannot be computed.
+QByteArray digestOf(const QByteArray &bytes, QCryptographicHash::Algorithm algorithm);
 /// The raw digest of what @p device still holds; empty when a read fails.
 QByteArray digestOf(QIODevice &device, QCryptographicHash::Algorithm algorithm);
 

@@ -59,6 +59,16 @@ Standing BuildFiles::look(const QString &path)
     return {std::nullopt, isNothing(errno) ? 0 : errno};
 }
 
+bool BuildFiles::look(const QString &path, Standing *standing, FileError *error)
+{
+    *standing = look(path);
+    if (standing->error == 0)
+        return true;
+    errno = standing->error;
+    *error = this->error(path, "cannot be looked at: ");
+    return false;
+}
+
 bool BuildFiles::rename(const QString &from, const QString &to)
 {
     const int fromFolder = folderAbove(from);

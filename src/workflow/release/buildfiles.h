@@ -46,6 +46,8 @@ public:
     FileError error(const QString &path, const char *what) const;
 
     Standing look(const QString &path);
+    /// For those who cannot go on where the system does not tell: then false, with @p error.
+    bool look(const QString &path, Standing *standing, FileError *error);
     /// Replaces what stands at @p to, in one step.
     bool rename(const QString &from, const QString &to);
     /// Gives a file a second name.

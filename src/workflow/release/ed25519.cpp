@@ -96,9 +96,7 @@ QByteArray idOf(const EVP_PKEY *key)
     auto *bytes = reinterpret_cast<unsigned char *>(raw.data());
     if (EVP_PKEY_get_raw_public_key(key, bytes, &size) != 1 || size != Size)
         return {};
-    Digest digest(QCryptographicHash::Sha256);
-    digest.add(raw.constData(), raw.size());
-    return digest.finish().toHex();
+    return digestOf(raw, QCryptographicHash::Sha256).toHex();
 }
 
 /// A file that is there only once it is complete, or else is removed.

@@ -25,7 +25,7 @@ Commit::Found Commit::findUnfinished()
     if (own.status && !own.isFolder() && !mayStand(m_files.absolute(WorkFolder::Journal)))
         return Found::Nothing;
     Standing standing;
-    if (!look(WorkFolder::Journal, &standing))
+    if (!m_files.look(WorkFolder::Journal, &standing, &m_error))
         return Found::Error;
     if (standing.isNothing())
         return Found::Nothing;
@@ -87,7 +87,7 @@ bool Commit::markDeletions()
 {
     Standing standing;
     for (Journal::Deletion &deletion : m_journal.deletions) {
-        if (!look(deletion.path, &standing))
+        if (!m_files.look(deletion.path, &standing, &m_error))
             return false;
         deletion.mark = FileMark::of(standing);
     }
@@ -132,7 +132,7 @@ bool Commit::place(const std::vector<Journal::Placement> &placements)
 bool Commit::placeOne(const Journal::Placement &placement)
 {
     Standing from;
-    if (!look(placement.from, &from))
+    if (!m_files.look(placement.from, &from, &m_error))
         return false;
     if (from.isFile() && !m_spoiled.contains(placement.from)) {
         notePlaced(from);
@@ -158,7 +158,7 @@ bool Commit::acceptPlaced(const Journal::Placement &placement)
 {
     const auto isPlaced = isThere(m_files, placement.to, placement.mark, &m_error);
     Standing standing;
-    if (!isPlaced || !look(placement.to, &standing))
+    if (!isPlaced || !m_files.look(placement.to, &standing, &m_error))
         return false;
     if (!*isPlaced)
         m_lost.append(placement.to);
@@ -183,7 +183,7 @@ bool Commit::deleteOne(const Journal::Deletion &deletion)
 {
     const QString &path = deletion.path;
     Standing standing;
-    if (!look(path, &standing))
+    if (!m_files.look(path, &standing, &m_error))
         return false;
     if (!deletion.mark.fits(standing))
         return true;
@@ -279,14 +279,6 @@ bool Commit::forget()
 bool Commit::sync()
 {
     return !m_syncs || m_files.sync() || failBySystem(QString(), "cannot be synced: ");
-}
-
-/// False with error() when the system does not tell what stands at @p path.
-bool Commit::look(const QString &path, Standing *standing)
-{
-    *standing = m_files.look(path);
-    errno = standing->error;
-    return standing->error == 0 || failBySystem(path, "cannot be looked at: ");
 }
 
 bool Commit::fail(const QString &path, const QString &reason)

@@ -93,7 +93,6 @@ private:
     bool settleRelease();
     bool clearUp();
     bool sync();
-    bool look(const QString &path, Standing *standing);
     bool fail(const QString &path, const QString &reason);
     bool failBySystem(const QString &path, const char *what);
     bool failAs(const SetAside &setAside);

@@ -5,8 +5,6 @@
 
 #include <QJsonValue>
 
-#include <cerrno>
-
 namespace Pellox {
 
 namespace {
@@ -70,12 +68,9 @@ std::optional<FileMark> FileMark::fromJson(const QJsonObject &object)
 std::optional<bool> isThere(
     BuildFiles &files, const QString &path, const FileMark &mark, FileError *error)
 {
-    const Standing standing = files.look(path);
-    if (standing.error != 0) {
-        errno = standing.error;
-        *error = files.error(path, "cannot be looked at: ");
+    Standing standing;
+    if (!files.look(path, &standing, error))
         return {};
-    }
     if (!mark.fits(standing) || !mark.sha512)
         return mark.fits(standing);
     InputFile file;

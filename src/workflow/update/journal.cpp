@@ -32,9 +32,7 @@ const QString RepairMember = QStringLiteral("repair");
 
 QByteArray checksum(const QByteArray &line)
 {
-    Digest digest(QCryptographicHash::Sha512);
-    digest.add(line.constData(), line.size());
-    return digest.finish().toHex();
+    return digestOf(line, QCryptographicHash::Sha512).toHex();
 }
 
 QJsonArray toJson(const Journal::Placement &placement)

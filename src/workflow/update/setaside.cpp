@@ -74,10 +74,9 @@ bool SetAside::addAllReplaced(const Journal &journal, Journal *wayBack)
 
 bool SetAside::addReplaced(const QString &path, const Names &deleted, Journal *wayBack)
 {
-    const Standing standing = m_files.look(path);
-    errno = standing.error;
-    if (standing.error != 0)
-        return failBySystem(path, "cannot be looked at: ");
+    Standing standing;
+    if (!m_files.look(path, &standing, &m_error))
+        return false;
     if (!standing.isFile()) {
         wayBack->deletions.push_back({path});
         return true;
@@ -193,11 +192,10 @@ bool SetAside::findSpared(const std::vector<Journal::Deletion> &deletions, QSet<
 {
     const bool isMoved = m_files.look(WorkFolder::Keeping).isNothing();
     const QString &folder = isMoved ? WorkFolder::Previous : WorkFolder::Keeping;
+    Standing standing;
     for (const Journal::Deletion &deletion : deletions) {
-        const Standing standing = m_files.look(folder + deletion.path);
-        errno = standing.error;
-        if (standing.error != 0)
-            return failBySystem(folder + deletion.path, "cannot be looked at: ");
+        if (!m_files.look(folder + deletion.path, &standing, &m_error))
+            return false;
         if (standing.isNothing())
             spared->insert(deletion.path);
     }
@@ -221,10 +219,9 @@ bool SetAside::completeFiles()
         return true;
     if (!m_files.removeFile(WorkFolder::PreviousRecord))
         return failBySystem(WorkFolder::PreviousRecord, "cannot be removed: ");
-    const Standing files = m_files.look(WorkFolder::Keeping);
-    errno = files.error;
-    if (files.error != 0)
-        return failBySystem(WorkFolder::Keeping, "cannot be looked at: ");
+    Standing files;
+    if (!m_files.look(WorkFolder::Keeping, &files, &m_error))
+        return false;
     return files.isNothing()
         || (removeFolder(WorkFolder::Previous)
             && (m_files.rename(WorkFolder::Keeping, WorkFolder::Previous)

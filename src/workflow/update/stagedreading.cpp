@@ -5,20 +5,16 @@
 #include "filemark.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <numeric>
 
 namespace Pellox {
 
 bool StagedReading::add(const std::vector<Journal::Placement> &placements)
 {
+    Standing standing;
     for (const Journal::Placement &placement : placements) {
-        const Standing standing = m_files.look(placement.from);
-        errno = standing.error;
-        if (standing.error != 0) {
-            m_error = m_files.error(placement.from, "cannot be looked at: ");
+        if (!m_files.look(placement.from, &standing, &m_error))
             return false;
-        }
         if (standing.isNothing())
             continue;
         if (!placement.mark.fits(standing)) {

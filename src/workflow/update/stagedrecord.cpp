@@ -25,9 +25,7 @@ constexpr qint64 Largest = 1LL << 30;
 
 QByteArray checksumLine(const QByteArray &lines)
 {
-    Digest digest(QCryptographicHash::Sha512);
-    digest.add(lines.constData(), lines.size());
-    return digest.finish().toHex() + '\n';
+    return digestOf(lines, QCryptographicHash::Sha512).toHex() + '\n';
 }
 
 bool isInStagedFolder(const QString &path)
