@@ -70,6 +70,7 @@ static bool s_slowly;
 static bool s_unsynced;
 static int s_log = -1;
 static atomic_long s_calls;
+static _Atomic(FILE *) s_stranger; /* the last stream that led elsewhere, which may be asked often */
 static _Thread_local bool s_inside; /* calls of this library itself do not count */
 /* Read in the handlers of the signals that are raised. */
 static _Thread_local volatile bool s_time_stands;
@@ -278,14 +279,30 @@ static enum verdict meet(const char *kind, const char *path)
     return verdict;
 }
 
-static enum verdict meet_descriptor(const char *kind, int descriptor)
+static bool read_path_of(int descriptor, char *path, size_t size)
 {
     char name[32];
-    char path[4096];
-    if (!s_path || s_inside)
-        return GO_ON;
     snprintf(name, sizeof name, "fd/%d", descriptor);
-    return read_process_link(name, path, sizeof path) ? meet(kind, path) : GO_ON;
+    return read_process_link(name, path, size);
+}
+
+static enum verdict meet_descriptor(const char *kind, int descriptor)
+{
+    char path[4096];
+    if (!s_path || s_inside || !is_wanted_kind(kind))
+        return GO_ON;
+    return read_path_of(descriptor, path, sizeof path) ? meet(kind, path) : GO_ON;
+}
+
+static enum verdict meet_stream(const char *kind, FILE *file)
+{
+    char path[4096];
+    if (!s_path || s_inside || !is_wanted_kind(kind) || file == s_stranger
+        || !read_path_of(fileno(file), path, sizeof path))
+        return GO_ON;
+    if (!is_wanted_path(path))
+        s_stranger = file;
+    return meet(kind, path);
 }
 
 static enum verdict meet_at(const char *kind, int folder, const char *name)
@@ -427,25 +444,25 @@ struct dirent64 *readdir64(DIR *folder)
 /* A stream that fails does so as a whole: what it holds back is lost. */
 size_t fread(void *buffer, size_t size, size_t count, FILE *file)
 {
-    return meet_descriptor("read", fileno(file)) == FAIL ? 0
-                                                         : REAL(fread)(buffer, size, count, file);
+    return meet_stream("read", file) == FAIL ? 0 : REAL(fread)(buffer, size, count, file);
 }
 
 size_t fwrite(const void *buffer, size_t size, size_t count, FILE *file)
 {
-    return meet_descriptor("write", fileno(file)) == FAIL ? 0
-                                                          : REAL(fwrite)(buffer, size, count, file);
+    return meet_stream("write", file) == FAIL ? 0 : REAL(fwrite)(buffer, size, count, file);
 }
 
 int fflush(FILE *file)
 {
-    return file && meet_descriptor("write", fileno(file)) == FAIL ? EOF : REAL(fflush)(file);
+    return file && meet_stream("write", file) == FAIL ? EOF : REAL(fflush)(file);
 }
 
 int fclose(FILE *file)
 {
-    const enum verdict verdict = meet_descriptor("close", fileno(file));
+    const enum verdict verdict = meet_stream("close", file);
     const int error = errno;
+    if (file == s_stranger)
+        s_stranger = NULL;
     const int result = REAL(fclose)(file);
     if (verdict != FAIL)
         return result;
