@@ -29,11 +29,22 @@ FAULTS = [
     ("tools/pellox/main.cpp", "#include <Pellox/digest.h>", {LAYERS}),
     ("tools/pellox/main.cpp", "#include <UpdateController>", {LAYERS}),
     ("tools/pellox/main.cpp", '#include "updatecontroller.h"', {LAYERS}),
+    ("src/pelloxmor.cpp", '#include "digest.h"', {LAYERS}),
+    ("src/util/utils.cpp", '#include "digest.h"', {LAYERS}),
+    ("src/archive/sevenzip.cpp", '#include "deltafile.h"', {LAYERS}),
+    ("src/archive/sevenzip.cpp", "#include <Pellox/patchhelp.h>", {LAYERS}),
+    ("src/capi/job.cpp", '#include "updaterun.h"', {LAYERS}),
+    ("src/capi/job.cpp", '#include "namedpipe.h"', {LAYERS}),
+    ("src/client/trace.cpp", '#include "job.h"', {LAYERS, PICTURE}),
     ("docs/layers.dot", '"foundation" -> "util"', {PICTURE}),
     # These are none.
     ("src/foundation/digest.cpp", "#include <update/updaterun.h.in>", set()),
     ("src/foundation/digest.cpp", "#include <elsewhere/digest.h>", set()),
     ("src/foundation/digest.cpp", "#include <Pellox/patchhelp.h>", set()),
+    ("src/util/utils.cpp", '#include "namedpipe.h"', set()),
+    ("src/archive/sevenzip.cpp", '#include "foundation/loggedlist.h"', set()),
+    ("src/capi/updatecalls.cpp", "#include <Pellox/UpdateController>", set()),
+    ("src/capi/updatecalls.cpp", '#include "patchhelp.h"', set()),
     ("tools/pellox/main.cpp", "#include <Pellox/UpdateController>", set()),
 ]
 
