@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// clang-format off
 /*
  * A library for LD_PRELOAD: counts a program's calls on files, and at one of them something
  * happens. tests/support/faultrun.h starts programs with it; the environment says what is wanted:
@@ -25,8 +26,8 @@
  *                    close       it gets SIGHUP, then SIGTERM, as when a terminal is closed
  *
  *                    append, truncate, rewrite, disguise, replace, remove
- *                                happens to the file that the call is on; "rewrite" changes bytes in
- *                                place, "disguise" does and sets the file's time back, "replace"
+ *                                happens to the file that the call is on; "rewrite" changes bytes
+ *                                in place, "disguise" does and sets the file's time back, "replace"
  *                                puts another file of the same size there
  *                    appear      the file FAULTS_APPEARING appears, which must not have been there
  *
@@ -41,6 +42,7 @@
  *
  * Any thread may call. Nothing happens when FAULTS_PATH is not set.
  */
+// clang-format on
 #define _GNU_SOURCE
 #include "preload.h"
 
