@@ -53,7 +53,8 @@ Pellox makes binary deltas between two builds of a game and applies them to
 installed copies: checked before anything is touched, all or nothing, and
 safe at any instant.
 
-This package holds the headers, a CMake package and what pkg-config reads.")
+This package holds the headers, a CMake package, what pkg-config reads, the
+guides and examples.")
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME pellox)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION utils)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# What CPack makes of an installation: Debian packages (preset "package"), a tarball to unpack
-# anywhere (preset "tarball") and the source. scripts/package.sh makes them all.
+# The documents of an installation, and what CPack makes of it: Debian packages (preset "package"), a
+# tarball to unpack anywhere (preset "tarball") and the source. scripts/package.sh makes them all.
 
 set(PELLOX_PACKAGE_MAINTAINER "The Pellox developers <pellox@example.org>"
     CACHE STRING "Who answers for the packages: Name <mail@address>")
@@ -18,6 +18,9 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_PACKAGE_FILE_NAME pellox-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+if(PELLOX_QT_MAJOR_VERSION EQUAL 6)
+    string(APPEND CPACK_PACKAGE_FILE_NAME -qt6)
+endif()
 
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_PACKAGE_FILE_NAME pellox-${PROJECT_VERSION})
@@ -26,5 +29,17 @@ set(CPACK_SOURCE_IGNORE_FILES
 
 if("DEB" IN_LIST CPACK_GENERATOR)
     include(DebianPackages)
+    set(documents_dir ${CMAKE_INSTALL_DATADIR}/doc/${development_package})
+else()
+    set(documents_dir ${CMAKE_INSTALL_DOCDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+        DESTINATION ${documents_dir} COMPONENT library)
 endif()
+# As in the source, so that what the headers name "docs/library.md" is found, and links work.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+    DESTINATION ${documents_dir} COMPONENT development
+    PATTERN docs/CMakeLists.txt EXCLUDE
+    PATTERN *.dox EXCLUDE
+    PATTERN *.in EXCLUDE
+    PATTERN __pycache__ EXCLUDE)
 include(CPack)

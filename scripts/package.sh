@@ -1,22 +1,29 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Makes the packages: three for Debian, a tarball with the binaries and one with the source.
-# Usage: scripts/package.sh [--try]
-# They come to build/package/. lintian must find nothing wrong with those for Debian. With --try
-# they are then installed and used in a fresh Debian; scripts/try-packages.sh tells what that needs.
+# Usage: scripts/package.sh [--qt6] [--try]
+# They come to build/package/, with --qt6 those with Qt 6 to build/package-qt6/. lintian must find
+# nothing wrong with those for Debian, and the tarball with the binaries must work where it is
+# unpacked. With --try all are then used in a fresh Debian; scripts/try-packages.sh tells what that
+# needs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-case "${1:-}" in
-"" | --try) ;;
-*)
-    sed -n '3,6s/^# //p' "$0" >&2
-    exit 2
-    ;;
-esac
+qt=5 preset=package try=
+for argument; do
+    case $argument in
+    --qt6) qt=6 preset=package-qt6 ;;
+    --try) try=yes ;;
+    *)
+        sed -n '3,8s/^# //p' "$0" >&2
+        exit 2
+        ;;
+    esac
+done
 
 scripts/setup.sh build package
-out=$PWD/build/package
+[ $qt = 5 ] || scripts/setup.sh "qt$qt"
+out=$PWD/build/$preset
 # The date in the packages, so that the same source makes the same ones.
 if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
     SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || date +%s)
@@ -29,8 +36,8 @@ export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
 rm -f "$out"/*.deb "$out"/*.tar.gz
 
 echo "== Debian packages"
-cmake --preset package >/dev/null
-cmake --build --preset package
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset"
 (cd "$out" && cpack -G DEB)
 
 echo "== Source tarball"
@@ -56,17 +63,18 @@ find "$unpacked/$name" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 tar -xzf "$source_tarball" -C "$unpacked"
 (
     cd "$unpacked/$name"
-    cmake --preset tarball >/dev/null
+    cmake --preset tarball -DPELLOX_QT_MAJOR_VERSION=$qt >/dev/null
     cmake --build --preset tarball
     cd build/tarball
     cpack -G TGZ -B "$out"
 )
+scripts/try-tarball.sh "$out/$name"-Linux-*.tar.gz
 
 echo "== lintian"
 lintian --fail-on error,warning "$out"/*.deb
 
 echo "== Made"
 ls -l "$out"/*.deb "$out"/*.tar.gz
-if [ "${1:-}" = --try ]; then
+if [ -n "$try" ]; then
     scripts/try-packages.sh "$out"
 fi

@@ -10,7 +10,7 @@ packages_for() {
     test) echo rdiff python3 python3-jsonschema curl groff-base jq mandoc openssl xxd xvfb ;;
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
-    package) echo lintian dpkg-dev file debootstrap ;;
+    package) echo lintian dpkg-dev file debootstrap python3 ;;
     abi) echo abigail-tools ;; # the dump of the library's interface
     coverage) echo gcovr ;;
     bench) echo libbenchmark-dev bsdiff rdiff openssl time python3 gnuplot-nox rsync xdelta3 zstd ;;

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 # shellcheck disable=SC2016 # what is quoted is for the shell in there, or for apt
 # Installs the Debian packages into a fresh Debian and uses them there: the program updates a build,
-# and hosts are built against libpellox-dev alone, and update one, too.
+# and hosts are built against libpellox-dev alone, and update one, too. When all is removed again, the
+# tarball with the binaries is tried there.
 # Usage: scripts/try-packages.sh [FOLDER WITH THE PACKAGES]   (default: build/package)
 # Needs root, debootstrap, 2 GB in TMPDIR and Debian's mirror that this machine's apt uses; or name
 # one: MIRROR=http://... scripts/try-packages.sh
@@ -18,6 +19,8 @@ fail() {
 
 debs=("$packages"/*.deb)
 [ ${#debs[@]} -eq 3 ] || fail "no three packages in $packages; scripts/package.sh makes them"
+tarballs=("$packages"/pellox-*-Linux-*.tar.gz)
+[ ${#tarballs[@]} -eq 1 ] || fail "no tarball with the binaries in $packages; scripts/package.sh makes it"
 [ "$(id -u)" -eq 0 ] || fail "only root can make a folder with a Debian of its own; run it as root"
 command -v debootstrap >/dev/null || fail "debootstrap is missing: scripts/setup.sh package"
 # Mounts of ours end with the process, whatever ends it.
@@ -63,49 +66,36 @@ inside apt-get update -qq
 step "The program, with what it depends on"
 inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/libpellox[0-9]*.deb /packages/pellox_*.deb' \
     >"$packages/install.log"
-inside pellox --version
-inside sh -eu -c '
-    mkdir /srv/game
-    cd /srv/game
-    mkdir releases releases/1 releases/2
-    head -c 3000000 /dev/urandom >releases/1/world.pak
-    { head -c 1000000 releases/1/world.pak; echo news; tail -c 1500000 releases/1/world.pak; } >releases/2/world.pak
-    echo new >releases/2/notes.txt
-    cp -r releases/1 installed
-    pellox sign -q releases/1 signatures
-    pellox publish -q releases/2 --old-signatures signatures --patch patch --signatures signatures-2
-    pellox pack -q patch patch.7z
-    pellox unpack -q patch.7z arrived
-    pellox update installed arrived
-    pellox check installed signatures-2
-    cmp releases/2/world.pak installed/world.pak
-    cmp releases/2/notes.txt installed/notes.txt
-    pellox help >/dev/null
-'
+mkdir "$root/srv/source" "$root/srv/source/tests"
+cp -r tests/package "$root/srv/source/tests"
+inside /srv/source/tests/package/update_by_program.sh pellox /srv/game
 
 step "A host, with libpellox-dev alone"
 inside sh -c 'apt-get install -y -qq --no-install-recommends g++ make cmake pkg-config /packages/libpellox-dev*.deb' \
     >>"$packages/install.log"
-cp -r tests/package/host tests/package/headers tests/package/build_with_pkgconfig.sh "$root/srv"
 inside sh -eu -c '
-    cd /srv
+    cd /srv/source/tests/package
     for project in host headers; do
-        cmake -S $project -B build-$project
-        cmake --build build-$project
+        cmake -S $project -B /srv/build-$project
+        cmake --build /srv/build-$project
     done
-    build-host/host
-    ./build_with_pkgconfig.sh c++ "$(pkg-config --variable=libdir Pellox)" host/host.cpp ./host-by-pkgconfig
+    /srv/build-host/host
+    ./build_with_pkgconfig.sh c++ "$(pkg-config --variable=libdir Pellox)" host/host.cpp /srv/host-by-pkgconfig
 '
+
+step "What headers and guides point to"
+tests/package/check_documents.py "$root/usr/include/Pellox" "$root"/usr/share/doc/libpellox-dev*
+# As the package brings them.
+cp -r "$root"/usr/share/doc/libpellox-dev*/examples "$root/srv"
 for example in examples/*/CMakeLists.txt; do
-    example=$(basename "$(dirname "$example")")
-    step "examples/$example"
-    cp -r "examples/$example" "$root/srv"
-    inside sh -eu -c "cmake -S /srv/$example -B /srv/build-$example && cmake --build /srv/build-$example"
+    example=$(dirname "$example")
+    step "$example"
+    build=/srv/build-$(basename "$example")
+    inside sh -eu -c "cmake -S /srv/$example -B $build && cmake --build $build"
 done
 
 step "The hosts update a build"
 inside sh -c 'apt-get install -y -qq --no-install-recommends python3' >>"$packages/install.log"
-cp -r examples/python-host "$root/srv"
 inside sh -eu -c '
     cd /srv/game
     update_by() { # PATCH COMMAND...
@@ -119,8 +109,8 @@ inside sh -eu -c '
     update_by patch ../build-console-host/console-host update
     update_by patch.7z.001 ../build-console-host/console-host update
     update_by patch ../build-c-host/updater update
-    update_by patch python3 ../python-host/updater.py update
-    python3 ../python-host/updater.py check installed signatures-2
+    update_by patch python3 ../examples/python-host/updater.py update
+    python3 ../examples/python-host/updater.py check installed signatures-2
 '
 
 step "Removed without a trace"
@@ -128,5 +118,12 @@ inside apt-get purge -y -qq '^libpellox' '^pellox$' >>"$packages/install.log"
 left=$(inside find / -xdev -not -path '/srv*' -not -path '/packages*' -not -path '/var/*' \
     -not -path '/tmp/*' -iname '*pellox*')
 [ -z "$left" ] || fail "left behind: $left"
+
+step "The tarball"
+mkdir "$root/srv/source/scripts"
+cp scripts/try-tarball.sh "$root/srv/source/scripts"
+cp LICENSE "$root/srv/source"
+cp "${tarballs[@]}" "$root/srv/pellox.tar.gz"
+inside /srv/source/scripts/try-tarball.sh /srv/pellox.tar.gz
 
 printf '\nThe packages work in a fresh %s.\n' "$release"
