@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "ownapplication.h"
 
+#include "qtversion.h"
+
 #include <QCoreApplication>
 #include <QLoggingCategory>
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-#include <QTextCodec>
-#endif
 
 #include <clocale>
 #include <condition_variable>
@@ -56,9 +55,7 @@ void makeApplication()
     const KeptLocale kept;
     const Silence silence;
     new QCoreApplication(count, arguments); // for good
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8")); // that of file names
-#endif
+    takeFileNamesAsUtf8();
     QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.info=false"));
 }
 

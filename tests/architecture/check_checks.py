@@ -38,6 +38,8 @@ FAULTS = [
     ("src/capi/job.cpp", '#include "updaterun.h"', {LAYERS}),
     ("src/capi/job.cpp", '#include "namedpipe.h"', {LAYERS}),
     ("src/client/trace.cpp", '#include "job.h"', {LAYERS, PICTURE}),
+    ("src/client/trace.cpp", "#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)", {LAYERS}),
+    ("tools/pellox/main.cpp", "#if QT_VERSION_MAJOR < 6", {LAYERS}),
     ("docs/layers.dot", '"foundation" -> "util"', {PICTURE}),
     ("src/util/speed.h", "#pragma once", {PAGE}),
     ("src/workflow/files/speed.cpp", "// none", {PAGE}),

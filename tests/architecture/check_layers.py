@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Fails where a file includes what stands above it, see docs/architecture.md.
+"""Fails where a file includes what stands above it, or asks for Qt's version, see
+docs/architecture.md.
 
 Usage: check_layers.py SOURCE_FOLDER
 """
@@ -30,12 +31,20 @@ MAY_INCLUDE = {
 # Folders that know of the others what is installed, and no more.
 BY_INSTALLED_HEADERS = {"capi"}
 GENERATED = {"pellox_export.h"}
+QT_VERSIONS = "qtversion.h"  # of cmake/qt: what is not the same with each Qt
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]', re.MULTILINE)
 SUFFIXES = {".h", ".c", ".cpp"}
 
 
 def sources_in(folder):
     return sorted(path for path in folder.rglob("*") if path.suffix in SUFFIXES)
+
+
+def problems_of_qt(folder):
+    """All that is not the same with each Qt stands in one header."""
+    for path in sources_in(folder):
+        if "QT_VERSION" in path.read_text():
+            yield f"{path}: asks for Qt's version, which is for {QT_VERSIONS}"
 
 
 def includes_of(path):
@@ -92,7 +101,7 @@ def problems_of_library(src):
             yield f"{path}: the folder is not known to this test"
             continue
         for opening, name in includes_of(path):
-            if name in GENERATED or name == f"{path.stem}.moc":
+            if name in GENERATED | {QT_VERSIONS, f"{path.stem}.moc"}:
                 continue
             file = library.file_of(name)
             if not file:
@@ -118,7 +127,7 @@ def problems_of_program(folder, library):
 def main():
     root = Path(sys.argv[1])
     src = root / "src"
-    problems = list(problems_of_library(src))
+    problems = [*problems_of_library(src), *problems_of_qt(src), *problems_of_qt(root / "tools")]
     for program in ("tools", "examples"):
         problems += problems_of_program(root / program, Library(src))
     print("\n".join(problems) or f"{len(sources_in(src))} files, all on their floors")

@@ -72,8 +72,8 @@ static bool s_slowly;
 static bool s_unsynced;
 static int s_log = -1;
 static atomic_long s_calls;
-static _Atomic(FILE *)
-    s_stranger; /* the last stream that led elsewhere, which may be asked often */
+/* The last stream that led elsewhere: it may be asked often. */
+static _Atomic(FILE *) s_stranger;
 static _Thread_local bool s_inside; /* calls of this library itself do not count */
 /* Read in the handlers of the signals that are raised. */
 static _Thread_local volatile bool s_time_stands;

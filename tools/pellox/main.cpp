@@ -3,13 +3,11 @@
 #include "interrupt.h"
 #include "log.h"
 #include "program.h"
+#include "qtversion.h"
 #include "usage.h"
 
 #include <QCoreApplication>
 #include <QJsonObject>
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-#include <QTextCodec>
-#endif
 
 #include <CLI/CLI.hpp>
 
@@ -24,14 +22,11 @@
 
 namespace {
 
-/// Build machines often run in the "C" locale, whose encoding could not name most files. Qt 6 takes
-/// names as UTF-8 whatever the locale.
+/// Build machines often run in the "C" locale, whose encoding could not name most files.
 void useUtf8InPlainLocale()
 {
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     if (QByteArray(nl_langinfo(CODESET)) == "ANSI_X3.4-1968")
-        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
-#endif
+        takeFileNamesAsUtf8();
 }
 
 /// For the start of Qt 6, which warns of a locale whose encoding is not UTF-8.
