@@ -69,7 +69,7 @@ SLIPS_OF_PAGES = [
     ("docs/architecture.md", "`deltafile`: ", "`deltafiles`: "),
     ("docs/architecture.md", "`earlysync`: ", ""),
     ("docs/architecture.md", "`loggedlist.h` and ", ""),
-    ("docs/architecture.md", "of `foundation`, `namedpipe.h` alone", "`digest.h` and `namedpipe.h` alone"),
+    ("docs/architecture.md", "of `foundation`, `namedpipe.h` alone", "`digest.h`, `namedpipe.h`"),
     ("docs/architecture.md", "`fuzz.sh`, ", ""),
     ("docs/architecture.md", "| `tools/pellox` |", "| the program |"),
     ("docs/architecture.md", "| `src/capi` |", "| the interface |"),
@@ -93,7 +93,7 @@ def copy_tree(root, copy):
 
 @contextmanager
 def changed(file, change):
-    """The file has its text changed meanwhile; where there is none, nor its folder, these are made."""
+    """The file has its text changed meanwhile; what there is not is made, its folders, too."""
     before = file.read_text() if file.exists() else None
     made = [folder for folder in file.parents if not folder.exists()]
     file.parent.mkdir(parents=True, exist_ok=True)

@@ -2,10 +2,10 @@
 # SPDX-License-Identifier: MIT
 """Fails where docs/architecture.md does not tell what there is.
 
-Every folder at the top and every folder of src has a row in its table of folders. The rows of src and of
-scripts name every file there, a source once for header and implementation, and nothing else; the
-row of tests names every folder there that src does not have. A floor that includes single headers of
-another one names these. Each drawing's source is linked from some page.
+Every folder at the top and every folder of src has a row in its table of folders. The rows of src
+and of scripts name every file there, a source once for header and implementation, and nothing else;
+the row of tests names every folder there that src does not have. A floor that includes single
+headers of another one names these. A page that shows a drawing links its source.
 
 Usage: check_page.py SOURCE_FOLDER
 """
@@ -31,7 +31,7 @@ def rows_under(page, heading):
 
 
 def folders_at_top(root):
-    """Those of the repository: not what .gitignore names, nor what other tools keep for themselves."""
+    """Those of the repository: not what .gitignore names, nor what tools keep for themselves."""
     ignored = re.findall(r"^/(.+)/$", (root / ".gitignore").read_text(), re.MULTILINE)
     for folder in sorted(path for path in root.iterdir() if path.is_dir()):
         is_hidden = folder.name.startswith(".") and folder.name not in SHOWN_THOUGH_HIDDEN
