@@ -12,8 +12,18 @@ import tempfile
 from contextlib import contextmanager
 from pathlib import Path
 
+sys.dont_write_bytecode = True  # beside the sources
+import check_layers  # noqa: E402
+import check_page  # noqa: E402
+import check_picture  # noqa: E402
+
 HERE = Path(__file__).resolve().parent
 LAYERS, PICTURE, PAGE = "check_layers.py", "check_picture.py", "check_page.py"
+CHECKS = {
+    LAYERS: check_layers.problems,
+    PICTURE: check_picture.problems,
+    PAGE: check_page.problems,
+}
 WHOLE = ("src", "docs", "tools", "examples", "scripts")
 
 # The file that gets one more line or is made of it, the line, and which checks see it.
@@ -108,12 +118,18 @@ def changed(file, change):
 
 
 def checks_that_fail(root):
-    commands = {check: [sys.executable, HERE / check, root] for check in (LAYERS, PICTURE, PAGE)}
-    return {
-        check
-        for check, command in commands.items()
-        if subprocess.run(command, stdout=subprocess.DEVNULL, check=False).returncode == 1
-    }
+    return {check for check, problems in CHECKS.items() if any(problems(root))}
+
+
+def status_judged_wrongly(root):
+    """Each check as the program that it is, without a fault and with one that all of them see."""
+    for name, change in (("src/pelloxmor.cpp", ""), ("src/speed/speed.h", "#pragma once\n")):
+        with changed(root / name, lambda text: text + change):
+            for check in CHECKS:
+                command = [sys.executable, HERE / check, root]
+                run = subprocess.run(command, stdout=subprocess.DEVNULL, check=False)
+                if run.returncode != (1 if change else 0):
+                    yield f"{check} ends with {run.returncode} for {change.strip()} in {name}"
 
 
 def lines_judged_wrongly(root):
@@ -142,7 +158,11 @@ def main():
         copy_tree(Path(sys.argv[1]), copy)
         if checks_that_fail(copy):
             sys.exit("the sources have faults themselves")
-        problems = [*lines_judged_wrongly(copy), *slips_judged_wrongly(copy)]
+        problems = [
+            *status_judged_wrongly(copy),
+            *lines_judged_wrongly(copy),
+            *slips_judged_wrongly(copy),
+        ]
     print("\n".join(problems))
     print(f"{len(FAULTS) + len(SLIPS_OF_PAGES)} faults planted, {len(problems)} judged wrongly")
     return 1 if problems else 0

@@ -124,14 +124,20 @@ def problems_of_program(folder, library):
                 yield f"{path}: includes {name} of the library's own"
 
 
+def problems(root):
+    yield from problems_of_library(root / "src")
+    library = Library(root / "src")
+    for program in ("tools", "examples"):
+        yield from problems_of_program(root / program, library)
+    for folder in ("src", "tools"):
+        yield from problems_of_qt(root / folder)
+
+
 def main():
     root = Path(sys.argv[1])
-    src = root / "src"
-    problems = [*problems_of_library(src), *problems_of_qt(src), *problems_of_qt(root / "tools")]
-    for program in ("tools", "examples"):
-        problems += problems_of_program(root / program, Library(src))
-    print("\n".join(problems) or f"{len(sources_in(src))} files, all on their floors")
-    return 1 if problems else 0
+    found = list(problems(root))
+    print("\n".join(found) or f"{len(sources_in(root / 'src'))} files, all on their floors")
+    return 1 if found else 0
 
 
 if __name__ == "__main__":

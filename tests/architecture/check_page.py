@@ -105,16 +105,17 @@ def problems_of_drawings(docs):
                 yield f"{page} shows {drawing}.svg and does not link {drawing}.dot"
 
 
-def main():
-    root = Path(sys.argv[1])
+def problems(root):
     page = (root / "docs" / "architecture.md").read_text()
-    problems = [
-        *problems_of_folders(root, rows_under(page, "Folders")),
-        *problems_of_floors(rows_under(page, "Layers")),
-        *problems_of_drawings(root / "docs"),
-    ]
-    print("\n".join(problems) or "docs/architecture.md tells of every folder")
-    return 1 if problems else 0
+    yield from problems_of_folders(root, rows_under(page, "Folders"))
+    yield from problems_of_floors(rows_under(page, "Layers"))
+    yield from problems_of_drawings(root / "docs")
+
+
+def main():
+    found = list(problems(Path(sys.argv[1])))
+    print("\n".join(found) or "docs/architecture.md tells of every folder")
+    return 1 if found else 0
 
 
 if __name__ == "__main__":
