@@ -33,7 +33,8 @@ quietly() {
 }
 # For nothing else that is installed.
 uses_the_tarball() { # PROGRAM
-    ldd "$1" | grep -qF "libPellox.so.1 => $libdir/libPellox.so.1 " || fail "$1 takes another library"
+    library=$(ldd "$1" | sed -n 's/^\tlibPellox\.so\.[0-9]* => \(.*\) (.*/\1/p')
+    [ "$(dirname "$(readlink -f "$library")")" = "$libdir" ] || fail "$1 takes another library: $library"
 }
 build() { # SOURCE
     cmake -S "$1" -B "$scratch/build-${1##*/}" -DCMAKE_PREFIX_PATH="$prefix"
