@@ -40,7 +40,7 @@
  *   FAULTS_KIND    each is of the kind with this number
  *   FAULTS_LOG     appends a line "kind path" to this file for each call that counts
  *
- * Any thread may call. Nothing happens when FAULTS_PATH is not set.
+ * Any thread may call. Nothing happens when FAULTS_PATH is empty or not set.
  */
 // clang-format on
 #define _GNU_SOURCE
@@ -86,7 +86,8 @@ __attribute__((constructor)) static void read_settings(void)
     const char *slowly = getenv("FAULTS_SLOWLY");
     const char *unsynced = getenv("FAULTS_UNSYNCED");
     const char *log = getenv("FAULTS_LOG");
-    s_path = getenv("FAULTS_PATH");
+    const char *path = getenv("FAULTS_PATH");
+    s_path = path && *path ? path : NULL;
     s_kinds = getenv("FAULTS_CALLS");
     s_action = getenv("FAULTS_DO");
     s_at = at ? atol(at) : 0;
@@ -313,7 +314,7 @@ static enum verdict meet_at(const char *kind, int folder, const char *name)
     char link[32];
     char base[4096];
     char path[8200];
-    if (!s_path || s_inside || !name)
+    if (!s_path || s_inside || !name || !is_wanted_kind(kind))
         return GO_ON;
     if (*name == '/')
         return meet(kind, name);
