@@ -17,7 +17,7 @@ packages_for() {
     fuzz) echo clang libclang-rt-dev llvm ;; # its runtimes, and names in stacks
     qt6) echo qt6-base-dev qt6-5compat-dev ;; # beside Qt 5, for the preset of that name
     docs) echo doxygen graphviz qttools5-dev-tools termtosvg ;; # the reference, pictures
-    ci) echo clang clang-format clang-tidy zsh fish ;; # both shells for the completions
+    ci) echo clang clang-format clang-tidy zsh fish nginx ;; # both shells for the completions, nginx for a sample
     *)
         echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, qt6, docs, package, abi, coverage, ci)" >&2
         exit 2

@@ -8,7 +8,8 @@ noise() {
         head -c "$2" || true
 }
 
-# Release 1.0 and 1.1 of a small game, and an installed 1.0.
+# Release 1.0 and 1.1 of a game, and an installed 1.0: so small that each sample can have a new one.
+# The pages show its sizes.
 new_world() {
     find . -mindepth 1 -maxdepth 1 -exec rm -rf {} +
     mkdir -p releases/1.0/data releases/1.1/data/levels
@@ -40,6 +41,15 @@ settings() { # changed
 
 symbols() {
     noise symbols 310000 >releases/1.1/game.pdb
+}
+
+workshop() { # what a list leaves out, and what it does not
+    symbols
+    mkdir -p releases/1.1/crash releases/1.1/docs/de/old releases/1.1/tools
+    for file in crash/handler.pdb docs/manual.txt docs/draft2.txt docs/de/old/draft1.txt \
+        tools/readme.txt; do
+        echo a file. >"releases/1.1/$file"
+    done
 }
 
 music() { # under another name, in a patch of four files
