@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTest>
 
 #include <algorithm>
@@ -24,6 +25,21 @@ namespace {
 // The renames of an update: the record of staged files comes before these.
 constexpr int JournalItself = 2;
 constexpr int FirstFile = 3;
+
+/// Of "TEXT; `COMMAND`, `COMMAND`: TEXT; ...", as the documents tell of a status, what goes for
+/// @p command.
+QString documentedFor(const QString &command, const QString &cell)
+{
+    static const QRegularExpression NextPart(QStringLiteral("; (?=`)"));
+    const QStringList parts = cell.split(NextPart);
+    for (const QString &part : parts.mid(1)) {
+        const auto end = part.indexOf(QLatin1String(": "));
+        const QStringList commands = part.left(end).split(QStringLiteral(", "));
+        if (commands.contains(QLatin1Char('`') + command + QLatin1Char('`')))
+            return part.mid(end + 2);
+    }
+    return parts.constFirst();
+}
 
 } // namespace
 
@@ -1020,18 +1036,22 @@ void tst_UpdateCommands::helpAndDocumentsHaveTheSameStatuses()
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     };
     const QString docs = fileText("cli.md");
-    QMap<int, QString> meanings;
+    const auto documentedMeanings = pairs(docs, "^\\| (\\d+) \\| `[a-z-]+` \\| (.*) \\|$");
+    QCOMPARE(documentedMeanings.size(), 14);
+    QSet<int> told;
     for (const char *command :
         {"update", "recover", "rollback", "discard", "check", "repair", "record"}) {
         const auto own = pairs(m_tree->run(QLatin1String(command) + QStringLiteral(" --help")).out,
             "^  (\\d+) +(.*)$");
         QVERIFY(own.size() >= 6);
         QVERIFY(own.size() < 14);
-        for (const auto &[status, meaning] : own.toStdMap())
-            meanings.insert(status, meaning);
+        for (const auto &[status, meaning] : own.toStdMap()) {
+            told.insert(status);
+            QCOMPARE(
+                meaning, documentedFor(QLatin1String(command), documentedMeanings.value(status)));
+        }
     }
-    QCOMPARE(meanings.size(), 14);
-    QCOMPARE(pairs(docs, "^\\| (\\d+) \\| `[a-z-]+` \\| (.*) \\|$"), meanings);
+    QCOMPARE(told.size(), 14);
 
     const QJsonObject schema
         = QJsonDocument::fromJson(fileText("events.schema.json").toUtf8()).object();

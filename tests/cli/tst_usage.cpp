@@ -24,6 +24,9 @@ private Q_SLOTS:
     void aWrongCommandLineIsExplained();
     void helpIsACommandToo_data();
     void helpIsACommandToo();
+    void helpHasNoTwoEmptyLines();
+    void helpTellsOnlyWhatTheCommandCanDo_data();
+    void helpTellsOnlyWhatTheCommandCanDo();
 };
 
 void tst_Usage::aWrongCommandLineIsExplained_data()
@@ -116,6 +119,65 @@ void tst_Usage::helpIsACommandToo()
     QVERIFY2(outcome.out.contains(QLatin1String("Usage: pellox")), qPrintable(outcome.out));
     QCOMPARE(outcome.out, run(same).out);
     QCOMPARE(outcome.err, QString());
+}
+
+/// "update" has an option that help does not show.
+void tst_Usage::helpHasNoTwoEmptyLines()
+{
+    const QString help = run(QStringLiteral("update --help")).out;
+    QVERIFY2(help.contains(QLatin1String("--threads")), qPrintable(help));
+    QVERIFY2(!help.contains(QLatin1String("\n\n\n")), qPrintable(help));
+}
+
+void tst_Usage::helpTellsOnlyWhatTheCommandCanDo_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QStringList>("told");
+    QTest::addColumn<QStringList>("ofOthers");
+
+    const QString fallback = QStringLiteral("--fallback");
+    const QString from = QStringLiteral("--from");
+    const QString intact = QStringLiteral("0   all is intact");
+    const QString notIntact = QStringLiteral("1   something is not intact");
+    const QString patch = QStringLiteral("15  the patch");
+    const QString signatures = QStringLiteral("15  signatures.json");
+    const QString ignored = QStringLiteral("what is to be ignored");
+    QTest::newRow("update") << QStringLiteral("update") << QStringList{fallback, patch}
+                            << QStringList{from, intact, notIntact, signatures, ignored};
+    QTest::newRow("repair") << QStringLiteral("repair") << QStringList{from, signatures}
+                            << QStringList{fallback, intact, notIntact, patch};
+    QTest::newRow("check") << QStringLiteral("check") << QStringList{intact, notIntact, signatures}
+                           << QStringList{fallback, from, patch};
+    QTest::newRow("record") << QStringLiteral("record") << QStringList{patch}
+                            << QStringList{fallback, from, intact, notIntact};
+    for (const char *command : {"recover", "rollback", "discard"}) {
+        QTest::newRow(command) << QString::fromLatin1(command) << QStringList()
+                               << QStringList{fallback, from, intact, notIntact, patch, signatures};
+    }
+    QTest::newRow("diff") << QStringLiteral("diff") << QStringList{ignored} << QStringList{from};
+    QTest::newRow("sign") << QStringLiteral("sign") << QStringList()
+                          << QStringList{ignored, fallback};
+    const QString units = QStringLiteral("bytes, or with K, M, G, T, P or E");
+    for (const char *command : {"copy", "pack", "publish"})
+        QTest::newRow(command) << QString::fromLatin1(command) << QStringList{units}
+                               << QStringList{from};
+}
+
+void tst_Usage::helpTellsOnlyWhatTheCommandCanDo()
+{
+    QFETCH(QString, command);
+    QFETCH(QStringList, told);
+    QFETCH(QStringList, ofOthers);
+    const Outcome outcome = run(command + QLatin1String(" --help"));
+    QCOMPARE(outcome.status, Done);
+    for (const QString &text : told)
+        QVERIFY2(
+            outcome.out.contains(text), qPrintable(text + QLatin1String(" in\n") + outcome.out));
+    for (const QString &text : ofOthers) {
+        const QRegularExpression word(QRegularExpression::escape(text) + QLatin1String("\\b"));
+        QVERIFY2(
+            !outcome.out.contains(word), qPrintable(text + QLatin1String(" in\n") + outcome.out));
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_Usage)

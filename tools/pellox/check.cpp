@@ -59,7 +59,9 @@ void addCheckCommand(CLI::App &app, Invocation &invocation)
     addThreadsOption(*command, arguments->threads);
     command->footer("Files that the signatures do not name, a player's saves say, are listed apart "
                     "and do not\ncount; hidden ones are not listed.\n\n"
-        + exitStatusHelp({Unchanged, RefusedPatch, InTheWay})
+        + exitStatusHelp({Unchanged, RefusedPatch, InTheWay},
+            {{Done, "all is intact"}, {Failed, "something is not intact"},
+                {RefusedPatch, "signatures.json is missing, broken or refused"}})
         + "\nExample:\n  pellox check installed/game signatures/1.1");
     command->callback([arguments, &invocation] {
         invocation.failure = Unchanged; // as Failed says that something is not intact

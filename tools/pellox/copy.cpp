@@ -145,7 +145,8 @@ void addCopyCommand(CLI::App &app, Invocation &invocation)
         ->type_name("PATH")
         ->required();
     addSizeOption(*command, "--block-size", arguments->blockSize,
-        "How much of a file to copy at a time, with K, M or G. 10M where not given");
+        "How much of a file to copy at a time: bytes, or with K, M, G, T, P or E. 10M where not "
+        "given");
     command->add_flag("--keep-partial", arguments->keepPartial,
         "Keep what there is of the file when Ctrl-C stops the copy");
     command->add_flag(

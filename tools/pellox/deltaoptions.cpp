@@ -25,7 +25,8 @@ void addDeltaOptions(CLI::App &command, DeltaOptions &options, CLI::Option *oldB
         ->type_name("fastest|balanced|smallest")
         ->needs(oldBuild);
     addSizeOption(command, "--memory", options.memory,
-        "What that search may use, 1G where not given; with less, deltas are larger")
+        "What that search may use: bytes, or with K, M, G, T, P or E; with less, deltas are "
+        "larger. 1G where not given")
         ->needs(oldBuild);
     command
         .add_flag_callback(

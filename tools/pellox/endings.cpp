@@ -10,15 +10,14 @@ struct Meaning
 {
     int status;
     const char *outcome;
-    const char *meaning;   ///< for --help
+    const char *meaning;   ///< for --help, of a command that has no words of its own
     const char *lastWords; ///< of a command that ends so
 };
 
 // In --help as here. The outcomes are promised to machines: none may change.
 constexpr Meaning Meanings[] = {
-    {Done, "done", "done; of \"check\": all is intact", ""},
-    {Failed, "not-intact",
-        "of \"check\": something is not intact; else: standard output cannot be written", ""},
+    {Done, "done", "done", ""},
+    {Failed, "not-intact", "standard output cannot be written", ""},
     {WrongUsage, "refused", "wrong usage, a folder that is not there; nothing was touched",
         "nothing was changed"},
     {NothingToDo, "nothing-to-do", "there was nothing to do", ""},
@@ -33,8 +32,7 @@ constexpr Meaning Meanings[] = {
         "nothing was changed: run the same again once there is room"},
     {RefusedPatch, "refused-patch", "the patch or signatures.json is missing, broken or refused",
         "nothing was changed: get the patch or the signatures anew"},
-    {InTheWay, "in-the-way",
-        "something else of the build, or of --fallback or --from, is not as it must be",
+    {InTheWay, "in-the-way", "something else of the build is not as it must be",
         "nothing was changed: run the same again once that is mended"},
     {Busy, "busy", "another program works on the build",
         "nothing was changed: run the same again once that is done"},
@@ -65,7 +63,8 @@ QString lastWords(int status)
     return QString::fromLatin1(meaning ? meaning->lastWords : "");
 }
 
-std::string exitStatusHelp(std::initializer_list<int> statuses)
+std::string exitStatusHelp(
+    std::initializer_list<int> statuses, std::initializer_list<OwnMeaning> ownMeanings)
 {
     constexpr size_t Width = 4;
     constexpr int LastOfAll = WrongUsage;
@@ -75,8 +74,11 @@ std::string exitStatusHelp(std::initializer_list<int> statuses)
             = std::find(statuses.begin(), statuses.end(), meaning.status) != statuses.end();
         if (meaning.status > LastOfAll && !isAsked)
             continue;
+        const auto *const own = std::find_if(ownMeanings.begin(), ownMeanings.end(),
+            [&](const OwnMeaning &words) { return words.status == meaning.status; });
         const std::string number = std::to_string(meaning.status);
-        text += "  " + number + std::string(Width - number.size(), ' ') + meaning.meaning + '\n';
+        text += "  " + number + std::string(Width - number.size(), ' ')
+            + (own == ownMeanings.end() ? meaning.meaning : own->meaning) + '\n';
     }
     return text
         + "  130 Ctrl-C (128 and the signal's number); the last line of standard error tells what "

@@ -54,7 +54,15 @@ struct Ending
 /// success, and what to do next.
 QString lastWords(int status);
 
+/// What a status means where one command ends with it, in words that fit no other.
+struct OwnMeaning
+{
+    int status;
+    const char *meaning;
+};
+
 /// For --help: those of @p statuses, of the commands on an installed build, and what all have.
-std::string exitStatusHelp(std::initializer_list<int> statuses);
+std::string exitStatusHelp(
+    std::initializer_list<int> statuses, std::initializer_list<OwnMeaning> ownMeanings = {});
 /// The same for all other commands.
 std::string exitStatusHelp();

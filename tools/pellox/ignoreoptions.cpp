@@ -141,6 +141,8 @@ void addIgnoreOptions(CLI::App &command, IgnoreOptions &options)
         ->type_name("FILE");
     command.add_flag("--strict-ignore", options.strict,
         "Refuse what is to be ignored but is not there, instead of a note");
+    command.get_option("--quiet")->description(
+        "Say nothing but errors, and what is to be ignored but is not there");
 }
 
 QStringList ignoredFiles(

@@ -5,6 +5,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <memory>
+#include <string>
+#include <utility>
+
 namespace {
 
 constexpr char Footer[]
@@ -20,6 +24,21 @@ constexpr char Footer[]
       "Or the update in two steps, without the safety:\n"
       "  pellox apply installed/game patches/1.0-1.1\n"
       "  pellox verify installed/game patches/1.0-1.1";
+
+/// Of a group of hidden options CLI11 writes nothing but the empty line before it.
+class HelpFormatter : public CLI::Formatter
+{
+public:
+    std::string make_help(
+        const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override
+    {
+        std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
+        const std::string tooWide = "\n\n\n";
+        for (size_t at = text.find(tooWide); at != std::string::npos; at = text.find(tooWide, at))
+            text.erase(at, 1);
+        return text;
+    }
+};
 
 } // namespace
 
@@ -38,6 +57,7 @@ CLI::App *addCommand(
 void describeProgram(CLI::App &app, Invocation &invocation)
 {
     app.name("pellox");
+    app.formatter(std::make_shared<HelpFormatter>()); // all commands take it from the program
     app.description("Keeps installed game builds up to date by binary deltas.");
     app.set_version_flag("--version", "pellox " PELLOX_VERSION);
     app.require_subcommand(1);

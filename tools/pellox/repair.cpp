@@ -63,7 +63,9 @@ void addRepairCommand(CLI::App &app, Invocation &invocation)
     command->footer("Each file is checked while it is copied. All are put in place or none; intact "
                     "files and\nthose that the signatures do not name are not touched.\n\n"
         + exitStatusHelp({NothingToDo, Unchanged, Unfinished, NoSpace, RefusedPatch, InTheWay, Busy,
-            DamagedJournal})
+                             DamagedJournal},
+            {{RefusedPatch, "signatures.json is missing, broken or refused"},
+                {InTheWay, "something else of the build, or of --from, is not as it must be"}})
         + "\nExample:\n  pellox repair installed/game signatures/1.1 --from releases/1.1");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return repair(console, *arguments); };

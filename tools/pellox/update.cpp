@@ -248,7 +248,9 @@ void addUpdateCommand(CLI::App &app, Invocation &invocation)
                     "Ctrl-C takes back\nwhat was written. A run that was killed is finished by "
                     "the next one, or by \"pellox recover\".\n\n"
         + exitStatusHelp({NothingToDo, Unchanged, Unfinished, DamagedInstall, NoSpace, RefusedPatch,
-            InTheWay, Busy, DamagedJournal})
+                             InTheWay, Busy, DamagedJournal},
+            {{RefusedPatch, "the patch is missing, broken or refused"},
+                {InTheWay, "something else of the build, or of --fallback, is not as it must be"}})
         + "\nExample:\n  pellox update installed/game patches/1.0-1.1 --keep-previous");
     command->callback([arguments, &invocation] {
         invocation.run = [arguments](Console &console) { return update(console, *arguments); };
