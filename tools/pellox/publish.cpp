@@ -267,6 +267,8 @@ void tellMoved(Console &console, const Job &job, const QJsonArray &rules,
 {
     if (job.oldBuild.isEmpty() || !hasOtherNewFiles(job.patch, rules, moved))
         return tellMovedFiles(console, inspected(moved));
+    if (!console.tellsJson()) // whose progress names what is under way
+        console.note(QStringLiteral("looking for new files in the old build"));
     const auto files = inspectPatch(console, job.patch, job.oldSignatures, rules.size(),
         [&](const QString &message, const QString &) {
             console.note(
