@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: MIT
 // Keeps an installed game up to date, in a terminal: there calls may block, and need no Qt.
-// Exit status 0: all is well, 1: it is not, 2: wrong usage, 130: nothing was done, after Ctrl-C.
 #include <Pellox/pellox.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
+#include <string>
 #include <unistd.h>
 
-static pellox_job *s_job = nullptr;                     // lasts as long as the program
-static auto s_start = std::chrono::steady_clock::now(); // of the phase
+static pellox_job *s_job = pellox_job_new();     // lasts as long as the program
+static std::time_t s_start = std::time(nullptr); // of the phase
 
 static void say(const std::string &text)
 {
@@ -22,13 +23,12 @@ static void showPhase(void *, int phase)
 {
     const char *texts[] = {"", "Finishing", "Checking", "Writing", "Putting in place"};
     say(phase < 5 ? texts[phase] : "Working"); // a later library may have more
-    s_start = std::chrono::steady_clock::now();
+    s_start = std::time(nullptr);
 }
 
 static void showProgress(void *, int64_t done, int64_t total)
 {
-    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - s_start;
-    const double speed = double(done + 1) / (seconds.count() + 0.001);
+    const double speed = double(done + 1) / (std::difftime(std::time(nullptr), s_start) + 0.5);
     if (isatty(STDERR_FILENO))
         std::fprintf(stderr, "\r\033[K%.1f of %.1f MB, %.1f MB/s, %.0f s left", double(done) / 1e6,
             double(total) / 1e6, speed / 1e6, double(total - done) / speed);
@@ -49,29 +49,29 @@ static void showProblem(void *, const pellox_problem *problem)
 int main(int argc, char **argv)
 {
     const std::string job = argc > 1 ? argv[1] : "";
-    const bool isRepair = job == "repair" && argc == 5;
-    if (!isRepair && (argc != 4 || (job != "check" && job != "update" && job != "verify")))
-        return say("Usage: console-host check|update BUILD PATCH\n"
+    const bool isRepair = job == "repair", isVerify = job == "verify";
+    const bool hasJob = isRepair || isVerify || job == "check" || job == "update";
+    if (!hasJob || argc < (isRepair ? 5 : 4) || argc > (isVerify ? 4 : 5))
+        return say("Usage: console-host check|update BUILD PATCH [TRUSTED_KEY]\n"
                    "  or verify BUILD SIGNATURES, or repair BUILD SIGNATURES SOURCE"),
                2;
-    s_job = pellox_job_new();
     std::signal(SIGINT, [](int) { pellox_cancel(s_job); });
     pellox_on_problem(s_job, showProblem, nullptr);
     pellox_on_phase(s_job, showPhase, nullptr);
     pellox_on_file(s_job, showFile, nullptr);
     std::string patch = argv[3];
     std::error_code error;
-    int result = PELLOX_DONE;
-    if (std::filesystem::is_regular_file(patch, error)) {
+    const bool hasKey = argc == 5 && !isRepair; // a launcher brings its publisher's along
+    int result = hasKey ? pellox_add_trusted_key(s_job, argv[4]) : PELLOX_DONE;
+    if (result == PELLOX_DONE && std::filesystem::is_regular_file(patch, error)) {
         patch += ".XXXXXX"; // unpacked beside it, as the folder for temporary files may be small
         result = pellox_unpack(s_job, argv[3], ::mkdtemp(patch.data()));
     }
     pellox_on_progress(s_job, showProgress, nullptr); // in bytes from now on
+    const auto run = isVerify ? pellox_check : job == "check" ? pellox_plan : pellox_update;
     if (result == PELLOX_DONE)
-        result = isRepair     ? pellox_repair(s_job, argv[2], patch.c_str(), argv[4])
-            : job == "verify" ? pellox_check(s_job, argv[2], patch.c_str())
-            : job == "check"  ? pellox_plan(s_job, argv[2], patch.c_str())
-                              : pellox_update(s_job, argv[2], patch.c_str());
+        result = isRepair ? pellox_repair(s_job, argv[2], patch.c_str(), argv[4])
+                          : run(s_job, argv[2], patch.c_str());
     if (patch != argv[3])
         std::filesystem::remove_all(patch, error);
     say(pellox_result_name(result));

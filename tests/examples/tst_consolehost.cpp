@@ -4,6 +4,8 @@
 #include "literals.h"
 #include "patience.h"
 
+#include <Pellox/PatchSeal>
+
 #include <QProcess>
 #include <QtTest>
 
@@ -23,6 +25,8 @@ private Q_SLOTS:
     void updatesABuild();
     void takesAnArchive();
     void refusesAHostilePatch();
+    void trustedKey();
+    void fileThatIsNoKey();
     void damagedArchive();
     void ctrlCCancels();
     void progressOnATerminal();
@@ -136,6 +140,43 @@ void tst_ConsoleHost::refusesAHostilePatch()
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
+void tst_ConsoleHost::trustedKey()
+{
+    const QString privateKey = m_tree->path("publisher.key"_s);
+    const QString publicKey = m_tree->path("publisher.pub"_s);
+    QString error;
+    if (!Pellox::PatchSeal::generateKey(privateKey, publicKey, &error)) {
+        QVERIFY2(error.contains("libcrypto"_s), qPrintable(error));
+        QSKIP("built without libcrypto");
+    }
+    const auto before = m_tree->installed();
+    start({"update"_s, m_tree->game(), m_tree->patch(), publicKey});
+    QCOMPARE(statusAtTheEnd(), 1);
+    QVERIFY2(m_output.contains("\n  Get the patch from its publisher; do not use this one.\n"_s)
+            && m_output.endsWith("\nrefused\n"_s),
+        qPrintable(m_output));
+    QCOMPARE(m_tree->installed(), before);
+
+    Pellox::PatchSeal sealer;
+    QVERIFY2(sealer.seal(m_tree->patch(), m_tree->path("signatures/1.0"_s), 2, {privateKey}),
+        qPrintable(sealer.error()));
+    start({"check"_s, m_tree->game(), m_tree->patch(), publicKey});
+    QCOMPARE(statusAtTheEnd(), 0);
+    start({"update"_s, m_tree->game(), m_tree->patch(), publicKey});
+    QCOMPARE(statusAtTheEnd(), 0);
+    QVERIFY(m_tree->exists("Lighthouse/.pellox/release"_s));
+}
+
+void tst_ConsoleHost::fileThatIsNoKey()
+{
+    const auto before = m_tree->installed();
+    for (const QString &key : {m_tree->path("no key"_s), QString()}) {
+        start({"update"_s, m_tree->game(), m_tree->patch(), key});
+        QCOMPARE(statusAtTheEnd(), 1);
+        QCOMPARE(m_tree->installed(), before);
+    }
+}
+
 void tst_ConsoleHost::damagedArchive()
 {
     m_tree->write("dl/1.0-1.1.7z"_s, randomBytes(5000, 9));
@@ -217,6 +258,10 @@ void tst_ConsoleHost::wrongUsage_data()
     QTest::newRow("no job") << QStringList({"build"_s, "patch"_s, "more"_s});
     QTest::newRow("no patch") << QStringList({"update"_s, "build"_s});
     QTest::newRow("no source") << QStringList({"repair"_s, "build"_s, "signatures"_s});
+    QTest::newRow("one key more") << QStringList(
+        {"update"_s, "build"_s, "patch"_s, "key"_s, "key"_s});
+    QTest::newRow("key for a repair")
+        << QStringList({"repair"_s, "build"_s, "signatures"_s, "source"_s, "key"_s});
     QTest::newRow("too much") << QStringList({"verify"_s, "build"_s, "signatures"_s, "more"_s});
 }
 
@@ -225,7 +270,7 @@ void tst_ConsoleHost::wrongUsage()
     QFETCH(const QStringList, arguments);
     start(arguments);
     QCOMPARE(statusAtTheEnd(), 2);
-    QVERIFY2(m_output.startsWith("Usage: console-host check|update BUILD PATCH\n"_s),
+    QVERIFY2(m_output.startsWith("Usage: console-host check|update BUILD PATCH [TRUSTED_KEY]\n"_s),
         qPrintable(m_output));
 }
 
