@@ -4,7 +4,6 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
-#include <QLoggingCategory>
 
 int main(int argc, char **argv)
 {
@@ -12,7 +11,6 @@ int main(int argc, char **argv)
     QApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
 #endif
     QApplication application(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false"));
 
     // A launcher knows its folders and brings its publisher's key along.
     QCommandLineParser parser;

@@ -5,26 +5,24 @@
 
 #include <QFileInfo>
 
-#include <algorithm>
-
 using Pellox::ArchiveController;
 using Pellox::IntegrityController;
 using Pellox::UpdateController;
-using Pellox::UpdateProblem;
+using Code = Pellox::UpdateProblem::Code;
 
 Updater::Updater(QObject *parent)
     : QObject(parent)
 {
     // The controllers' signals come on other threads; "this" brings them here.
-    connect(&m_controller, &UpdateController::phaseChanged, this, &Updater::enterPhase);
+    connect(&m_controller, &UpdateController::phaseChanged, this, &Updater::enter);
     connect(&m_controller, &UpdateController::updateProgress, this, &Updater::progressed);
     connect(&m_controller, &UpdateController::fileStaged, this, &Updater::fileWritten);
     connect(&m_controller, &UpdateController::problemFound, this, &Updater::problemFound);
     connect(&m_controller, &UpdateController::finished, this, &Updater::endRun);
-    connect(&m_integrity, &IntegrityController::phaseChanged, this, &Updater::enterPhase);
+    connect(&m_integrity, &IntegrityController::phaseChanged, this, &Updater::enter);
     connect(&m_integrity, &IntegrityController::progress, this, &Updater::progressed);
     connect(&m_integrity, &IntegrityController::problemFound, this, &Updater::problemFound);
-    connect(&m_integrity, &IntegrityController::finished, this, &Updater::endIntegrity);
+    connect(&m_integrity, &IntegrityController::finished, this, &Updater::endIntegrityRun);
 }
 
 Updater::~Updater()
@@ -34,41 +32,29 @@ Updater::~Updater()
     while (m_worker && !m_worker->wait(50));
 }
 
-void Updater::setTrustedKeys(const QStringList &publicKeys)
-{
-    m_controller.setTrustedKeys(publicKeys);
-}
-
 void Updater::check(const QString &build, const QString &patch)
 {
-    forget();
+    begin(Job::Check);
     m_build = build;
     m_patch = patch;
-    m_hasFinishedEarlier = false;
-    const bool isArchive = QFileInfo(patch).isFile();
-    begin(Job::Check, isArchive ? Stage::Unpacking : Stage::Planning);
-    if (isArchive)
-        unpack();
-    else
-        plan();
+    requireStarted(m_controller.recover(build)); // a patch counts from a build that is whole
 }
 
 void Updater::update()
 {
-    begin(Job::Update, Stage::Checking);
+    begin(Job::Update);
     requireStarted(m_controller.update(m_build, m_unpacked ? m_unpacked->path() : m_patch));
 }
 
 void Updater::verify(const QString &build, const QString &signatures)
 {
-    begin(Job::Verify, Stage::Checking);
+    begin(Job::Verify);
     requireStarted(m_integrity.check(build, signatures));
 }
 
 void Updater::repair(const QString &build, const QString &signatures, const QString &source)
 {
-    forget();
-    begin(Job::Repair, Stage::Checking);
+    begin(Job::Repair);
     requireStarted(m_integrity.repair(build, signatures, source));
 }
 
@@ -89,157 +75,123 @@ void Updater::forget()
 
 bool Updater::canCancel() const
 {
-    return isBusy() && !m_isCancelled && m_stage != Stage::Finishing
-        && m_stage != Stage::Committing;
+    return m_isBusy && !m_isCancelled && m_phase != Phase::Finishing
+        && m_phase != Phase::Committing;
 }
 
-void Updater::begin(Job job, Stage stage)
+void Updater::begin(Job job)
 {
+    if (job != Job::Update)
+        forget();
     m_job = job;
     m_isCancelled = false;
-    enter(stage);
+    setBusy(true);
+    enter(Phase::Checking);
 }
 
-/// A run that the system has no thread for does not start, and tells nothing.
-void Updater::requireStarted(bool hasStarted)
+void Updater::setBusy(bool isBusy)
 {
-    if (!hasStarted)
-        end([this] { Q_EMIT finished(Result::Failed); });
+    m_isBusy = isBusy;
+    Q_EMIT busyChanged(isBusy);
 }
 
-void Updater::end(const std::function<void()> &tell)
+/// A run that the system has no thread for does not start, and does not end either.
+void Updater::requireStarted(bool isStarted)
 {
-    m_stage = Stage::Idle;
-    tell();
-    Q_EMIT stageChanged(m_stage);
+    if (!isStarted)
+        end(Result::Failed);
 }
 
-void Updater::enter(Stage stage)
+void Updater::enter(Phase phase)
 {
-    m_stage = stage;
-    Q_EMIT stageChanged(stage);
+    m_phase = phase;
+    Q_EMIT phaseChanged(phase);
 }
 
-void Updater::enterPhase(Phase phase)
+/// Unpacks the patch where it is an archive, and makes the plan. Both block: not on this thread.
+void Updater::prepare()
 {
-    switch (phase) {
-    case Phase::Finishing:
-        return enter(Stage::Finishing);
-    case Phase::Checking:
-        return enter(Stage::Checking);
-    case Phase::Staging:
-        return enter(Stage::Writing);
-    case Phase::Committing:
-        return enter(Stage::Committing);
-    }
-}
-
-/// Calls @p work on a thread of its own and then @p then here.
-void Updater::doBeside(const std::function<void()> &work, void (Updater::*then)())
-{
-    m_worker.reset(QThread::create(work));
-    connect(m_worker.get(), &QThread::finished, this, then);
+    m_plan = {};
+    const bool isArchive = QFileInfo(m_patch).isFile();
+    if (isArchive) // beside it: the system's folder for temporary files may be in memory
+        m_unpacked = std::make_unique<QTemporaryDir>(m_patch + QLatin1String(".XXXXXX"));
+    m_worker.reset(QThread::create([this, isArchive] {
+        if (!isArchive)
+            m_plan = m_controller.plan(m_build, m_patch);
+        else if (unpack())
+            m_plan = m_controller.plan(m_build, m_unpacked->path());
+    }));
+    connect(m_worker.get(), &QThread::finished, this, &Updater::endCheck);
     m_worker->start();
+    if (isArchive)
+        Q_EMIT unpacking(0);
 }
 
-void Updater::unpack()
+/// On the worker's thread. False: it was stopped, or m_plan has the refusal.
+bool Updater::unpack()
 {
-    // Not in the system's folder for temporary files, which may be in memory: patches are large.
-    m_unpacked = std::make_unique<QTemporaryDir>(m_patch + QLatin1String(".XXXXXX"));
-    m_unpackError = m_unpacked->isValid() ? QString() : m_unpacked->errorString();
-    const QString archive = QFileInfo(m_patch).absoluteFilePath();
-    const QString folder = QFileInfo(m_unpacked->path()).absoluteFilePath();
-    doBeside(
-        [this, archive, folder] {
-            if (!m_unpackError.isEmpty())
-                return;
-            ArchiveController controller;
-            controller.setSilentEndIsError(true);
-            connect(&controller, &ArchiveController::extractError, &controller,
-                [this](const QStringList &errors) { m_unpackError = errors.last(); });
-            double highest = 0; // lines without a figure count as 0
-            controller.extractArchive(archive, folder, QString(), [&](double percent) {
-                highest = std::max(highest, percent);
-                Q_EMIT progressed(static_cast<qint64>(highest), 100);
-            });
-        },
-        &Updater::endUnpacking);
-}
-
-void Updater::endUnpacking()
-{
-    if (m_isCancelled)
-        return endCancelled();
-    if (m_unpackError.isEmpty()) {
-        enter(Stage::Planning);
-        return plan();
+    const auto refuse = [this](const QString &error) {
+        const bool isFull = error.contains(QLatin1String("no space"), Qt::CaseInsensitive);
+        m_plan.refusals.append({isFull ? Code::NoSpace : Code::BadPatch, m_patch,
+            tr("cannot be unpacked: %1").arg(error.simplified())});
+    };
+    if (!m_unpacked->isValid()) {
+        refuse(m_unpacked->errorString());
+        return false;
     }
-    const bool isFull = m_unpackError.contains(QLatin1String("no space"), Qt::CaseInsensitive);
-    refuse({{isFull ? UpdateProblem::Code::NoSpace : UpdateProblem::Code::BadPatch, m_patch,
-        tr("cannot be unpacked: %1").arg(m_unpackError.simplified())}});
+    ArchiveController controller;
+    controller.setSilentEndIsError(true);
+    connect(&controller, &ArchiveController::extractError, &controller,
+        [&](const QStringList &errors) { refuse(errors.last()); });
+    // What is told goes to the thread of this, by "this" as the context.
+    const bool isUnpacked = controller.extractArchive(QFileInfo(m_patch).absoluteFilePath(),
+        QFileInfo(m_unpacked->path()).absoluteFilePath(), QString(), [this](double percent) {
+            if (percent > 0) // lines without a figure count as 0
+                QMetaObject::invokeMethod(
+                    this, [this, percent] { Q_EMIT unpacking(int(percent)); });
+        });
+    QMetaObject::invokeMethod(this, [this] { enter(Phase::Checking); });
+    return isUnpacked;
 }
 
-void Updater::plan()
-{
-    const QString patch = m_unpacked ? m_unpacked->path() : m_patch;
-    doBeside([this, patch] { m_plan = m_controller.plan(m_build, patch); }, &Updater::endPlanning);
-}
-
-void Updater::endPlanning()
+void Updater::endCheck()
 {
     if (m_isCancelled || m_plan.isCancelled)
-        return endCancelled();
-    const bool isUnfinished = std::any_of(
-        m_plan.refusals.cbegin(), m_plan.refusals.cend(), [](const UpdateProblem &problem) {
-            return problem.code == UpdateProblem::Code::Unfinished;
-        });
-    if (isUnfinished && !m_hasFinishedEarlier) {
-        m_hasFinishedEarlier = true;
-        enter(Stage::Finishing);
-        return requireStarted(m_controller.recover(m_build)); // and then the plan once more
-    }
+        return end(Result::Cancelled);
+    for (const Pellox::UpdateProblem &problem : m_plan.refusals)
+        Q_EMIT problemFound(problem);
     if (!m_plan.refusals.isEmpty())
-        return refuse(m_plan.refusals);
+        return end(Result::Refused);
     m_canUpdate = m_plan.filesToPatch + m_plan.filesToCopy + m_plan.deletions.size() > 0;
-    end([this] { Q_EMIT checked(m_plan); });
+    setBusy(false);
+    Q_EMIT checked(m_plan);
 }
 
-/// Of an update or a recovery.
+/// Of an update, or of the recovery before a check.
 void Updater::endRun(Result result)
 {
-    const bool isDone = result == Result::Updated || result == Result::AlreadyUpToDate;
-    if (m_job == Job::Check && isDone) {
-        enter(Stage::Planning);
-        return plan();
-    }
-    if (isDone || result == Result::Refused)
-        forget();
-    end([&] { Q_EMIT finished(result); });
+    const bool isWhole = result == Result::Updated || result == Result::AlreadyUpToDate;
+    if (m_job != Job::Check || !isWhole)
+        return end(result);
+    if (m_isCancelled)
+        return end(Result::Cancelled);
+    prepare();
 }
 
-void Updater::endIntegrity(bool success)
+void Updater::endIntegrityRun(bool success)
 {
-    end([&] {
-        if (m_job == Job::Repair)
-            Q_EMIT finished(m_integrity.repairResult());
-        else if (success)
-            Q_EMIT verified(m_integrity.report());
-        else
-            Q_EMIT finished(m_isCancelled ? Result::Cancelled : Result::Refused);
-    });
+    if (m_job == Job::Repair)
+        return end(m_integrity.repairResult());
+    if (!success)
+        return end(m_isCancelled ? Result::Cancelled : Result::Refused);
+    setBusy(false);
+    Q_EMIT verified(m_integrity.report());
 }
 
-/// Of a check.
-void Updater::endCancelled()
+void Updater::end(Result result)
 {
-    forget();
-    end([this] { Q_EMIT finished(Result::Cancelled); });
-}
-
-void Updater::refuse(const QVector<UpdateProblem> &problems)
-{
-    forget();
-    for (const UpdateProblem &problem : problems)
-        Q_EMIT problemFound(problem);
-    end([this] { Q_EMIT finished(Result::Refused); });
+    if (m_job != Job::Update || result != Result::Cancelled)
+        forget(); // only for an update that was stopped the check still counts
+    setBusy(false);
+    Q_EMIT finished(result);
 }

@@ -7,7 +7,6 @@
 #include <QTemporaryDir>
 #include <QThread>
 
-#include <functional>
 #include <memory>
 
 /**
@@ -23,19 +22,16 @@ public:
     using Result = Pellox::UpdateController::UpdateResult;
 
     enum class Job { Check, Update, Verify, Repair };
-    /// What is done just now.
-    enum class Stage { Idle, Unpacking, Planning, Finishing, Checking, Writing, Committing };
-    Q_ENUM(Stage)
 
     explicit Updater(QObject *parent = nullptr);
     /// Stops what can be stopped and waits for the rest.
     ~Updater() override;
 
     /// PEM files: only patches that are sealed by one of these are taken. None: any patch is.
-    void setTrustedKeys(const QStringList &publicKeys);
+    void setTrustedKeys(const QStringList &publicKeys) { m_controller.setTrustedKeys(publicKeys); }
 
-    /// What update() would do. The patch is a folder or an archive, which is unpacked beside
-    /// itself. What an earlier update has left unfinished is finished. Ends with checked() or
+    /// Finishes what an earlier update has left unfinished, and then tells what update() would do.
+    /// The patch is a folder or an archive, which is unpacked beside itself. Ends with checked() or
     /// finished().
     void check(const QString &build, const QString &patch);
     /// Does what check() has found. Ends with finished().
@@ -46,53 +42,50 @@ public:
     void repair(const QString &build, const QString &signatures, const QString &source);
     /// Ends the job soon, as long as canCancel() says so.
     void cancel();
-    /// What check() has found no longer counts.
+    /// What check() has found no longer counts. Not while something is done.
     void forget();
 
     Job job() const { return m_job; }
-    Stage stage() const { return m_stage; }
-    bool isBusy() const { return m_stage != Stage::Idle; }
+    bool isBusy() const { return m_isBusy; }
     bool canCancel() const;
-    bool canUpdate() const { return m_canUpdate && !isBusy(); }
+    /// What check() has found is there to be done.
+    bool canUpdate() const { return m_canUpdate; }
 
 Q_SIGNALS:
-    void stageChanged(Updater::Stage stage);
-    /// In bytes; while an archive is unpacked in percent.
+    void busyChanged(bool isBusy);
+    void unpacking(int percent);
+    void phaseChanged(Pellox::UpdateController::UpdatePhase phase);
+    /// In bytes.
     void progressed(qint64 done, qint64 total);
     void fileWritten(const QString &relativePath);
     void problemFound(const Pellox::UpdateProblem &problem);
 
-    // The end of a job: one of these comes, and then stageChanged().
+    // How a job has ended: one of these, after busyChanged().
     void checked(const Pellox::UpdatePlan &plan);
     void verified(const Pellox::IntegrityReport &report);
     void finished(Pellox::UpdateController::UpdateResult result);
 
 private:
-    void begin(Job job, Stage stage);
-    void requireStarted(bool hasStarted);
-    void end(const std::function<void()> &tell);
-    void enter(Stage stage);
-    void enterPhase(Phase phase);
-    void doBeside(const std::function<void()> &work, void (Updater::*then)());
-    void unpack();
-    void endUnpacking();
-    void plan();
-    void endPlanning();
+    void begin(Job job);
+    void setBusy(bool isBusy);
+    void requireStarted(bool isStarted);
+    void enter(Phase phase);
+    void prepare();
+    bool unpack();
+    void endCheck();
     void endRun(Result result);
-    void endIntegrity(bool success);
-    void endCancelled();
-    void refuse(const QVector<Pellox::UpdateProblem> &problems);
+    void endIntegrityRun(bool success);
+    void end(Result result);
 
     Job m_job = Job::Check;
-    Stage m_stage = Stage::Idle;
+    Phase m_phase = Phase::Checking;
+    bool m_isBusy = false;
     bool m_isCancelled = false;
     bool m_canUpdate = false;
-    bool m_hasFinishedEarlier = false;
 
     QString m_build;
-    QString m_patch; ///< as it was given
-    std::unique_ptr<QTemporaryDir> m_unpacked;
-    QString m_unpackError;
+    QString m_patch;                           ///< as it was given
+    std::unique_ptr<QTemporaryDir> m_unpacked; ///< where it is an archive
     Pellox::UpdatePlan m_plan;
 
     Pellox::UpdateController m_controller{this};

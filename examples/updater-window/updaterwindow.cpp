@@ -5,247 +5,150 @@
 #include <QCloseEvent>
 #include <QDir>
 #include <QFileDialog>
-#include <QFileInfo>
-#include <QGridLayout>
-#include <QKeyEvent>
-#include <QLabel>
-#include <QLineEdit>
-#include <QListWidget>
-#include <QMessageBox>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QTabWidget>
 
-using Stage = Updater::Stage;
-
-namespace {
-
-constexpr int MostLines = 1000; // a release may have many more files
-
-template <typename Widget> Widget *named(Widget *widget, const char *name)
-{
-    widget->setObjectName(QLatin1String(name));
-    return widget;
-}
-
-/// A row of a form: what the field is for, the field, and what is beside it.
-void addRow(QGridLayout *form, const char *name, const QString &text, QLineEdit *edit,
-    const QList<QPushButton *> &buttons)
-{
-    const int row = form->rowCount();
-    form->setColumnStretch(1, 1);
-    auto *label = named(new QLabel(text), name);
-    label->setBuddy(edit);
-    form->addWidget(label, row, 0);
-    const int free = 3 - static_cast<int>(buttons.size()); // all rows are equally wide
-    form->addWidget(edit, row, 1, 1, free);
-    for (int i = 0; i < buttons.size(); ++i)
-        form->addWidget(buttons.at(i), row, 1 + free + i);
-}
-
-} // namespace
+using Job = Updater::Job;
+using Phase = Updater::Phase;
+using Result = Updater::Result;
 
 UpdaterWindow::UpdaterWindow(Updater &updater, QWidget *parent)
     : QWidget(parent)
     , m_updater(updater)
 {
-    named(this, "updaterWindow")->setWindowTitle(tr("Update the game"));
-    resize(680, 560);
+    setWindowTitle(tr("Update the game"));
+    resize(680, 520);
     setMinimumSize(560, 440); // room for the longest advice
 
-    m_build = pathEdit("build", tr("Folder of the installed game"));
-    m_chooseBuild = folderButton("chooseBuild", tr("Ch&oose …"), m_build);
-    auto *game = new QGridLayout;
-    addRow(game, "buildLabel", tr("&Game folder:"), m_build, {m_chooseBuild});
-    m_pages = named(new QTabWidget, "pages");
-    m_pages->setAccessibleName(tr("What to do"));
-    m_pages->addTab(updatePage(), tr("Ne&w release"));
-    m_pages->addTab(repairPage(), tr("&Verify and repair"));
-
+    fillForm();
     auto *layout = new QVBoxLayout(this);
-    layout->addLayout(game);
-    layout->addWidget(m_pages);
-    layout->addWidget(statusArea());
+    layout->addWidget(m_fields);
+    layout->addLayout(jobButtons());
+    layout->addLayout(statusArea());
     layout->addWidget(m_lines, 1);
-
     listen();
-    say(wordsBefore());
+    say(tr("Choose the game and the patch"),
+        tr("Or verify that the installed files are as they should be."));
     refresh();
 }
 
-QWidget *UpdaterWindow::updatePage()
+void UpdaterWindow::fillForm()
 {
-    auto *page = named(new QWidget, "updatePage");
-    auto *form = new QGridLayout;
-    m_patch = pathEdit("patch", tr("Patch, a folder or a .7z archive"));
-    addRow(form, "patchLabel", tr("&Patch:"), m_patch,
-        {folderButton("choosePatchFolder", tr("&Folder …"), m_patch),
-            button("choosePatchArchive", tr("&Archive …"), &UpdaterWindow::chooseArchive)});
-    auto *hint
-        = named(new QLabel(tr("The patch is checked before anything is changed.")), "patchHint");
-    m_check = button("check", tr("&Check"), &UpdaterWindow::startCheck);
-    m_update = button("update", tr("&Update"), &UpdaterWindow::startUpdate);
-    auto *layout = new QVBoxLayout(page);
-    layout->addLayout(form);
-    layout->addWidget(hint);
-    layout->addStretch();
-    layout->addLayout(buttonRow({m_check, m_update}));
-    return page;
+    m_form->setContentsMargins(0, 0, 0, 0);
+    addPath(
+        m_build, QStringLiteral("build"), tr("&Game folder:"), tr("Where the game is installed"));
+    QLayout *patchRow = addPath(m_patch, QStringLiteral("patch"), tr("&Patch:"),
+        tr("The patch, a folder or a .7z archive"));
+    addButton(patchRow, QStringLiteral("patchArchive"), tr("&Archive …"),
+        [this] { choosePath(m_patch, true); });
+    addPath(m_signatures, QStringLiteral("signatures"), tr("&Signatures:"),
+        tr("To verify by: the folder with the signatures of the release"));
+    addPath(m_source, QStringLiteral("source"), tr("R&ight files:"),
+        tr("To repair from: a folder with the files of the release"));
 }
 
-QWidget *UpdaterWindow::repairPage()
+/// A row: the path and a button that chooses one.
+QLayout *UpdaterWindow::addPath(
+    QLineEdit *edit, const QString &name, const QString &label, const QString &what)
 {
-    auto *page = named(new QWidget, "repairPage");
-    auto *form = new QGridLayout;
-    m_signatures = pathEdit("signatures", tr("Folder with the signatures of the release"));
-    addRow(form, "signaturesLabel", tr("&Signatures:"), m_signatures,
-        {folderButton("chooseSignatures", tr("Choos&e …"), m_signatures)});
-    m_source = pathEdit("source", tr("Folder with the right files, to repair from"));
-    addRow(form, "sourceLabel", tr("R&ight files:"), m_source,
-        {folderButton("chooseSource", tr("C&hoose …"), m_source)});
-    m_verify = button("verify", tr("Verif&y files"), &UpdaterWindow::startVerify);
-    m_repair = button("repair", tr("&Repair"), &UpdaterWindow::startRepair);
-    auto *layout = new QVBoxLayout(page);
-    layout->addLayout(form);
-    layout->addStretch();
-    layout->addLayout(buttonRow({m_verify, m_repair}));
-    return page;
-}
-
-QWidget *UpdaterWindow::statusArea()
-{
-    auto *area = named(new QWidget, "status");
-    m_mark = named(new QLabel, "mark");
-    m_headline = named(new QLabel, "headline");
-    QFont large = m_headline->font();
-    large.setBold(true);
-    large.setPointSizeF(large.pointSizeF() * 1.25);
-    m_headline->setFont(large);
-    m_detail = named(new QLabel, "detail");
-    for (QLabel *text : {m_headline, m_detail}) {
-        text->setTextFormat(Qt::PlainText); // a patch may bring in any text
-        text->setTextInteractionFlags(Qt::TextSelectableByMouse);
-        text->setWordWrap(true);
-    }
-    m_detail->setAlignment(Qt::AlignTop | Qt::AlignLeft);
-    m_detail->setText(QStringLiteral("\n"));
-    m_detail->setMinimumHeight(m_detail->sizeHint().height()); // two lines, so that little jumps
-    m_bar = named(new QProgressBar, "progress");
-    m_bar->setAccessibleName(tr("Progress"));
-    m_figures = named(new QLabel, "figures");
-    m_figures->setAccessibleName(tr("Progress, speed and time left"));
-    m_cancel = button("cancel", tr("Ca&ncel"), &UpdaterWindow::stop);
-    m_cancel->setAutoDefault(false); // a second Enter shall not stop what the first has started
-    m_lines = named(new QListWidget, "lines");
-    m_lines->setAccessibleName(tr("What was found and done"));
-    m_lines->setWordWrap(true);
-    const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, this);
-    m_lines->setIconSize(QSize(iconSize, iconSize));
-    m_lines->setAlternatingRowColors(true);
-    m_lines->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-
-    auto *layout = new QGridLayout(area);
-    layout->setContentsMargins(0, 6, 0, 6);
-    layout->setHorizontalSpacing(12);
-    layout->setColumnStretch(1, 1);
-    layout->addWidget(m_mark, 0, 0, 2, 1, Qt::AlignTop);
-    layout->addWidget(m_headline, 0, 1, 1, 2);
-    layout->addWidget(m_detail, 1, 1, 1, 2);
-    layout->addWidget(m_bar, 2, 0, 1, 2);
-    layout->addWidget(m_cancel, 2, 2);
-    layout->addWidget(m_figures, 3, 0, 1, 3);
-    return area;
-}
-
-QBoxLayout *UpdaterWindow::buttonRow(const QList<QPushButton *> &buttons)
-{
-    auto *row = new QHBoxLayout;
-    row->addStretch();
-    for (QPushButton *button : buttons)
-        row->addWidget(button);
-    return row;
-}
-
-QLineEdit *UpdaterWindow::pathEdit(const char *name, const QString &accessibleName)
-{
-    auto *edit = named(new QLineEdit, name);
-    edit->setAccessibleName(accessibleName);
-    edit->setPlaceholderText(accessibleName);
+    edit->setObjectName(name);
+    edit->setAccessibleName(what);
+    edit->setPlaceholderText(what);
     connect(edit, &QLineEdit::textChanged, this, [this] {
         m_updater.forget();
         refresh();
     });
-    return edit;
+    auto *row = new QHBoxLayout;
+    row->addWidget(edit);
+    addButton(row, name + QLatin1String("Folder"), tr("Folder …"), [this, edit] {
+        choosePath(edit, false);
+    })->setAccessibleName(tr("Choose: %1").arg(what));
+    auto *rowLabel = new QLabel(label);
+    rowLabel->setBuddy(edit);
+    m_form->addRow(rowLabel, row);
+    return row;
 }
 
-QPushButton *UpdaterWindow::button(
-    const char *name, const QString &text, void (UpdaterWindow::*clicked)())
+void UpdaterWindow::choosePath(QLineEdit *edit, bool isArchive)
 {
-    auto *button = named(new QPushButton(text), name);
+    const QString path = isArchive
+        ? QFileDialog::getOpenFileName(this, edit->accessibleName(), edit->text(),
+            tr("7z archives (*.7z *.7z.001);;All files (*)"))
+        : QFileDialog::getExistingDirectory(this, edit->accessibleName(), edit->text());
+    if (!path.isEmpty())
+        edit->setText(QDir::toNativeSeparators(path));
+}
+
+QPushButton *UpdaterWindow::addButton(
+    QLayout *row, const QString &name, const QString &text, const std::function<void()> &action)
+{
+    auto *button = new QPushButton(text);
+    button->setObjectName(name);
     button->setAutoDefault(true); // Enter presses the one that has the focus
-    connect(button, &QPushButton::clicked, this, clicked);
+    connect(button, &QPushButton::clicked, this, action);
+    row->addWidget(button);
     return button;
 }
 
-QPushButton *UpdaterWindow::folderButton(const char *name, const QString &text, QLineEdit *edit)
+QLayout *UpdaterWindow::jobButtons()
 {
-    auto *button = named(new QPushButton(text), name);
-    button->setAutoDefault(true);
-    button->setAccessibleName(tr("Choose: %1").arg(edit->accessibleName()));
-    connect(button, &QPushButton::clicked, this, [this, edit] {
-        const QString folder
-            = QFileDialog::getExistingDirectory(this, edit->accessibleName(), edit->text());
-        if (!folder.isEmpty())
-            edit->setText(QDir::toNativeSeparators(folder));
-    });
-    return button;
+    auto *row = new QHBoxLayout;
+    row->addStretch();
+    m_check = addButton(row, QStringLiteral("check"), tr("&Check"),
+        [this] { m_updater.check(m_build->text(), m_patch->text()); });
+    m_update
+        = addButton(row, QStringLiteral("update"), tr("&Update"), [this] { m_updater.update(); });
+    m_verify = addButton(row, QStringLiteral("verify"), tr("&Verify files"),
+        [this] { m_updater.verify(m_build->text(), m_signatures->text()); });
+    m_repair = addButton(row, QStringLiteral("repair"), tr("&Repair"),
+        [this] { m_updater.repair(m_build->text(), m_signatures->text(), m_source->text()); });
+    return row;
+}
+
+QLayout *UpdaterWindow::statusArea()
+{
+    m_headline->setObjectName(QStringLiteral("headline"));
+    QFont bold = m_headline->font();
+    bold.setBold(true);
+    m_headline->setFont(bold);
+    m_detail->setObjectName(QStringLiteral("detail"));
+    m_detail->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_detail->setWordWrap(true);
+    m_bar->setAccessibleName(tr("Progress"));
+    m_lines->setObjectName(QStringLiteral("lines"));
+    m_lines->setAccessibleName(tr("What was found and done"));
+    m_lines->setReadOnly(true);
+    m_lines->setMaximumBlockCount(1000); // a release may have many more files
+
+    auto *area = new QVBoxLayout;
+    area->addWidget(m_headline);
+    area->addWidget(m_detail);
+    auto *row = new QHBoxLayout;
+    row->addWidget(m_bar);
+    m_cancel = addButton(row, QStringLiteral("cancel"), tr("Cancel"), [this] { stop(); });
+    m_cancel->setShortcut(Qt::Key_Escape);
+    m_cancel->setAutoDefault(false); // a second Enter shall not stop what the first has started
+    area->addLayout(row);
+    return area;
 }
 
 void UpdaterWindow::listen()
 {
-    connect(&m_updater, &Updater::stageChanged, this, &UpdaterWindow::showStage);
+    connect(m_patch, &QLineEdit::returnPressed, m_check, &QPushButton::click);
+    connect(m_signatures, &QLineEdit::returnPressed, m_verify, &QPushButton::click);
+    connect(m_source, &QLineEdit::returnPressed, m_repair, &QPushButton::click);
+    connect(&m_updater, &Updater::busyChanged, this, &UpdaterWindow::showBusy);
+    connect(&m_updater, &Updater::unpacking, this, &UpdaterWindow::showUnpacking);
+    connect(&m_updater, &Updater::phaseChanged, this, &UpdaterWindow::showPhase);
     connect(&m_updater, &Updater::progressed, this, &UpdaterWindow::showProgress);
     connect(&m_updater, &Updater::problemFound, this, &UpdaterWindow::showProblem);
-    connect(&m_updater, &Updater::fileWritten, this, [this](const QString &path) {
-        addLine(Mark::Good, tr("Written: %1").arg(pathText(path)));
-    });
+    connect(&m_updater, &Updater::fileWritten, this,
+        [this](const QString &path) { addLines(tr("Written: %1"), {path}); });
     connect(&m_updater, &Updater::checked, this, &UpdaterWindow::showPlan);
     connect(&m_updater, &Updater::verified, this, &UpdaterWindow::showReport);
     connect(&m_updater, &Updater::finished, this, &UpdaterWindow::showResult);
-}
-
-void UpdaterWindow::setBuild(const QString &folder)
-{
-    m_build->setText(folder);
-}
-
-void UpdaterWindow::setPatch(const QString &folderOrArchive)
-{
-    m_patch->setText(folderOrArchive);
-}
-
-void UpdaterWindow::startCheck()
-{
-    clearLines();
-    m_updater.check(m_build->text(), m_patch->text());
-}
-
-void UpdaterWindow::startUpdate()
-{
-    clearLines();
-    m_updater.update();
-}
-
-void UpdaterWindow::startVerify()
-{
-    clearLines();
-    m_updater.verify(m_build->text(), m_signatures->text());
-}
-
-void UpdaterWindow::startRepair()
-{
-    clearLines();
-    m_updater.repair(m_build->text(), m_signatures->text(), m_source->text());
+    connect(m_question->button(QMessageBox::Yes), &QPushButton::clicked, this, [this] {
+        m_closesAtEnd = true;
+        stop();
+    });
 }
 
 void UpdaterWindow::stop()
@@ -255,29 +158,54 @@ void UpdaterWindow::stop()
     refresh();
 }
 
-void UpdaterWindow::chooseArchive()
+void UpdaterWindow::closeEvent(QCloseEvent *event)
 {
-    const QString file = QFileDialog::getOpenFileName(this, m_patch->accessibleName(),
-        m_patch->text(), tr("7z archives (*.7z *.7z.001);;All files (*)"));
-    if (!file.isEmpty())
-        m_patch->setText(QDir::toNativeSeparators(file));
+    if (!m_updater.isBusy())
+        return event->accept();
+    event->ignore();
+    if (m_updater.canCancel())
+        m_question->open(); // the job goes on meanwhile
+    else
+        m_closesAtEnd = true; // files are being put in place, or it stops already
 }
 
-void UpdaterWindow::showStage(Stage stage)
+void UpdaterWindow::showBusy(bool isBusy)
 {
-    if (stage != Stage::Idle) {
-        say(wordsOf(stage, m_updater.job()));
-        m_bar->setRange(0, 0); // busy, until something is known
+    refresh();
+    if (isBusy) {
+        m_lines->clear();
+        m_advice.clear();
+        return;
     }
-    m_figures->clear();
+    m_bar->setRange(0, 1);
+    m_bar->reset();
+    m_update->setFocus(); // Enter goes on, where there is something to do
+    if (m_closesAtEnd)
+        close();
+}
+
+void UpdaterWindow::showUnpacking(int percent)
+{
+    m_headline->setText(tr("Unpacking the patch …"));
+    m_bar->setRange(0, 100);
+    m_bar->setValue(percent);
+}
+
+void UpdaterWindow::showPhase(Phase phase)
+{
+    const QMap<Phase, QString> headlines{
+        {Phase::Finishing, tr("Finishing what was interrupted …")},
+        {Phase::Checking, tr("Checking …")},
+        {Phase::Staging, tr("Writing the new files …")},
+        {Phase::Committing, tr("Putting the new files in place …")},
+    };
+    say(headlines.value(phase),
+        m_updater.canCancel() ? tr("The game is not touched yet. You can stop at any time.")
+                              : tr("This takes a moment and cannot be stopped."));
+    m_bar->setRange(0, 0); // busy, until something is known
     m_speed.restart();
     m_clock.start();
     refresh();
-    (m_updater.isBusy() ? m_cancel : nextButton())->setFocus();
-    if (m_question && !m_updater.canCancel())
-        m_question->close(); // it is too late to ask
-    if (stage == Stage::Idle && m_closesAtEnd)
-        close();
 }
 
 void UpdaterWindow::showProgress(qint64 done, qint64 total)
@@ -286,82 +214,77 @@ void UpdaterWindow::showProgress(qint64 done, qint64 total)
         return;
     constexpr int Steps = 1000; // bytes do not fit in an int
     m_bar->setRange(0, Steps);
-    m_bar->setValue(
-        static_cast<int>(static_cast<double>(done) / static_cast<double>(total) * Steps));
-    if (m_updater.stage() == Stage::Unpacking)
-        return; // that knows no bytes
-    m_speed.take(done, total, m_clock.elapsed());
-    m_figures->setText(m_speed.text());
+    m_bar->setValue(static_cast<int>(done * Steps / total));
+    m_detail->setText(m_speed.text(done, total, m_clock.elapsed()));
 }
 
 void UpdaterWindow::showProblem(const Pellox::UpdateProblem &problem)
 {
-    addLine(Mark::Bad, problem.message());
+    m_lines->appendPlainText(problem.message());
     if (!m_advice.contains(problem.advice()))
         m_advice.append(problem.advice());
 }
 
 void UpdaterWindow::showPlan(const Pellox::UpdatePlan &plan)
 {
-    for (const QString &path : plan.patches)
-        addLine(Mark::Note, tr("To change: %1").arg(pathText(path)));
-    for (const QString &path : plan.copies)
-        addLine(Mark::Note, tr("To add: %1").arg(pathText(path)));
-    for (const QString &path : plan.deletions)
-        addLine(Mark::Note, tr("To remove: %1").arg(pathText(path)));
-    m_bar->setRange(0, 1);
-    m_bar->setValue(m_updater.canUpdate() ? 0 : 1);
-    say(wordsOf(plan));
+    if (!m_updater.canUpdate())
+        return showResult(Result::AlreadyUpToDate);
+    addLines(tr("To change: %1"), plan.patches);
+    addLines(tr("To add: %1"), plan.copies);
+    addLines(tr("To remove: %1"), plan.deletions);
+    say(tr("The update is ready"),
+        tr("%1 will be written; the disk needs %2 free.")
+            .arg(SpeedMeter::bytesText(plan.bytesToWrite),
+                SpeedMeter::bytesText(plan.peakExtraDisk)));
 }
 
 void UpdaterWindow::showReport(const Pellox::IntegrityReport &report)
 {
-    for (const QString &path : report.changed)
-        addLine(Mark::Warning, tr("Damaged: %1").arg(pathText(path)));
-    for (const QString &path : report.missing)
-        addLine(Mark::Warning, tr("Missing: %1").arg(pathText(path)));
-    for (const QString &path : report.unreadable)
-        addLine(Mark::Warning, tr("Cannot be read: %1").arg(pathText(path)));
-    m_bar->setRange(0, 1);
-    m_bar->setValue(1);
-    say(wordsOf(report));
+    addLines(tr("Damaged: %1"), report.changed);
+    addLines(tr("Missing: %1"), report.missing);
+    addLines(tr("Cannot be read: %1"), report.unreadable);
+    say(report.isIntact() ? tr("All files are as they should be")
+                          : tr("The game has to be repaired"),
+        tr("Intact files: %1, damaged: %2, missing: %3, not part of the game: %4.")
+            .arg(report.intactFiles)
+            .arg(report.changed.size() + report.unreadable.size())
+            .arg(report.missing.size())
+            .arg(report.extra.size()));
 }
 
-void UpdaterWindow::showResult(Updater::Result result)
+void UpdaterWindow::showResult(Result result)
 {
-    const bool isDone
-        = result == Updater::Result::Updated || result == Updater::Result::AlreadyUpToDate;
-    m_bar->setRange(0, 1);
+    const bool isRepair = m_updater.job() == Job::Repair;
+    const bool isCheck = m_updater.job() == Job::Check; // so it was the recovery that failed
+    const QMap<Result, QString> headlines{
+        {Result::Updated, isRepair ? tr("The game is repaired") : tr("The game is up to date")},
+        {Result::AlreadyUpToDate,
+            isRepair ? tr("There is nothing to repair") : tr("The game is up to date")},
+        {Result::Refused, tr("Refused. Nothing was changed.")},
+        {Result::Failed,
+            isCheck ? tr("Failed. Verify the files of the game.")
+                    : tr("Failed. The game is as it was.")},
+        {Result::Interrupted, tr("Not finished. Try again before you play.")},
+        {Result::Cancelled, tr("Stopped. The game is as it was.")},
+    };
+    const bool isDone = result == Result::Updated || result == Result::AlreadyUpToDate;
     m_bar->setValue(isDone ? 1 : 0);
-    const Words words = wordsOf(result, m_updater.job(), m_advice.join(QLatin1Char(' ')));
-    if (result != Updater::Result::Refused)
-        addLine(words.mark, words.headline);
-    say(words);
+    m_lines->appendPlainText(headlines.value(result));
+    say(headlines.value(result), m_advice.join(QLatin1Char(' ')));
 }
 
-void UpdaterWindow::say(const Words &words)
+void UpdaterWindow::say(const QString &headline, const QString &detail)
 {
-    const int size = style()->pixelMetric(QStyle::PM_LargeIconSize, nullptr, this);
-    m_mark->setPixmap(pixmapOf(words.mark, size, devicePixelRatioF()));
-    m_headline->setText(words.headline);
-    m_detail->setText(words.detail);
+    m_headline->setText(headline);
+    m_detail->setText(detail);
     QAccessibleEvent news(m_headline, QAccessible::Alert); // read out by screen readers
     QAccessible::updateAccessibility(&news);
 }
 
-void UpdaterWindow::addLine(Mark mark, const QString &text)
+void UpdaterWindow::addLines(const QString &what, const QStringList &paths)
 {
-    if (m_lines->count() >= MostLines)
-        delete m_lines->takeItem(0);
-    const int size = m_lines->iconSize().width();
-    m_lines->addItem(new QListWidgetItem(pixmapOf(mark, size, devicePixelRatioF()), text));
-    m_lines->scrollToBottom();
-}
-
-void UpdaterWindow::clearLines()
-{
-    m_lines->clear();
-    m_advice.clear();
+    for (const QString &path : paths)
+        m_lines->appendPlainText(what.arg(path));
 }
 
 /// The buttons, as the job under way allows.
@@ -370,63 +293,12 @@ void UpdaterWindow::refresh()
     const bool isFree = !m_updater.isBusy();
     const bool hasBuild = isFree && !m_build->text().isEmpty();
     const bool hasSignatures = hasBuild && !m_signatures->text().isEmpty();
-    for (QWidget *widget : {static_cast<QWidget *>(m_build), static_cast<QWidget *>(m_chooseBuild),
-             static_cast<QWidget *>(m_pages)})
-        widget->setEnabled(isFree);
+    m_fields->setEnabled(isFree);
     m_check->setEnabled(hasBuild && !m_patch->text().isEmpty());
-    m_update->setEnabled(m_updater.canUpdate());
+    m_update->setEnabled(isFree && m_updater.canUpdate());
     m_verify->setEnabled(hasSignatures);
     m_repair->setEnabled(hasSignatures && !m_source->text().isEmpty());
     m_cancel->setEnabled(m_updater.canCancel());
-    m_check->setDefault(nextButton() == m_check);
-    m_update->setDefault(nextButton() == m_update);
-    m_verify->setDefault(nextButton() == m_verify);
-}
-
-QPushButton *UpdaterWindow::nextButton() const
-{
-    if (m_pages->currentIndex() != 0)
-        return m_verify;
-    return m_update->isEnabled() ? m_update : m_check;
-}
-
-void UpdaterWindow::closeEvent(QCloseEvent *event)
-{
-    if (!m_updater.isBusy())
-        return event->accept();
-    event->ignore();
-    if (m_updater.canCancel() && !m_closesAtEnd)
-        askBeforeClosing();
-    else
-        m_closesAtEnd = true; // files are being put in place, or it stops already
-}
-
-void UpdaterWindow::askBeforeClosing()
-{
-    if (m_question)
-        return m_question->activateWindow();
-    m_question
-        = named(new QMessageBox(QMessageBox::Question, windowTitle(),
-                    tr("Stop and close? The game stays as it is."), QMessageBox::NoButton, this),
-            "closeQuestion");
-    m_question->setAttribute(Qt::WA_DeleteOnClose);
-    auto *yes = named(m_question->addButton(tr("&Stop"), QMessageBox::AcceptRole), "stop");
-    auto *goOn = named(m_question->addButton(tr("&Go on"), QMessageBox::RejectRole), "goOn");
-    m_question->setDefaultButton(goOn);
-    m_question->setEscapeButton(goOn);
-    connect(yes, &QPushButton::clicked, this, [this] {
-        m_closesAtEnd = true;
-        stop();
-    });
-    m_question->open(); // the job goes on meanwhile
-}
-
-void UpdaterWindow::keyPressEvent(QKeyEvent *event)
-{
-    if (event->key() == Qt::Key_Escape)
-        m_cancel->click();
-    else if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter)
-        nextButton()->click();
-    else
-        QWidget::keyPressEvent(event);
+    if (!m_updater.canCancel())
+        m_question->hide(); // it is too late to ask
 }

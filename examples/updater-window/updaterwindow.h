@@ -3,21 +3,17 @@
 
 #include "speedmeter.h"
 #include "updater.h"
-#include "wording.h"
 
 #include <QElapsedTimer>
-#include <QPointer>
-#include <QStringList>
-#include <QWidget>
+#include <QFormLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QProgressBar>
+#include <QPushButton>
 
-class QBoxLayout;
-class QLabel;
-class QLineEdit;
-class QListWidget;
-class QMessageBox;
-class QProgressBar;
-class QPushButton;
-class QTabWidget;
+#include <functional>
 
 /// Shows what an Updater does, and lets a player start and stop it.
 class UpdaterWindow : public QWidget
@@ -27,67 +23,58 @@ class UpdaterWindow : public QWidget
 public:
     explicit UpdaterWindow(Updater &updater, QWidget *parent = nullptr);
 
-    void setBuild(const QString &folder);
-    void setPatch(const QString &folderOrArchive);
+    void setBuild(const QString &folder) { m_build->setText(folder); }
+    void setPatch(const QString &folderOrArchive) { m_patch->setText(folderOrArchive); }
 
 protected:
     /// While a job runs the window asks before it stops it, and stays until it has ended.
     void closeEvent(QCloseEvent *event) override;
-    /// Enter is the button that comes next, Escape is Cancel.
-    void keyPressEvent(QKeyEvent *event) override;
 
 private:
-    QWidget *updatePage();
-    QWidget *repairPage();
-    QWidget *statusArea();
-    QBoxLayout *buttonRow(const QList<QPushButton *> &buttons);
-    QLineEdit *pathEdit(const char *name, const QString &accessibleName);
-    QPushButton *button(const char *name, const QString &text, void (UpdaterWindow::*clicked)());
-    QPushButton *folderButton(const char *name, const QString &text, QLineEdit *edit);
+    void fillForm();
+    QLayout *addPath(
+        QLineEdit *edit, const QString &name, const QString &label, const QString &what);
+    void choosePath(QLineEdit *edit, bool isArchive);
+    QPushButton *addButton(QLayout *row, const QString &name, const QString &text,
+        const std::function<void()> &action);
+    QLayout *jobButtons();
+    QLayout *statusArea();
     void listen();
-
-    void startCheck();
-    void startUpdate();
-    void startVerify();
-    void startRepair();
     void stop();
-    void chooseArchive();
 
-    void showStage(Updater::Stage stage);
+    void showBusy(bool isBusy);
+    void showUnpacking(int percent);
+    void showPhase(Updater::Phase phase);
     void showProgress(qint64 done, qint64 total);
     void showProblem(const Pellox::UpdateProblem &problem);
     void showPlan(const Pellox::UpdatePlan &plan);
     void showReport(const Pellox::IntegrityReport &report);
     void showResult(Updater::Result result);
-    void say(const Words &words);
-    void addLine(Mark mark, const QString &text);
-    void clearLines();
+    void say(const QString &headline, const QString &detail);
+    void addLines(const QString &what, const QStringList &paths);
     void refresh();
-    void askBeforeClosing();
-    QPushButton *nextButton() const;
 
     Updater &m_updater;
     SpeedMeter m_speed;
     QElapsedTimer m_clock;
     QStringList m_advice; ///< one for each kind of problem
     bool m_closesAtEnd = false;
-    QPointer<QMessageBox> m_question;
 
-    QLineEdit *m_build = nullptr;
-    QPushButton *m_chooseBuild = nullptr;
-    QTabWidget *m_pages = nullptr;
-    QLineEdit *m_patch = nullptr;
+    QWidget *const m_fields = new QWidget;
+    QFormLayout *const m_form = new QFormLayout(m_fields);
+    QLineEdit *const m_build = new QLineEdit;
+    QLineEdit *const m_patch = new QLineEdit;
+    QLineEdit *const m_signatures = new QLineEdit;
+    QLineEdit *const m_source = new QLineEdit;
     QPushButton *m_check = nullptr;
     QPushButton *m_update = nullptr;
-    QLineEdit *m_signatures = nullptr;
-    QLineEdit *m_source = nullptr;
     QPushButton *m_verify = nullptr;
     QPushButton *m_repair = nullptr;
-    QLabel *m_mark = nullptr;
-    QLabel *m_headline = nullptr;
-    QLabel *m_detail = nullptr;
-    QProgressBar *m_bar = nullptr;
-    QLabel *m_figures = nullptr;
     QPushButton *m_cancel = nullptr;
-    QListWidget *m_lines = nullptr;
+    QLabel *const m_headline = new QLabel;
+    QLabel *const m_detail = new QLabel;
+    QProgressBar *const m_bar = new QProgressBar;
+    QPlainTextEdit *const m_lines = new QPlainTextEdit;
+    QMessageBox *const m_question = new QMessageBox(QMessageBox::Question, tr("Close"),
+        tr("Stop and close? The game stays as it is."), QMessageBox::Yes | QMessageBox::No, this);
 };
