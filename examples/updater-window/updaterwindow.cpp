@@ -10,6 +10,8 @@ using Job = Updater::Job;
 using Phase = Updater::Phase;
 using Result = Updater::Result;
 
+constexpr int MostLines = 1000; // a release may have many more files
+
 UpdaterWindow::UpdaterWindow(Updater &updater, QWidget *parent)
     : QWidget(parent)
     , m_updater(updater)
@@ -116,7 +118,7 @@ QLayout *UpdaterWindow::statusArea()
     m_lines->setObjectName(QStringLiteral("lines"));
     m_lines->setAccessibleName(tr("What was found and done"));
     m_lines->setReadOnly(true);
-    m_lines->setMaximumBlockCount(1000); // a release may have many more files
+    m_lines->setMaximumBlockCount(MostLines);
 
     auto *area = new QVBoxLayout;
     area->addWidget(m_headline);
@@ -283,7 +285,7 @@ void UpdaterWindow::say(const QString &headline, const QString &detail)
 
 void UpdaterWindow::addLines(const QString &what, const QStringList &paths)
 {
-    for (const QString &path : paths)
+    for (const QString &path : paths.mid(0, MostLines))
         m_lines->appendPlainText(what.arg(path));
 }
 
