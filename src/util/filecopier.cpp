@@ -147,7 +147,7 @@ FileCopier::CopyError FileCopier::_copy()
 
     const qint64 total = source.bytesAvailable();
     // A huge block of a small file needs no huge buffer.
-    constexpr qint64 ModestSize = 64 * 1024 * 1024;
+    constexpr qint64 ModestSize = 1 << 26; // 64 MiB
     const qint64 bufferSize = std::min(blockSize, std::max(total, ModestSize));
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(bufferSize)]);
     const auto giveUp = [&destination](CopyError error) {

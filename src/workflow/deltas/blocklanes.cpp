@@ -44,10 +44,10 @@ static_assert(BlockLength % Piece == 0);
 template <int Lanes> struct Words
 {
     // gcc ignores the attribute in an alias here
-    typedef quint64 Type
-        __attribute__((vector_size(Lanes * sizeof(quint64)))); // NOLINT(modernize-use-using)
-    typedef quint16 Halves
-        __attribute__((vector_size(Lanes * sizeof(quint64)))); // NOLINT(modernize-use-using)
+    // NOLINTNEXTLINE(modernize-use-using)
+    typedef quint64 Type __attribute__((vector_size(Lanes * sizeof(quint64))));
+    // NOLINTNEXTLINE(modernize-use-using)
+    typedef quint16 Halves __attribute__((vector_size(Lanes * sizeof(quint64))));
 };
 
 template <int Bits, typename Vector> [[gnu::always_inline]] inline void rotateRight(Vector &vector)

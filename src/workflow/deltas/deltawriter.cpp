@@ -47,7 +47,7 @@ void DeltaWriter::literal(const uchar *data, qint64 size)
 {
     flushCopy();
     while (size > 0) {
-        const qint64 room = static_cast<qint64>(m_longestLiteral - m_literal.size());
+        const auto room = static_cast<qint64>(m_longestLiteral - m_literal.size());
         const qint64 part = std::min(size, room);
         m_literal.insert(m_literal.end(), data, data + part);
         data += part;

@@ -17,7 +17,7 @@ namespace Pellox {
 namespace {
 
 /// Small writes are held back up to this.
-constexpr std::size_t HeldBack = 64 * 1024;
+constexpr std::size_t HeldBack = 1 << 16; // 64 KiB
 
 constexpr mode_t ReadableAndWritable = 0666; // less what the user's mask takes away
 // A pipe without a writer would otherwise hold up the open until one comes.

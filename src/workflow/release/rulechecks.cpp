@@ -160,7 +160,7 @@ QString problemOfRecord(const QJsonValue &record, UpdateRule *rule)
     if (!path.isString())
         return QStringLiteral("has no path");
     rule->relativePath = path.toString();
-    const QString problem = problemOfRelativePath(rule->relativePath);
+    QString problem = problemOfRelativePath(rule->relativePath);
     if (!problem.isEmpty() || *kind != UpdateRule::Kind::Patch)
         return problem;
 

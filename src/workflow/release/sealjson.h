@@ -6,10 +6,8 @@
 #include <QByteArray>
 #include <QString>
 
-namespace Pellox {
-
 /// The JSON of seals: one line without blanks, of which there is exactly one form.
-namespace SealJson {
+namespace Pellox::SealJson {
 
 inline constexpr char Quote[] = "\"";
 inline constexpr char RecordEnd[] = "}";
@@ -51,5 +49,4 @@ private:
     bool m_isFine = true;
 };
 
-} // namespace SealJson
-} // namespace Pellox
+} // namespace Pellox::SealJson

@@ -170,7 +170,7 @@ UpdateProblem problemOfNoThread(const QString &build)
 UpdateProblem problemOfException(const QString &build)
 {
     using Code = UpdateProblem::Code;
-    const UpdateProblem noMemory{Code::NoMemory, build, QStringLiteral("out of memory")};
+    UpdateProblem noMemory{Code::NoMemory, build, QStringLiteral("out of memory")};
     try {
         throw;
     } catch (const std::bad_alloc &) {

@@ -93,7 +93,7 @@ bool SetAside::addReplaced(const QString &path, const Names &deleted, Journal *w
 /// is deleted under the name that it has had.
 QString SetAside::nameOf(const QString &path, const Standing &standing, const Names &deleted)
 {
-    const QString other = deleted.value(broadKey(path));
+    QString other = deleted.value(broadKey(path));
     if (other.isEmpty() || !isSameFile(standing, m_files.look(other)))
         return path;
     m_otherNames.insert(other);
