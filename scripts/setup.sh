@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Installs what is missing on a Debian machine.
-# Usage: scripts/setup.sh [build|test|browser|demo|bench|fuzz|qt6|docs|package|abi|coverage|ci]...   (default: build test)
+# Usage: scripts/setup.sh [build|test|browser|demo|bench|fuzz|qt6|docs|package|abi|coverage|ci|web]...   (default: build test)
 set -euo pipefail
 
 packages_for() {
     case $1 in
     build) echo g++ cmake ninja-build make ccache pkg-config qtbase5-dev librsync-dev libssl-dev libcli11-dev p7zip ;;
-    test) echo rdiff python3 python3-jsonschema curl groff-base jq mandoc openssl xxd xvfb ;;
+    test) echo git rdiff python3 python3-jsonschema curl groff-base jq mandoc openssl xxd xvfb ;;
     browser) echo chromium fonts-inter pngquant ;; # tests and picture of the report
     demo) command -v npm >/dev/null || echo npm ;;
     package) echo lintian dpkg-dev file debootstrap python3 ;;
@@ -17,9 +17,10 @@ packages_for() {
     fuzz) echo clang libclang-rt-dev llvm ;; # its runtimes, and names in stacks
     qt6) echo qt6-base-dev qt6-5compat-dev ;; # beside Qt 5, for the preset of that name
     docs) echo doxygen graphviz qttools5-dev-tools termtosvg ;; # the reference, pictures
-    ci) echo clang clang-format clang-tidy zsh fish nginx ;; # both shells for the completions, nginx for a sample
+    ci) echo clang clang-format clang-tidy zsh fish ;; # both shells for the completions
+    web) echo nginx ;; # tries the sample for it; Debian starts the server, where there is an init
     *)
-        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, qt6, docs, package, abi, coverage, ci)" >&2
+        echo "setup.sh: unknown part '$1' (build, test, browser, demo, bench, fuzz, qt6, docs, package, abi, coverage, ci, web)" >&2
         exit 2
         ;;
     esac

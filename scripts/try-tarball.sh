@@ -37,9 +37,10 @@ uses_the_tarball() { # PROGRAM
     [ "$(dirname "$(readlink -f "$library")")" = "$libdir" ] || fail "$1 takes another library: $library"
 }
 build() { # SOURCE
-    cmake -S "$1" -B "$scratch/build-${1##*/}" -DCMAKE_PREFIX_PATH="$prefix"
-    grep -q "^Pellox_DIR:PATH=$libdir/cmake/Pellox$" "$scratch/build-${1##*/}/CMakeCache.txt"
-    cmake --build "$scratch/build-${1##*/}"
+    # "set -e" does not count here.
+    cmake -S "$1" -B "$scratch/build-${1##*/}" -DCMAKE_PREFIX_PATH="$prefix" \
+        && grep "^Pellox_DIR:PATH=$libdir/cmake/Pellox$" "$scratch/build-${1##*/}/CMakeCache.txt" \
+        && cmake --build "$scratch/build-${1##*/}"
 }
 
 echo "== $(basename "$1"), unpacked in an empty folder"

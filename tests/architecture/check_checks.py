@@ -91,13 +91,17 @@ SLIPS_OF_PAGES = [
 
 def copy_tree(root, copy):
     """All that the checks read; of other folders, that they are there."""
+
+    def strangers(folder, names):
+        return set(names) - {path.name for path in check_page.entries(root, Path(folder))}
+
     shutil.copy(root / ".gitignore", copy)
-    for folder in (path for path in root.iterdir() if path.is_dir()):
+    for folder in (path for path in check_page.entries(root, root) if path.is_dir()):
         if folder.name in WHOLE:
-            shutil.copytree(folder, copy / folder.name)
+            shutil.copytree(folder, copy / folder.name, ignore=strangers)
         else:
             (copy / folder.name).mkdir()
-    for folder in (path for path in (root / "tests").iterdir() if path.is_dir()):
+    for folder in (path for path in check_page.entries(root, root / "tests") if path.is_dir()):
         (copy / "tests" / folder.name).mkdir()
 
 

@@ -11,8 +11,10 @@ Usage: check_page.py SOURCE_FOLDER
 """
 
 import re
+import subprocess
 import sys
 from fnmatch import fnmatch
+from functools import lru_cache
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # beside the sources
@@ -30,10 +32,27 @@ def rows_under(page, heading):
     return {name: text for first, text in rows for name in QUOTED.findall(first)}
 
 
+@lru_cache
+def tracked(root):
+    """What git knows of below this folder, with its folders; None where git does not know it."""
+    if not (root / ".git").exists():
+        return None
+    listing = ["git", "-C", root, "ls-files", "-z"]
+    names = subprocess.run(listing, stdout=subprocess.PIPE, check=True, text=True).stdout
+    files = {root / name for name in names.split("\0") if name}
+    return files | {folder for file in files for folder in file.parents}
+
+
+def entries(root, folder):
+    """Of a folder, in order, without what editors and tools have left there."""
+    known = tracked(root)
+    return sorted(path for path in folder.iterdir() if known is None or path in known)
+
+
 def folders_at_top(root):
     """Those of the repository: not what .gitignore names, nor what tools keep for themselves."""
     ignored = re.findall(r"^/(.+)/$", (root / ".gitignore").read_text(), re.MULTILINE)
-    for folder in sorted(path for path in root.iterdir() if path.is_dir()):
+    for folder in (path for path in entries(root, root) if path.is_dir()):
         is_hidden = folder.name.startswith(".") and folder.name not in SHOWN_THOUGH_HIDDEN
         if not is_hidden and not any(fnmatch(folder.name, pattern) for pattern in ignored):
             yield folder
@@ -43,10 +62,11 @@ def folders_without_row(folder, root, rows):
     """A folder that holds nothing but folders may leave the rows to them."""
     if folder.relative_to(root).as_posix() in rows:
         return
-    if not all(path.is_dir() for path in folder.iterdir()):
+    inside = entries(root, folder)
+    if not all(path.is_dir() for path in inside):
         yield folder
         return
-    for inner in sorted(folder.iterdir()):
+    for inner in inside:
         yield from folders_without_row(inner, root, rows)
 
 
@@ -73,12 +93,12 @@ def problems_of_folders(root, rows):
         if name not in rows:
             yield f"{folder} has no row"
             continue
-        files = {path for path in folder.iterdir() if path.is_file()}
+        files = {path for path in entries(root, folder) if path.is_file()}
         yield from (f"{name}: {text}" for text in names_that_differ(rows[name], files))
-    scripts = names_that_differ(rows.get("scripts", ""), set((root / "scripts").iterdir()))
+    scripts = names_that_differ(rows.get("scripts", ""), entries(root, root / "scripts"))
     yield from (f"scripts: {text}" for text in scripts)
     own_tests = set(QUOTED.findall(rows.get("tests", "")))
-    for folder in sorted(path for path in (root / "tests").iterdir() if path.is_dir()):
+    for folder in (path for path in entries(root, root / "tests") if path.is_dir()):
         if not (root / "src" / folder.name).is_dir() and f"tests/{folder.name}" not in own_tests:
             yield f"tests: {folder} is not named"
 
