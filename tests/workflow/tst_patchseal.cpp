@@ -31,12 +31,14 @@
 #include <QtTest>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <thread>
 #include <utility>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -62,6 +64,47 @@ using Pellox::UpdateRule;
 
 using Change = std::function<void(const TestTree &)>;
 Q_DECLARE_METATYPE(Change)
+
+#ifdef PELLOX_HAVE_LIBCRYPTO
+
+namespace {
+
+/// What libcrypto refuses, which may be set up to allow some algorithms alone.
+const char *s_refused = "";
+
+template <typename Function> Function *allowed(const char *name)
+{
+    return std::strcmp(s_refused, name) == 0
+        ? nullptr
+        : reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// Ed25519 calls these instead of libcrypto's.
+
+extern "C" int EVP_DigestSign(EVP_MD_CTX *context, unsigned char *signature, std::size_t *size,
+    const unsigned char *text, std::size_t textSize)
+{
+    auto *const sign = allowed<decltype(EVP_DigestSign)>("EVP_DigestSign");
+    return sign ? sign(context, signature, size, text, textSize) : 0;
+}
+
+extern "C" int EVP_PKEY_get_raw_public_key(
+    const EVP_PKEY *key, unsigned char *bytes, std::size_t *size)
+{
+    auto *const tell
+        = allowed<decltype(EVP_PKEY_get_raw_public_key)>("EVP_PKEY_get_raw_public_key");
+    return tell ? tell(key, bytes, size) : 0;
+}
+
+extern "C" int PEM_write_bio_PUBKEY(BIO *output, const EVP_PKEY *key)
+{
+    auto *const write = allowed<decltype(PEM_write_bio_PUBKEY)>("PEM_write_bio_PUBKEY");
+    return write ? write(output, key) : 0;
+}
+
+#endif
 
 namespace {
 
@@ -297,6 +340,7 @@ private Q_SLOTS:
     void trustedKeysThatWillNotDo();
     void publicKeysMayBeOpen();
     void leavesNoErrorsOfLibcrypto();
+    void libcryptoThatRefuses();
 
     void generatedKeys();
     void generatedKeysWriteOverNothing_data();
@@ -1795,6 +1839,36 @@ void tst_PatchSeal::leavesNoErrorsOfLibcrypto()
     QVERIFY(!readBack({keys.path("bad"_s)}, &error));
     QVERIFY(ERR_peek_error() != 0UL);
     ERR_clear_error();
+#endif
+}
+
+/// The file that could not be made or used is named, and the seal that stands there stays.
+void tst_PatchSeal::libcryptoThatRefuses()
+{
+#ifdef PELLOX_HAVE_LIBCRYPTO
+    QCOMPARE(seal(), QString());
+    const QByteArray before = sealBytes();
+    const TestTree keys;
+    QString made;
+    QString read;
+    s_refused = "EVP_DigestSign";
+    const QString sealed = seal();
+    s_refused = "EVP_PKEY_get_raw_public_key";
+    const QString sealedWithoutKey = seal();
+    const bool isRead = readBack({m_key.publicFile}, &read).has_value();
+    s_refused = "PEM_write_bio_PUBKEY";
+    const bool isMade
+        = PatchSeal::generateKey(keys.path("private"_s), keys.path("public"_s), &made);
+    s_refused = "";
+    QCOMPARE(sealed, sealPath() + ": cannot be signed: libcrypto refuses"_s);
+    QCOMPARE(sealedWithoutKey, m_key.privateFile + ": cannot be used: libcrypto refuses it"_s);
+    QVERIFY(!isRead);
+    QCOMPARE(read, m_key.publicFile + ": cannot be used: libcrypto refuses it"_s);
+    QVERIFY(!isMade);
+    QCOMPARE(made, keys.path("private: cannot be made: libcrypto refuses"_s));
+    QVERIFY(!keys.exists("private"_s) && !keys.exists("public"_s));
+    QCOMPARE(sealBytes(), before);
+    QVERIFY2(readBack({m_key.publicFile}, &read), qPrintable(read));
 #endif
 }
 

@@ -19,6 +19,7 @@ private Q_SLOTS:
     void whatIsWrongIsTold();
     void filesThatAreNotThere();
     void filesThatChange();
+    void filesThatAreCutOff();
 };
 
 namespace {
@@ -147,6 +148,20 @@ void tst_RsyncPatched::filesThatChange()
         tree.remove(text(name));
         tree.write(text(name), content);
         QVERIFY(!patched.isUnchanged());
+        QCOMPARE(patched.error().path, tree.path(text(name)));
+    }
+}
+
+void tst_RsyncPatched::filesThatAreCutOff()
+{
+    for (const char *const name : {"old", "delta"}) {
+        const TestTree tree;
+        tree.write(text("old"), Old);
+        tree.write(text("delta"), delta(QByteArray::fromHex("450304") + QByteArray(1, '\0')));
+        RsyncPatched patched;
+        QVERIFY(patched.open(tree.path(text("old")), tree.path(text("delta")), 4));
+        QVERIFY(QFile::resize(tree.path(text(name)), 0));
+        QCOMPARE(readIn(patched, 4), QByteArray("changed while it was read"));
         QCOMPARE(patched.error().path, tree.path(text(name)));
     }
 }
