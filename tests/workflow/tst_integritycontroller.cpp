@@ -45,6 +45,9 @@ namespace {
 const QByteArray Changes("create,write,sync,rename,link,remove,mkdir,mode,truncate,copy");
 
 std::function<void()> s_beforeEntry; ///< called once, before the next entry of a folder is read
+bool s_kindsAreUntold = false;       ///< with the names in a folder, as some file systems do it
+QByteArray s_unseen;                 ///< a path that fails to be looked at
+int s_unseenError = 0;
 
 /// What a run has told until finished() came.
 struct Outcome
@@ -91,7 +94,21 @@ extern "C" __attribute__((visibility("default"))) dirent *readdir(DIR *folder)
         = reinterpret_cast<dirent *(*)(DIR *)>(::dlsym(RTLD_NEXT, "readdir"));
     if (s_beforeEntry)
         std::exchange(s_beforeEntry, nullptr)();
-    return original(folder);
+    dirent *const entry = original(folder);
+    if (entry && s_kindsAreUntold)
+        entry->d_type = DT_UNKNOWN;
+    return entry;
+}
+
+extern "C" __attribute__((visibility("default"))) int lstat(
+    const char *path, struct stat *status) noexcept
+{
+    using Function = int (*)(const char *, struct stat *);
+    static const auto original = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "lstat"));
+    if (s_unseen.isEmpty() || s_unseen != path)
+        return original(path, status);
+    errno = s_unseenError;
+    return -1;
 }
 
 /// On the new build of the scenario.
@@ -130,6 +147,11 @@ private Q_SLOTS:
     void folderThatCannotBeListed_data();
     void folderThatCannotBeListed();
     void buildThatCannotBeListed();
+    void kindsThatAreNotTold();
+    void kindThatCannotBeSeen_data();
+    void kindThatCannotBeSeen();
+    void pipeIsNoFile();
+    void repairNeedsChecksums();
 
     void cancelledCheck();
     void cancelledWhileTheSignaturesAreRead();
@@ -885,6 +907,93 @@ void tst_IntegrityController::buildThatCannotBeListed()
     QVERIFY2(run.output.startsWith((m_scenario->build() + ": cannot be listed: "_s).toLocal8Bit()),
         run.output);
     QCOMPARE(run.status, 1);
+}
+
+/// Some file systems tell no kinds with the names: all is as with one that does.
+void tst_IntegrityController::kindsThatAreNotTold()
+{
+    damage();
+    m_scenario->tree().link("build/mods/link"_s, m_scenario->newBuild());
+    const Outcome told = check();
+    s_kindsAreUntold = true;
+    const Outcome untold = check();
+    const Outcome repaired = repair();
+    s_kindsAreUntold = false;
+    QCOMPARE(untold.errors, QStringList());
+    QVERIFY(untold.success);
+    QVERIFY(!told.report.extra.isEmpty());
+    QCOMPARE(untold.report.extra, told.report.extra);
+    QCOMPARE(untold.report.changed, told.report.changed);
+    QCOMPARE(untold.report.missing, told.report.missing);
+    QCOMPARE(repaired.errors, QStringList());
+    m_scenario->tree().remove("build/mods/link"_s);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_IntegrityController::kindThatCannotBeSeen_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<bool>("isTold");
+    QTest::newRow("in the build's own folder") << "game.exe"_s << EIO << true;
+    QTest::newRow("in a folder of the player's") << "mods/mod.pak"_s << EIO << false;
+    QTest::newRow("of what has just gone") << "game.exe"_s << ENOENT << false;
+}
+
+void tst_IntegrityController::kindThatCannotBeSeen()
+{
+    QFETCH(QString, path);
+    QFETCH(int, error);
+    QFETCH(bool, isTold);
+    s_kindsAreUntold = true;
+    s_unseenError = error;
+    s_unseen = QFile::encodeName(file(path));
+    const Outcome outcome = check();
+    s_unseen.clear();
+    s_kindsAreUntold = false;
+    QCOMPARE(outcome.success, !isTold);
+    QCOMPARE(outcome.errors,
+        isTold ? QStringList(m_scenario->build() + ": cannot be listed: Input/output error"_s)
+               : QStringList());
+    if (!isTold)
+        QVERIFY(!outcome.report.extra.contains("/"_s + path));
+}
+
+/// It is in nobody's way, whoever uses it.
+void tst_IntegrityController::pipeIsNoFile()
+{
+    const QByteArray pipe = QFile::encodeName(file("mods/pipe"_s));
+    QCOMPARE(::mkfifo(pipe.constData(), 0600), 0);
+    const Outcome outcome = check();
+    QCOMPARE(::unlink(pipe.constData()), 0);
+    QCOMPARE(outcome.errors, QStringList());
+    QVERIFY(outcome.success);
+    QVERIFY(outcome.report.isIntact());
+    QVERIFY(outcome.report.extra.contains("/mods/mod.pak"_s));
+    QVERIFY(!outcome.report.extra.contains("/mods/pipe"_s));
+}
+
+/// Signing leaves a file without one that it could not read. Nobody knows what it should be.
+void tst_IntegrityController::repairNeedsChecksums()
+{
+    damage();
+    const auto before = TestTree::snapshot(m_scenario->build());
+    const TestTree signatures;
+    QJsonArray records
+        = QJsonDocument::fromJson(m_scenario->tree().read("signatures/signatures.json"_s)).array();
+    for (int i = 0; i < records.size(); ++i) {
+        QJsonObject record = records.at(i).toObject();
+        if (record.value("relative_path"_s) == QJsonValue("/game.exe"_s))
+            record.insert("sha512"_s, QString());
+        records[i] = record;
+    }
+    signatures.write("signatures.json"_s, QJsonDocument(records).toJson());
+    const Outcome outcome = outcomeOf([&](IntegrityController &controller) {
+        return controller.repair(m_scenario->build(), signatures.path(), m_scenario->newBuild());
+    });
+    QVERIFY(!outcome.success);
+    QCOMPARE(outcome.errors, QStringList(file("game.exe"_s) + ": has no checksum"_s));
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
 }
 
 /// The last record is a wrong one, and never reached.

@@ -93,6 +93,8 @@ private Q_SLOTS:
     void lostContentDoesNotForgetWhatIsKept();
     void otherVersionsAreRefused_data();
     void otherVersionsAreRefused();
+    void journalsOfNobodyAreRefused_data();
+    void journalsOfNobodyAreRefused();
     void otherVersionsKeptFilesStay();
     void otherVersionsStagedFilesStay();
     void finishesWhatVersion10HasBegun();
@@ -440,6 +442,61 @@ void tst_UpdateLeftovers::otherVersionsAreRefused()
         const QString told = "is of version %1, "_s.arg(version);
         QVERIFY2(outcome.errors.first().contains(told), qPrintable(outcome.errors.first()));
         QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+    }
+}
+
+void tst_UpdateLeftovers::journalsOfNobodyAreRefused_data()
+{
+    QTest::addColumn<QString>("member");
+    QTest::addColumn<QJsonArray>("step");
+    const QJsonObject mark{{"size"_s, 4}};
+    const auto places
+        = [](const char *name, const QString &from, const QString &to, const QJsonObject &placed) {
+              QTest::newRow(name) << "first"_s << QJsonArray{from, to, placed};
+          };
+    const auto deletes = [](const char *name, const QString &path, const QJsonObject &deleted) {
+        QTest::newRow(name) << "delete"_s << QJsonArray{path, deleted};
+    };
+    const auto withSize = [](double size) { return QJsonObject{{"size"_s, size}}; };
+    places("placed outside", "/game.exe.temp"_s, "/../outside"_s, mark);
+    places("taken from outside", "/../outside"_s, "/game.exe"_s, mark);
+    places("placed without a size", "/game.exe.temp"_s, "/game.exe"_s, {});
+    places("placed with a size below none", "/game.exe.temp"_s, "/game.exe"_s, withSize(-1));
+    places("placed with a size beyond all", "/game.exe.temp"_s, "/game.exe"_s, withSize(1e300));
+    places("placed with a checksum that is none", "/game.exe.temp"_s, "/game.exe"_s,
+        {{"size"_s, 4}, {"sha512"_s, "0"_s}});
+    QTest::newRow("placed as the last")
+        << "last"_s << QJsonArray{"/game.exe.temp"_s, "/../outside"_s, mark};
+    deletes("deleted outside", "/../outside"_s, mark);
+    deletes("deleted without a size", "/game.exe"_s, {});
+    deletes("deleted with a size beyond all", "/game.exe"_s, withSize(1e300));
+    deletes("deleted with a time that is none", "/game.exe"_s,
+        {{"size"_s, 4}, {"modified"_s, "yesterday"_s}});
+}
+
+/// No run has written them, though their checksum is right. Nothing of them is carried out.
+void tst_UpdateLeftovers::journalsOfNobodyAreRefused()
+{
+    QFETCH(QString, member);
+    QFETCH(QJsonArray, step);
+    killBeforeItPlaces();
+    tree().write("outside"_s, "mine");
+    changeJournal([&](QJsonObject &journal) {
+        QJsonArray steps = journal.value(member).toArray();
+        steps.append(step);
+        journal.insert(member, steps);
+    });
+    const auto before = TestTree::snapshot(m_scenario->build());
+    for (const bool recovers : {false, true}) {
+        const UpdateOutcome outcome = recovers ? m_scenario->recover() : m_scenario->update();
+        QCOMPARE(outcome.result, Result::Interrupted);
+        QCOMPARE(outcome.problems.size(), 1);
+        QCOMPARE(outcome.problems.first().code, Code::DamagedJournal);
+        QCOMPARE(outcome.errors,
+            QStringList(
+                build(".pellox/journal"_s) + ": is damaged; if the build is whole, remove it"_s));
+        QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
+        QCOMPARE(tree().read("outside"_s), QByteArray("mine"));
     }
 }
 
