@@ -35,6 +35,7 @@ run() {
 campaign_crash() {
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_updatecrash
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_recordcrash
+    PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_failinglooks
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_integritycontroller
 }
 campaign_power() { PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_updatepowerloss; }

@@ -9,7 +9,8 @@
  *                  close, sync, rename, link, remove, mkdir, truncate, copy, list, entry, mode;
  *                  "list" and "entry" open a folder and read the next of it; only where they are
  *                  named here "create" is an open that may make or empty the file, and "look"
- *                  asks by its path for a file's status, or whether it may be used;
+ *                  asks by its path for a file's status, or whether it may be used, and "room"
+ *                  for what its file system is and has free;
  *                  "mode" is of its owner, too
  *   FAULTS_AT      the call, counted from 1, at which it happens
  *   FAULTS_DO      what happens:
@@ -684,9 +685,14 @@ int clock_gettime(clockid_t clock, struct timespec *now)
             (status)->f_type = strtol(kind, NULL, 0);                                              \
     } while (0)
 
+static enum verdict meet_room(const char *path)
+{
+    return s_kinds && *s_kinds ? meet_at("room", AT_FDCWD, path) : GO_ON;
+}
+
 int statfs(const char *path, struct statfs *status)
 {
-    const int result = REAL(statfs)(path, status);
+    const int result = meet_room(path) == FAIL ? -1 : REAL(statfs)(path, status);
     if (result == 0)
         TAKE_KIND(status);
     return result;
@@ -694,7 +700,7 @@ int statfs(const char *path, struct statfs *status)
 
 int statfs64(const char *path, struct statfs64 *status)
 {
-    const int result = REAL(statfs64)(path, status);
+    const int result = meet_room(path) == FAIL ? -1 : REAL(statfs64)(path, status);
     if (result == 0)
         TAKE_KIND(status);
     return result;
@@ -702,7 +708,7 @@ int statfs64(const char *path, struct statfs64 *status)
 
 int statvfs(const char *path, struct statvfs *status)
 {
-    const int result = REAL(statvfs)(path, status);
+    const int result = meet_room(path) == FAIL ? -1 : REAL(statvfs)(path, status);
     if (result == 0)
         TAKE_ROOM(status);
     return result;
@@ -710,7 +716,7 @@ int statvfs(const char *path, struct statvfs *status)
 
 int statvfs64(const char *path, struct statvfs64 *status)
 {
-    const int result = REAL(statvfs64)(path, status);
+    const int result = meet_room(path) == FAIL ? -1 : REAL(statvfs64)(path, status);
     if (result == 0)
         TAKE_ROOM(status);
     return result;

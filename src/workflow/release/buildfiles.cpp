@@ -38,6 +38,13 @@ struct FolderClose
     void operator()(DIR *folder) const { ::closedir(folder); }
 };
 
+/// False of a folder that was removed since, in whose place another may stand.
+bool stands(const FileHandle &folder)
+{
+    struct stat status = {};
+    return folder.get() >= 0 && ::fstat(folder.get(), &status) == 0 && status.st_nlink > 0;
+}
+
 } // namespace
 
 FileError BuildFiles::error(const QString &path, const char *what) const
@@ -171,7 +178,7 @@ int BuildFiles::folder(const QString &path)
     if (path.isEmpty())
         return m_folder.handle();
     const auto isIt
-        = [&](const OpenFolder &open) { return open.handle.get() >= 0 && open.path == path; };
+        = [&](const OpenFolder &open) { return open.path == path && stands(open.handle); };
     auto *open = std::find_if(m_open.begin(), m_open.end(), isIt);
     if (open == m_open.end()) {
         open = &m_open[(m_lastUsed + 1) % m_open.size()];

@@ -140,7 +140,10 @@ bool WorkFolder::failToLock(const QString &path)
 bool WorkFolder::make()
 {
     const QString path = m_build + Name;
-    return isFolder(path) || makeFolder(path) || failBySystem(path, "cannot be made: ");
+    const auto standing = statusOf(path, &m_error);
+    return m_error.isEmpty()
+        && ((standing && S_ISDIR(standing->st_mode)) || makeFolder(path)
+            || failBySystem(path, "cannot be made: "));
 }
 
 void WorkFolder::removeIfEmpty()

@@ -84,7 +84,9 @@ bool SetAside::addReplaced(const QString &path, const Names &deleted, Journal *w
     const QString name = nameOf(path, standing, deleted);
     if (!keep(path, name))
         return false;
-    const FileMark mark = FileMark::of(m_files.look(WorkFolder::Keeping + name));
+    if (!m_files.look(WorkFolder::Keeping + name, &standing, &m_error))
+        return false;
+    const FileMark mark = FileMark::of(standing);
     wayBack->first.push_back({WorkFolder::Previous + name, name, mark});
     return mark.size >= 0 || fail(path, QStringLiteral("disappeared while it was set aside"));
 }

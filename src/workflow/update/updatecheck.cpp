@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
 #include <climits>
 #include <utility>
 
@@ -114,9 +115,13 @@ bool UpdateCheck::checkFolders()
     }
     for (const QString &name : {WorkFolder::Name, WorkFolder::Staged}) {
         const QString own = m_folders.build + name;
-        if (isFolder(own))
+        FileError error;
+        const auto status = statusOf(own, &error);
+        if (!error.isEmpty())
+            m_problems.add(Code::ReadOrWrite, error);
+        else if (status && S_ISDIR(status->st_mode))
             checkWritable(own);
-        else if (statusOf(own))
+        else if (status)
             add(Code::Obstructed, own,
                 QStringLiteral("is no folder, but where an update keeps its own files"));
         checkMount(own);
@@ -304,7 +309,10 @@ bool UpdateCheck::checkAbove(UpdateWork &work)
 /// And its files replaced.
 void UpdateCheck::checkWritable(const QString &folder)
 {
-    if (::access(QFile::encodeName(folder).constData(), W_OK | X_OK) != 0 || isFixed(folder))
+    const bool isDenied = ::access(QFile::encodeName(folder).constData(), W_OK | X_OK) != 0;
+    if (isDenied && errno != EACCES && errno != EPERM && errno != EROFS)
+        m_problems.add(Code::ReadOrWrite, FileError::ofSystem(folder, "cannot be looked at: "));
+    else if (isDenied || isFixed(folder))
         add(Code::NotWritable, folder, QStringLiteral("cannot be written"));
 }
 

@@ -271,17 +271,19 @@ UpdatePlan UpdateRun::plan()
 bool UpdateRun::mayPlan()
 {
     WorkFolder folder(folders().build); // lets go of it at once
+    FileError error;
     if (!folder.look() && folder.isBusy()) {
         m_problems.add(Code::Busy, folder.error());
-    } else if (m_transaction.hasUnfinished()) {
+    } else if (statusOf(folder.absolute(WorkFolder::Journal), &error)) {
         BuildFiles files(folder);
-        FileError error;
         if (Journal::read(files, WorkFolder::Journal, &error))
             m_problems.add(Code::Unfinished, folder.absolute(WorkFolder::Journal),
                 QStringLiteral(
                     "tells of an update that was interrupted and is to be finished first"));
         else
             m_problems.add(error.system == 0 ? Code::DamagedJournal : Code::ReadOrWrite, error);
+    } else if (!error.isEmpty()) {
+        m_problems.add(Code::ReadOrWrite, error);
     }
     return m_problems.isEmpty();
 }
