@@ -6,7 +6,10 @@
 //   publishcall THREADS publish BUILD SIGNATURES PATCH NEW_SIGNATURES [IGNORED ...]
 //   publishcall THREADS small BUILD SIGNATURES PATCH OLD_BUILD EFFORT MEMORY
 //     also prints how much memory it took at its peak, in bytes
+//   publishcall THREADS seal PATCH SIGNATURES KEY
+//   publishcall THREADS slim PATCH SLIM
 // Prints each error on a line. Status 0: the call was successful; 1: it was not; 2: wrong usage.
+#include <Pellox/patchseal.h>
 #include <Pellox/publishcontroller.h>
 
 #include <QCoreApplication>
@@ -17,6 +20,7 @@
 #include <cstdio>
 #include <optional>
 
+using Pellox::PatchSeal;
 using Pellox::PublishController;
 
 namespace {
@@ -56,6 +60,20 @@ std::optional<bool> runCommand(
     return std::nullopt;
 }
 
+std::optional<bool> runSealCommand(int threads, const QString &command, const QStringList &paths)
+{
+    PatchSeal sealer;
+    sealer.setThreadCount(threads);
+    std::optional<bool> done;
+    if (command == QLatin1String("seal") && paths.size() == 3)
+        done = sealer.seal(paths[0], paths[1], 1, {paths[2]});
+    if (command == QLatin1String("slim") && paths.size() == 2)
+        done = sealer.writeSlim(paths[0], paths[1]);
+    if (done == false)
+        std::puts(sealer.error().toLocal8Bit().constData());
+    return done;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -66,6 +84,10 @@ int main(int argc, char **argv)
     QObject::connect(&publisher, &PublishController::publishError, &publisher,
         [](const QString &message) { std::puts(message.toLocal8Bit().constData()); });
     publisher.setThreadCount(arguments.value(1).toInt());
-    const std::optional<bool> done = runCommand(publisher, arguments.value(2), arguments.mid(3));
+    const int threads = arguments.value(1).toInt();
+    const QString command = arguments.value(2);
+    std::optional<bool> done = runCommand(publisher, command, arguments.mid(3));
+    if (!done)
+        done = runSealCommand(threads, command, arguments.mid(3));
     return done ? (*done ? 0 : 1) : 2;
 }

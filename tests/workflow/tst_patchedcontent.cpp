@@ -19,6 +19,9 @@ private Q_SLOTS:
     void manyCommandsCanBeStopped();
     void fileThatIsNotFoundAgain_data();
     void fileThatIsNotFoundAgain();
+    void deltaThatIsCutOffWhileItIsChecked();
+    void deltaThatChangesOnceItIsChecked_data();
+    void deltaThatChangesOnceItIsChecked();
 };
 
 namespace {
@@ -91,6 +94,55 @@ void tst_PatchedContent::fileThatIsNotFoundAgain()
     QCOMPARE(file.error().path, tree.path(name));
     QVERIFY2(file.error().reason.startsWith(reason), qPrintable(file.error().reason));
     QCOMPARE(file.error().system, error);
+}
+
+void tst_PatchedContent::deltaThatIsCutOffWhileItIsChecked()
+{
+    const TestTree tree;
+    tree.write(QStringLiteral("old"), "x");
+    tree.write(QStringLiteral("delta"), tinyCopies(Commands));
+    const QString delta = tree.path(QStringLiteral("delta"));
+    PatchedContent content;
+    QVERIFY(!content.open(tree.path(QStringLiteral("old")), delta, Commands, [&] {
+        QFile::resize(delta, 1);
+        return false;
+    }));
+    QCOMPARE(content.error().path, delta);
+    QCOMPARE(content.error().reason, QStringLiteral("changed while it was read"));
+}
+
+void tst_PatchedContent::deltaThatChangesOnceItIsChecked_data()
+{
+    QTest::addColumn<QByteArray>("after"); // what stands there then
+    QTest::addColumn<QString>("file");     // that the error is about
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("cut off") << QByteArray() << QStringLiteral("delta")
+                             << QStringLiteral("changed while it was read");
+    QTest::newRow("of other commands")
+        << QByteArray::fromHex("72730236") + QByteArray(3 * Commands, '\0') << QStringLiteral("old")
+        << QStringLiteral("cannot be patched: the delta has changed");
+}
+
+/// It is read a second time then.
+void tst_PatchedContent::deltaThatChangesOnceItIsChecked()
+{
+    QFETCH(QByteArray, after);
+    QFETCH(QString, file);
+    QFETCH(QString, reason);
+    const TestTree tree;
+    tree.write(QStringLiteral("old"), "x");
+    tree.write(QStringLiteral("delta"), tinyCopies(Commands));
+    const QString delta = tree.path(QStringLiteral("delta"));
+    PatchedContent content;
+    QVERIFY(content.open(tree.path(QStringLiteral("old")), delta, Commands, [] { return false; }));
+    QFile same(delta);
+    QVERIFY(same.open(QIODevice::ReadWrite) && same.resize(0));
+    QCOMPARE(same.write(after), qint64(after.size()));
+    same.close();
+    QByteArray made(Commands, '?');
+    QVERIFY(!content.readAt(0, reinterpret_cast<uchar *>(made.data()), made.size()));
+    QCOMPARE(content.error().path, tree.path(file));
+    QCOMPARE(content.error().reason, reason);
 }
 
 QTEST_GUILESS_MAIN(tst_PatchedContent)

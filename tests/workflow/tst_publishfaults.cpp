@@ -7,6 +7,7 @@
 
 #include <Pellox/deltacontroller.h>
 #include <Pellox/patchhelp.h>
+#include <Pellox/patchseal.h>
 #include <Pellox/publishcontroller.h>
 #include <Pellox/signaturescontroller.h>
 
@@ -88,6 +89,8 @@ private Q_SLOTS:
     void fileThatChangesIsNamed_data();
     void fileThatChangesIsNamed();
     void changeInDisguiseMakesNoWrongDelta();
+    void anyCallOfASealingMayFail_data();
+    void anyCallOfASealingMayFail();
 
 private:
     QString path(const QString &relative = QString()) const { return m_tree->path(relative); }
@@ -140,7 +143,12 @@ void tst_PublishFaults::initTestCase()
     SignaturesController().createSignatures(path("new"_s), path("expected/signatures"_s));
     QVERIFY(DeltaController().createPatch(path("new"_s), path("old signatures"_s),
         path("expected/patch"_s), QStringList(), PROGRESS_CALLBACK()));
+    makeOlder(path("old"_s));
     makeOlder(path("new"_s));
+    PublishController publisher;
+    publisher.setOldBuild(path("old"_s));
+    QVERIFY(
+        publisher.createPatch(path("new"_s), path("old signatures"_s), path("expected/small"_s)));
     m_tree->write("older/patch/patchRules.json"_s,
         "[{\"relative_path\": \"/data\"}, {\"relative_path\": \"/stale/x\"}]");
     m_tree->write("older/patch/data"_s, "a file now, a folder then");
@@ -186,6 +194,8 @@ QStringList tst_PublishFaults::arguments(const QString &name) const
     if (name == "sign"_s)
         return common + QStringList(path("signatures"_s));
     const QStringList patch{path("old signatures"_s), path("patch"_s)};
+    if (name == "small"_s)
+        return common + patch + QStringList{path("old"_s), "1"_s, "0"_s};
     return name == "diff"_s ? common + patch : common + patch + QStringList(path("signatures"_s));
 }
 
@@ -193,7 +203,14 @@ FaultRun tst_PublishFaults::run(const QString &name, const Faults &faults) const
 {
     Faults quick = faults;
     quick.unsynced = true; // the disk of a test may lose what it has
-    return runWithFaults(QStringLiteral(PUBLISHCALL_PROGRAM), arguments(name), quick);
+    FaultRun run = runWithFaults(QStringLiteral(PUBLISHCALL_PROGRAM), arguments(name), quick);
+    if (name == "small"_s && run.output.endsWith('\n')) { // how much memory it took
+        run.output.chop(1);
+        run.output.truncate(run.output.lastIndexOf('\n') + 1);
+    }
+    if (run.errors.startsWith("librsync: ") && run.errors.count('\n') == 1)
+        run.errors.clear(); // it tells of a delta that it cannot apply itself
+    return run;
 }
 
 /// Where the data of a release is on the disk before it has a manifest.
@@ -246,6 +263,8 @@ bool tst_PublishFaults::isComplete(const QString &folder) const
 QString tst_PublishFaults::differenceToExpectation(const QString &name) const
 {
     QString difference;
+    if (name == "small"_s)
+        return differenceBetween(path("expected/small"_s), path("patch"_s));
     if (name != "sign"_s)
         difference = differenceBetween(path("expected/patch"_s), path("patch"_s));
     if (difference.isEmpty() && name != "diff"_s)
@@ -304,9 +323,12 @@ QString tst_PublishFaults::problemOfTheNextRun(const QString &name) const
     const QString signatures = path("signatures"_s);
     const QString oldSignatures = path("old signatures"_s);
     const QString patch = path("patch"_s);
+    if (name == "small"_s)
+        publisher.setOldBuild(path("old"_s));
     const bool done = name == "sign"_s ? publisher.createSignatures(build, signatures)
-        : name == "diff"_s             ? publisher.createPatch(build, oldSignatures, patch)
-                                       : publisher.publish(build, oldSignatures, patch, signatures);
+        : name == "diff"_s || name == "small"_s
+        ? publisher.createPatch(build, oldSignatures, patch)
+        : publisher.publish(build, oldSignatures, patch, signatures);
     const QString problem = done ? differenceToExpectation(name) : error;
     return problem.isEmpty() ? QString() : "next run: "_s + problem;
 }
@@ -356,7 +378,7 @@ void tst_PublishFaults::anyCallMayFail_data()
               QTest::addRow("%s, %s, %s%s", name, calls, errorName, later ? " from then on" : "")
                   << QString::fromLatin1(name) << QByteArray(calls) << error << later;
           };
-    for (const char *name : {"sign", "diff", "publish"}) {
+    for (const char *name : {"sign", "diff", "publish", "small"}) {
         addRow(name, "open", "EIO", EIO, false);
         addRow(name, "read", "EIO", EIO, false);
         addRow(name, "write", "ENOSPC", ENOSPC, true);
@@ -490,33 +512,40 @@ void tst_PublishFaults::fileThatChangesIsNamed_data()
         for (const char *file : {"same", "data/changed", "large", "added/large", "added/small"}) {
             for (const char *change : {"append", "truncate", "rewrite", "replace", "remove"}) {
                 QTest::addRow("%s, %s, %s", name, file, change)
-                    << QString::fromLatin1(name) << QString::fromLatin1(file) << QByteArray(change);
+                    << QString::fromLatin1(name) << "new/"_s + QString::fromLatin1(file)
+                    << QByteArray(change);
             }
         }
     }
+    for (const char *file : {"old/data/changed", "old/large"}) {
+        for (const char *change : {"append", "truncate", "remove"})
+            QTest::addRow("small, %s, %s", file, change)
+                << "small"_s << QString::fromLatin1(file) << QByteArray(change);
+    }
 }
 
-/// At each read, and where it is gone also before it is opened.
+/// At each read, and where it is gone or longer also before it is opened.
 void tst_PublishFaults::fileThatChangesIsNamed()
 {
     QFETCH(QString, name);
     QFETCH(QString, file);
     QFETCH(QByteArray, change);
-    const QString build = "new/"_s + file;
-    const QByteArray content = m_tree->read(build);
-    const QByteArray calls = change == "remove" ? "open,read" : "read";
-    const int count = countCalls(name, {path(build), calls});
+    const QByteArray content = m_tree->read(file);
+    const bool isOld = file.startsWith("old/"_s);
+    const bool atOpening = change == "remove" || (change == "append" && !isOld);
+    const QByteArray calls = atOpening ? "open,read" : "read";
+    const int count = countCalls(name, {path(file), calls});
     QVERIFY(count > 0);
     for (int at = 1; at <= count; ++at) {
         removeOutput();
-        const FaultRun run = this->run(name, {path(build), calls, at, change, false});
-        if (m_tree->exists(build))
-            m_tree->remove(build);
-        m_tree->write(build, content);
-        makeOlder(path("new"_s));
+        const FaultRun run = this->run(name, {path(file), calls, at, change, false});
+        if (m_tree->exists(file))
+            m_tree->remove(file);
+        m_tree->write(file, content);
+        makeOlder(path(isOld ? "old"_s : "new"_s));
         const QString call = "%1 (%2)"_s.arg(run.calls.value(at - 1)).arg(at);
         QVERIFY2(run.status == 1, qPrintable(call));
-        QVERIFY2(run.output.startsWith(path(build).toLocal8Bit() + ':'),
+        QVERIFY2(run.output.startsWith(path(file).toLocal8Bit() + ':'),
             qPrintable(call + ": "_s + QString::fromLocal8Bit(run.output)));
         QCOMPARE(problemOf(name, run), QString());
     }
@@ -553,6 +582,87 @@ void tst_PublishFaults::changeInDisguiseMakesNoWrongDelta()
         QCOMPARE(m_tree->read("signatures/large"_s), m_tree->read("rebuilt signature"_s));
     }
     QVERIFY(noticed > 0);
+}
+
+void tst_PublishFaults::anyCallOfASealingMayFail_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QByteArray>("calls");
+    QTest::addColumn<QByteArray>("action");
+    for (const char *command : {"seal", "slim"}) {
+        const auto row = [command](const char *calls, const QByteArray &action) {
+            QTest::addRow("%s, %s: %s", command, calls, action.constData())
+                << QString::fromLatin1(command) << QByteArray(calls) << action;
+        };
+        row("open,read,list,entry", QByteArray::number(EIO));
+        row("look", QByteArray::number(EIO));
+        row("write", QByteArray::number(ENOSPC));
+        row("sync,rename,link,mkdir", QByteArray::number(EIO));
+    }
+}
+
+/// Then the patch is what it was, and no slim one is there. The next run makes it.
+void tst_PublishFaults::anyCallOfASealingMayFail()
+{
+    QFETCH(QString, command);
+    QFETCH(QByteArray, calls);
+    QFETCH(QByteArray, action);
+    const TestTree tree;
+    const QString key = tree.path("keys/key"_s);
+    tree.makeFolder("keys"_s);
+    QString error;
+    if (!Pellox::PatchSeal::generateKey(key, key + ".pub"_s, &error)) {
+        QVERIFY2(error.contains("libcrypto"_s), qPrintable(error));
+        QSKIP("built without libcrypto");
+    }
+    PublishController publisher;
+    QVERIFY(publisher.createPatch(path("new"_s), path("old signatures"_s), tree.path("patch"_s)));
+    Pellox::PatchSeal sealer;
+    const bool isSlim = command == "slim"_s;
+    if (isSlim)
+        QVERIFY(sealer.seal(tree.path("patch"_s), path("old signatures"_s), 1, {key}));
+    const auto before = TestTree::snapshot(tree.path("patch"_s));
+    const QStringList arguments = QStringList{"1"_s, command, tree.path("patch"_s)}
+        + (isSlim ? QStringList{tree.path("slim"_s)} : QStringList{path("old signatures"_s), key});
+    const auto run = [&](const Faults &faults) {
+        tree.remove("patch"_s);
+        for (auto entry = before.cbegin(); entry != before.cend(); ++entry) {
+            if (!entry.key().endsWith(QLatin1Char('/')))
+                tree.write("patch/"_s + entry.key(), entry.value());
+        }
+        if (tree.exists("slim"_s))
+            tree.remove("slim"_s);
+        return runWithFaults(QStringLiteral(PUBLISHCALL_PROGRAM), arguments, faults);
+    };
+    const QString result = isSlim ? "slim/patchRules.json"_s : "patch/patchSeal.json"_s;
+    const int count = run({tree.path(), calls}).calls.size();
+    QVERIFY(count > 0);
+    int failed = 0;
+    for (int at = 1; at <= count; ++at) {
+        Faults faults{tree.path(), calls, at, action};
+        faults.unsynced = true;
+        const FaultRun faulty = run(faults);
+        const QByteArray where = faulty.calls.value(at - 1).toLocal8Bit() + ": " + faulty.output;
+        QVERIFY2(!faulty.crashed, where);
+        if (faulty.status == 0) {
+            QVERIFY2(faulty.output.isEmpty() && tree.exists(result), where);
+            continue;
+        }
+        ++failed;
+        QCOMPARE(faulty.status, 1);
+        QVERIFY2(faulty.output.startsWith(tree.path().toLocal8Bit() + '/'), where);
+        QVERIFY2(faulty.output.count('\n') == 1, where);
+        const QString patch = tree.path("patch"_s);
+        if (!faulty.output.contains(": cannot be synced: ")) { // else it is all there
+            QVERIFY2(!tree.exists(result), where);
+            QVERIFY2(TestTree::snapshot(patch) == before, where);
+        }
+        QVERIFY2(isSlim ? sealer.writeSlim(patch, tree.path("slim"_s))
+                        : sealer.seal(patch, path("old signatures"_s), 1, {key}),
+            where + qPrintable(sealer.error()));
+        QVERIFY2(tree.exists(result), where);
+    }
+    QVERIFY(failed > 0);
 }
 
 QTEST_GUILESS_MAIN(tst_PublishFaults)

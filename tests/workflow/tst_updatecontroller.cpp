@@ -27,11 +27,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <new>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 #include <fcntl.h>
@@ -43,6 +45,10 @@ using Pellox::UpdateController;
 using Pellox::UpdatePlan;
 using Code = Pellox::UpdateProblem::Code;
 using Result = UpdateController::UpdateResult;
+using Throw = std::function<void()>;
+
+Q_DECLARE_METATYPE(Throw)
+Q_DECLARE_METATYPE(Pellox::UpdateProblem::Code)
 
 namespace {
 
@@ -120,6 +126,11 @@ private Q_SLOTS:
     void exceptionEndsTheRun_data();
     void exceptionEndsTheRun();
     void exceptionDuringACommit();
+    void whatASlotThrowsIsTold_data();
+    void whatASlotThrowsIsTold();
+    void whatTheLastSlotThrowsEndsNothing();
+    void discardingSlotThrows();
+    void noSecondRunOnTheSameObject();
     void outOfMemory();
 
     void progressIsInBytesAndNeverFalls();
@@ -976,6 +987,111 @@ void tst_UpdateController::exceptionDuringACommit()
     QCOMPARE(outcome.result, Result::Interrupted);
     QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": out of memory"_s));
     QCOMPARE(m_scenario->recover().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+void tst_UpdateController::whatASlotThrowsIsTold_data()
+{
+    QTest::addColumn<Throw>("toThrow");
+    QTest::addColumn<Code>("code");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("a container that is too large")
+        << Throw([] { throw std::length_error("vector"); }) << Code::NoMemory << "out of memory"_s;
+    QTest::newRow("an error of the host's") << Throw([] { throw std::runtime_error("no window"); })
+                                            << Code::ReadOrWrite << "no window"_s;
+    QTest::newRow("anything else")
+        << Throw([] { throw 1; }) << Code::ReadOrWrite << "an unknown error has occurred"_s;
+}
+
+/// It does not end the process, nor leave the build half done.
+void tst_UpdateController::whatASlotThrowsIsTold()
+{
+    QFETCH(Throw, toThrow);
+    QFETCH(Code, code);
+    QFETCH(QString, reason);
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setSynced(false);
+        connect(
+            &updater, &UpdateController::phaseChanged, &updater,
+            [&toThrow](UpdateController::UpdatePhase phase) {
+                if (phase == UpdateController::UpdatePhase::Staging)
+                    toThrow();
+            },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->patch());
+    });
+    QCOMPARE(outcome.result, Result::Failed);
+    QCOMPARE(outcome.errors, QStringList(m_scenario->build() + ": "_s + reason));
+    QVERIFY(outcome.problems.first().code == code);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+    QCOMPARE(m_scenario->update().result, Result::Updated);
+}
+
+/// There is nobody left to tell it to.
+void tst_UpdateController::whatTheLastSlotThrowsEndsNothing()
+{
+    UpdateController updater;
+    updater.setSynced(false);
+    ToldSpy finished(&updater, &UpdateController::finished);
+    const auto throwing = connect(
+        &updater, &UpdateController::finished, &updater,
+        [] { throw std::runtime_error("no window"); }, Qt::DirectConnection);
+    QVERIFY(updater.update(m_scenario->build(), m_scenario->patch()));
+    QVERIFY(finished.comes());
+    disconnect(throwing);
+    QVERIFY(QTest::qWaitFor( // until the thread of the first has ended
+        [&] { return updater.update(m_scenario->build(), m_scenario->patch()); }, Patience));
+    QVERIFY(finished.comes(2));
+    QCOMPARE(finished.at(1).at(0).value<Result>(), Result::AlreadyUpToDate);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// On the caller's own thread, and with the files still kept.
+void tst_UpdateController::discardingSlotThrows()
+{
+    QCOMPARE(m_scenario->update(true).result, Result::Updated);
+    const int folder
+        = ::open(QFile::encodeName(m_scenario->build()).constData(), O_RDONLY | O_DIRECTORY);
+    QVERIFY(folder >= 0 && ::flock(folder, LOCK_EX | LOCK_NB) == 0);
+    UpdateController updater;
+    QStringList told;
+    connect(&updater, &UpdateController::updateError, &updater, [&](const QString &error) {
+        told.append(error);
+        if (told.size() == 1)
+            throw std::runtime_error("no window");
+    });
+    QVERIFY(!updater.discardPrevious(m_scenario->build()));
+    ::close(folder);
+    QCOMPARE(told.size(), 2);
+    QCOMPARE(told.last(), m_scenario->build() + ": no window"_s);
+    QCOMPARE(m_scenario->rollback().result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToOld(), QString());
+}
+
+void tst_UpdateController::noSecondRunOnTheSameObject()
+{
+    Pellox::UpdatePlan plan;
+    bool isDiscarded = true;
+    const UpdateOutcome outcome = outcomeOf([&](UpdateController &updater) {
+        updater.setSynced(false);
+        connect(
+            &updater, &UpdateController::phaseChanged, &updater,
+            [&](UpdateController::UpdatePhase phase) {
+                if (phase != UpdateController::UpdatePhase::Staging)
+                    return;
+                plan = updater.plan(m_scenario->build(), m_scenario->patch());
+                isDiscarded = updater.discardPrevious(m_scenario->build());
+            },
+            Qt::DirectConnection);
+        return updater.update(m_scenario->build(), m_scenario->patch());
+    });
+    QVERIFY(!isDiscarded);
+    QCOMPARE(plan.refusals.size(), 1);
+    QVERIFY(plan.refusals.first().code == Code::Busy);
+    QCOMPARE(plan.refusals.first().message(),
+        m_scenario->build() + ": is being worked on by this object"_s);
+    QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(outcome.errors, QStringList());
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 

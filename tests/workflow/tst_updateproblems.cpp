@@ -127,6 +127,8 @@ private Q_SLOTS:
     void buildThatCannotBeLocked();
     void foldersThatLockNothing();
     void lockFileThatCannotBeLocked();
+    void lockFileThatCannotBeMade_data();
+    void lockFileThatCannotBeMade();
     void lockFileThatGoesMeanwhile();
     void whoeverOnlyLooksKeepsNobodyOut();
     void planMakesNoLockFile();
@@ -392,6 +394,34 @@ void tst_UpdateProblems::lockFileThatCannotBeLocked()
     QCOMPARE(outcome.problems.size(), 1);
     QCOMPARE(outcome.problems.first().file, m_scenario->build() + "/.pellox/lock"_s);
     QVERIFY(outcome.problems.first().reason.startsWith("cannot be locked: "_s));
+}
+
+void tst_UpdateProblems::lockFileThatCannotBeMade_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("a file where its folder goes") << ".pellox"_s
+                                                  << "cannot be made: File exists"_s;
+    QTest::newRow("a folder in its place") << ".pellox/lock/x"_s
+                                           << "cannot be opened: Is a directory"_s;
+}
+
+/// On a file system that locks no folders.
+void tst_UpdateProblems::lockFileThatCannotBeMade()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, reason);
+    m_scenario->tree().write("build/"_s + path, "mine");
+    const auto before = TestTree::snapshot(m_scenario->build());
+    s_foldersLock = false;
+    const UpdateOutcome outcome = m_scenario->update();
+    s_foldersLock = true;
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.errors.size(), 1);
+    QVERIFY2(outcome.errors.first().endsWith(": "_s + reason), qPrintable(outcome.errors.first()));
+    QVERIFY(outcome.errors.first().startsWith(m_scenario->build() + "/.pellox"_s));
+    QVERIFY(outcome.problems.first().code == Code::BadFolder);
+    QCOMPARE(TestTree::snapshot(m_scenario->build()), before);
 }
 
 /// Who has had it removes it, between our opening and our locking it.
