@@ -57,7 +57,7 @@ choose_builds() {
 fetch_release() {
     local folder=$scratch/$PACKAGE-$1
     [ ! -d "$folder" ] || return 0
-    (cd "$scratch" && npm pack --silent "$PACKAGE@$1" >/dev/null 2>npm.log) || return 1
+    (cd "$scratch" && npm pack --loglevel=error "$PACKAGE@$1" >/dev/null 2>npm.log) || return 1
     rm -rf "$scratch/package"
     tar -xzf "$scratch/$PACKAGE-$1.tgz" -C "$scratch" && mv "$scratch/package" "$folder"
 }

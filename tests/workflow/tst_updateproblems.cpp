@@ -49,6 +49,7 @@ std::function<void()> s_beforeLock;
 std::optional<uid_t> s_user; ///< who runs this, as far as the library asks
 QByteArray s_fixedPath;      ///< what has the attribute
 quint64 s_attribute = 0;
+QByteArray s_unseenPath; ///< which nobody can look at
 bool s_threadsAreUsedUp = false;
 
 void makePipe(const QString &path)
@@ -77,6 +78,17 @@ extern "C" __attribute__((visibility("default"))) int flock(int handle, int oper
         errno = EBADF;
     else
         return original(handle, operation);
+    return -1;
+}
+
+extern "C" __attribute__((visibility("default"))) int lstat(
+    const char *path, struct stat *status) noexcept
+{
+    using Function = int (*)(const char *, struct stat *);
+    static const auto original = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "lstat"));
+    if (s_unseenPath.isEmpty() || s_unseenPath != path)
+        return original(path, status);
+    errno = EIO;
     return -1;
 }
 
@@ -130,6 +142,7 @@ private Q_SLOTS:
     void lockFileThatCannotBeMade_data();
     void lockFileThatCannotBeMade();
     void lockFileThatGoesMeanwhile();
+    void lockFileThatCannotBeSeen();
     void whoeverOnlyLooksKeepsNobodyOut();
     void planMakesNoLockFile();
     void filesThatCannotBeReplaced_data();
@@ -439,6 +452,23 @@ void tst_UpdateProblems::lockFileThatGoesMeanwhile()
     QVERIFY(wasRemoved);
     QCOMPARE(outcome.errors, QStringList());
     QCOMPARE(outcome.result, Result::Updated);
+    QCOMPARE(m_scenario->differenceToNew(), QString());
+}
+
+/// Whether it is the one that others find is not to be known; the run ends all the same.
+void tst_UpdateProblems::lockFileThatCannotBeSeen()
+{
+    const QString lock = m_scenario->build() + "/.pellox/lock"_s;
+    s_foldersLock = false;
+    s_unseenPath = QFile::encodeName(lock);
+    const UpdateOutcome outcome = m_scenario->update();
+    s_unseenPath.clear();
+    const UpdateOutcome later = m_scenario->update();
+    s_foldersLock = true;
+    QCOMPARE(outcome.result, Result::Refused);
+    QCOMPARE(outcome.errors,
+        QStringList(lock + ": cannot be looked at: "_s + QString::fromLocal8Bit(strerror(EIO))));
+    QCOMPARE(later.result, Result::Updated);
     QCOMPARE(m_scenario->differenceToNew(), QString());
 }
 

@@ -27,7 +27,7 @@ QString culpritOf(const QString &problem)
 Refusal refusalOf(const QString &problem)
 {
     const QString path = culpritOf(problem);
-    return Refusal(path, problem.mid(path.size() + 2)); // behind the colon
+    return {path, problem.mid(path.size() + 2)}; // behind the colon
 }
 
 qint64 shareOf(qint64 size, double percent)

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 LargestKeyFile = 64 * 1024; // bytes: others are no keys
+constexpr qint64 LargestKeyFile = 1 << 16; // 64 KiB: others are no keys
 
 /// The beginning of @p path. Throws Refusal when it cannot be read.
 QByteArray contentOf(const QString &path)

@@ -80,7 +80,7 @@ PackedContent Packing::content() const
 {
     if (const auto seal = SealView::read(m_folder))
         return requirePackablePatch(m_folder, *seal);
-    const PackedContent content = requirePackable(m_folder);
+    PackedContent content = requirePackable(m_folder);
     if (QDir(m_folder).isEmpty(
             QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
         throw Refusal(m_folder, QStringLiteral("is empty: there is nothing to pack"));
@@ -142,7 +142,7 @@ void Packing::endWork()
 QString Packing::withoutHidden() const
 {
     namespace fs = std::filesystem;
-    const QString folder = m_workFolder->filePath(QStringLiteral("sealed"));
+    QString folder = m_workFolder->filePath(QStringLiteral("sealed"));
     QStringList paths = SealView::read(m_folder)->paths();
     paths.append(QLatin1Char('/') + SealFile);
     for (const QString &path : std::as_const(paths)) {

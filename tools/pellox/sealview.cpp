@@ -53,11 +53,11 @@ std::optional<SealView> SealView::read(const QString &patch)
     view.m_patch = patch;
     view.m_release = numberIn(text, "release");
     view.m_keys = static_cast<int>(seal.value(QLatin1String("signatures")).toArray().size());
-    for (const QJsonValue &value : text.value(QLatin1String("files")).toArray()) {
+    for (const QJsonValue value : text.value(QLatin1String("files")).toArray()) {
         const QJsonObject sealed = value.toObject();
         view.m_files.emplace(textIn(sealed, "path"), fileIn(sealed));
     }
-    for (const QJsonValue &value : text.value(QLatin1String("rules")).toArray()) {
+    for (const QJsonValue value : text.value(QLatin1String("rules")).toArray()) {
         const QJsonObject rule = value.toObject();
         const QString sealedPath = textIn(rule, "path");
         if (!textIn(rule, "source").isEmpty() && view.m_files.count(sealedPath) != 0)

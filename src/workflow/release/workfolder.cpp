@@ -105,24 +105,25 @@ bool WorkFolder::lockFile()
     const QString path = m_build + Lock;
     if (!make())
         return false;
-    do {
+    do { // until nobody who had it before has removed it meanwhile
         m_lockFile.close();
         if (!m_lockFile.open(path, O_RDWR | O_CREAT | O_NOFOLLOW))
             return failBySystem(path, "cannot be opened: ");
         if (!lockOpen(m_lockFile))
             return failToLock(path);
-    } while (!isInPlace()); // else who had it before has removed it meanwhile
-    m_hasLockFile = true;
-    return true;
+        m_hasLockFile = isInPlace();
+    } while (!m_hasLockFile && m_error.isEmpty());
+    return m_hasLockFile;
 }
 
-/// Whether the lock file is the one that others will find.
-bool WorkFolder::isInPlace() const
+/// Whether the lock file is the one that others will find. With an error where that is unknown.
+bool WorkFolder::isInPlace()
 {
     struct stat own = {};
-    const auto standing = statusOf(m_build + Lock);
-    return standing && ::fstat(m_lockFile.get(), &own) == 0 && own.st_dev == standing->st_dev
-        && own.st_ino == standing->st_ino;
+    const auto standing = statusOf(m_build + Lock, &m_error);
+    if (::fstat(m_lockFile.get(), &own) != 0)
+        return failBySystem(m_build + Lock, "cannot be looked at: ");
+    return standing && own.st_dev == standing->st_dev && own.st_ino == standing->st_ino;
 }
 
 /// From errno.

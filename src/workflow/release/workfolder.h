@@ -84,7 +84,7 @@ private:
     bool failBySystem(const QString &path, const char *what);
     bool lockFile();
     bool failToLock(const QString &path);
-    bool isInPlace() const;
+    bool isInPlace();
 
     const QString m_build;
     FileHandle m_lock; ///< the build's folder
