@@ -69,7 +69,7 @@ bool isOtherBuild(const QVector<Pellox::UpdateProblem> &problems, const Folders 
     if (damaged.isEmpty())
         return false;
     int named = 0;
-    for (const QJsonValue &rule : readManifest(folders.patch, Pellox::PATCH_RULES_FILE)) {
+    for (const QJsonValue rule : readManifest(folders.patch, Pellox::PATCH_RULES_FILE)) {
         if (ruleNameOf(rule) == Pellox::COPY_RULE)
             continue;
         ++named;
@@ -105,7 +105,7 @@ struct PlannedFile
 std::vector<PlannedFile> filesOf(const UpdatePlan &plan, const QString &patch, bool hasKeys)
 {
     QHash<QString, qint64> sizes; // of patched files
-    for (const QJsonValue &rule : readManifest(patch, Pellox::PATCH_RULES_FILE))
+    for (const QJsonValue rule : readManifest(patch, Pellox::PATCH_RULES_FILE))
         sizes.insert(relativePathOf(rule), fileSizeOf(rule));
     std::vector<PlannedFile> files;
     for (const QString &path : plan.patches)
