@@ -4,6 +4,7 @@
 #include <Pellox/ArchiveController>
 
 #include <QFileInfo>
+#include <QTimer>
 
 using Pellox::ArchiveController;
 using Pellox::IntegrityController;
@@ -34,6 +35,7 @@ Updater::~Updater()
 
 void Updater::check(const QString &build, const QString &patch)
 {
+    forget();
     begin(Job::Check);
     m_build = build;
     m_patch = patch;
@@ -54,6 +56,7 @@ void Updater::verify(const QString &build, const QString &signatures)
 
 void Updater::repair(const QString &build, const QString &signatures, const QString &source)
 {
+    forget();
     begin(Job::Repair);
     requireStarted(m_integrity.repair(build, signatures, source));
 }
@@ -61,16 +64,22 @@ void Updater::repair(const QString &build, const QString &signatures, const QStr
 void Updater::cancel()
 {
     m_isCancelled = true;
-    if (m_worker)
-        m_worker->quit(); // ends the loop in which the archive is unpacked
     m_controller.cancel();
     m_integrity.cancel();
+    if (!m_worker)
+        return;
+    m_worker->quit(); // ends the loop in which the archive is unpacked
+    QTimer::singleShot(50, m_worker.get(), [this] {
+        if (m_worker->isRunning()) // on a plan that had not begun yet it was lost
+            cancel();
+    });
 }
 
 void Updater::forget()
 {
     m_canUpdate = false;
-    m_unpacked.reset();
+    if (m_unpacked) // maybe many files: not on this thread
+        m_removal = std::async([folder = std::move(m_unpacked)] { folder->remove(); });
 }
 
 bool Updater::canCancel() const
@@ -81,8 +90,6 @@ bool Updater::canCancel() const
 
 void Updater::begin(Job job)
 {
-    if (job != Job::Update)
-        forget();
     m_job = job;
     m_isCancelled = false;
     setBusy(true);
@@ -116,10 +123,10 @@ void Updater::prepare()
     if (isArchive) // beside it: the system's folder for temporary files may be in memory
         m_unpacked = std::make_unique<QTemporaryDir>(m_patch + QLatin1String(".XXXXXX"));
     m_worker.reset(QThread::create([this, isArchive] {
-        if (!isArchive)
-            m_plan = m_controller.plan(m_build, m_patch);
-        else if (unpack())
-            m_plan = m_controller.plan(m_build, m_unpacked->path());
+        if (isArchive && !unpack())
+            return;
+        if (!m_isCancelled)
+            m_plan = m_controller.plan(m_build, isArchive ? m_unpacked->path() : m_patch);
     }));
     connect(m_worker.get(), &QThread::finished, this, &Updater::endCheck);
     m_worker->start();
@@ -139,6 +146,8 @@ bool Updater::unpack()
         refuse(m_unpacked->errorString());
         return false;
     }
+    if (m_removal.valid())
+        m_removal.wait(); // there may not be room for both
     ArchiveController controller;
     controller.setSilentEndIsError(true);
     connect(&controller, &ArchiveController::extractError, &controller,
@@ -173,6 +182,7 @@ void Updater::endRun(Result result)
     const bool isWhole = result == Result::Updated || result == Result::AlreadyUpToDate;
     if (m_job != Job::Check || !isWhole)
         return end(result);
+    enter(Phase::Checking); // what was cut off is finished: from here on it can be stopped
     if (m_isCancelled)
         return end(Result::Cancelled);
     prepare();
@@ -190,8 +200,8 @@ void Updater::endIntegrityRun(bool success)
 
 void Updater::end(Result result)
 {
-    if (m_job != Job::Update || result != Result::Cancelled)
-        forget(); // only for an update that was stopped the check still counts
+    if (m_job != Job::Verify && (m_job != Job::Update || result != Result::Cancelled))
+        forget();
     setBusy(false);
     Q_EMIT finished(result);
 }

@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <atomic>
+#include <future>
 #include <memory>
 
 /**
@@ -80,12 +82,13 @@ private:
     Job m_job = Job::Check;
     Phase m_phase = Phase::Checking;
     bool m_isBusy = false;
-    bool m_isCancelled = false;
+    std::atomic<bool> m_isCancelled{false};
     bool m_canUpdate = false;
 
     QString m_build;
     QString m_patch;                           ///< as it was given
     std::unique_ptr<QTemporaryDir> m_unpacked; ///< where it is an archive
+    std::future<void> m_removal;               ///< of what was unpacked before
     Pellox::UpdatePlan m_plan;
 
     Pellox::UpdateController m_controller{this};

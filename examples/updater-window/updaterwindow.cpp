@@ -54,8 +54,9 @@ QLayout *UpdaterWindow::addPath(
     edit->setObjectName(name);
     edit->setAccessibleName(what);
     edit->setPlaceholderText(what);
-    connect(edit, &QLineEdit::textChanged, this, [this] {
-        m_updater.forget();
+    connect(edit, &QLineEdit::textChanged, this, [this, edit] {
+        if (edit == m_build || edit == m_patch)
+            m_updater.forget();
         refresh();
     });
     auto *row = new QHBoxLayout;
@@ -177,13 +178,12 @@ void UpdaterWindow::showBusy(bool isBusy)
     if (isBusy) {
         m_lines->clear();
         m_advice.clear();
+        m_closesAtEnd = false;
         return;
     }
     m_bar->setRange(0, 1);
     m_bar->reset();
-    m_update->setFocus(); // Enter goes on, where there is something to do
-    if (m_closesAtEnd)
-        close();
+    m_lines->setFocus(); // not a button: Enter held down shall not go on unasked
 }
 
 void UpdaterWindow::showUnpacking(int percent)
@@ -202,12 +202,14 @@ void UpdaterWindow::showPhase(Phase phase)
         {Phase::Committing, tr("Putting the new files in place …")},
     };
     say(headlines.value(phase),
-        m_updater.canCancel() ? tr("The game is not touched yet. You can stop at any time.")
+        m_updater.canCancel() ? tr("You can stop at any time: the game stays as it is.")
                               : tr("This takes a moment and cannot be stopped."));
     m_bar->setRange(0, 0); // busy, until something is known
     m_speed.restart();
     m_clock.start();
     refresh();
+    if (m_closesAtEnd && m_updater.canCancel())
+        stop(); // closed when it was not possible yet
 }
 
 void UpdaterWindow::showProgress(qint64 done, qint64 total)
@@ -234,7 +236,7 @@ void UpdaterWindow::showPlan(const Pellox::UpdatePlan &plan)
     addLines(tr("To change: %1"), plan.patches);
     addLines(tr("To add: %1"), plan.copies);
     addLines(tr("To remove: %1"), plan.deletions);
-    say(tr("The update is ready"),
+    sayAtEnd(tr("The update is ready"),
         tr("%1 will be written; the disk needs %2 free.")
             .arg(SpeedMeter::bytesText(plan.bytesToWrite),
                 SpeedMeter::bytesText(plan.peakExtraDisk)));
@@ -245,8 +247,8 @@ void UpdaterWindow::showReport(const Pellox::IntegrityReport &report)
     addLines(tr("Damaged: %1"), report.changed);
     addLines(tr("Missing: %1"), report.missing);
     addLines(tr("Cannot be read: %1"), report.unreadable);
-    say(report.isIntact() ? tr("All files are as they should be")
-                          : tr("The game has to be repaired"),
+    sayAtEnd(report.isIntact() ? tr("All files are as they should be")
+                               : tr("The game has to be repaired"),
         tr("Intact files: %1, damaged: %2, missing: %3, not part of the game: %4.")
             .arg(report.intactFiles)
             .arg(report.changed.size() + report.unreadable.size())
@@ -267,12 +269,15 @@ void UpdaterWindow::showResult(Result result)
             isCheck ? tr("Failed. Verify the files of the game.")
                     : tr("Failed. The game is as it was.")},
         {Result::Interrupted, tr("Not finished. Try again before you play.")},
-        {Result::Cancelled, tr("Stopped. The game is as it was.")},
+        {Result::Cancelled,
+            isCheck ? tr("Stopped. No update was begun.") : tr("Stopped. The game is as it was.")},
     };
     const bool isDone = result == Result::Updated || result == Result::AlreadyUpToDate;
     m_bar->setValue(isDone ? 1 : 0);
     m_lines->appendPlainText(headlines.value(result));
-    say(headlines.value(result), m_advice.join(QLatin1Char(' ')));
+    if (result == Result::Failed || result == Result::Interrupted)
+        m_closesAtEnd = false; // this must be seen
+    sayAtEnd(headlines.value(result), m_advice.join(QLatin1Char(' ')));
 }
 
 void UpdaterWindow::say(const QString &headline, const QString &detail)
@@ -281,6 +286,13 @@ void UpdaterWindow::say(const QString &headline, const QString &detail)
     m_detail->setText(detail);
     QAccessibleEvent news(m_headline, QAccessible::Alert); // read out by screen readers
     QAccessible::updateAccessibility(&news);
+}
+
+void UpdaterWindow::sayAtEnd(const QString &headline, const QString &detail)
+{
+    say(headline, detail);
+    if (m_closesAtEnd)
+        close();
 }
 
 void UpdaterWindow::addLines(const QString &what, const QStringList &paths)

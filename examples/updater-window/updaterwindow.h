@@ -51,6 +51,7 @@ private:
     void showReport(const Pellox::IntegrityReport &report);
     void showResult(Updater::Result result);
     void say(const QString &headline, const QString &detail);
+    void sayAtEnd(const QString &headline, const QString &detail);
     void addLines(const QString &what, const QStringList &paths);
     void refresh();
 

@@ -117,6 +117,8 @@ private Q_SLOTS:
 
     void fullUpdateByClicks();
     void fullUpdateByKeyboard();
+    void enterHeldDownOnlyChecks_data();
+    void enterHeldDownOnlyChecks();
     void closedDialogChoosesNothing();
     void checkTouchesNothing();
     void changedPathNeedsANewCheck();
@@ -134,7 +136,9 @@ private Q_SLOTS:
     void damagedArchiveIsRefused();
     void cancelWhileUnpacking();
     void cutOffUpdateIsFinishedFirst();
+    void unpackingAfterACutOffUpdateCanBeCancelled();
     void verifyAndRepair();
+    void verifyingKeepsWhatTheCheckHasFound();
     void verifyTellsExtraFiles();
     void verifyWithoutSignatures();
     void repairFromTheWrongFolder();
@@ -142,8 +146,11 @@ private Q_SLOTS:
     void closingAsksFirst();
     void closingWhileItStops();
     void closingWaitsForTheCommit();
+    void failedCommitIsSeenBeforeClosing();
+    void closingWhileItFinishes();
     void questionGoesWhenItIsTooLate();
     void windowThatIsDestroyedMeanwhile();
+    void allIsToldOnOneThread();
     void everyControlHasAnAccessibleName();
     void mnemonicsAreDistinct();
     void tabOrderFollowsTheEye();
@@ -173,6 +180,7 @@ private:
     void waitForEnd() const;
     void updateUntilFirstFile(Hold &hold) const;
     void holdAt(Phase phase, Hold &hold) const;
+    void cutOffUpdate() const;
     void sealPatch(const QString &key) const;
     QString whatIsCutOff() const;
     void shoot(const char *name) const;
@@ -344,7 +352,7 @@ void tst_UpdaterWindow::fullUpdateByClicks()
     shoot("done");
 }
 
-/// Alt and a letter leads to a field, Tab on from there; Enter is what comes next.
+/// Alt and a letter leads to a field or presses a button; Enter in a field is what comes next.
 void tst_UpdaterWindow::fullUpdateByKeyboard()
 {
     QTest::keyClick(m_window.get(), Qt::Key_G, Qt::AltModifier);
@@ -357,10 +365,41 @@ void tst_UpdaterWindow::fullUpdateByKeyboard()
     QVERIFY(m_updater->isBusy());
     waitForEnd();
     QCOMPARE(text("headline"), "The update is ready"_s);
-    QCOMPARE(QApplication::focusWidget(), button("update"));
-    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Return);
+    QTest::keyClick(m_window.get(), Qt::Key_U, Qt::AltModifier);
     QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "The game is up to date"_s, Patience);
     QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::enterHeldDownOnlyChecks_data()
+{
+    QTest::addColumn<QString>("place");
+
+    QTest::newRow("field") << "patch"_s;
+    QTest::newRow("button") << "check"_s;
+}
+
+void tst_UpdaterWindow::enterHeldDownOnlyChecks()
+{
+    QFETCH(const QString, place);
+    const auto before = m_tree->installed();
+    chooseGameAndPatch();
+    get<QWidget>(place.toLatin1().constData())->setFocus();
+    const auto hold = [this](bool isRepeated) {
+        QWidget *const focus = QApplication::focusWidget();
+        QKeyEvent event(QEvent::KeyPress, Qt::Key_Return, Qt::NoModifier, "\r"_s, isRepeated);
+        QApplication::sendEvent(focus ? focus : m_window.get(), &event);
+    };
+    hold(false);
+    QVERIFY(m_updater->isBusy());
+    hold(true);
+    QVERIFY(m_updater->canCancel());
+    waitForEnd();
+    for (int i = 0; i < 3; ++i) {
+        hold(i < 2); // and pressed once more
+        QVERIFY(!m_updater->isBusy());
+    }
+    QCOMPARE(text("headline"), "The update is ready"_s);
+    QCOMPARE(m_tree->installed(), before);
 }
 
 void tst_UpdaterWindow::closedDialogChoosesNothing()
@@ -585,12 +624,6 @@ void tst_UpdaterWindow::archive()
     QVector<int> percents;
     connect(
         m_updater.get(), &Updater::unpacking, this, [&](int percent) { percents.append(percent); });
-    bool isOnThisThread = true;
-    const auto look = [&] { isOnThisThread &= QThread::currentThread() == thread(); };
-    connect(m_updater.get(), &Updater::unpacking, this, look, Qt::DirectConnection);
-    connect(m_updater.get(), &Updater::phaseChanged, this, look, Qt::DirectConnection);
-    connect(m_updater.get(), &Updater::progressed, this, look, Qt::DirectConnection);
-    connect(m_updater.get(), &Updater::fileWritten, this, look, Qt::DirectConnection);
     chooseByClicks("buildFolder", m_tree->game());
     chooseByClicks("patchArchive", archive);
     QCOMPARE(get<QLineEdit>("patch")->text(), archive);
@@ -602,8 +635,8 @@ void tst_UpdaterWindow::archive()
     waitForEnd();
     QCOMPARE(text("headline"), "The game is up to date"_s);
     QCOMPARE(m_tree->installed(), m_tree->updated());
-    QCOMPARE(TestTree::snapshot(m_tree->path("dl"_s)).keys(), QStringList("1.0-1.1.7z"_s));
-    QVERIFY(isOnThisThread);
+    QTRY_COMPARE_WITH_TIMEOUT(TestTree::snapshot(m_tree->path("dl"_s)).keys(),
+        QStringList("1.0-1.1.7z"_s), Patience); // what was unpacked is removed
 }
 
 void tst_UpdaterWindow::archiveInVolumes()
@@ -626,7 +659,7 @@ void tst_UpdaterWindow::damagedArchiveIsRefused()
     QVERIFY2(
         lines().first().startsWith(m_tree->path("dl/1.0-1.1.7z"_s) + ": cannot be unpacked: "_s),
         qPrintable(lines().first()));
-    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    QTRY_COMPARE_WITH_TIMEOUT(TestTree::snapshot(m_tree->path()), before, Patience);
 }
 
 void tst_UpdaterWindow::cancelWhileUnpacking()
@@ -644,25 +677,46 @@ void tst_UpdaterWindow::cancelWhileUnpacking()
     click("check");
     waitForEnd();
     QCOMPARE(headline, "Unpacking the patch …"_s);
-    QCOMPARE(text("headline"), "Stopped. The game is as it was."_s);
+    QCOMPARE(text("headline"), "Stopped. No update was begun."_s);
     QVERIFY(!button("update")->isEnabled());
-    QCOMPARE(TestTree::snapshot(m_tree->path()), before);
+    QTRY_COMPARE_WITH_TIMEOUT(TestTree::snapshot(m_tree->path()), before, Patience);
 }
 
-void tst_UpdaterWindow::cutOffUpdateIsFinishedFirst()
+/// Leaves an update that was killed while it put its files in place.
+void tst_UpdaterWindow::cutOffUpdate() const
 {
     const FaultRun killed = runWithFaults(QStringLiteral(PELLOX_PROGRAM),
         {"update"_s, m_tree->game(), m_tree->patch()},
         {m_tree->path("Lighthouse/lighthouse"_s), "rename", 1, "kill"});
     QVERIFY(killed.crashed);
     QVERIFY(m_tree->exists("Lighthouse/.pellox/journal"_s));
+}
+
+void tst_UpdaterWindow::cutOffUpdateIsFinishedFirst()
+{
+    cutOffUpdate();
     QVector<Phase> phases;
     connect(
         m_updater.get(), &Updater::phaseChanged, this, [&](Phase phase) { phases.append(phase); });
     checkByClicks();
-    QVERIFY(phases.contains(Phase::Finishing));
+    QCOMPARE(phases, QVector<Phase>({Phase::Checking, Phase::Finishing, Phase::Checking}));
     QCOMPARE(text("headline"), "The game is up to date"_s);
     QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
+void tst_UpdaterWindow::unpackingAfterACutOffUpdateCanBeCancelled()
+{
+    const QString firstVolume = m_tree->pack();
+    cutOffUpdate();
+    int unpackings = 0;
+    connect(m_updater.get(), &Updater::unpacking, button("cancel"), [&](int) {
+        if (++unpackings == 1)
+            click("cancel");
+    });
+    checkByClicks(firstVolume);
+    QCOMPARE(unpackings, 1);
+    QCOMPARE(text("headline"), "Stopped. No update was begun."_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated()); // by what was finished
 }
 
 void tst_UpdaterWindow::verifyAndRepair()
@@ -692,6 +746,32 @@ void tst_UpdaterWindow::verifyAndRepair()
     click("verify");
     waitForEnd();
     QCOMPARE(text("headline"), "All files are as they should be"_s);
+}
+
+void tst_UpdaterWindow::verifyingKeepsWhatTheCheckHasFound()
+{
+    checkByClicks(m_tree->pack());
+    type("signatures", m_tree->path("releases"_s));
+    QVERIFY(button("update")->isEnabled());
+    click("verify");
+    waitForEnd();
+    QCOMPARE(text("headline"), "Refused. Nothing was changed."_s);
+    QVERIFY(button("update")->isEnabled());
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    type("source", m_tree->path("releases/1.0"_s));
+    click("verify");
+    waitForEnd();
+    QCOMPARE(text("headline"), "All files are as they should be"_s);
+    click("update");
+    waitForEnd();
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+
+    checkByClicks(m_tree->patch());
+    m_tree->write("Lighthouse/lighthouse"_s, "damaged");
+    click("repair"); // of a game that becomes another one
+    waitForEnd();
+    QVERIFY(!button("update")->isEnabled());
 }
 
 void tst_UpdaterWindow::verifyTellsExtraFiles()
@@ -798,6 +878,47 @@ void tst_UpdaterWindow::closingWaitsForTheCommit()
     QCOMPARE(m_tree->installed(), m_tree->updated());
 }
 
+/// Of a failure nobody must learn by a game that does not start.
+void tst_UpdaterWindow::failedCommitIsSeenBeforeClosing()
+{
+    checkByClicks();
+    Hold hold;
+    holdAt(Phase::Committing, hold);
+    click("update");
+    QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "Putting the new files in place …"_s, Patience);
+    m_window->close();
+    QVERIFY(m_window->isVisible());
+    m_tree->remove("Lighthouse/lighthouse"_s);
+    m_tree->write("Lighthouse/lighthouse/in the way"_s, "of the new file");
+    hold.release();
+    waitForEnd();
+    QCOMPARE(text("headline"), "Not finished. Try again before you play."_s);
+    QVERIFY(m_window->isVisible());
+    QVERIFY2(!lines().filter(m_tree->path("Lighthouse/lighthouse"_s)).isEmpty(),
+        qPrintable(lines().join(QLatin1Char('\n'))));
+    QVERIFY(m_window->close());
+}
+
+void tst_UpdaterWindow::closingWhileItFinishes()
+{
+    const QString firstVolume = m_tree->pack();
+    cutOffUpdate();
+    int unpackings = 0;
+    connect(m_updater.get(), &Updater::unpacking, this, [&](int) { ++unpackings; });
+    Hold hold;
+    holdAt(Phase::Finishing, hold);
+    chooseGameAndPatch(firstVolume);
+    click("check");
+    QTRY_COMPARE_WITH_TIMEOUT(text("headline"), "Finishing what was interrupted …"_s, Patience);
+    m_window->close();
+    QVERIFY(m_window->isVisible());
+    QVERIFY(question()->isHidden());
+    hold.release();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->isVisible(), Patience);
+    QCOMPARE(unpackings, 0);
+    QCOMPARE(m_tree->installed(), m_tree->updated());
+}
+
 /// What was asked while it could be stopped is no longer asked in the commit.
 void tst_UpdaterWindow::questionGoesWhenItIsTooLate()
 {
@@ -824,6 +945,58 @@ void tst_UpdaterWindow::windowThatIsDestroyedMeanwhile()
     hold.release();
     m_updater.reset(); // waits
     QCOMPARE(m_tree->installed(), before);
+}
+
+void tst_UpdaterWindow::allIsToldOnOneThread()
+{
+    QSet<QByteArray> told;
+    QByteArrayList elsewhere;
+    QMutex mutex;
+    QObject context; // the end of it all
+    const auto watch = [&](const char *name, auto signal) {
+        connect(
+            m_updater.get(), signal, &context,
+            [&, name] {
+                const QMutexLocker lock(&mutex);
+                told.insert(name);
+                if (QThread::currentThread() != thread())
+                    elsewhere.append(name);
+            },
+            Qt::DirectConnection);
+    };
+    watch("busyChanged", &Updater::busyChanged);
+    watch("unpacking", &Updater::unpacking);
+    watch("phaseChanged", &Updater::phaseChanged);
+    watch("progressed", &Updater::progressed);
+    watch("fileWritten", &Updater::fileWritten);
+    watch("problemFound", &Updater::problemFound);
+    watch("checked", &Updater::checked);
+    watch("verified", &Updater::verified);
+    watch("finished", &Updater::finished);
+
+    type("signatures", m_tree->path("signatures/1.0"_s));
+    type("source", m_tree->path("releases/1.0"_s));
+    checkByClicks(m_tree->pack());
+    for (const char *job : {"verify", "repair", "check", "update"}) {
+        click(job);
+        waitForEnd();
+    }
+    QCOMPARE(text("headline"), "The game is up to date"_s);
+    QVERIFY(!told.contains("problemFound"));
+    // Of the check, of an update and of verifying.
+    checkByClicks(m_tree->path("releases"_s));
+    QVERIFY(told.remove("problemFound"));
+    m_tree->write("Lighthouse/data/harbour.pak"_s, "damaged");
+    checkByClicks();
+    click("update");
+    waitForEnd();
+    QVERIFY(told.remove("problemFound"));
+    type("signatures", m_tree->path("releases"_s));
+    click("verify");
+    waitForEnd();
+    QVERIFY(told.contains("problemFound"));
+    QCOMPARE(told.size(), 9);
+    QCOMPARE(elsewhere, QByteArrayList());
 }
 
 void tst_UpdaterWindow::everyControlHasAnAccessibleName()
