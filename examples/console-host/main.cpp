@@ -2,16 +2,16 @@
 // Keeps an installed game up to date, in a terminal: there calls may block, and need no Qt.
 #include <Pellox/pellox.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <string>
 #include <unistd.h>
 
-static pellox_job *s_job = pellox_job_new();     // lasts as long as the program
-static std::time_t s_start = std::time(nullptr); // of the phase
+static pellox_job *s_job = pellox_job_new();            // lasts as long as the program
+static auto s_start = std::chrono::steady_clock::now(); // of the phase
 
 static void say(const std::string &text)
 {
@@ -23,15 +23,15 @@ static void showPhase(void *, int phase)
 {
     const char *texts[] = {"", "Finishing", "Checking", "Writing", "Putting in place"};
     say(phase < 5 ? texts[phase] : "Working"); // a later library may have more
-    s_start = std::time(nullptr);
+    s_start = std::chrono::steady_clock::now();
 }
 
 static void showProgress(void *, int64_t done, int64_t total)
 {
-    const double speed = double(done + 1) / (std::difftime(std::time(nullptr), s_start) + 0.5);
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - s_start;
     if (isatty(STDERR_FILENO))
-        std::fprintf(stderr, "\r\033[K%.1f of %.1f MB, %.1f MB/s, %.0f s left", double(done) / 1e6,
-            double(total) / 1e6, speed / 1e6, double(total - done) / speed);
+        std::fprintf(stderr, "\r\033[K%.1f of %.1f MB, %.1f MB/s, %.0f s left", done / 1e6,
+            total / 1e6, done / 1e6 / time.count(), (total - done) / (done + 1.0) * time.count());
 }
 
 static void showFile(void *, int event, const char *path)
@@ -61,11 +61,11 @@ int main(int argc, char **argv)
     pellox_on_file(s_job, showFile, nullptr);
     std::string patch = argv[3];
     std::error_code error;
-    const bool hasKey = argc == 5 && !isRepair; // a launcher brings its publisher's along
-    int result = hasKey ? pellox_add_trusted_key(s_job, argv[4]) : PELLOX_DONE;
+    int result = argc == 5 && !isRepair ? pellox_add_trusted_key(s_job, argv[4]) : PELLOX_DONE;
     if (result == PELLOX_DONE && std::filesystem::is_regular_file(patch, error)) {
-        patch += ".XXXXXX"; // unpacked beside it, as the folder for temporary files may be small
-        result = pellox_unpack(s_job, argv[3], ::mkdtemp(patch.data()));
+        if (!::mkdtemp((patch += ".XXXXXX").data())) // beside it: /tmp may be small
+            return std::perror(("cannot make " + patch).c_str()), 1;
+        result = pellox_unpack(s_job, argv[3], patch.c_str());
     }
     pellox_on_progress(s_job, showProgress, nullptr); // in bytes from now on
     const auto run = isVerify ? pellox_check : job == "check" ? pellox_plan : pellox_update;

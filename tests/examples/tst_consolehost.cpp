@@ -28,14 +28,17 @@ private Q_SLOTS:
     void trustedKey();
     void fileThatIsNoKey();
     void damagedArchive();
+    void archiveInAReadOnlyFolder();
     void ctrlCCancels();
     void progressOnATerminal();
+    void clockThatIsSetBack();
     void verifiesAndRepairs();
     void repairWithoutTheRightFiles();
     void wrongUsage_data();
     void wrongUsage();
 
 private:
+    void startOnATerminal(bool isClockSetBack);
     void start(const QStringList &arguments);
     int statusAtTheEnd();
     QStringList linesWith(const QString &beginning) const;
@@ -188,6 +191,16 @@ void tst_ConsoleHost::damagedArchive()
     QCOMPARE(TestTree::snapshot(m_tree->path()), before);
 }
 
+/// Nothing can be made beside it. As root the system's own files are such.
+void tst_ConsoleHost::archiveInAReadOnlyFolder()
+{
+    start({"update"_s, m_tree->game(), "/proc/version"_s});
+    QCOMPARE(statusAtTheEnd(), 1);
+    const QRegularExpression line(
+        "^cannot make /proc/version\\.[^:]*: No such file or directory\n$"_s);
+    QVERIFY2(line.match(m_output).hasMatch(), qPrintable(m_output));
+}
+
 void tst_ConsoleHost::ctrlCCancels()
 {
     m_tree->addLargeFile();
@@ -202,18 +215,36 @@ void tst_ConsoleHost::ctrlCCancels()
     QCOMPARE(m_tree->installed(), before);
 }
 
-void tst_ConsoleHost::progressOnATerminal()
+void tst_ConsoleHost::startOnATerminal(bool isClockSetBack)
 {
     m_process = std::make_unique<QProcess>();
+    if (isClockSetBack) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LD_PRELOAD"_s, QStringLiteral(CLOCK_SET_BACK));
+        m_process->setProcessEnvironment(environment);
+    }
     m_process->start("script"_s,
         {"--quiet"_s, "--return"_s, "--command"_s,
             QStringLiteral(CONSOLE_HOST) + " update %1 %2"_s.arg(m_tree->game(), m_tree->patch()),
             "/dev/null"_s});
+}
+
+void tst_ConsoleHost::progressOnATerminal()
+{
+    startOnATerminal(false);
     QCOMPARE(statusAtTheEnd(), 0);
     const QRegularExpression line(
         "\r\x1b\\[K[0-9.]+ of 3\\.[0-9] MB, [0-9.]+ MB/s, [0-9]+ s left\r"_s);
     QVERIFY2(line.match(m_output).hasMatch(), qPrintable(m_output));
     QVERIFY2(m_output.endsWith("\r\x1b[Kdone\r\n"_s), qPrintable(m_output));
+}
+
+void tst_ConsoleHost::clockThatIsSetBack()
+{
+    startOnATerminal(true);
+    QCOMPARE(statusAtTheEnd(), 0);
+    QVERIFY2(m_output.contains(" MB/s, "_s), qPrintable(m_output));
+    QVERIFY2(!m_output.contains(", -"_s), qPrintable(m_output)); // neither speed nor time
 }
 
 void tst_ConsoleHost::verifiesAndRepairs()
