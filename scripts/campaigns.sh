@@ -36,6 +36,7 @@ campaign_crash() {
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_updatecrash
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_recordcrash
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_failinglooks
+    PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_publishfaults
     PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_integritycontroller
 }
 campaign_power() { PELLOX_ALL_CRASH_POINTS=1 run $bin/tst_updatepowerloss; }

@@ -5,6 +5,8 @@
 #include <QProcessEnvironment>
 #include <QTemporaryFile>
 
+#include <algorithm>
+
 namespace {
 
 QProcessEnvironment environmentFor(const Faults &faults, const QString &log)
@@ -49,4 +51,10 @@ FaultRun runWithFaults(const QString &program, const QStringList &arguments, con
     run.errors = process.readAllStandardError();
     run.calls = QString::fromLocal8Bit(log.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     return run;
+}
+
+int stepThrough(int calls, int most)
+{
+    const bool takesAll = qEnvironmentVariableIsSet("PELLOX_ALL_CRASH_POINTS");
+    return takesAll ? 1 : std::max(1, (calls + most - 1) / most);
 }

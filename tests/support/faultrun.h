@@ -29,3 +29,7 @@ struct FaultRun
 
 /// Runs @p program to its end while @p faults happen to it. Ends the test program when it cannot.
 FaultRun runWithFaults(const QString &program, const QStringList &arguments, const Faults &faults);
+
+/// From one of so many calls to the next that a test tries, so that everyday it tries @p most at
+/// the most, spread over all; every one where PELLOX_ALL_CRASH_POINTS is set.
+int stepThrough(int calls, int most);
