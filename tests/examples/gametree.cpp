@@ -6,6 +6,7 @@
 #include <Pellox/ArchiveController>
 #include <Pellox/PublishController>
 
+#include <QDirIterator>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -40,6 +41,18 @@ GameTree::GameTree(int size)
         writeTo("releases/1.1/", level, randomBytes(size * 300000, seed++));
     publish();
     writeTo("Lighthouse/", "saves/slot1.sav", "a player's");
+}
+
+QStringList GameTree::namesIn(const QString &folder)
+{
+    QStringList names;
+    QDirIterator entry(folder,
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+        QDirIterator::Subdirectories);
+    while (entry.hasNext())
+        names.append(entry.next().mid(folder.size() + 1));
+    names.sort();
+    return names;
 }
 
 QMap<QString, QByteArray> GameTree::updated() const

@@ -3,6 +3,8 @@
 
 #include "testtree.h"
 
+#include <QStringList>
+
 #include <array>
 
 /// An installed game with a player's file in it, the release after it and the patch between them.
@@ -23,6 +25,9 @@ public:
     QMap<QString, QByteArray> installed() const { return snapshot(game()); }
     /// What is to be installed after the update.
     QMap<QString, QByteArray> updated() const;
+
+    /// The paths of all that stands in a folder, in order. Files may go away meanwhile.
+    static QStringList namesIn(const QString &folder);
 
     /// To the patch, a rule that copies a file.
     void addRule(const QString &relativePath) const;

@@ -83,7 +83,7 @@ private Q_SLOTS:
 
 private:
     static void makeSevenZip(const QByteArray &cases);
-    QStringList downloaded() const { return TestTree::snapshot(m_tree->path("dl"_s)).keys(); }
+    QStringList downloaded() const { return GameTree::namesIn(m_tree->path("dl"_s)); }
 
     std::optional<GameTree> m_tree;
     std::unique_ptr<Updater> m_updater;
